@@ -1,0 +1,42 @@
+# Compiler and linker flags of the project, in one place.
+#
+#   korvaks_warnings   warnings as errors, for everything we write
+#   korvaks_library    what lib/ is compiled with: no exceptions, hidden symbols
+
+set(CMAKE_CXX_STANDARD 20)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_EXTENSIONS OFF)
+set(CMAKE_C_STANDARD 11)
+set(CMAKE_C_STANDARD_REQUIRED ON)
+set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+set(CMAKE_SKIP_BUILD_RPATH OFF)
+
+if(NOT CMAKE_BUILD_TYPE)
+  set(CMAKE_BUILD_TYPE RelWithDebInfo CACHE STRING "" FORCE)
+endif()
+
+set(KORVAKS_SANITIZE "" CACHE STRING "sanitizers to build with, as for -fsanitize")
+
+add_compile_definitions(_GNU_SOURCE)
+add_compile_options(-fno-omit-frame-pointer)
+if(KORVAKS_SANITIZE)
+  add_compile_options(-fsanitize=${KORVAKS_SANITIZE} -fno-sanitize-recover=all -O1)
+  add_link_options(-fsanitize=${KORVAKS_SANITIZE})
+else()
+  add_compile_options(-fstack-protector-strong -fstack-clash-protection -fcf-protection)
+  add_compile_options($<$<NOT:$<CONFIG:Debug>>:-D_FORTIFY_SOURCE=2>)
+endif()
+add_link_options(-Wl,-z,relro,-z,now,-z,noexecstack)
+
+add_library(korvaks_warnings INTERFACE)
+target_compile_options(korvaks_warnings INTERFACE -Wall -Wextra -Wconversion -Wshadow -Werror)
+
+add_library(korvaks_library INTERFACE)
+target_compile_options(korvaks_library INTERFACE
+  $<$<COMPILE_LANGUAGE:CXX>:-fno-exceptions -fno-rtti> -fvisibility=hidden)
+target_link_options(korvaks_library INTERFACE -Wl,-Bsymbolic-functions)
+# Sanitizer runtimes are bound when the program starts; everything else must be bound at the link.
+if(NOT KORVAKS_SANITIZE)
+  target_link_options(korvaks_library INTERFACE -Wl,-z,defs)
+endif()
+target_link_libraries(korvaks_library INTERFACE korvaks_warnings)

@@ -1,0 +1,40 @@
+// The way up to the message layer for everything below it.
+//
+// Layers 0 to 2 report through these three exported functions and include nothing else of the
+// message modules. A kernel test links a recorder that defines them instead of the real thing.
+#pragma once
+
+#include <korvaks/base.h>
+
+extern "C" {
+
+KS_API int imsg_print(int kind, const msg_table *table, unsigned msg_no, ...);
+KS_API int imsg_should_trace(const char *subsys, long level);
+KS_API long imsg_get_desired_verbosity(void);
+}
+
+namespace ks {
+
+// Message kinds: an even kind opens a message, the odd one above it continues it without a head.
+enum MsgKind : int {
+    msg_ok = 0,
+    msg_ok_more = 1,
+    msg_output = 2,
+    msg_output_more = 3,
+    msg_warning = 4,
+    msg_warning_more = 5,
+    msg_error = 6,
+    msg_error_more = 7,
+    msg_trace = 8,
+    msg_trace_more = 9,
+    msg_system = 10,
+};
+
+// Whether a trace message is wanted. The verbosity is asked first, so that the usual answer, no,
+// costs one call.
+inline bool is_traced(const char *subsystem, long level)
+{
+    return imsg_get_desired_verbosity() >= level && imsg_should_trace(subsystem, level) != 0;
+}
+
+} // namespace ks

@@ -1,0 +1,24 @@
+// Stands in for the message modules in kernel tests: the kernel is linked with this instead of
+// imsg, which proves that it needs nothing else of them.
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace test {
+
+struct RecordedMessage {
+    int kind;
+    std::string subsystem;
+    unsigned number;
+    std::string text; // formatted default text
+};
+
+// Messages printed so far by this process, oldest first; all but plain output also go to descriptor 2.
+std::vector<RecordedMessage> recorded_messages();
+void clear_recorded_messages();
+
+// What imsg_get_desired_verbosity() and imsg_should_trace() answer from now on; -1 traces nothing.
+void set_recorder_verbosity(long verbosity);
+
+} // namespace test
