@@ -1,0 +1,77 @@
+/*
+ * The per-thread blocks of all modules, in one visible place. Private: not installed.
+ *
+ * There are two. The fault block lies below everything and is plain malloc'ed memory; the
+ * library block lives in a storage area of its own and has one named struct per module. A result
+ * that is valid "until the same thread calls again" is a field here.
+ */
+#ifndef KORVAKS_TLS_IMPL_H
+#define KORVAKS_TLS_IMPL_H
+
+#include <korvaks/base.h>
+#include <korvaks/llist.h>
+#include <korvaks/pfm.h>
+#include <korvaks/stg.h>
+
+/* A thread the library knows, on the state list. */
+struct vlthread_state {
+    vlthread_t tid;
+    int32_t raise_status; /* 0: none pending; set by any thread, read by its own */
+    llist_link link;
+};
+
+/* The fault block: what threads, locks and raises need of the calling thread. */
+struct pfm_fault_block {
+    struct vlthread_state *state;   /* the thread's entry on the state list, cached */
+    llist_link held_ordered;        /* held mutexes that have an order class */
+    struct pfm_cleanup_rec *cl_rec_root; /* innermost cleanup record */
+    int32_t pfm_inh_count;          /* inhibits and counted locks held */
+    int32_t pfm_inh_susp;           /* suspension inhibits */
+    int32_t susp_share;             /* this thread's share of the process-wide count of inhibits */
+    int32_t asserting;              /* an assertion is being reported: a second one must not print */
+};
+
+/* Something to do with a module's section when the thread ends. */
+struct ks_tls_release {
+    void (*fn)(void *section); /* NULL: nothing */
+};
+
+/* strutl */
+struct strutl_tls {
+    char *tokenize_next; /* where strutl_tokenize() goes on */
+    char *u32_digits;    /* strutl_u32tostr(): 33 bytes */
+    char *flags_text;    /* strutl_flags_to_str(): 1024 bytes */
+};
+
+/* imsg */
+struct imsg_tls {
+    struct ks_tls_release release;
+    char *catalog_text;       /* last text fetched from a catalogue; plain malloc'ed */
+    size_t catalog_text_size;
+    char *app_name;           /* copy of the program name; plain malloc'ed */
+    size_t app_name_size;
+    char error_text[256];     /* imsg_strerror() */
+};
+
+/* The library block. Its first word is the area that holds it. */
+struct ks_tls {
+    stg_area *area;
+    struct strutl_tls strutl;
+    struct imsg_tls imsg;
+};
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/**
+ * The calling thread's library block, made zeroed on first use and freed at the thread's end
+ * (each section's release function first). Exhaustion ends the process.
+ * Any thread. Raises: no.
+ */
+KS_API struct ks_tls *ks_tls_get(void);
+
+#ifdef __cplusplus
+}
+#endif
+#endif

@@ -1,0 +1,52 @@
+// The two guards that make a raise impossible, and the one way to catch a raise.
+//
+// A raise is a siglongjmp: no destructor runs on the way out. So across a raise point only
+// trivially destructible objects may be alive, or one of these guards, or code that runs under
+// protect().
+#pragma once
+
+#include <korvaks/pfm.h>
+#include <korvaks/vlthread.h>
+
+#include <type_traits>
+
+namespace ks {
+
+// Holds a library mutex. While a counted mutex is held no raise is delivered, and releasing it
+// delivers none. A noraise mutex is not counted: its guard must enclose no raise point.
+class LockGuard {
+  public:
+    explicit LockGuard(vlthread_mutex_t &mutex) : mutex_(mutex) { (void)vlthread_mutex_lock(&mutex_); }
+    ~LockGuard() { (void)vlthread_mutex_unlock(&mutex_); }
+    LockGuard(const LockGuard &) = delete;
+    LockGuard &operator=(const LockGuard &) = delete;
+
+  private:
+    vlthread_mutex_t &mutex_;
+};
+
+// pfm_inhibit() and pfm_enable(). Both ends are raise points, so it is the first object of its
+// function and owners come after it.
+class InhibitGuard {
+  public:
+    InhibitGuard() { pfm_inhibit(); }
+    ~InhibitGuard() { pfm_enable(); }
+    InhibitGuard(const InhibitGuard &) = delete;
+    InhibitGuard &operator=(const InhibitGuard &) = delete;
+};
+
+// Runs `work(argument)` under a cleanup record: 0 when it returned, else the status of the raise
+// that arrived, and then the caller runs inhibited and passes it on with pfm_raise(status).
+// The record and its jump buffer live in this function's own frame, so locals that `work`
+// changes through its argument are read back from memory.
+[[nodiscard]] int32_t protect_call(void (*work)(void *argument), void *argument);
+
+// The same for a lambda that captures its locals by reference.
+template <typename Work> [[nodiscard]] int32_t protect(Work &&work)
+{
+    using Plain = std::remove_reference_t<Work>;
+    return protect_call([](void *argument) { (*static_cast<Plain *>(argument))(); },
+                        const_cast<void *>(static_cast<const void *>(&work)));
+}
+
+} // namespace ks

@@ -1,0 +1,41 @@
+// Every process-wide lock of the library, in the order in which they may nest.
+//
+// A thread takes a lock only while it holds none that stands below it in this list. A fork takes
+// all of them in this order (vlthread_fork.cpp). docs/locks.md draws it. Area mutexes are not
+// process-wide; they have their place between stg_area_crit and ks_product_crit, because areas
+// print traces while their mutex is held.
+#pragma once
+
+#include <korvaks/vlthread.h>
+
+#include <span>
+
+namespace ks {
+
+// The library critical section; its recursion count is the depth. It is held for long stretches
+// by the attached thread, so a fork does not wait for it.
+extern vlthread_mutex_t vlthread_critical_section_mutex;
+// Start and end of the fault manager, signal tables, on-exit handlers (which run under it).
+extern vlthread_mutex_t pfm_crit;
+// cl's table of error texts, while it is filled.
+extern vlthread_mutex_t cl_crit;
+// The list of areas and their registry.
+extern vlthread_mutex_t stg_area_crit;
+// Product directories, switches, and all state of the message modules.
+extern vlthread_mutex_t ks_product_crit;
+// The process environment.
+extern vlthread_mutex_t evutl_environ_crit;
+// Exit and signal-block requests to the signal-handler thread.
+extern vlthread_mutex_t pfm_exit_crit;
+// Waiting for a held stop signal.
+extern vlthread_mutex_t pfm_inh_susp_crit;
+// Calls owed to handlers from before the library.
+extern vlthread_mutex_t pfm_libc_handler_crit;
+// The state list and thread creation.
+extern vlthread_mutex_t vlthread_lock;
+
+// The locks of the modules above the fault manager, in lock order: what a fork takes between
+// pfm_crit and the fault manager's other locks.
+std::span<vlthread_mutex_t *const> module_locks();
+
+} // namespace ks

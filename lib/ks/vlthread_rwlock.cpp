@@ -1,0 +1,140 @@
+// Read/write locks that tolerate a writer asking again.
+#include "vlthread_impl.h"
+
+#include <cstring>
+#include <type_traits>
+
+static_assert(std::is_standard_layout_v<vlthread_rwlock_t> && std::is_trivially_copyable_v<vlthread_rwlock_t>);
+
+namespace {
+
+vlthread_t writer_of(const vlthread_rwlock_t *rwlock)
+{
+    return __atomic_load_n(&rwlock->writer, __ATOMIC_RELAXED);
+}
+
+void set_writer(vlthread_rwlock_t *rwlock, vlthread_t writer)
+{
+    __atomic_store_n(&rwlock->writer, writer, __ATOMIC_RELAXED);
+}
+
+void count_hold(const vlthread_rwlock_t *rwlock, int change)
+{
+    if (rwlock->raise_mode == VLTHREAD_RAISE_COUNTED)
+        ks::fault_block_of_caller()->pfm_inh_count += change;
+}
+
+void trace_got(const char *text, const vlthread_rwlock_t *rwlock)
+{
+    vlthread_trace("Got %s rwlock: rwlock: %p, type %d, owner %lu\n", text, static_cast<const void *>(rwlock),
+                   rwlock->raise_mode, static_cast<unsigned long>(writer_of(rwlock)));
+}
+
+using PosixLock = int (*)(pthread_rwlock_t *);
+
+// Takes the lock by `posix_lock`, whose name is `function`. Failures are reported under the name
+// of the blocking form, which the callers of the try forms know as well.
+int take_for_reading(vlthread_rwlock_t *rwlock, PosixLock posix_lock, const char *function)
+{
+    if (ks::is_tracing())
+        vlthread_trace("%s rwlock %p\n", function, static_cast<void *>(rwlock));
+    count_hold(rwlock, 1);
+    const int error = posix_lock(&rwlock->lock);
+    if (error != 0) {
+        count_hold(rwlock, -1);
+        if (ks::is_tracing())
+            vlthread_trace("Unable to rdlock rwlock ('%s' failed): %s\n", "pthread_rwlock_rdlock", strerror(error));
+        return error;
+    }
+    if (ks::is_tracing())
+        trace_got("READ", rwlock);
+    return 0;
+}
+
+int take_for_writing(vlthread_rwlock_t *rwlock, PosixLock posix_lock, const char *function)
+{
+    if (ks::is_tracing())
+        vlthread_trace("%s rwlock %p\n", function, static_cast<void *>(rwlock));
+    count_hold(rwlock, 1);
+    const int error = posix_lock(&rwlock->lock);
+    if (error != 0) {
+        count_hold(rwlock, -1);
+        if (ks::is_tracing())
+            vlthread_trace("Unable to wrlock rwlock ('%s' failed): %s\n", "pthread_rwlock_wrlock", strerror(error));
+        return error;
+    }
+    set_writer(rwlock, pthread_self());
+    if (ks::is_tracing())
+        trace_got("WRITE", rwlock);
+    return 0;
+}
+
+// A writer that asks again must get an error, not wait for itself.
+PosixLock unless_writer(const vlthread_rwlock_t *rwlock, PosixLock blocking, PosixLock trying)
+{
+    return writer_of(rwlock) == pthread_self() ? trying : blocking;
+}
+
+} // namespace
+
+extern "C" {
+
+int vlthread_rwlock_init(vlthread_rwlock_t *rwlock, int raise_mode)
+{
+    rwlock->raise_mode = raise_mode;
+    set_writer(rwlock, VLTHREAD_INVALID_TID);
+    const int error = pthread_rwlock_init(&rwlock->lock, nullptr);
+    if (error != 0 && ks::is_tracing())
+        vlthread_trace("Unable to initialize rwlock ('%s' failed): %s\n", "pthread_rwlock_init", strerror(error));
+    return error;
+}
+
+int vlthread_rwlock_destroy(vlthread_rwlock_t *rwlock)
+{
+    const int error = pthread_rwlock_destroy(&rwlock->lock);
+    if (error != 0 && ks::is_tracing())
+        vlthread_trace("Unable to destroy rwlock %u\n", static_cast<unsigned>(reinterpret_cast<uintptr_t>(rwlock)));
+    return error;
+}
+
+int vlthread_rwlock_rdlock(vlthread_rwlock_t *rwlock)
+{
+    return take_for_reading(rwlock, unless_writer(rwlock, pthread_rwlock_rdlock, pthread_rwlock_tryrdlock),
+                            "pthread_rwlock_rdlock");
+}
+
+int vlthread_rwlock_rdlock_trylock(vlthread_rwlock_t *rwlock)
+{
+    return take_for_reading(rwlock, pthread_rwlock_tryrdlock, "pthread_rwlock_tryrdlock");
+}
+
+int vlthread_rwlock_wrlock(vlthread_rwlock_t *rwlock)
+{
+    return take_for_writing(rwlock, unless_writer(rwlock, pthread_rwlock_wrlock, pthread_rwlock_trywrlock),
+                            "pthread_rwlock_wrlock");
+}
+
+int vlthread_rwlock_wrlock_trylock(vlthread_rwlock_t *rwlock)
+{
+    return take_for_writing(rwlock, pthread_rwlock_trywrlock, "pthread_rwlock_trywrlock");
+}
+
+int vlthread_rwlock_unlock(vlthread_rwlock_t *rwlock)
+{
+    // Cleared by every unlock, a reader's too, and before the release: afterwards the field may
+    // already name the next writer.
+    const vlthread_t writer = writer_of(rwlock);
+    set_writer(rwlock, VLTHREAD_INVALID_TID);
+    const int error = pthread_rwlock_unlock(&rwlock->lock);
+    if (error != 0) {
+        set_writer(rwlock, writer);
+        if (ks::is_tracing())
+            vlthread_trace("Unable to unlock rwlock ('%s' failed): %s\n", "pthread_rwlock_unlock", strerror(error));
+        return error;
+    }
+    count_hold(rwlock, -1);
+    if (ks::is_tracing())
+        vlthread_trace("Unlocked rwlock: %p\n", static_cast<void *>(rwlock));
+    return 0;
+}
+}
