@@ -4,6 +4,8 @@
 // guard bytes. The mode is decided afresh at each call and nothing of it is stored.
 #include "stg_impl.h"
 
+#include "ks_heap.h"
+
 #include <cstdlib>
 #include <cstring>
 
@@ -105,13 +107,22 @@ void checked_free(void *ptr, int quiet)
 
 } // namespace
 
+namespace ks {
+
+void *heap_try_malloc(std::size_t size)
+{
+    if (size == 0)
+        size = 1;
+    return stg_is_checking() ? checked_malloc(size) : malloc(size);
+}
+
+} // namespace ks
+
 extern "C" {
 
 void *stg_malloc_int(size_t size, int quiet)
 {
-    if (size == 0)
-        size = 1;
-    void *block = ks::stg_is_checking() ? checked_malloc(size) : malloc(size);
+    void *block = ks::heap_try_malloc(size);
     if (block == nullptr)
         return report_exhaustion();
     trace_block(quiet, ks::stg_msg_block_allocated, ks::address_number(block), static_cast<unsigned>(size));

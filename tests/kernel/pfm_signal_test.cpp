@@ -182,6 +182,14 @@ class Gate {
     int fds_[2];
 };
 
+// Asks an inhibited process to stop until it reports that a stop is held already.
+void hold_stop(test::Child &child)
+{
+    kill(child.pid(), SIGTSTP);
+    for (int i = 0; i < 200 && !child.wait_for_output("pfm_signal_handler: got signal 20, inhibited\n", 50); ++i)
+        kill(child.pid(), SIGTSTP);
+}
+
 TEST(PfmStop, WaitsForTheLastInhibit)
 {
     const Gate gate;
@@ -198,9 +206,7 @@ TEST(PfmStop, WaitsForTheLastInhibit)
         return 0;
     });
     ASSERT_TRUE(child.wait_for_output("inhibited"));
-    kill(child.pid(), SIGTSTP); // held; the next one is reported
-    for (int i = 0; i < 200 && !child.wait_for_output("pfm_signal_handler: got signal 20, inhibited\n", 50); ++i)
-        kill(child.pid(), SIGTSTP);
+    hold_stop(child);
     gate.open();
     ASSERT_TRUE(child.wait_for_stop(SIGTSTP));
     kill(child.pid(), SIGCONT);
@@ -274,7 +280,7 @@ TEST(PfmStop, ThreadThatHoldsNothingWaitsForTheOthers)
         return 0;
     });
     ASSERT_TRUE(child.wait_for_output("inhibited"));
-    kill(child.pid(), SIGTSTP);
+    hold_stop(child);
     gate.open();
     ASSERT_TRUE(child.wait_for_stop(SIGTSTP));
     kill(child.pid(), SIGCONT);
