@@ -30,9 +30,10 @@ class ScopedLocale {
 // It is not there where the system has no localedef or no locale sources.
 class CompiledLocale {
   public:
+    // `charmap` is the name of an encoding, or the path of a file that describes it and bears its name.
     CompiledLocale(const std::string &source, const std::string &charmap) : before_(std::setlocale(LC_ALL, nullptr))
     {
-        const std::string name = source + "." + charmap;
+        const std::string name = source + "." + charmap.substr(charmap.rfind('/') + 1);
         // It warns, and so fails, where the encoding differs from ASCII in a character.
         const std::string command =
             "localedef -f " + charmap + " -i " + source + " " + dir_.file(name) + " >/dev/null 2>&1";

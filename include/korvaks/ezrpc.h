@@ -1,0 +1,37 @@
+/**
+ * @file ezrpc.h
+ * libezrpc.so: the product's small RPC support library beside libkorvaks.so.
+ *
+ * Link it with -lezrpc -ltirpc. It allocates with malloc, as the platform's XDR routines do.
+ */
+#ifndef KORVAKS_EZRPC_H
+#define KORVAKS_EZRPC_H
+
+#include <korvaks/base.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+struct __rpc_xdr;
+
+/**
+ * Encodes, decodes or frees a counted string without a bound, in the wire form of xdr_string
+ * (RFC 4506, 4.11): length as an unsigned 32-bit integer, the bytes, zero bytes up to a
+ * multiple of 4.
+ *
+ * @param xdrs    an XDR stream of the platform
+ * @param string  address of the string. Decoding needs NULL there (anything else fails, because its
+ *                room is not known) and allocates with malloc; XDR_FREE releases with free and
+ *                stores NULL. Encoding NULL fails.
+ * @return 1, or 0 when the stream fails or memory is exhausted, with `*string` as it was. A length
+ *         from the stream is not believed: decoding never allocates more than 4096 bytes or twice
+ *         what the stream delivered. A NUL byte among the bytes ends the string for its reader.
+ * Threads: any, one stream at a time. Raises: no.
+ */
+KS_API int xdr_ez_string8(struct __rpc_xdr *xdrs, char **string);
+
+#ifdef __cplusplus
+}
+#endif
+#endif
