@@ -46,9 +46,9 @@ struct strutl_tls {
 /* imsg */
 struct imsg_tls {
     struct ks_tls_release release;
-    char *catalog_text;       /* last text fetched from a catalogue; plain malloc'ed */
+    char *catalog_text;       /* last text fetched from a catalogue; heap */
     size_t catalog_text_size;
-    char *app_name;           /* copy of the program name; plain malloc'ed */
+    char *app_name;           /* copy of the program name; heap */
     size_t app_name_size;
     char error_text[256];     /* imsg_strerror() */
 };
