@@ -10,7 +10,10 @@
 
 namespace {
 
-using namespace ks::cl;
+using ks::cl::create_handle;
+using ks::cl::Extent;
+using ks::cl::move_to_word;
+using ks::cl::WordStore;
 
 // Counts what WordStore will be given.
 class WordMeter {

@@ -9,7 +9,11 @@
 
 namespace {
 
-using namespace ks::cl;
+using ks::cl::clear_error;
+using ks::cl::here;
+using ks::cl::move_to_word;
+using ks::cl::require_handle;
+using ks::cl::set_error;
 
 // A letter of an option string: whether it is there, and the group it stands in.
 struct Option {
