@@ -135,7 +135,7 @@ KS_API void pfm_proc_asignals(int how);
 /**@{*/
 
 /**
- * Raises `status` (not 0) in the caller, inhibited or not: jumps to the innermost record, or
+ * Raises `status` (0 is misuse) in the caller, inhibited or not: jumps to the innermost record, or
  * ends the thread or process through pfm_exit(). Returns only on the signal-handler thread
  * (type 4: on a thread that is not attached), where it becomes pfm_notify_vl_thread().
  */

@@ -123,6 +123,7 @@ extern "C" {
 void pfm_raise(int32_t status)
 {
     fault::ensure_started();
+    fault::here.require(status != 0, "status != 0");
     if (fault::takes_no_raises()) {
         pfm_notify_vl_thread(status);
         return;

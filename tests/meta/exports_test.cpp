@@ -1,0 +1,224 @@
+// What libkorvaks.so and libezrpc.so export, against the public headers; and how they are linked.
+#include <algorithm>
+#include <set>
+
+#include <dlfcn.h>
+
+#include <gtest/gtest.h>
+
+#include "command.h"
+#include "source_tree.h"
+
+namespace {
+
+using Names = std::set<std::string>;
+
+struct DynamicSymbol {
+    std::string name;
+    std::string version;
+};
+
+enum class Side { exported, imported };
+
+// readelf: "  7: 0000000000001180  25 FUNC  GLOBAL DEFAULT  13 stg_alloc@@KORVAKS_1"
+std::vector<DynamicSymbol> dynamic_symbols(const std::string &library, Side side)
+{
+    std::vector<DynamicSymbol> symbols;
+    for (const auto &line : meta::split_lines(meta::output_of(KORVAKS_READELF " -W --dyn-syms " + library))) {
+        const auto words = meta::split_words(line);
+        const bool is_global = words.size() > 7 && (words[4] == "GLOBAL" || words[4] == "WEAK");
+        // The address sanitizer adds a symbol to each exported object.
+        if (!is_global || words[6] == "ABS" || words[7].starts_with("__odr_asan.") ||
+            (words[6] == "UND") != (side == Side::imported))
+            continue;
+        const auto at = std::min(words[7].find('@'), words[7].size());
+        const auto version = std::min(words[7].find_first_not_of('@', at), words[7].size());
+        symbols.push_back({words[7].substr(0, at), words[7].substr(version)});
+    }
+    return symbols;
+}
+
+Names exported_names(const std::string &library)
+{
+    Names names;
+    for (const auto &symbol : dynamic_symbols(library, Side::exported))
+        names.insert(symbol.name);
+    return names;
+}
+
+// The name that one declaration declares: the word before its parameters or its bounds, or its last.
+std::string declared_name(const std::string &declaration)
+{
+    constexpr const char *word = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789_";
+    const auto end = declaration.find_last_of(word, declaration.find_first_of("(["));
+    const auto before = declaration.find_last_not_of(word, end);
+    return declaration.substr(before + 1, end - before);
+}
+
+// Everything that the headers mark KS_API.
+Names declared_names(const std::vector<std::string> &headers)
+{
+    const std::string mark = "KS_API ";
+    Names names;
+    for (const auto &header : headers) {
+        std::string code;
+        for (const auto &line : meta::split_lines(meta::without_comments(meta::read_source(header).text)))
+            code += line.starts_with('#') ? "" : line + "\n";
+        for (auto at = code.find(mark); at != std::string::npos; at = code.find(mark, at + 1))
+            names.insert(declared_name(code.substr(at + mark.size(), code.find_first_of(";{", at) - at - mark.size())));
+    }
+    return names;
+}
+
+std::vector<std::string> library_headers()
+{
+    std::vector<std::string> headers;
+    for (const auto &file : meta::read_tree({"include/korvaks"}))
+        if (file.path.ends_with(".h") && file.name() != "ezrpc.h")
+            headers.push_back(file.path);
+    return headers;
+}
+
+std::string difference(const Names &names, const Names &others)
+{
+    std::vector<std::string> left;
+    std::set_difference(names.begin(), names.end(), others.begin(), others.end(), std::back_inserter(left));
+    return meta::lines_of(left);
+}
+
+TEST(Exports, AreWhatTheHeadersDeclare)
+{
+    const Names declared = declared_names(library_headers());
+    const Names exported = exported_names(KORVAKS_LIBRARY);
+    EXPECT_EQ(difference(declared, exported), "") << "declared but not exported";
+    EXPECT_EQ(difference(exported, declared), "") << "exported but not declared";
+
+    const Names ezrpc = {"xdr_ez_string8"};
+    EXPECT_EQ(declared_names({"include/korvaks/ezrpc.h"}), ezrpc);
+    EXPECT_EQ(exported_names(KORVAKS_EZRPC), ezrpc);
+}
+
+// The reading of declarations above, on every form that a header uses.
+TEST(Exports, DeclarationsAreReadRight)
+{
+    const std::vector<std::pair<std::string, std::string>> cases = {
+        {" int32_t pfm_cleanup_start(pfm_cleanup_rec *rec, int inhibit)", "pfm_cleanup_start"},
+        {" pfm_signal_t pfm_signal(int sig,\n    pfm_signal_t handler)", "pfm_signal"},
+        {" void *stg_alloc(stg_area *area, size_t size)", "stg_alloc"},
+        {" const msg_table _stg_ks_msg_table", "_stg_ks_msg_table"},
+        {" const int32_t hash_prime_sizes[30]", "hash_prime_sizes"},
+    };
+    for (const auto &[declaration, name] : cases)
+        EXPECT_EQ(declared_name(declaration), name);
+}
+
+TEST(Exports, BelongToDocumentedFamilies)
+{
+    const auto page = meta::read_source("docs/architecture.md").text;
+    std::vector<std::string> families;
+    for (const auto &row : meta::table_below(page, "## What is exported"))
+        for (const auto &family : meta::quoted_words(row.at(0)))
+            families.push_back(family);
+    ASSERT_FALSE(families.empty());
+
+    std::set<std::string> met;
+    for (const auto &name : exported_names(KORVAKS_LIBRARY)) {
+        const auto family = std::find_if(families.begin(), families.end(),
+                                         [&](const auto &pattern) { return meta::matches(pattern, name); });
+        if (family == families.end())
+            ADD_FAILURE() << name << " belongs to no family of docs/architecture.md";
+        else
+            met.insert(*family);
+    }
+    for (const auto &family : families)
+        EXPECT_TRUE(met.contains(family)) << family << " has no member";
+}
+
+TEST(Exports, CarryTheVersion)
+{
+    for (const auto &symbol : dynamic_symbols(KORVAKS_LIBRARY, Side::exported))
+        EXPECT_EQ(symbol.version, "KORVAKS_1") << symbol.name;
+}
+
+// The first line of a listing that holds a text; empty when none does.
+std::string line_with(const std::string &listing, const std::string &text)
+{
+    for (const auto &line : meta::split_lines(listing))
+        if (line.find(text) != std::string::npos)
+            return line;
+    return "";
+}
+
+TEST(Linking, IsHardened)
+{
+    for (const std::string library : {KORVAKS_LIBRARY, KORVAKS_EZRPC}) {
+        SCOPED_TRACE(library);
+        const auto dynamic = meta::output_of(KORVAKS_READELF " -W -d " + library);
+        EXPECT_NE(line_with(dynamic, "(FLAGS").find("NOW"), std::string::npos) << dynamic;
+        EXPECT_EQ(line_with(dynamic, "TEXTREL"), "");
+        const auto segments = meta::output_of(KORVAKS_READELF " -W -l " + library);
+        EXPECT_NE(line_with(segments, "GNU_RELRO"), "");
+        EXPECT_NE(line_with(segments, "GNU_STACK").find(" RW "), std::string::npos) << segments;
+    }
+}
+
+TEST(Linking, NamesItsInterface)
+{
+    const auto soname = [](const std::string &library) {
+        const auto line = line_with(meta::output_of(KORVAKS_READELF " -W -d " + library), "(SONAME)");
+        return line.substr(line.find('[') + 1, line.find(']') - line.find('[') - 1);
+    };
+    EXPECT_EQ(soname(KORVAKS_LIBRARY), "libkorvaks.so.1");
+    EXPECT_EQ(soname(KORVAKS_EZRPC), "libezrpc.so.1");
+}
+
+// The sanitizers put their own in front of many functions and add constructors, so what follows
+// holds without them.
+#ifndef KORVAKS_SANITIZED
+
+// The C library still has old copies of the XDR routines with another layout; binding one of them
+// would fault at run time.
+TEST(Linking, XdrIsThatOfTirpc)
+{
+    void *library = dlopen(KORVAKS_LIBRARY, RTLD_NOW);
+    ASSERT_NE(library, nullptr) << dlerror();
+    void *xdr_int = dlsym(library, "xdr_int");
+    ASSERT_NE(xdr_int, nullptr) << dlerror();
+    Dl_info info{};
+    ASSERT_NE(dladdr(xdr_int, &info), 0);
+    EXPECT_NE(std::string(info.dli_fname).find("libtirpc"), std::string::npos) << info.dli_fname;
+
+    for (const std::string path : {KORVAKS_LIBRARY, KORVAKS_EZRPC}) {
+        for (const auto &symbol : dynamic_symbols(path, Side::imported)) {
+            const bool is_other = !symbol.name.starts_with("xdr_") || symbol.name == "xdr_ez_string8";
+            EXPECT_TRUE(is_other || symbol.version.starts_with("TIRPC_"))
+                << path << ": " << symbol.name << "@" << symbol.version;
+        }
+    }
+}
+
+// No code of the library runs before main() or after exit() unless it was registered by a call: the
+// only constructor is the compiler's own frame_dummy.
+TEST(Linking, NoConstructors)
+{
+    const auto sections = meta::output_of(KORVAKS_READELF " -W -S " KORVAKS_LIBRARY);
+    const auto line = line_with(sections, ".init_array");
+    const auto words = meta::split_words(line.substr(std::min(line.find(".init_array"), line.size())));
+    ASSERT_GT(words.size(), 4u) << sections;
+    EXPECT_EQ(words[4], "000008") << line;
+}
+
+#endif
+
+// A raise runs no destructor, so nothing in the library may throw or allocate behind its back.
+// Admitted are atexit(), and the range check of a view, which without exceptions ends the process.
+TEST(Linking, NoExceptions)
+{
+    const Names admitted = {"__cxa_finalize", "__cxa_atexit", "_ZSt24__throw_out_of_range_fmtPKcz"};
+    for (const auto &symbol : dynamic_symbols(KORVAKS_LIBRARY, Side::imported)) {
+        for (const char *unwanted : {"_Zn[wa]*", "_Zd[la]*", "__cxa_*", "_Unwind_*", "_ZSt*__throw_*"})
+            EXPECT_TRUE(admitted.contains(symbol.name) || !meta::matches(unwanted, symbol.name)) << symbol.name;
+    }
+}
+
+} // namespace

@@ -1,0 +1,78 @@
+// The texts of the checkout: nothing is left unfinished.
+#include <algorithm>
+#include <cctype>
+#include <utility>
+
+#include <gtest/gtest.h>
+
+#include "source_tree.h"
+
+namespace {
+
+// The words in two halves, so that this file does not hold them.
+const std::vector<std::pair<std::string, std::string>> unfinished_marks = {
+    {"TO", "DO"},          {"FIX", "ME"},       {"X", "XX"}, {"HA", "CK"}, {"not imple", "mented"},
+    {"unimple", "mented"}, {"place", "holder"},
+};
+
+bool is_word_byte(const std::string &text, std::size_t at)
+{
+    return at < text.size() && (std::isalnum(static_cast<unsigned char>(text[at])) != 0 || text[at] == '_');
+}
+
+bool has_word(const std::string &line, const std::string &word)
+{
+    for (auto at = line.find(word); at != std::string::npos; at = line.find(word, at + 1))
+        if ((at == 0 || !is_word_byte(line, at - 1)) && !is_word_byte(line, at + word.size()))
+            return true;
+    return false;
+}
+
+bool is_unfinished(const std::string &line)
+{
+    return std::any_of(unfinished_marks.begin(), unfinished_marks.end(),
+                       [&](const auto &mark) { return has_word(line, mark.first + mark.second); });
+}
+
+std::vector<std::string> unfinished_lines(const meta::SourceFile &file)
+{
+    std::vector<std::string> found;
+    int number = 0;
+    for (const auto &line : meta::split_lines(file.text)) {
+        ++number;
+        if (is_unfinished(line))
+            found.push_back(file.path + ":" + std::to_string(number) + ": " + line);
+    }
+    return found;
+}
+
+// Corpora of the fuzz targets are bytes, not text.
+bool is_text(const meta::SourceFile &file)
+{
+    return file.text.find('\0') == std::string::npos && file.path.find("corpus") == std::string::npos;
+}
+
+TEST(Texts, NothingIsLeftUnfinished)
+{
+    EXPECT_EQ(unfinished_lines({"made/up", "a\nb // TO"
+                                           "DO\nXXXXXX mkdtemp\n"}),
+              std::vector<std::string>{"made/up:2: b // TO"
+                                       "DO"});
+
+    std::size_t seen = 0;
+    for (const auto &file : meta::read_tree({"."})) {
+        if (!is_text(file))
+            continue;
+        ++seen;
+        EXPECT_EQ(meta::lines_of(unfinished_lines(file)), "");
+    }
+    EXPECT_GT(seen, 20u);
+}
+
+TEST(Texts, FilesEndWithALineBreak)
+{
+    for (const auto &file : meta::read_tree({"."}))
+        EXPECT_TRUE(!is_text(file) || file.text.empty() || file.text.ends_with('\n')) << file.path;
+}
+
+} // namespace
