@@ -24,55 +24,65 @@ void count_hold(const vlthread_rwlock_t *rwlock, int change)
         ks::fault_block_of_caller()->pfm_inh_count += change;
 }
 
-void trace_got(const char *text, const vlthread_rwlock_t *rwlock)
-{
-    vlthread_trace("Got %s rwlock: rwlock: %p, type %d, owner %lu\n", text, static_cast<const void *>(rwlock),
-                   rwlock->raise_mode, static_cast<unsigned long>(writer_of(rwlock)));
-}
-
 using PosixLock = int (*)(pthread_rwlock_t *);
 
-// Takes the lock by `posix_lock`, whose name is `function`. Failures are reported under the name
-// of the blocking form, which the callers of the try forms know as well.
-int take_for_reading(vlthread_rwlock_t *rwlock, PosixLock posix_lock, const char *function)
-{
-    if (ks::is_tracing())
-        vlthread_trace("%s rwlock %p\n", function, static_cast<void *>(rwlock));
-    count_hold(rwlock, 1);
-    const int error = posix_lock(&rwlock->lock);
-    if (error != 0) {
-        count_hold(rwlock, -1);
-        if (ks::is_tracing())
-            vlthread_trace("Unable to rdlock rwlock ('%s' failed): %s\n", "pthread_rwlock_rdlock", strerror(error));
-        return error;
-    }
-    if (ks::is_tracing())
-        trace_got("READ", rwlock);
-    return 0;
-}
+// The two ways to hold the lock. Failures are reported under the name of the blocking function,
+// which the callers of the try forms know as well.
+struct Access {
+    const char *verb;
+    const char *got;
+    PosixLock blocking;
+    PosixLock trying;
+    const char *blocking_name;
+    const char *trying_name;
+    bool writes;
+};
+constexpr Access reading{"rdlock",
+                         "READ",
+                         pthread_rwlock_rdlock,
+                         pthread_rwlock_tryrdlock,
+                         "pthread_rwlock_rdlock",
+                         "pthread_rwlock_tryrdlock",
+                         false};
+constexpr Access writing{"wrlock",
+                         "WRITE",
+                         pthread_rwlock_wrlock,
+                         pthread_rwlock_trywrlock,
+                         "pthread_rwlock_wrlock",
+                         "pthread_rwlock_trywrlock",
+                         true};
 
-int take_for_writing(vlthread_rwlock_t *rwlock, PosixLock posix_lock, const char *function)
+int take(vlthread_rwlock_t *rwlock, const Access &access, PosixLock posix_lock, const char *called)
 {
     if (ks::is_tracing())
-        vlthread_trace("%s rwlock %p\n", function, static_cast<void *>(rwlock));
+        vlthread_trace("%s rwlock %p\n", called, static_cast<void *>(rwlock));
     count_hold(rwlock, 1);
     const int error = posix_lock(&rwlock->lock);
     if (error != 0) {
         count_hold(rwlock, -1);
         if (ks::is_tracing())
-            vlthread_trace("Unable to wrlock rwlock ('%s' failed): %s\n", "pthread_rwlock_wrlock", strerror(error));
+            vlthread_trace("Unable to %s rwlock ('%s' failed): %s\n", access.verb, access.blocking_name,
+                           strerror(error));
         return error;
     }
-    set_writer(rwlock, pthread_self());
+    if (access.writes)
+        set_writer(rwlock, pthread_self());
     if (ks::is_tracing())
-        trace_got("WRITE", rwlock);
+        vlthread_trace("Got %s rwlock: rwlock: %p, type %d, owner %lu\n", access.got, static_cast<void *>(rwlock),
+                       rwlock->raise_mode, static_cast<unsigned long>(writer_of(rwlock)));
     return 0;
 }
 
 // A writer that asks again must get an error, not wait for itself.
-PosixLock unless_writer(const vlthread_rwlock_t *rwlock, PosixLock blocking, PosixLock trying)
+int take_waiting(vlthread_rwlock_t *rwlock, const Access &access)
 {
-    return writer_of(rwlock) == pthread_self() ? trying : blocking;
+    const bool is_writer = writer_of(rwlock) == pthread_self();
+    return take(rwlock, access, is_writer ? access.trying : access.blocking, access.blocking_name);
+}
+
+int take_trying(vlthread_rwlock_t *rwlock, const Access &access)
+{
+    return take(rwlock, access, access.trying, access.trying_name);
 }
 
 } // namespace
@@ -99,24 +109,22 @@ int vlthread_rwlock_destroy(vlthread_rwlock_t *rwlock)
 
 int vlthread_rwlock_rdlock(vlthread_rwlock_t *rwlock)
 {
-    return take_for_reading(rwlock, unless_writer(rwlock, pthread_rwlock_rdlock, pthread_rwlock_tryrdlock),
-                            "pthread_rwlock_rdlock");
+    return take_waiting(rwlock, reading);
 }
 
 int vlthread_rwlock_rdlock_trylock(vlthread_rwlock_t *rwlock)
 {
-    return take_for_reading(rwlock, pthread_rwlock_tryrdlock, "pthread_rwlock_tryrdlock");
+    return take_trying(rwlock, reading);
 }
 
 int vlthread_rwlock_wrlock(vlthread_rwlock_t *rwlock)
 {
-    return take_for_writing(rwlock, unless_writer(rwlock, pthread_rwlock_wrlock, pthread_rwlock_trywrlock),
-                            "pthread_rwlock_wrlock");
+    return take_waiting(rwlock, writing);
 }
 
 int vlthread_rwlock_wrlock_trylock(vlthread_rwlock_t *rwlock)
 {
-    return take_for_writing(rwlock, pthread_rwlock_trywrlock, "pthread_rwlock_trywrlock");
+    return take_trying(rwlock, writing);
 }
 
 int vlthread_rwlock_unlock(vlthread_rwlock_t *rwlock)
