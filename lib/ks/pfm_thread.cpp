@@ -66,7 +66,7 @@ void apply_posted_request()
 void wait_for_wake_up()
 {
     pollfd wake = {wake_fd.load(std::memory_order_acquire), POLLIN, 0};
-    while (ppoll(&wake, 1, nullptr, &wait_mask) < 1) {
+    while (ppoll(&wake, 1, nullptr, &wait_mask) < 0 && errno == EINTR) {
         // a signal was handled; only a wake-up brings work
     }
     uint64_t count = 0;

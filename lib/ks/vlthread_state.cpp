@@ -46,6 +46,11 @@ void forget(vlthread_state *entry)
 
 vlthread_state *state_of(pfm_fault_block *holder)
 {
+    if (holder->state == nullptr) {
+        // A thread that is known already needs no memory to find itself.
+        StateLock lock;
+        holder->state = find_thread(pthread_self());
+    }
     if (holder->state == nullptr)
         holder->state = ks::add_thread_to_process(pthread_self());
     return holder->state;
