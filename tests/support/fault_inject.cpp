@@ -41,10 +41,11 @@ namespace {
 constexpr int raise_status = 4;
 
 constexpr int allocation_answers[] = {ENOMEM};
-constexpr int open_answers[] = {EACCES, EINTR, EINVAL, EIO,    EISDIR,    ELOOP, EMFILE, ENAMETOOLONG, ENFILE,
+constexpr int open_answers[] = {EACCES, EINTR,  EINVAL, EIO,     EISDIR,    ELOOP, EMFILE, ENAMETOOLONG, ENFILE,
                                 ENOENT, ENOMEM, ENOSPC, ENOTDIR, EOVERFLOW, EPERM, EROFS,  ENXIO};
 constexpr int read_answers[] = {EAGAIN, EBADF, EFAULT, EINTR, EINVAL, EIO, EISDIR, answer_short, answer_end};
-constexpr int write_answers[] = {EAGAIN, EBADF, EDQUOT, EFAULT, EFBIG, EINTR, EINVAL, EIO, ENOSPC, EPERM, EPIPE, answer_short};
+constexpr int write_answers[] = {EAGAIN, EBADF, EDQUOT, EFAULT, EFBIG, EINTR,
+                                 EINVAL, EIO,   ENOSPC, EPERM,  EPIPE, answer_short};
 constexpr int close_answers[] = {EINTR, EIO, ENOSPC, EDQUOT};
 constexpr int pipe_answers[] = {EMFILE, ENFILE, EINVAL};
 constexpr int fork_answers[] = {EAGAIN, ENOMEM, ENOSYS};
@@ -72,14 +73,30 @@ struct Kind {
 };
 
 constexpr std::array<Kind, call_kinds> kinds{{
-    {"allocation", allocation_answers}, {"open", open_answers},           {"read", read_answers},
-    {"write", write_answers},           {"close", close_answers},         {"pipe", pipe_answers},
-    {"fork", fork_answers},             {"fcntl", fcntl_answers},         {"stat", stat_answers},
-    {"select", select_answers},         {"poll", poll_answers},           {"eventfd", eventfd_answers},
-    {"sigaction", sigaction_answers},   {"thread", thread_answers},       {"mutex", mutex_answers},
-    {"key", key_answers},               {"atexit", at_exit_answers},      {"catalogue", catalogue_answers},
-    {"getrlimit", limit_answers},       {"uname", name_answers},          {"getpwuid_r", user_answers},
-    {"waitid", wait_answers},           {"kill", kill_answers},           {"raise", raise_answers},
+    {"allocation", allocation_answers},
+    {"open", open_answers},
+    {"read", read_answers},
+    {"write", write_answers},
+    {"close", close_answers},
+    {"pipe", pipe_answers},
+    {"fork", fork_answers},
+    {"fcntl", fcntl_answers},
+    {"stat", stat_answers},
+    {"select", select_answers},
+    {"poll", poll_answers},
+    {"eventfd", eventfd_answers},
+    {"sigaction", sigaction_answers},
+    {"thread", thread_answers},
+    {"mutex", mutex_answers},
+    {"key", key_answers},
+    {"atexit", at_exit_answers},
+    {"catalogue", catalogue_answers},
+    {"getrlimit", limit_answers},
+    {"uname", name_answers},
+    {"getpwuid_r", user_answers},
+    {"waitid", wait_answers},
+    {"kill", kill_answers},
+    {"raise", raise_answers},
 }};
 
 // Shared with children, so that what fails there is seen here. Whether a process is disturbed is
@@ -335,11 +352,20 @@ FRONT(void, free, void *block)
 
 // Descriptors ----------------------------------------------------------------------------------
 
+namespace {
+
+bool takes_mode(int flags)
+{
+    return (flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE;
+}
+
+} // namespace
+
 FRONT(int, open, const char *path, int flags, ...)
 {
     va_list args;
     va_start(args, flags);
-    const mode_t mode = (flags & (O_CREAT | O_TMPFILE)) != 0 ? va_arg(args, mode_t) : 0;
+    const mode_t mode = takes_mode(flags) ? va_arg(args, mode_t) : 0;
     va_end(args);
     FAIL_WITH_ERRNO(open);
     return NEXT(open)(path, flags, mode);
@@ -349,7 +375,7 @@ FRONT(int, openat, int directory, const char *path, int flags, ...)
 {
     va_list args;
     va_start(args, flags);
-    const mode_t mode = (flags & (O_CREAT | O_TMPFILE)) != 0 ? va_arg(args, mode_t) : 0;
+    const mode_t mode = takes_mode(flags) ? va_arg(args, mode_t) : 0;
     va_end(args);
     FAIL_WITH_ERRNO(open);
     return NEXT(openat)(directory, path, flags, mode);

@@ -36,7 +36,7 @@ namespace test::fault {
 namespace {
 
 constexpr int exit_fault = 86; // a run was not as it should be; the report says what
-constexpr int silent_ms_max = 10000;
+constexpr int silent_ms_max = 20000;
 constexpr int poll_ms = 1000;
 constexpr int faults_max = 10;
 constexpr int fds_watched = 256;
@@ -185,7 +185,8 @@ const char *round(const Sweep &sweep, const Plan &plan, Seen &out_seen, Leftover
     const Trial trial = disturb(sweep, plan, out_seen);
     sweep.record->fired = trial.fired;
     const char *wrong = sweep.scenario->check != nullptr ? sweep.scenario->check(trial) : nullptr;
-    if (sweep.mode == Mode::raises && trial.fired && trial.raised == 0 && take_raise() != trial.plan.answer && wrong == nullptr)
+    if (sweep.mode == Mode::raises && trial.fired && trial.raised == 0 && take_raise() != trial.plan.answer &&
+        wrong == nullptr)
         wrong = "the raise was lost";
     if (wrong == nullptr)
         wrong = held();
@@ -441,14 +442,13 @@ bool is_end(const End &end, Call call, std::string_view text)
         return false;
     if (*end.text != '\0')
         return ends_as(text, end.text);
-    return text.find("ASSERT") == text.npos && text.find("ABORT") == text.npos &&
-           text.find("assertion") == text.npos;
+    return text.find("ASSERT") == text.npos && text.find("ABORT") == text.npos && text.find("assertion") == text.npos;
 }
 
 // Judges how the child ended in the middle of a run; adds the named end it met.
 bool is_documented(const Sweep &sweep, const Outcome &outcome, std::set<const End *> &met)
 {
-    if (outcome.fate != Fate::death || sweep.record->is_clean || !WIFSIGNALED(outcome.wait_status) ||
+    if (outcome.fate != Fate::death || sweep.record->is_clean || !end().fired || !WIFSIGNALED(outcome.wait_status) ||
         WTERMSIG(outcome.wait_status) != SIGABRT)
         return false;
     const std::string_view text = read_said(sweep.said_fd);
@@ -456,7 +456,7 @@ bool is_documented(const Sweep &sweep, const Outcome &outcome, std::set<const En
     const Call call = plan_at(sweep, sweep.record->cursor).call;
     const End *found = nullptr;
     for (const End &end : sweep.scenario->ends) {
-        if (is_end(end, call, text) && (found == nullptr || *found->text == '\0'))
+        if (is_end(end, call, text) && (found == nullptr || (*found->text == '\0' && *end.text != '\0')))
             found = &end;
     }
     if (found != nullptr)
@@ -558,13 +558,32 @@ void run_sweep(const Scenario &scenario, Mode mode, unsigned seeds = 0)
 
 std::vector<End> ends_of_start(std::vector<End> others)
 {
-    // The fault block, the state entry, and the signal-handler thread with its descriptors.
+    const char *no_fault_block = " (pfm): [P#][T#]Unable to set PFM TLS #\n";
+    const char *no_area = "area != STG_AREA_NULL at 'vlthread':1670\n";
+    const char *no_block = "***ABORT***  'include/tls_impl':140\n";
     for (const End &end : {
-             End{Call::allocation, " (pfm): [P#][T#]Unable to set PFM TLS #\n", true},
-             End{Call::key, " (pfm): [P#][T#]Unable to set PFM TLS #\n", true},
+             // The thread's fault block and library block.
+             End{Call::allocation, no_fault_block, true},
+             End{Call::key, no_fault_block, true},
+             End{Call::allocation, no_area, true},
+             End{Call::mutex, no_area, true},
+             End{Call::allocation, no_block, true},
+             End{Call::key, no_block, true},
+             // The entry on the state list, the signal-handler thread and what it waits on.
              End{Call::allocation, "", true},
              End{Call::thread, "", true},
              End{Call::eventfd, "", true},
+             // What the fault manager cannot be without.
+             End{Call::pipe, "(pfm_setup_pipe(pfm_notify_pipe, FALSE, FALSE) == 0) failed: 'lib/ks/pfm':1859\n", true},
+             End{Call::at_exit, "(atexit(pfm_atexit_handler) == 0) failed: 'lib/ks/pfm':#\n", true},
+             End{Call::allocation,
+                 "vlthread_atfork(hold_modules, release_modules, release_modules) == 0 at "
+                 "'vlthread':#\n",
+                 true},
+             End{Call::allocation,
+                 "(vlthread_atfork(pfm_thread_fork_prepare, NULL, pfm_thread_fork_child) == 0) "
+                 "failed: 'lib/ks/pfm':#\n",
+                 true},
          })
         others.push_back(end);
     return others;

@@ -20,8 +20,8 @@ namespace test::fault {
 // One run, as the check sees it.
 struct Trial {
     Plan plan;
-    bool fired = false;  // something failed
-    int32_t raised = 0;  // status of the raise that left the operation
+    bool fired = false; // something failed
+    int32_t raised = 0; // status of the raise that left the operation
 
     bool failed(Call call) const { return fired && plan.call == call; }
 };
@@ -29,8 +29,8 @@ struct Trial {
 // An end of the process that the failure of a call is documented to bring.
 struct End {
     Call call;
-    // The end of what was written to descriptor 2, where '#' stands for any number, decimal or hexadecimal; "" for an abort
-    // without a word of an assertion or a panic.
+    // The end of what was written to descriptor 2, where '#' stands for any number, decimal or hexadecimal; "" for an
+    // abort without a word of an assertion or a panic.
     const char *text;
     bool is_rare = false; // need not be met: whether it is depends on what else the operation does first
 };
@@ -43,8 +43,8 @@ std::vector<End> ends_of_start(std::vector<End> others = {});
 struct Scenario {
     const char *name;
     void (*setup)() = nullptr;
-    void (*act)() = nullptr;                         // the only step that is disturbed
-    const char *(*check)(const Trial &trial) = nullptr;  // what is wrong, or NULL
+    void (*act)() = nullptr;                            // the only step that is disturbed
+    const char *(*check)(const Trial &trial) = nullptr; // what is wrong, or NULL
     void (*cleanup)() = nullptr;
     std::vector<End> ends{};
     std::vector<Call> spared{}; // kinds of calls that are not made to fail
