@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <cstring>
+#include <string_view>
 
 #include <nl_types.h>
 
@@ -100,22 +101,47 @@ struct Arguments {
     strutl_printf_kind kind = strutl_printf_kind_null; // null: no directive is left
     int star_width = 0;
     int star_precision = 0;
-    bool is_wide = false; // "%ls" takes another string than "%s"
+    bool is_wide = false; // the length takes another argument than the kind tells: "%ls", "%lc", "%llf"
     bool operator==(const Arguments &) const = default;
 };
 
-// The next directive that takes an argument; false where one cannot be read.
+// A number of five digits or more: a catalogue must not make a message of gigabytes.
+bool has_long_number(std::string_view directive)
+{
+    std::size_t digits = 0;
+    for (const char c : directive) {
+        digits = c >= '0' && c <= '9' ? digits + 1 : 0;
+        if (digits > 4)
+            return true;
+    }
+    return false;
+}
+
+bool is_wide(std::string_view directive, strutl_printf_kind kind)
+{
+    const char conversion = directive.back();
+    directive.remove_suffix(1);
+    if (kind == strutl_printf_kind_double)
+        return directive.ends_with("ll");
+    return directive.ends_with('l') && (conversion == 's' || conversion == 'c');
+}
+
+// The next directive that takes an argument; false where one cannot be read or is not to be used.
 bool next_arguments(const char *format, std::size_t &at, Arguments &out)
 {
+    char directive[64];
     do {
         out = {};
-        if (strutl_find_printf_directive(format, at, 0, nullptr, &at, &out.kind, &out.star_width,
+        if (strutl_find_printf_directive(format, at, sizeof directive, directive, &at, &out.kind, &out.star_width,
                                          &out.star_precision) == 0) {
             out = {};
             return format[at] == '\0';
         }
+        const std::string_view text = directive;
+        if (text.size() == sizeof directive - 1 || has_long_number(text))
+            return false;
     } while (out.kind == strutl_printf_kind_percent && out.star_width == 0 && out.star_precision == 0);
-    out.is_wide = out.kind == strutl_printf_kind_string && format[at - 2] == 'l';
+    out.is_wide = is_wide(directive, out.kind);
     return true;
 }
 

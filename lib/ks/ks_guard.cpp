@@ -8,7 +8,7 @@ namespace ks {
 namespace {
 
 // Starts the record without delivering a raise, which would go to the enclosing record and pass by
-// what the caller already owns. One that is pending is taken by the first check of the work.
+// what the caller already owns.
 void arm(pfm_cleanup_rec &record)
 {
     const RaiseHold hold;
@@ -26,6 +26,7 @@ __attribute__((noinline)) int32_t protect_call(void (*work)(void *argument), voi
     if (record.status != 0)
         return pfm_cleanup_start(&record, 0);
     arm(record);
+    pfm_test_raise(nullptr); // a raise that was pending comes back here and goes out through the caller
     work(argument);
     pfm_cleanup_rls(&record);
     return 0;
