@@ -104,7 +104,7 @@ void expect_sorts(unsigned count, std::size_t size, const Pattern &pattern)
 
 TEST(KsSort, SortsEverySizeCountAndPattern)
 {
-    for (const std::size_t size : {1, 2, 3, 4, 5, 8, 12, 16, 20, 24, 32, 40, 64, 100, 1100}) {
+    for (const std::size_t size : {1u, 2u, 3u, 4u, 5u, 8u, 12u, 16u, 20u, 24u, 32u, 40u, 64u, 100u, 1100u}) {
         for (const Pattern &pattern : patterns) {
             for (unsigned count = 0; count <= 12; ++count)
                 expect_sorts(count, size, pattern);
@@ -284,7 +284,7 @@ TEST(KsSort, LyingComparisonStaysInsideTheArray)
         Elements elements;
         std::mt19937 random{1};
     };
-    for (const std::size_t size : {4, 12}) {
+    for (const std::size_t size : {4u, 12u}) {
         Liar liar{Elements(20000, size, patterns[4])};
         const std::vector<std::string> before = liar.elements.as_set();
         ks_qsort(

@@ -95,55 +95,58 @@ std::size_t length_of(std::uint64_t match)
 // Bytes that copy_match_wide() may write behind its start.
 constexpr std::size_t match_room = (match_max + 7) / 8 * 8 + 8;
 
-// A match of less than a word: `distance` bytes that repeat. The word that is made of them is
-// stored again and again, each time by the greatest multiple of the distance that fits in it.
-void copy_pattern(unsigned char *out, std::size_t distance, std::size_t length)
+// How `distance` bytes at the beginning of a word are repeated all over it.
+struct Pattern {
+    std::uint64_t mask;   // the bytes that are repeated
+    std::uint64_t repeat; // a factor that puts a copy at every multiple of the distance
+    std::size_t stride;   // the greatest multiple of the distance that fits in a word
+};
+
+constexpr Pattern patterns[8] = {
+    {},
+    {0xFF, 0x0101010101010101, 8},
+    {0xFFFF, 0x0001000100010001, 8},
+    {0xFFFFFF, 0x0001000001000001, 6},
+    {0xFFFFFFFF, 0x0000000100000001, 8},
+    {0xFFFFFFFFFF, 0x0000010000000001, 5},
+    {0xFFFFFFFFFFFF, 0x0001000000000001, 6},
+    {0xFFFFFFFFFFFFFF, 0x0100000000000001, 7},
+};
+
+// A match that begins less than a word back repeats `distance` bytes. The word that they fill is
+// stored again and again.
+[[gnu::always_inline]] inline void copy_pattern(unsigned char *out, std::size_t distance, std::size_t length)
 {
-    constexpr std::uint64_t repeat[8] = {0,
-                                         0x0101010101010101,
-                                         0x0001000100010001,
-                                         0x0001000001000001,
-                                         0x0000000100000001,
-                                         0x0000010000000001,
-                                         0x0001000000000001,
-                                         0x0100000000000001};
-    constexpr unsigned char stride[8] = {0, 8, 8, 6, 8, 5, 6, 7};
-    const std::uint64_t mask = (std::uint64_t{1} << 8 * distance) - 1;
-    const std::uint64_t word = (load_le64(out - distance) & mask) * repeat[distance];
-    for (std::size_t at = 0; at < length; at += stride[distance])
+    const Pattern &pattern = patterns[distance];
+    const std::uint64_t word = (load_le64(out - distance) & pattern.mask) * pattern.repeat;
+    for (std::size_t at = 0; at < length; at += pattern.stride)
         store_le64(out + at, word);
 }
 
 // Copies a match in whole words; what lands behind its end is overwritten by what follows.
-inline void copy_match_wide(unsigned char *out, std::size_t distance, std::size_t length)
+[[gnu::always_inline]] inline void copy_match_wide(unsigned char *out, std::size_t distance, std::size_t length)
 {
     const unsigned char *from = out - distance;
     if (distance >= 16) {
         std::memcpy(out, from, 16);
-        if (length <= 16) [[likely]]
-            return;
-        std::memcpy(out + 16, from + 16, 16);
-        std::memcpy(out + 32, from + 32, 8);
-    } else if (distance >= 8) {
+        if (length > 16) [[unlikely]] {
+            std::memcpy(out + 16, from + 16, 16);
+            std::memcpy(out + 32, from + 32, 8);
+        }
+        return;
+    }
+    if (distance >= 8) {
         for (std::size_t at = 0; at < length; at += 8)
             std::memcpy(out + at, from + at, 8);
-    } else {
-        copy_pattern(out, distance, length);
+        return;
     }
+    copy_pattern(out, distance, length);
 }
-
-// Where decoding stands. The wide loop works on a copy of it: stores through `out` could change a
-// record in memory, but not one in registers.
-struct Place {
-    BitReader reader;
-    unsigned char *out;
-    std::size_t long_literals; // met by the wide loop
-};
 
 class Decoder {
   public:
     Decoder(const unsigned char *in, const unsigned char *in_end, unsigned char *out, std::size_t out_bytes)
-        : place_{BitReader(in, in_end), out, 0}, begin_(out), end_(out + out_bytes)
+        : reader_(in, in_end), out_(out), begin_(out), end_(out + out_bytes)
     {
     }
 
@@ -159,82 +162,82 @@ class Decoder {
     static constexpr unsigned binary_rounds = 1024;
     static constexpr std::size_t binary_long_literals = sample_rounds / 4;
 
-    bool has_room(const Place &place) const { return end_ - place.out >= round_room && place.reader.has_room(); }
+    bool has_room(const BitReader &reader, const unsigned char *out) const
+    {
+        return end_ - out >= round_room && reader.has_room();
+    }
 
     // As long as a round fits into what is left of both sides.
     bool run_wide()
     {
-        while (has_room(place_)) {
-            const std::size_t long_literals = place_.long_literals;
-            if (!run_rounds<true>(sample_rounds))
-                return false;
-            const bool is_binary = place_.long_literals - long_literals > binary_long_literals;
-            if (is_binary && !run_rounds<false>(binary_rounds))
-                return false;
+        bool is_good = true;
+        while (is_good && has_room(reader_, out_)) {
+            is_good = run_rounds<true>(sample_rounds);
+            if (is_good && long_literals_ > binary_long_literals)
+                is_good = run_rounds<false>(binary_rounds);
         }
-        return true;
+        return is_good;
     }
 
     // A word holds two tokens of any kind. In text, short literals in front of them are taken several
-    // at a time.
+    // at a time. Works on copies, because the compiler must expect stores to change members.
     template <bool is_text> bool run_rounds(unsigned rounds)
     {
-        Place place = place_;
-        for (; rounds != 0 && has_room(place); --rounds) {
+        BitReader reader = reader_;
+        unsigned char *out = out_;
+        std::size_t long_literals = 0;
+        bool is_good = true;
+        for (; is_good && rounds != 0 && has_room(reader, out); --rounds) {
             if constexpr (is_text)
-                put_short_literals(place);
-            place.reader.refill_wide();
+                out = put_short_literals(reader, out);
+            reader.refill_wide();
             for (unsigned tokens = 0; tokens < 2; ++tokens) {
-                if (!put_token_wide(place)) [[unlikely]]
-                    return false;
+                const std::uint64_t bits = reader.bits();
+                if (!is_match(bits)) {
+                    *out++ = literal(bits);
+                    long_literals += bits >> 63;
+                    reader.skip(literal_bits(bits));
+                    continue;
+                }
+                const std::size_t distance = distance_of(bits);
+                if (!reaches_back(out, distance)) [[unlikely]] {
+                    is_good = false;
+                    break;
+                }
+                copy_match_wide(out, distance, length_of(bits));
+                out += length_of(bits);
+                reader.skip(match_token_bits);
             }
         }
-        place_ = place;
-        return true;
+        reader_ = reader;
+        out_ = out;
+        long_literals_ = long_literals;
+        return is_good;
     }
 
     // Short literals are their own bytes: up to 7 at the top of the word are stored at once.
-    [[gnu::always_inline]] static void put_short_literals(Place &place)
+    [[gnu::always_inline]] static unsigned char *put_short_literals(BitReader &reader, unsigned char *out)
     {
-        place.reader.refill_wide();
-        const std::uint64_t bits = place.reader.bits();
-        const std::uint64_t others = (bits & 0x8080808080808080) | 0x80;
+        reader.refill_wide();
+        const std::uint64_t others = (reader.bits() & 0x8080808080808080) | 0x80;
         const auto count = static_cast<unsigned>(std::countl_zero(others)) / 8;
-        store_be64(place.out, bits);
-        place.out += count;
-        place.reader.skip(count * 8);
-    }
-
-    [[gnu::always_inline]] bool put_token_wide(Place &place) const
-    {
-        const std::uint64_t bits = place.reader.bits();
-        if (!is_match(bits)) {
-            *place.out++ = literal(bits);
-            place.reader.skip(literal_bits(bits));
-            place.long_literals += bits >> 63;
-            return true;
-        }
-        const std::size_t distance = distance_of(bits);
-        if (!reaches_back(place.out, distance)) [[unlikely]]
-            return false;
-        copy_match_wide(place.out, distance, length_of(bits));
-        place.out += length_of(bits);
-        place.reader.skip(match_token_bits);
-        return true;
+        store_be64(out, reader.bits());
+        reader.skip(count * 8);
+        return out + count;
     }
 
     // Token by token, with every limit looked at.
     bool run_to_end()
     {
-        while (place_.out != end_) {
-            place_.reader.refill();
-            const std::uint64_t bits = place_.reader.bits();
+        while (out_ != end_) {
+            reader_.refill();
+            const std::uint64_t bits = reader_.bits();
             const unsigned count = is_match(bits) ? match_token_bits : literal_bits(bits);
-            if (place_.reader.count() < count)
+            if (reader_.count() < count)
                 return false;
-            place_.reader.skip(count);
+            reader_.skip(count);
             if (!is_match(bits))
-                *place_.out++ = literal(bits);
+                *out_++ = literal(bits);
             else if (!copy_match(distance_of(bits), length_of(bits)))
                 return false;
         }
@@ -243,10 +246,10 @@ class Decoder {
 
     bool copy_match(std::size_t distance, std::size_t length)
     {
-        if (!reaches_back(place_.out, distance) || length > static_cast<std::size_t>(end_ - place_.out))
+        if (!reaches_back(out_, distance) || length > static_cast<std::size_t>(end_ - out_))
             return false;
-        for (; length != 0; --length, ++place_.out)
-            *place_.out = *(place_.out - distance);
+        for (; length != 0; --length, ++out_)
+            *out_ = *(out_ - distance);
         return true;
     }
 
@@ -255,9 +258,12 @@ class Decoder {
         return distance <= static_cast<std::size_t>(out - begin_);
     }
 
-    Place place_;
+    BitReader reader_;
+    unsigned char *out_;
     unsigned char *const begin_;
+
     unsigned char *const end_;
+    std::size_t long_literals_ = 0; // met in the last rounds
 };
 
 std::size_t declared_length(const unsigned char *block)
