@@ -1,0 +1,202 @@
+// Lines of text as words and options: the words against a plain reading, the scan by what it promises.
+#include "fuzz_support.h"
+
+#include <korvaks/cl.h>
+#include <korvaks/stg.h>
+
+#include <algorithm>
+#include <cstring>
+#include <vector>
+
+namespace {
+
+using Words = std::vector<std::string>;
+
+// The rules of the header, for the C locale.
+Words split_plainly(const std::string &line)
+{
+    Words words;
+    std::string word;
+    bool is_in_word = false;
+    bool is_escaped = false;
+    char quote = '\0';
+    for (const char c : line) {
+        if (quote == '\0' && c != '\0' && std::strchr(" \t\v\f\r", c) != nullptr) {
+            if (is_in_word)
+                words.push_back(word);
+            word.clear();
+            is_in_word = false;
+            continue;
+        }
+        if (!is_escaped && c == '\n')
+            break;
+        if (!is_escaped && c == '\\') {
+            is_escaped = true;
+            continue;
+        }
+        if (!is_escaped && quote == '\0' && (c == '"' || c == '\'')) {
+            quote = c;
+            is_in_word = true;
+            continue;
+        }
+        if (!is_escaped && quote != '\0' && c == quote) {
+            quote = '\0';
+            continue;
+        }
+        is_escaped = false;
+        is_in_word = true;
+        word += c;
+    }
+    if (is_in_word)
+        words.push_back(word);
+    return words;
+}
+
+cl_handle *parse(const std::string &line)
+{
+    const auto copy = fuzz::exact_copy(line.c_str(), line.size() + 1);
+    int error = -1;
+    cl_handle *clh = cl_parse_line(copy.get(), &error);
+    FUZZ_REQUIRE(clh != nullptr && error == CL_NO_ERROR);
+    return clh;
+}
+
+void check_words(const std::string &line, const Words &words)
+{
+    cl_handle *clh = parse(line);
+    int offset = 0;
+    for (const std::string &word : words) {
+        FUZZ_REQUIRE(cl_getoffset(clh) == offset);
+        const char *got = cl_getarg(clh);
+        FUZZ_REQUIRE(got != nullptr && word == got);
+        offset += static_cast<int>(word.size()) + 1;
+    }
+    FUZZ_REQUIRE(cl_getoffset(clh) == offset);
+    FUZZ_REQUIRE(cl_getarg(clh) == nullptr && cl_errno(clh) == CL_NO_ERROR);
+    cl_destroy(&clh);
+    FUZZ_REQUIRE(clh == nullptr);
+}
+
+// Where cl_setoffset() ends up: a place at a word's end is the start of the next word.
+int place_of(const Words &words, int offset)
+{
+    int start = 0;
+    offset = std::max(offset, 0);
+    for (const std::string &word : words) {
+        const int end = start + static_cast<int>(word.size());
+        if (offset < end)
+            return std::max(offset, start);
+        start = end + 1;
+    }
+    return start;
+}
+
+// All words, each with its NUL.
+std::string joined(const Words &words)
+{
+    std::string text;
+    for (const std::string &word : words)
+        text += word + '\0';
+    return text;
+}
+
+struct Scan {
+    cl_handle *clh;
+    const Words &words;
+    std::string text;
+    std::string options;
+};
+
+void check_error(const Scan &scan, bool has_failed)
+{
+    const int error = cl_errno(scan.clh);
+    FUZZ_REQUIRE(has_failed ? error >= CL_BAD_OPTION && error <= CL_BAD_ARGUMENT : error == CL_NO_ERROR);
+    FUZZ_REQUIRE((*cl_estr(scan.clh) != '\0') == has_failed);
+    FUZZ_REQUIRE((*cl_eopt(scan.clh) != '\0') == (error == CL_BAD_OPTION || error == CL_CONFLICT));
+}
+
+// True when an option was found.
+bool check_option(Scan &scan)
+{
+    const int before = cl_getoffset(scan.clh);
+    char *name = nullptr;
+    const int letter = cl_getopt_long(scan.clh, scan.options.c_str(), &name);
+    const int after = cl_getoffset(scan.clh);
+    FUZZ_REQUIRE(after >= before && letter >= 0 && letter <= 255);
+    const bool has_failed = cl_errno(scan.clh) != CL_NO_ERROR;
+    FUZZ_REQUIRE(!has_failed || letter == '?');
+    check_error(scan, has_failed);
+    if (name != nullptr) {
+        FUZZ_REQUIRE(letter == 0 && *name != '\0');
+        FUZZ_REQUIRE(std::find(scan.words.begin(), scan.words.end(), std::string("--") + name) != scan.words.end());
+        stg_free(name);
+        return true;
+    }
+    if (letter == 0)
+        return false;
+    FUZZ_REQUIRE(after > before);
+    const auto given = static_cast<char>(has_failed ? *cl_eopt(scan.clh) : letter);
+    const auto from = static_cast<std::size_t>(before);
+    const std::size_t at = scan.text.find_first_not_of(std::string("-\0", 2), from);
+    FUZZ_REQUIRE(at != std::string::npos && scan.text[at] == given);
+    const bool is_listed = std::strchr("[]:", given) == nullptr && scan.options.find(given) != std::string::npos;
+    FUZZ_REQUIRE(is_listed == (cl_errno(scan.clh) != CL_BAD_OPTION));
+    return true;
+}
+
+void check_argument(Scan &scan, bool is_option_refused)
+{
+    const int before = cl_getoffset(scan.clh);
+    const char *word = is_option_refused ? cl_getarg_noopt(scan.clh) : cl_getarg(scan.clh);
+    check_error(scan, word == nullptr && cl_errno(scan.clh) == CL_BAD_ARGUMENT);
+    if (word == nullptr) {
+        FUZZ_REQUIRE(cl_getoffset(scan.clh) == before);
+        return;
+    }
+    FUZZ_REQUIRE(
+        scan.text.compare(static_cast<std::size_t>(before), std::strlen(word) + 1, word, std::strlen(word) + 1) == 0);
+    FUZZ_REQUIRE(cl_getoffset(scan.clh) == before + static_cast<int>(std::strlen(word)) + 1);
+    FUZZ_REQUIRE(!is_option_refused || *word != '-');
+}
+
+void check_step(Scan &scan, int step, int offset)
+{
+    switch (step) {
+    case 0:
+    case 1:
+        (void)check_option(scan);
+        break;
+    case 2:
+        check_argument(scan, false);
+        break;
+    case 3:
+        check_argument(scan, true);
+        break;
+    default:
+        cl_setoffset(scan.clh, offset);
+        FUZZ_REQUIRE(cl_getoffset(scan.clh) == place_of(scan.words, offset));
+        check_error(scan, false);
+    }
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
+{
+    fuzz::Input input(data, size);
+    const std::string options = input.take_text();
+    const std::string line = input.take_text();
+    const Words words = split_plainly(line);
+    check_words(line, words);
+
+    Scan scan{parse(line), words, joined(words), options};
+    while (input.left() > 0) {
+        const std::uint8_t step = input.take_byte();
+        check_step(scan, step % 5, static_cast<std::int8_t>(step));
+    }
+    // Pulling options ends, wherever the scan stands.
+    for (std::size_t pulled = 0; check_option(scan); ++pulled)
+        FUZZ_REQUIRE(pulled <= scan.text.size());
+    cl_destroy(&scan.clh);
+    return 0;
+}

@@ -1,0 +1,94 @@
+// Directives of formats: each is inside the format, well formed, and read alike at any buffer size.
+#include "fuzz_support.h"
+
+#include <korvaks/strutl.h>
+
+#include <cstring>
+
+namespace {
+
+struct Found {
+    unsigned is_found = 0;
+    std::size_t next = 0;
+    strutl_printf_kind kind = strutl_printf_kind_null;
+    int star_width = 0;
+    int star_precision = 0;
+};
+
+Found find(const char *format, std::size_t start, std::size_t size, char *text)
+{
+    Found found;
+    found.is_found = strutl_find_printf_directive(format, start, size, text, &found.next, &found.kind,
+                                                  &found.star_width, &found.star_precision);
+    return found;
+}
+
+// The letters that a kind may end with.
+const char *letters_of(strutl_printf_kind kind)
+{
+    switch (kind) {
+    case strutl_printf_kind_percent:
+        return "%";
+    case strutl_printf_kind_pointer:
+        return "p";
+    case strutl_printf_kind_string:
+        return "s";
+    case strutl_printf_kind_double:
+        return "eEfgG";
+    case strutl_printf_kind_int:
+    case strutl_printf_kind_long:
+    case strutl_printf_kind_long_long:
+        return "di";
+    default:
+        return "ouxXc";
+    }
+}
+
+void check_directive(const std::string &format, std::size_t start, const Found &found, const std::string &text)
+{
+    FUZZ_REQUIRE(found.kind > strutl_printf_kind_null && found.kind < strutl_printf_kind_end_marker);
+    FUZZ_REQUIRE(found.next >= start + 2 && found.next <= format.size());
+    FUZZ_REQUIRE(format.compare(found.next - text.size(), text.size(), text) == 0);
+    FUZZ_REQUIRE(text.size() >= 2 && text.front() == '%' &&
+                 std::strchr(letters_of(found.kind), text.back()) != nullptr);
+    FUZZ_REQUIRE(text.find_first_not_of(" #'+-0123456789.*hl", 1) == text.size() - 1);
+    // Nothing before it was a directive.
+    FUZZ_REQUIRE(format.find('%', start) == found.next - text.size());
+    const int stars = found.star_width + found.star_precision;
+    int seen = 0;
+    for (const char c : text)
+        seen += c == '*' ? 1 : 0;
+    FUZZ_REQUIRE(stars == seen);
+}
+
+void check_at(const std::string &format, std::size_t start, std::size_t small_size)
+{
+    std::string text(format.size() + 1, 'x');
+    const Found found = find(format.c_str(), start, text.size(), text.data());
+    const Found measured = find(format.c_str(), start, 0, nullptr);
+    FUZZ_REQUIRE(measured.next == found.next && measured.kind == found.kind && measured.is_found == found.is_found);
+    if (found.is_found == 0) {
+        FUZZ_REQUIRE(found.kind == strutl_printf_kind_null);
+        FUZZ_REQUIRE(found.next == format.size() || (found.next >= start && format[found.next] == '%'));
+        return;
+    }
+    text.resize(std::strlen(text.c_str()));
+    check_directive(format, start, found, text);
+    const auto small = fuzz::exact_copy(text.c_str(), small_size);
+    FUZZ_REQUIRE(find(format.c_str(), start, small_size, small.get()).next == found.next);
+    FUZZ_REQUIRE(small_size == 0 || text.compare(0, small_size - 1, small.get()) == 0);
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
+{
+    fuzz::Input input(data, size);
+    const std::size_t small_size = input.take_byte() % 4;
+    const std::string format = input.take_text();
+    for (std::size_t start = 0; start <= format.size(); ++start) {
+        // Positions lie on the first byte of a character: in the C locale, on any.
+        check_at(format, start, small_size <= format.size() ? small_size : 0);
+    }
+    return 0;
+}

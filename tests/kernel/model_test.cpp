@@ -1,0 +1,859 @@
+// Locks, critical section, attachment and inhibits against a plain model of their rules.
+//
+// A seeded random sequence of steps; each is done by one of several threads while the others wait
+// for their turn, so the model knows what must come out. Only steps that cannot block are chosen.
+// After each step its result and all visible state are compared. At a low rate a thread forks, and
+// the child compares what it inherited; or a thread ends and another takes its place.
+//
+// KORVAKS_MODEL_STEPS sets the number of steps, KORVAKS_MODEL_SEED another sequence.
+#include "support/child.h"
+
+#include "ks_locks.h"
+
+#include <korvaks/pfm.h>
+#include <korvaks/tls_impl.h>
+#include <korvaks/vlthread.h>
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <functional>
+#include <iterator>
+#include <memory>
+#include <random>
+#include <string>
+#include <type_traits>
+#include <vector>
+
+#include <semaphore.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#if defined(__SANITIZE_THREAD__)
+// The steps take locks in any order; none of them can block.
+extern "C" const char *__tsan_default_options()
+{
+    return "detect_deadlocks=0";
+}
+#endif
+
+namespace {
+
+constexpr std::size_t thread_count = 4; // the first is the one that drives the others
+constexpr std::size_t mutex_count = 6;
+constexpr std::size_t rwlock_count = 3;
+constexpr int depth_max = 5;
+constexpr int nobody = -1;
+
+// --- The model ---
+
+struct MutexModel {
+    bool counted;
+    bool timed;
+    int level; // 0: no order class
+    int owner = nobody;
+    int depth = 0;
+    uint32_t times_taken = 0;
+
+    bool is_open_to(int thread) const { return owner == nobody || (owner == thread && depth < depth_max); }
+};
+
+struct RwlockModel {
+    bool counted;
+    int writer = nobody;
+    std::array<int, thread_count> reads{};
+
+    bool has_readers() const
+    {
+        return std::any_of(reads.begin(), reads.end(), [](int held) { return held > 0; });
+    }
+    bool is_held_by(int thread) const { return writer == thread || reads[static_cast<std::size_t>(thread)] > 0; }
+};
+
+struct ThreadModel {
+    int locks = 0; // counted locks held
+    int inhibits = 0;
+    int suspend_inhibits = 0;
+    int rwlock_holds = 0;
+    std::vector<std::size_t> ordered; // held mutexes of the order class, oldest first
+};
+
+struct Model {
+    std::array<MutexModel, mutex_count> mutexes{
+        {{true, false, 0}, {false, false, 0}, {true, true, 0}, {true, false, 1}, {false, true, 2}, {true, false, 3}}};
+    std::array<RwlockModel, rwlock_count> rwlocks{{{true}, {false}, {true}}};
+    std::array<ThreadModel, thread_count> threads{};
+    MutexModel section{true, false, 0};
+    int attached = 0; // the thread that started the fault manager
+    unsigned violations = 0;
+};
+
+// --- What is modelled ---
+
+struct OrderClass {
+    vlthread_order_class head;
+    std::atomic<unsigned> violations;
+};
+
+extern "C" void count_violation(vlthread_mutex *locking, vlthread_mutex *)
+{
+    reinterpret_cast<OrderClass *>(locking->order_class)->violations.fetch_add(1);
+}
+
+struct World {
+    std::array<vlthread_mutex_t, mutex_count> mutexes;
+    std::array<vlthread_rwlock_t, rwlock_count> rwlocks;
+    vlthread_cond_t condition = VLTHREAD_COND_INITIALIZER;
+    OrderClass order{{count_violation}, 0};
+};
+
+// A turn that one thread passes to another. A POSIX semaphore sleeps at once, where the standard
+// library's first give the processor away, which costs whole time slices on a busy machine.
+class Turn {
+  public:
+    Turn() { (void)sem_init(&semaphore_, 0, 0); }
+    ~Turn() { (void)sem_destroy(&semaphore_); }
+    Turn(const Turn &) = delete;
+    Turn &operator=(const Turn &) = delete;
+
+    void pass() { (void)sem_post(&semaphore_); }
+    void await()
+    {
+        while (sem_wait(&semaphore_) != 0) { // interrupted
+        }
+    }
+
+  private:
+    sem_t semaphore_;
+};
+
+// A thread that does one piece of work at a time while its driver waits.
+class Worker {
+  public:
+    using Work = std::function<void()>;
+
+    void start() { (void)vlthread_create(&id_, nullptr, run, this); }
+
+    vlthread_t id() const { return id_; }
+
+    void do_work(const Work &work)
+    {
+        work_ = &work;
+        workers_.pass();
+        drivers_.await();
+    }
+
+    // The thread returns, or ends by vlthread_exit().
+    void end(bool by_return)
+    {
+        const Work leave = [] { vlthread_exit(nullptr); };
+        work_ = by_return ? nullptr : &leave;
+        workers_.pass();
+        (void)vlthread_join(id_, nullptr);
+    }
+
+  private:
+    static void *run(void *argument)
+    {
+        auto *worker = static_cast<Worker *>(argument);
+        for (;;) {
+            worker->workers_.await();
+            if (worker->work_ == nullptr)
+                return nullptr;
+            (*worker->work_)();
+            worker->drivers_.pass();
+        }
+    }
+
+    vlthread_t id_ = VLTHREAD_INVALID_TID;
+    const Work *work_ = nullptr; // NULL: return
+    Turn workers_;
+    Turn drivers_;
+};
+
+// Waits for a child; -1 when it was stuck and had to be killed.
+int exit_status_of(pid_t child)
+{
+    for (int waited_ms = 0; waited_ms < 20000; ++waited_ms) {
+        int status = 0;
+        if (waitpid(child, &status, WNOHANG) == child)
+            return WIFEXITED(status) ? WEXITSTATUS(status) : 1000 + WTERMSIG(status);
+        usleep(waited_ms < 10 ? 100 : 1000);
+    }
+    kill(child, SIGKILL);
+    waitpid(child, nullptr, 0);
+    return -1;
+}
+
+class Scenario {
+  public:
+    Scenario(unsigned long seed, unsigned long steps) : random_(seed), seed_(seed), steps_(steps) {}
+
+    // 0, or 1 with the difference on standard error.
+    int execute()
+    {
+        set_up();
+        while (step_ < steps_ && !has_failed_)
+            let_a_thread_run();
+        if (!has_failed_) {
+            tear_down();
+            std::printf("%lu steps, %lu forks, %lu threads ended, %u order violations\n", steps_, forks_, ended_,
+                        model_.violations);
+        }
+        return has_failed_ ? 1 : 0;
+    }
+
+  private:
+    using Step = void (Scenario::*)(int thread);
+
+    // --- Preparation ---
+
+    void set_up()
+    {
+        pfm_init(); // attaches this thread
+        ids_[0] = pthread_self();
+        blocks_[0] = pfm_tls_get();
+        for (std::size_t i = 0; i < mutex_count; ++i) {
+            const MutexModel &mutex = model_.mutexes[i];
+            vlthread_order_class *order = mutex.level == 0 ? nullptr : &world_.order.head;
+            vlthread_mutex_init_full(&world_.mutexes[i], 0, static_cast<int16_t>(mutex.level),
+                                     mutex.timed ? VLTHREAD_MUTEX_TIMED : 0, order);
+            if (!mutex.counted)
+                vlthread_mutex_set_noraise(&world_.mutexes[i]);
+        }
+        for (std::size_t i = 0; i < rwlock_count; ++i)
+            vlthread_rwlock_init(&world_.rwlocks[i],
+                                 model_.rwlocks[i].counted ? VLTHREAD_RAISE_COUNTED : VLTHREAD_RAISE_IGNORED);
+        for (int thread = 1; thread < static_cast<int>(thread_count); ++thread)
+            start_worker(thread);
+    }
+
+    void start_worker(int thread)
+    {
+        const auto index = static_cast<std::size_t>(thread);
+        workers_[index].start();
+        ids_[index] = workers_[index].id();
+        on_thread(thread, [this, index] { blocks_[index] = pfm_tls_get(); });
+    }
+
+    // Everything is given back; a mutex that is not free any more, or a count, would be seen.
+    void tear_down()
+    {
+        for (int thread = 0; thread < static_cast<int>(thread_count); ++thread)
+            give_everything_back(thread);
+        compare_state();
+        for (std::size_t i = 1; i < thread_count; ++i)
+            workers_[i].end(true);
+        for (vlthread_mutex_t &mutex : world_.mutexes)
+            expect("destroy", vlthread_mutex_destroy(&mutex), 0);
+        for (vlthread_rwlock_t &rwlock : world_.rwlocks)
+            expect("rwlock destroy", vlthread_rwlock_destroy(&rwlock), 0);
+    }
+
+    void give_everything_back(int thread)
+    {
+        for (std::size_t i = 0; i < mutex_count; ++i) {
+            while (model_.mutexes[i].owner == thread)
+                unlock_mutex(thread, i);
+        }
+        for (std::size_t i = 0; i < rwlock_count; ++i) {
+            while (model_.rwlocks[i].is_held_by(thread))
+                unlock_rwlock(thread, i);
+        }
+        while (of(thread).inhibits > 0)
+            enable(thread);
+        while (of(thread).suspend_inhibits > 0)
+            enable_suspend(thread);
+        if (model_.section.owner == thread) {
+            force_attach(thread);
+            release_section(thread);
+        }
+    }
+
+    // --- Doing steps ---
+
+    // Whoever has the turn does what it can itself; the first thread hands turns out.
+    template <typename Work> void on_thread(int thread, Work work)
+    {
+        if (thread == has_turn_) {
+            work();
+            return;
+        }
+        has_turn_ = thread;
+        workers_[static_cast<std::size_t>(thread)].do_work(work);
+        has_turn_ = 0;
+    }
+
+    // A few steps at a time: to change threads costs far more than a step.
+    void let_a_thread_run()
+    {
+        const int thread = static_cast<int>(below(thread_count));
+        const std::size_t count = 1 + below(24);
+        on_thread(thread, [this, thread, count] {
+            for (std::size_t i = 0; i < count && step_ < steps_ && !has_failed_; ++i) {
+                ++step_;
+                do_any_step(thread);
+                compare_state();
+            }
+        });
+        if (below(300) == 0) {
+            end_thread(thread);
+            compare_state();
+        }
+    }
+
+    // Does `call` on the thread and compares what it returns.
+    template <typename Call> void check(const char *what, int thread, std::size_t object, int expected, Call call)
+    {
+        int result = -999;
+        note(what, thread, object);
+        on_thread(thread, [&] { result = static_cast<int>(call()); });
+        expect(what, result, expected);
+    }
+
+    void do_any_step(int thread)
+    {
+        constexpr Step steps[] = {
+            &Scenario::step_lock,
+            &Scenario::step_lock,
+            &Scenario::step_trylock,
+            &Scenario::step_trylock,
+            &Scenario::step_unlock,
+            &Scenario::step_unlock,
+            &Scenario::step_unlock,
+            &Scenario::step_unlock,
+            &Scenario::step_timedwait,
+            &Scenario::step_read,
+            &Scenario::step_try_read,
+            &Scenario::step_write,
+            &Scenario::step_try_write,
+            &Scenario::step_rwlock_unlock,
+            &Scenario::step_rwlock_unlock,
+            &Scenario::step_rwlock_unlock,
+            &Scenario::enter_section,
+            &Scenario::try_enter_section,
+            &Scenario::leave_section,
+            &Scenario::leave_section,
+            &Scenario::step_release,
+            &Scenario::try_attach,
+            &Scenario::step_force_attach,
+            &Scenario::inhibit,
+            &Scenario::enable,
+            &Scenario::enable,
+            &Scenario::inhibit_suspend,
+            &Scenario::enable_suspend,
+            &Scenario::enable_suspend,
+            &Scenario::step_counts,
+        };
+        if (below(4000) == 0)
+            fork_once(thread);
+        else
+            (this->*steps[below(std::size(steps))])(thread);
+    }
+
+    // --- Mutexes ---
+
+    std::size_t any_mutex() { return below(mutex_count); }
+
+    void take_mutex(int thread, std::size_t index, MutexModel &mutex)
+    {
+        ++mutex.depth;
+        if (mutex.owner == thread)
+            return;
+        mutex.owner = thread;
+        ++mutex.times_taken;
+        of(thread).locks += mutex.counted ? 1 : 0;
+        if (mutex.level != 0)
+            of(thread).ordered.push_back(index);
+    }
+
+    void step_lock(int thread)
+    {
+        const std::size_t index = any_mutex();
+        MutexModel &mutex = model_.mutexes[index];
+        if (!mutex.is_open_to(thread))
+            return;
+        if (mutex.owner != thread && mutex.level != 0) {
+            for (const std::size_t held : of(thread).ordered)
+                model_.violations += model_.mutexes[held].level > mutex.level ? 1 : 0;
+        }
+        take_mutex(thread, index, mutex);
+        check("lock", thread, index, 0, [&] { return vlthread_mutex_lock(&world_.mutexes[index]); });
+    }
+
+    void step_trylock(int thread)
+    {
+        const std::size_t index = any_mutex();
+        MutexModel &mutex = model_.mutexes[index];
+        if (mutex.owner == thread && mutex.depth == depth_max)
+            return;
+        const bool is_open = mutex.is_open_to(thread);
+        if (is_open)
+            take_mutex(thread, index, mutex);
+        check("trylock", thread, index, is_open ? 0 : EBUSY,
+              [&] { return vlthread_mutex_trylock(&world_.mutexes[index]); });
+    }
+
+    void step_unlock(int thread) { unlock_mutex(thread, any_mutex()); }
+
+    void unlock_mutex(int thread, std::size_t index)
+    {
+        MutexModel &mutex = model_.mutexes[index];
+        const bool is_owner = mutex.owner == thread;
+        if (is_owner && --mutex.depth == 0) {
+            mutex.owner = nobody;
+            of(thread).locks -= mutex.counted ? 1 : 0;
+            std::erase(of(thread).ordered, index);
+        }
+        check("unlock", thread, index, is_owner ? 0 : 1, [&] { return vlthread_mutex_unlock(&world_.mutexes[index]); });
+    }
+
+    void step_timedwait(int thread)
+    {
+        const std::size_t index = any_mutex();
+        MutexModel &mutex = model_.mutexes[index];
+        if (mutex.owner != thread || mutex.depth != 1)
+            return;
+        ++mutex.times_taken;
+        if (mutex.level != 0) { // taken anew
+            std::erase(of(thread).ordered, index);
+            of(thread).ordered.push_back(index);
+        }
+        constexpr timespec past{1, 0};
+        check("timedwait", thread, index, ETIMEDOUT,
+              [&] { return vlthread_cond_timedwait(&world_.condition, &world_.mutexes[index], &past); });
+    }
+
+    // --- Read/write locks ---
+
+    std::size_t any_rwlock() { return below(rwlock_count); }
+
+    void hold_rwlock(int thread, const RwlockModel &rwlock, int change)
+    {
+        of(thread).rwlock_holds += change;
+        of(thread).locks += rwlock.counted ? change : 0;
+    }
+
+    void read_with(const char *what, int (*call)(vlthread_rwlock_t *), int thread, std::size_t index)
+    {
+        RwlockModel &rwlock = model_.rwlocks[index];
+        const bool is_open = rwlock.writer == nobody;
+        if (is_open) {
+            ++rwlock.reads[static_cast<std::size_t>(thread)];
+            hold_rwlock(thread, rwlock, 1);
+        }
+        check(what, thread, index, is_open ? 0 : EBUSY, [&] { return call(&world_.rwlocks[index]); });
+    }
+
+    void step_read(int thread)
+    {
+        const std::size_t index = any_rwlock();
+        const int writer = model_.rwlocks[index].writer;
+        if (writer == nobody || writer == thread) // a writer that asks again gets an error
+            read_with("rdlock", vlthread_rwlock_rdlock, thread, index);
+    }
+
+    void step_try_read(int thread)
+    {
+        read_with("rdlock_trylock", vlthread_rwlock_rdlock_trylock, thread, any_rwlock());
+    }
+
+    void write_with(const char *what, int (*call)(vlthread_rwlock_t *), int thread, std::size_t index)
+    {
+        RwlockModel &rwlock = model_.rwlocks[index];
+        const bool is_open = rwlock.writer == nobody && !rwlock.has_readers();
+        if (is_open) {
+            rwlock.writer = thread;
+            hold_rwlock(thread, rwlock, 1);
+        }
+        check(what, thread, index, is_open ? 0 : EBUSY, [&] { return call(&world_.rwlocks[index]); });
+    }
+
+    void step_write(int thread)
+    {
+        const std::size_t index = any_rwlock();
+        const RwlockModel &rwlock = model_.rwlocks[index];
+        if (rwlock.writer == thread || (rwlock.writer == nobody && !rwlock.has_readers()))
+            write_with("wrlock", vlthread_rwlock_wrlock, thread, index);
+    }
+
+    void step_try_write(int thread)
+    {
+        write_with("wrlock_trylock", vlthread_rwlock_wrlock_trylock, thread, any_rwlock());
+    }
+
+    void step_rwlock_unlock(int thread)
+    {
+        const std::size_t index = any_rwlock();
+        if (model_.rwlocks[index].is_held_by(thread))
+            unlock_rwlock(thread, index);
+    }
+
+    void unlock_rwlock(int thread, std::size_t index)
+    {
+        RwlockModel &rwlock = model_.rwlocks[index];
+        if (rwlock.writer == thread)
+            rwlock.writer = nobody;
+        else
+            --rwlock.reads[static_cast<std::size_t>(thread)];
+        hold_rwlock(thread, rwlock, -1);
+        check("rwlock unlock", thread, index, 0, [&] { return vlthread_rwlock_unlock(&world_.rwlocks[index]); });
+    }
+
+    // --- Critical section and attachment ---
+
+    void model_entry(int thread)
+    {
+        of(thread).locks += model_.section.owner == thread ? 0 : 1;
+        model_.section.owner = thread;
+        ++model_.section.depth;
+        model_.attached = thread;
+    }
+
+    void enter_section(int thread)
+    {
+        if (!model_.section.is_open_to(thread))
+            return;
+        model_entry(thread);
+        check("enter", thread, 0, 0, [] {
+            vlthread_enter_critical_section();
+            return 0;
+        });
+    }
+
+    void try_enter_section(int thread)
+    {
+        const MutexModel &section = model_.section;
+        if (section.owner == thread && section.depth == depth_max)
+            return;
+        const bool is_open = section.is_open_to(thread);
+        if (is_open)
+            model_entry(thread);
+        check("try_enter", thread, 0, is_open ? 1 : 0, [] { return vlthread_try_enter_critical_section(); });
+    }
+
+    void model_leave(int thread)
+    {
+        if (--model_.section.depth > 0)
+            return;
+        model_.section.owner = nobody;
+        model_.attached = nobody;
+        --of(thread).locks;
+    }
+
+    bool may_leave(int thread) const { return model_.section.owner == thread && model_.attached == thread; }
+
+    void leave_section(int thread)
+    {
+        if (!may_leave(thread))
+            return;
+        model_leave(thread);
+        check("leave", thread, 0, 0, [] {
+            vlthread_leave_critical_section();
+            return 0;
+        });
+    }
+
+    void release_section(int thread)
+    {
+        if (model_.section.owner == thread && !may_leave(thread))
+            return;
+        while (model_.section.owner == thread)
+            model_leave(thread);
+        check("release", thread, 0, 0, [] {
+            vlthread_release_critical_section();
+            return 0;
+        });
+    }
+
+    void step_release(int thread)
+    {
+        if (below(4) == 0) // rarer, so that depths build up
+            release_section(thread);
+    }
+
+    void try_attach(int thread)
+    {
+        const bool is_open = model_.attached == nobody || model_.attached == thread;
+        if (is_open)
+            model_.attached = thread;
+        check("try_attach", thread, 0, is_open ? 0 : 1, [] { return vlthread_try_attach_lib(); });
+    }
+
+    void step_force_attach(int thread)
+    {
+        if (below(4) == 0)
+            force_attach(thread);
+    }
+
+    void force_attach(int thread)
+    {
+        model_.attached = thread;
+        check("force_attach", thread, 0, 0, [] { return vlthread_force_attach_lib(); });
+    }
+
+    // --- Inhibits ---
+
+    void inhibit(int thread)
+    {
+        ++of(thread).inhibits;
+        check("inhibit", thread, 0, inhibit_count(thread), [] {
+            pfm_inhibit();
+            return pfm_inhibit_count();
+        });
+    }
+
+    void enable(int thread)
+    {
+        if (of(thread).inhibits == 0)
+            return;
+        --of(thread).inhibits;
+        check("enable", thread, 0, inhibit_count(thread), [] {
+            pfm_enable();
+            return pfm_inhibit_count();
+        });
+    }
+
+    void inhibit_suspend(int thread)
+    {
+        ++of(thread).suspend_inhibits;
+        check("inhibit_suspend", thread, 0, of(thread).suspend_inhibits, [] {
+            pfm_inhibit_suspend();
+            return pfm_inhibit_suspend_count();
+        });
+    }
+
+    void enable_suspend(int thread)
+    {
+        if (of(thread).suspend_inhibits == 0)
+            return;
+        --of(thread).suspend_inhibits;
+        check("enable_suspend", thread, 0, of(thread).suspend_inhibits, [] {
+            pfm_enable_suspend();
+            return pfm_inhibit_suspend_count();
+        });
+    }
+
+    void step_counts(int thread)
+    {
+        check("counts", thread, 0, 100 * inhibit_count(thread) + of(thread).suspend_inhibits,
+              [] { return 100 * pfm_inhibit_count() + pfm_inhibit_suspend_count(); });
+    }
+
+    // --- Threads that end ---
+
+    bool may_end(int thread) const
+    {
+        const ThreadModel &model = of(thread);
+        const bool holds_mutex = std::any_of(model_.mutexes.begin(), model_.mutexes.end(),
+                                             [thread](const MutexModel &mutex) { return mutex.owner == thread; });
+        // What it has besides the critical section would stay behind.
+        return thread != 0 && !holds_mutex && model.rwlock_holds == 0 && model.inhibits == 0 &&
+               model.suspend_inhibits == 0 && (model_.section.owner == thread) == (model_.attached == thread);
+    }
+
+    // The end of an attached thread leaves the critical section, whatever its depth.
+    void end_thread(int thread)
+    {
+        if (thread == 0)
+            return;
+        if (!may_end(thread))
+            give_everything_back(thread);
+        if (!may_end(thread) || has_failed_)
+            return;
+        note("end of thread", thread, 0);
+        while (model_.section.owner == thread)
+            model_leave(thread);
+        workers_[static_cast<std::size_t>(thread)].end(below(2) == 0);
+        of(thread) = {};
+        start_worker(thread);
+        ++ended_;
+    }
+
+    // --- Forks ---
+
+    void fork_once(int thread)
+    {
+        const int kind = static_cast<int>(below(4));
+        check("fork", thread, static_cast<std::size_t>(kind), 0, [&] {
+            const pid_t child = vlthread_fork(kind);
+            if (child == 0)
+                _exit(check_child(thread, kind));
+            return child < 0 ? -2 : exit_status_of(child);
+        });
+        ++forks_;
+    }
+
+    // The forking thread keeps what it held. Other threads are gone: their mutexes stay taken, while
+    // the critical section and the attachment, which the library itself needs, are free.
+    int check_child(int thread, int kind)
+    {
+        for (std::size_t i = 0; i < mutex_count; ++i) {
+            if (!is_mutex_inherited(thread, i))
+                return 10 + static_cast<int>(i);
+        }
+        const bool was_attached = model_.attached == thread;
+        if (vlthread_attached_tid() != (was_attached ? pthread_self() : VLTHREAD_INVALID_TID))
+            return 30;
+        const bool is_full = kind >= VLTHREAD_FORK_CONTINUE;
+        if (pfm_proc() != (is_full ? PFM_PROCESS_ORDINARY : PFM_PROCESS_FORK_CHILD))
+            return 31;
+        const int locks_and_inhibits = inhibit_count(thread);
+        if (pfm_inhibit_count() != locks_and_inhibits || pfm_inhibit_suspend_count() != of(thread).suspend_inhibits)
+            return 32;
+        pfm_inhibit(); // in a child of the first two kinds for the attached thread only
+        if (pfm_inhibit_count() != locks_and_inhibits + (is_full || was_attached ? 1 : 0))
+            return 33;
+        pfm_enable();
+        vlthread_enter_critical_section();
+        const int depth = model_.section.owner == thread ? model_.section.depth + 1 : 1;
+        if (ks::vlthread_critical_section_mutex.recursion_count != depth || vlthread_attached_tid() != pthread_self())
+            return 34;
+        vlthread_release_critical_section();
+        return vlthread_attached_tid() == VLTHREAD_INVALID_TID ? 0 : 35;
+    }
+
+    bool is_mutex_inherited(int thread, std::size_t index)
+    {
+        const MutexModel &model = model_.mutexes[index];
+        vlthread_mutex_t &mutex = world_.mutexes[index];
+        const int result = vlthread_mutex_trylock(&mutex);
+        if (model.owner != nobody && model.owner != thread)
+            return result == EBUSY && vlthread_mutex_unlock(&mutex) == 1;
+        return result == 0 && mutex.recursion_count == model.depth + 1 && vlthread_mutex_unlock(&mutex) == 0;
+    }
+
+    // --- Comparing ---
+
+    void compare_state()
+    {
+        for (std::size_t i = 0; i < mutex_count; ++i)
+            compare_mutex(world_.mutexes[i], model_.mutexes[i]);
+        for (std::size_t i = 0; i < rwlock_count; ++i)
+            expect("writer", world_.rwlocks[i].writer, id_of(model_.rwlocks[i].writer));
+        for (std::size_t i = 0; i < thread_count; ++i) {
+            expect("inhibit count", blocks_[i]->pfm_inh_count, inhibit_count(static_cast<int>(i)));
+            expect("suspend count", blocks_[i]->pfm_inh_susp, model_.threads[i].suspend_inhibits);
+            compare_ordered(i);
+        }
+        expect("section owner", ks::vlthread_critical_section_mutex.owner, id_of(model_.section.owner));
+        expect("section depth", ks::vlthread_critical_section_mutex.recursion_count, model_.section.depth);
+        expect("attached thread", vlthread_attached_tid(), id_of(model_.attached));
+        expect("order violations", world_.order.violations.load(), model_.violations);
+    }
+
+    void compare_mutex(const vlthread_mutex_t &mutex, const MutexModel &model)
+    {
+        expect("owner", mutex.owner, id_of(model.owner));
+        expect("recursion_count", mutex.recursion_count, model.depth);
+        expect("lock_count", mutex.lock_count, model.times_taken);
+        expect("locked_at is set", mutex.locked_at.tv_sec != 0, model.timed && model.owner != nobody);
+        expect("locker is set", mutex.locker != nullptr, model.level != 0 && model.owner != nobody);
+    }
+
+    void compare_ordered(std::size_t thread)
+    {
+        const llist_link *head = &blocks_[thread]->held_ordered;
+        const llist_link *link = head->next;
+        for (const std::size_t index : model_.threads[thread].ordered) {
+            if (link == nullptr || link == head) {
+                expect("ordered mutexes held", 0, 1);
+                return;
+            }
+            expect("ordered mutex", link->owner, static_cast<void *>(&world_.mutexes[index]));
+            link = link->next;
+        }
+        expect("end of ordered mutexes", link == nullptr || link == head, true);
+    }
+
+    template <typename Actual, typename Expected> void expect(const char *what, Actual actual, Expected expected)
+    {
+        if (actual == static_cast<Actual>(expected) || has_failed_)
+            return;
+        has_failed_ = true;
+        std::fprintf(stderr, "seed %lu, step %lu: %s differs: %s, expected %s; the last steps:\n", seed_, step_, what,
+                     text_of(actual).c_str(), text_of(static_cast<Actual>(expected)).c_str());
+        for (std::size_t i = 0; i < notes_.size(); ++i) {
+            const Note &note = notes_[(next_note_ + i) % notes_.size()];
+            if (note.what != nullptr)
+                std::fprintf(stderr, "  thread %d: %s %zu\n", note.thread, note.what, note.object);
+        }
+    }
+
+    static std::string text_of(const void *address)
+    {
+        return std::to_string(reinterpret_cast<std::uintptr_t>(address));
+    }
+    template <typename Number>
+    requires std::is_arithmetic_v<Number>
+    static std::string text_of(Number number) { return std::to_string(number); }
+
+    struct Note {
+        const char *what = nullptr;
+        int thread = 0;
+        std::size_t object = 0;
+    };
+
+    void note(const char *what, int thread, std::size_t object)
+    {
+        notes_[next_note_] = {what, thread, object};
+        next_note_ = (next_note_ + 1) % notes_.size();
+    }
+
+    // --- Helpers ---
+
+    std::size_t below(std::size_t limit) { return random_() % limit; }
+    ThreadModel &of(int thread) { return model_.threads[static_cast<std::size_t>(thread)]; }
+    const ThreadModel &of(int thread) const { return model_.threads[static_cast<std::size_t>(thread)]; }
+    int inhibit_count(int thread) const { return of(thread).locks + of(thread).inhibits; }
+    vlthread_t id_of(int thread) const
+    {
+        return thread == nobody ? VLTHREAD_INVALID_TID : ids_[static_cast<std::size_t>(thread)];
+    }
+
+    Model model_;
+    World world_{};
+    std::array<Worker, thread_count> workers_{}; // the first is not used
+    std::array<vlthread_t, thread_count> ids_{};
+    std::array<const pfm_fault_block *, thread_count> blocks_{};
+    std::mt19937_64 random_;
+    unsigned long seed_;
+    unsigned long steps_;
+    unsigned long step_ = 0;
+    unsigned long forks_ = 0;
+    unsigned long ended_ = 0;
+    bool has_failed_ = false;
+    int has_turn_ = 0; // passed on with the turn itself
+    std::array<Note, 40> notes_{};
+    std::size_t next_note_ = 0;
+};
+
+unsigned long setting(const char *name, unsigned long otherwise)
+{
+    const char *value = std::getenv(name);
+    return value == nullptr ? otherwise : std::strtoul(value, nullptr, 10);
+}
+
+TEST(KernelModel, RandomStepsDoWhatTheRulesSay)
+{
+    const unsigned long steps = setting("KORVAKS_MODEL_STEPS", 200000);
+    const unsigned long seed = setting("KORVAKS_MODEL_SEED", 1);
+    constexpr int deadline_per_step_us = 500;
+    const auto deadline_ms = static_cast<int>(60000 + steps * deadline_per_step_us / 1000);
+    const auto result = test::run_child(
+        [&] {
+            const auto scenario = std::make_unique<Scenario>(seed, steps);
+            return scenario->execute();
+        },
+        deadline_ms);
+    EXPECT_EQ(result.exit_status, 0) << result.err;
+    EXPECT_FALSE(result.timed_out);
+    std::printf("%s", result.out.c_str());
+}
+
+} // namespace
