@@ -253,6 +253,8 @@ TEST(ImsgCapture, AnUnopenableLogIsSkipped)
     EXPECT_EQ(result.err, "");
 }
 
+// The leak checker of the address sanitizer cannot look into a program with other rights.
+#if !defined(__SANITIZE_ADDRESS__)
 // What a set-group-ID program runs in the test below.
 TEST(ImsgPrivileged, Prints)
 {
@@ -276,8 +278,6 @@ TEST(ImsgPrivileged, IgnoresTheNameOfACaptureLog)
         setenv("VELLUM_IMSG_CAPTURE_LOG", dir.file("capture").c_str(), 1);
         if (setgid(other_user) != 0 || setuid(other_user) != 0)
             return 76;
-        // Its leak checker cannot look into a program with other rights.
-        setenv("ASAN_OPTIONS", "detect_leaks=0", 1);
         execl(program.c_str(), program.c_str(), "--gtest_filter=ImsgPrivileged.Prints", static_cast<char *>(nullptr));
         return 75;
     });
@@ -287,6 +287,7 @@ TEST(ImsgPrivileged, IgnoresTheNameOfACaptureLog)
     EXPECT_NE(result.out.find("plain\n"), std::string::npos);
     EXPECT_EQ(system(("ls " + dir.path() + " | grep -q capture").c_str()) == 0, false);
 }
+#endif
 
 // --- Error texts ---
 

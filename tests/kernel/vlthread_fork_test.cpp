@@ -42,6 +42,14 @@ template <typename Body> int fork_and_run(int kind, Body body)
     return -1;
 }
 
+// Waits until the signal-handler thread has come up and answered. The address sanitizer's allocator
+// is not safe against a fork while another thread allocates, and a thread that starts does.
+void wait_for_signal_thread()
+{
+    pfm_signal_handler_chg_block_sig(SIG_BLOCK, SIGCHLD);
+    pfm_signal_handler_chg_block_sig(SIG_UNBLOCK, SIGCHLD);
+}
+
 std::string order;
 
 void expect_ok(const std::function<int()> &body)
@@ -54,6 +62,8 @@ void expect_ok(const std::function<int()> &body)
 TEST(VlthreadFork, RunsHandlersInOrderAndHoldsThemTogether)
 {
     expect_ok([] {
+        pfm_init();
+        wait_for_signal_thread();
         vlthread_atfork([](int kind) { order += 'a' + static_cast<char>(kind); }, [](int) { order += 'A'; },
                         [](int) { order += 'x'; });
         vlthread_atfork([](int) { order += '2'; }, nullptr, [](int) { order += 'y'; });
@@ -70,6 +80,7 @@ TEST(VlthreadFork, ChildOfEachKindHasItsType)
         SCOPED_TRACE(kind);
         expect_ok([kind] {
             pfm_init();
+            wait_for_signal_thread();
             return fork_and_run(kind, [kind] {
                 const bool full = kind >= VLTHREAD_FORK_CONTINUE;
                 sigset_t blocked;
@@ -92,6 +103,7 @@ TEST(VlthreadFork, ChildKeepsTheForkersLocksRecordsAndInhibits)
         SCOPED_TRACE(kind);
         expect_ok([kind] {
             pfm_init();
+            wait_for_signal_thread();
             vlthread_mutex_t mutex = VLTHREAD_MUTEX_INITIALIZER;
             vlthread_mutex_lock(&mutex);
             vlthread_enter_critical_section();
@@ -128,6 +140,7 @@ TEST(VlthreadFork, ChildHandlesSignalsOfItsOwn)
         SCOPED_TRACE(kind);
         expect_ok([kind] {
             pfm_init();
+            wait_for_signal_thread();
             const int parent_status = fork_and_run(kind, [] {
                 const int32_t status = ks::protect([] {
                     kill(getpid(), SIGTERM);
@@ -155,6 +168,7 @@ TEST(VlthreadFork, ChildOfAnotherThreadThanTheAttachedOneIsFree)
         expect_ok([kind] {
             vlthread_enter_critical_section(); // and stays inside, in a thread the child does not have
             pfm_init();
+            wait_for_signal_thread();
             int child = -2;
             std::thread([&] {
                 child = fork_and_run(kind, [] {
@@ -193,6 +207,7 @@ TEST(VlthreadFork, FailureGivesEverythingBack)
     });
 }
 
+#if !defined(__SANITIZE_ADDRESS__) // see wait_for_signal_thread()
 // While other threads lock, allocate and ask for each other's attention, no child is ever stuck.
 TEST(VlthreadFork, ChildrenWorkWhileOtherThreadsLockAndAllocate)
 {
@@ -240,5 +255,6 @@ TEST(VlthreadFork, ChildrenWorkWhileOtherThreadsLockAndAllocate)
         return failed;
     });
 }
+#endif
 
 } // namespace
