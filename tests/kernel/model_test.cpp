@@ -36,7 +36,7 @@
 
 #if defined(__SANITIZE_THREAD__)
 // The steps take locks in any order; none of them can block.
-extern "C" const char *__tsan_default_options()
+extern "C" KS_API const char *__tsan_default_options()
 {
     return "detect_deadlocks=0";
 }
