@@ -215,6 +215,13 @@ void require_whole(const Sweep &sweep, const char *what, const char *wrong, cons
         report(sweep, "%s: %d descriptors lost", what, leftover.fds - allowed.fds);
 }
 
+// What a run writes to descriptor 2. Appended to, so that the lines of two threads stay whole.
+int make_said_file()
+{
+    const int fd = memfd_create("said", MFD_CLOEXEC);
+    return fd >= 0 && fcntl(fd, F_SETFL, O_APPEND) == 0 ? fd : -1;
+}
+
 void redirect(const Sweep &sweep)
 {
     const rlimit no_core{0, 0};
@@ -436,12 +443,23 @@ bool ends_as(std::string_view text, std::string_view pattern)
     return true;
 }
 
+// Whether some line of `text` ends so. It need not be the last: until the process is gone its other
+// threads may write behind it.
+bool has_line_end(std::string_view text, std::string_view pattern)
+{
+    for (std::size_t end = text.find('\n'); end != text.npos; end = text.find('\n', end + 1)) {
+        if (ends_as(text.substr(0, end + 1), pattern))
+            return true;
+    }
+    return ends_as(text, pattern);
+}
+
 bool is_end(const End &end, Call call, std::string_view text)
 {
     if (end.call != call)
         return false;
     if (*end.text != '\0')
-        return ends_as(text, end.text);
+        return has_line_end(text, end.text);
     return text.find("ASSERT") == text.npos && text.find("ABORT") == text.npos && text.find("assertion") == text.npos;
 }
 
@@ -536,7 +554,7 @@ void run_sweep(const Scenario &scenario, Mode mode, unsigned seeds = 0)
 {
     void *page = mmap(nullptr, sizeof(Record), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
     ASSERT_NE(page, MAP_FAILED);
-    Sweep sweep{&scenario, mode, {}, seeds, new (page) Record, memfd_create("said", MFD_CLOEXEC)};
+    Sweep sweep{&scenario, mode, {}, seeds, new (page) Record, make_said_file()};
     ASSERT_GE(sweep.said_fd, 0);
     const Outcome outcome = run_child(sweep, mode == Mode::first_use ? run_first_use_clean : run_clean);
     if (outcome.fate != Fate::ended) {

@@ -29,7 +29,7 @@ struct Trial {
 // An end of the process that the failure of a call is documented to bring.
 struct End {
     Call call;
-    // The end of what was written to descriptor 2, where '#' stands for any number, decimal or hexadecimal; "" for an
+    // The end of a line written to descriptor 2, where '#' stands for any number, decimal or hexadecimal; "" for an
     // abort without a word of an assertion or a panic.
     const char *text;
     bool is_rare = false; // need not be met: whether it is depends on what else the operation does first
