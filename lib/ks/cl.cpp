@@ -20,13 +20,11 @@ constinit int cl_brkit = 0;
 
 namespace {
 
-using ks::cl::clear_error;
 using ks::cl::create_handle;
 using ks::cl::Extent;
 using ks::cl::here;
 using ks::cl::move_to_word;
 using ks::cl::require_handle;
-using ks::cl::set_error;
 using ks::cl::WordStore;
 
 // The counters are plain numbers for whoever reads them; handles of several threads count in them.
