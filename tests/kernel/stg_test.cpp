@@ -102,7 +102,7 @@ TEST_F(StgArea, IncrementReplacesSecondChunkOnlyUnderGrowth)
     stg_area *area = create(1000);
     stg_set_growth(area, 2.0);
     stg_set_incr(area, 5000);
-    for (const size_t request : {696, 3000, 3000}) // one chunk each: 1000, then incr, then twice the newest
+    for (const size_t request : {696u, 3000u, 3000u}) // one chunk each: 1000, then incr, then twice the newest
         ASSERT_NE(stg_alloc(area, request), nullptr);
     const Dump dump = dump_of(area);
     EXPECT_EQ(dump.sizes, (std::vector<unsigned long>{10000, 5000, 1000}));
@@ -113,7 +113,7 @@ TEST_F(StgArea, IncrementReplacesSecondChunkOnlyUnderGrowth)
 TEST_F(StgArea, ReusesOldestChunkWithRoom)
 {
     stg_area *area = create(1000);
-    for (const size_t request : {600, 600, 600}) // three chunks with 400 left in each
+    for (const size_t request : {600u, 600u, 600u}) // three chunks with 400 left in each
         ASSERT_NE(stg_alloc(area, request), nullptr);
     ASSERT_NE(stg_alloc(area, 400), nullptr); // the newest is asked first
     ASSERT_NE(stg_alloc(area, 104), nullptr); // then the oldest
