@@ -241,7 +241,7 @@ class StgChecking : public testing::Test {
 
 TEST_F(StgChecking, ReportsTheFirstByteWrittenPastTheEnd)
 {
-    for (const size_t size : {1, 7, 8, 9, 100}) {
+    for (const size_t size : {1u, 7u, 8u, 9u, 100u}) {
         const auto result = run(1, [size] {
             auto *block = static_cast<unsigned char *>(stg_malloc(size));
             for (size_t i = 0; i < size; ++i)
