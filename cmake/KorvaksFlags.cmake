@@ -32,8 +32,10 @@ add_library(korvaks_warnings INTERFACE)
 target_compile_options(korvaks_warnings INTERFACE -Wall -Wextra -Wconversion -Wshadow -Werror)
 
 add_library(korvaks_library INTERFACE)
+# Calls inside the library are bound to the library's own functions, so they may be inlined; calls
+# out of it are bound at start, so they need no stub.
 target_compile_options(korvaks_library INTERFACE
-  $<$<COMPILE_LANGUAGE:CXX>:-fno-exceptions -fno-rtti> -fvisibility=hidden)
+  $<$<COMPILE_LANGUAGE:CXX>:-fno-exceptions -fno-rtti> -fvisibility=hidden -fno-semantic-interposition -fno-plt)
 target_link_options(korvaks_library INTERFACE -Wl,-Bsymbolic-functions)
 # Sanitizer runtimes are bound when the program starts; everything else must be bound at the link.
 if(NOT KORVAKS_SANITIZE)

@@ -13,7 +13,7 @@
 
 namespace ks {
 
-constinit std::atomic<bool> vlthread_trace_enabled{false};
+constinit std::atomic<uint32_t> vlthread_modes{0};
 
 } // namespace ks
 
@@ -29,7 +29,7 @@ void init_layer()
 {
     const char *trace = getenv("TRACE_VLTHREAD");
     if (trace != nullptr && strcasecmp(trace, "TRUE") == 0)
-        ks::vlthread_trace_enabled.store(true, std::memory_order_relaxed);
+        ks::vlthread_set_mode(ks::vlthread_mode_trace);
     pfm_tls_init();
     ks::require_no_threads();
     (void)ks::add_thread_to_process(pthread_self()); // the entry is cached on first use

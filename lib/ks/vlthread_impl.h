@@ -22,6 +22,17 @@ inline pfm_fault_block *fault_block_of_caller()
     return block != nullptr ? block : pfm_tls_get();
 }
 
+// pthread_self(), which every lock asks for. Where the C library's thread id is the thread pointer
+// it is one instruction instead of a call.
+inline vlthread_t self()
+{
+#if defined(__GLIBC__) && defined(__x86_64__)
+    return reinterpret_cast<vlthread_t>(__builtin_thread_pointer());
+#else
+    return pthread_self();
+#endif
+}
+
 // Holds raises off as a counted lock does: releasing it delivers none. For kernel code that
 // prints while it has something a jump would lose.
 class RaiseHold {
@@ -32,12 +43,32 @@ class RaiseHold {
     RaiseHold &operator=(const RaiseHold &) = delete;
 };
 
-// Tracing to descriptor 2; while it is off a trace costs this one load.
-extern std::atomic<bool> vlthread_trace_enabled;
+// What makes every lock take the long way; one word, so that the usual answer, nothing, costs one
+// load.
+enum VlthreadMode : uint32_t {
+    vlthread_mode_trace = 1,     // tracing to descriptor 2
+    vlthread_mode_hand_over = 2, // mutexes of a thread that forked belong to the child's thread
+};
+extern std::atomic<uint32_t> vlthread_modes;
+
+inline bool vlthread_has_any_mode()
+{
+    return __builtin_expect(vlthread_modes.load(std::memory_order_relaxed) != 0, 0) != 0;
+}
+
+inline bool vlthread_has_mode(VlthreadMode mode)
+{
+    return __builtin_expect((vlthread_modes.load(std::memory_order_relaxed) & mode) != 0, 0) != 0;
+}
+
+inline void vlthread_set_mode(VlthreadMode mode)
+{
+    vlthread_modes.fetch_or(mode, std::memory_order_relaxed);
+}
 
 inline bool is_tracing()
 {
-    return vlthread_trace_enabled.load(std::memory_order_relaxed);
+    return vlthread_has_mode(vlthread_mode_trace);
 }
 
 // The thread layer's assertions.
@@ -64,7 +95,7 @@ inline void set_owner(vlthread_mutex_t *mutex, vlthread_t owner)
 
 inline bool is_held_by_caller(const vlthread_mutex_t *mutex)
 {
-    return owner_of(mutex) == pthread_self();
+    return owner_of(mutex) == self();
 }
 
 // State list. No thread may be known before the layer starts.

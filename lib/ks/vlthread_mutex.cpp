@@ -11,13 +11,17 @@ namespace {
 
 // Fork hand-over: a mutex held by the forking thread belongs to the child's thread. It is active
 // only in a child whose thread has another id than the thread that forked.
-constinit std::atomic<bool> vlthread_mutex_update{false};
 constinit std::atomic<vlthread_t> vlthread_fork_thread_id{VLTHREAD_INVALID_TID};
 constinit std::atomic<vlthread_t> vlthread_post_fork_thread_id{VLTHREAD_INVALID_TID};
 
+bool is_handing_over()
+{
+    return ks::vlthread_has_mode(ks::vlthread_mode_hand_over);
+}
+
 void hand_over_if_forked(vlthread_mutex_t *mutex)
 {
-    if (vlthread_mutex_update.load(std::memory_order_relaxed)) [[unlikely]] {
+    if (is_handing_over()) [[unlikely]] {
         if (ks::owner_of(mutex) == vlthread_fork_thread_id.load(std::memory_order_relaxed))
             ks::set_owner(mutex, vlthread_post_fork_thread_id.load(std::memory_order_relaxed));
     }
@@ -38,10 +42,25 @@ void add_time_since(timeval &sum, const timeval &start)
     sum = ks::time_sum(sum, ks::time_difference(ks::wall_clock(), start));
 }
 
-int reenter(vlthread_mutex_t *mutex)
+// How a mutex is taken and left. Nearly every call goes the short way: nothing is traced, timed,
+// ordered or handed over, and the code for that is left out of it.
+enum class Way { with_all, plain };
+
+Way way_of(const vlthread_mutex_t *mutex)
+{
+    const bool is_plain = !ks::vlthread_has_any_mode() && mutex->order_class == nullptr && mutex->flags == 0;
+    return is_plain ? Way::plain : Way::with_all;
+}
+
+template <Way way> [[gnu::always_inline]] inline bool is_tracing()
+{
+    return way == Way::with_all && ks::is_tracing();
+}
+
+template <Way way> [[gnu::always_inline]] inline int reenter(vlthread_mutex_t *mutex)
 {
     ++mutex->recursion_count;
-    if (ks::is_tracing())
+    if (is_tracing<way>())
         vlthread_trace("Mutex %p is locked for %d times\n", static_cast<void *>(mutex), mutex->recursion_count);
     return 0;
 }
@@ -60,27 +79,30 @@ void check_order(vlthread_mutex_t *mutex, const pfm_fault_block *fault)
 }
 
 // The caller has the POSIX lock and becomes the owner.
-void take_ownership(vlthread_mutex_t *mutex, pfm_fault_block *fault, void *locker)
+template <Way way>
+[[gnu::always_inline]] inline void take_ownership(vlthread_mutex_t *mutex, pfm_fault_block *fault, void *locker)
 {
     ++mutex->lock_count;
     mutex->recursion_count = 1;
-    ks::set_owner(mutex, pthread_self());
-    if (mutex->order_class != nullptr) [[unlikely]] {
+    ks::set_owner(mutex, ks::self());
+    if (way == Way::with_all && mutex->order_class != nullptr) {
         mutex->locker = locker;
         llist_d_insert(&fault->held_ordered, mutex, &mutex->order_link, LLIST_AT_TAIL);
     }
 }
 
 // The opposite, with the POSIX lock still held.
-void give_up_ownership(vlthread_mutex_t *mutex)
+template <Way way> [[gnu::always_inline]] inline void give_up_ownership(vlthread_mutex_t *mutex)
 {
     mutex->recursion_count = 0;
     ks::set_owner(mutex, VLTHREAD_INVALID_TID);
-    if (mutex->order_class != nullptr) [[unlikely]] {
+    if (way == Way::plain)
+        return;
+    if (mutex->order_class != nullptr) {
         (void)llist_d_remove(&mutex->order_link); // the owner is this mutex
         mutex->locker = nullptr;
     }
-    if (is_timed(mutex)) [[unlikely]] {
+    if (is_timed(mutex)) {
         add_time_since(mutex->hold_time, mutex->locked_at);
         mutex->locked_at = {};
     }
@@ -106,19 +128,106 @@ int try_lock_timed(vlthread_mutex_t *mutex)
 }
 
 // What lock and trylock share once the POSIX lock was tried.
-int finish_locking(vlthread_mutex_t *mutex, pfm_fault_block *fault, int error, const char *function, void *locker)
+template <Way way> [[gnu::always_inline]] inline int finish_locking(vlthread_mutex_t *mutex, pfm_fault_block *fault,
+                                                                    int error, const char *function, void *locker)
 {
     if (error != 0) [[unlikely]] {
         if (is_counted(mutex))
             --fault->pfm_inh_count;
-        if (ks::is_tracing())
+        if (is_tracing<way>())
             vlthread_trace("Unable to lock mutex ('%s' failed): %s\n", function, strerror(error));
         return error;
     }
-    take_ownership(mutex, fault, locker);
-    if (ks::is_tracing())
+    take_ownership<way>(mutex, fault, locker);
+    if (is_tracing<way>())
         vlthread_trace("Mutex %p is locked\n", static_cast<void *>(mutex));
     return 0;
+}
+
+template <Way way> [[gnu::always_inline]] inline int lock(vlthread_mutex_t *mutex, void *locker)
+{
+    if (way == Way::with_all)
+        hand_over_if_forked(mutex);
+    if (ks::is_held_by_caller(mutex))
+        return reenter<way>(mutex);
+    pfm_fault_block *fault = ks::fault_block_of_caller();
+    if (way == Way::with_all && mutex->order_class != nullptr)
+        check_order(mutex, fault);
+    // Counted before the wait: a raise must not be delivered between taking the lock and
+    // counting it.
+    if (is_counted(mutex))
+        ++fault->pfm_inh_count;
+    const bool is_measured = way == Way::with_all && is_timed(mutex);
+    const int error = is_measured ? lock_timed(mutex) : pthread_mutex_lock(&mutex->lock);
+    return finish_locking<way>(mutex, fault, error, "pthread_mutex_lock", locker);
+}
+
+template <Way way> [[gnu::always_inline]] inline int try_lock(vlthread_mutex_t *mutex, void *locker)
+{
+    if (is_tracing<way>())
+        vlthread_trace("pthread_mutex_trylock mutex %p\n", static_cast<void *>(mutex));
+    if (way == Way::with_all)
+        hand_over_if_forked(mutex);
+    if (ks::is_held_by_caller(mutex))
+        return reenter<way>(mutex);
+    pfm_fault_block *fault = ks::fault_block_of_caller();
+    if (is_counted(mutex))
+        ++fault->pfm_inh_count;
+    const bool is_measured = way == Way::with_all && is_timed(mutex);
+    const int error = is_measured ? try_lock_timed(mutex) : pthread_mutex_trylock(&mutex->lock);
+    return finish_locking<way>(mutex, fault, error, "pthread_mutex_trylock", locker);
+}
+
+template <Way way> [[gnu::always_inline]] inline int leave_once(vlthread_mutex_t *mutex)
+{
+    --mutex->recursion_count;
+    if (is_tracing<way>())
+        vlthread_trace("Mutex %p recursion count decrease to %d\n", static_cast<void *>(mutex), mutex->recursion_count);
+    return 0;
+}
+
+template <Way way> [[gnu::always_inline]] inline int unlock(vlthread_mutex_t *mutex)
+{
+    if (way == Way::with_all)
+        hand_over_if_forked(mutex);
+    if (!ks::is_held_by_caller(mutex)) [[unlikely]] {
+        if (is_tracing<way>())
+            vlthread_trace("Fail to unlock mutex %u, for it's not the owner\n",
+                           static_cast<unsigned>(reinterpret_cast<uintptr_t>(mutex)));
+        return 1;
+    }
+    if (mutex->recursion_count >= 2)
+        return leave_once<way>(mutex);
+    // Read before the release: afterwards the mutex may be another thread's, or gone.
+    const bool counted = is_counted(mutex);
+    give_up_ownership<way>(mutex);
+    const int error = pthread_mutex_unlock(&mutex->lock);
+    if (error != 0) [[unlikely]] {
+        if (is_tracing<way>())
+            vlthread_trace("Unable to unlock mutex ('%s' failed): %s\n", "pthread_mutex_unlock", strerror(error));
+        return error;
+    }
+    if (counted)
+        --ks::fault_block_of_caller()->pfm_inh_count;
+    if (is_tracing<way>())
+        vlthread_trace("Mutex %p is unlocked\n", static_cast<void *>(mutex));
+    return 0;
+}
+
+// The long ways stand apart, so that what they need does not weigh on the short ones.
+[[gnu::noinline]] int lock_with_all(vlthread_mutex_t *mutex, void *locker)
+{
+    return lock<Way::with_all>(mutex, locker);
+}
+
+[[gnu::noinline]] int try_lock_with_all(vlthread_mutex_t *mutex, void *locker)
+{
+    return try_lock<Way::with_all>(mutex, locker);
+}
+
+[[gnu::noinline]] int unlock_with_all(vlthread_mutex_t *mutex)
+{
+    return unlock<Way::with_all>(mutex);
 }
 
 // A condition wait gives the mutex up around `wait` without releasing the POSIX lock, which the
@@ -129,7 +238,7 @@ template <typename Wait> int wait_without_ownership(vlthread_cond_t *cond, vlthr
         vlthread_trace("Waiting for condition %u\n", static_cast<unsigned>(reinterpret_cast<uintptr_t>(cond)));
     pfm_fault_block *fault = ks::fault_block_of_caller();
     void *locker = mutex->locker;
-    give_up_ownership(mutex);
+    give_up_ownership<Way::with_all>(mutex);
     if (is_counted(mutex))
         --fault->pfm_inh_count;
     const timeval started = is_timed(mutex) ? ks::wall_clock() : timeval{};
@@ -142,7 +251,7 @@ template <typename Wait> int wait_without_ownership(vlthread_cond_t *cond, vlthr
     }
     if (is_counted(mutex))
         ++fault->pfm_inh_count;
-    take_ownership(mutex, fault, locker);
+    take_ownership<Way::with_all>(mutex, fault, locker);
     if (ks::is_tracing())
         vlthread_trace("Got condition %u\n", static_cast<unsigned>(reinterpret_cast<uintptr_t>(cond)));
     return result;
@@ -179,15 +288,15 @@ namespace ks {
 
 void begin_fork_ownership()
 {
-    if (!vlthread_mutex_update.load(std::memory_order_relaxed))
+    if (!is_handing_over())
         vlthread_fork_thread_id.store(pthread_self(), std::memory_order_relaxed);
 }
 
 void adopt_fork_ownership()
 {
     const vlthread_t forker = vlthread_fork_thread_id.load(std::memory_order_relaxed);
-    if (!vlthread_mutex_update.load(std::memory_order_relaxed) && pthread_self() != forker)
-        vlthread_mutex_update.store(true, std::memory_order_relaxed);
+    if (!is_handing_over() && pthread_self() != forker)
+        vlthread_set_mode(vlthread_mode_hand_over);
     vlthread_post_fork_thread_id.store(pthread_self(), std::memory_order_relaxed);
     if (vlthread_lib_attached_tid.load(std::memory_order_relaxed) == forker)
         (void)vlthread_force_attach_lib(); // always 0
@@ -245,64 +354,23 @@ int vlthread_mutex_destroy(vlthread_mutex_t *mutex)
 
 int vlthread_mutex_lock(vlthread_mutex_t *mutex)
 {
-    hand_over_if_forked(mutex);
-    if (ks::is_held_by_caller(mutex))
-        return reenter(mutex);
-    pfm_fault_block *fault = ks::fault_block_of_caller();
-    if (mutex->order_class != nullptr) [[unlikely]]
-        check_order(mutex, fault);
-    // Counted before the wait: a raise must not be delivered between taking the lock and
-    // counting it.
-    if (is_counted(mutex))
-        ++fault->pfm_inh_count;
-    const int error = is_timed(mutex) ? lock_timed(mutex) : pthread_mutex_lock(&mutex->lock);
-    return finish_locking(mutex, fault, error, "pthread_mutex_lock", __builtin_return_address(0));
+    if (way_of(mutex) == Way::plain) [[likely]]
+        return lock<Way::plain>(mutex, nullptr);
+    return lock_with_all(mutex, __builtin_return_address(0));
 }
 
 int vlthread_mutex_trylock(vlthread_mutex_t *mutex)
 {
-    if (ks::is_tracing())
-        vlthread_trace("pthread_mutex_trylock mutex %p\n", static_cast<void *>(mutex));
-    hand_over_if_forked(mutex);
-    if (ks::is_held_by_caller(mutex))
-        return reenter(mutex);
-    pfm_fault_block *fault = ks::fault_block_of_caller();
-    if (is_counted(mutex))
-        ++fault->pfm_inh_count;
-    const int error = is_timed(mutex) ? try_lock_timed(mutex) : pthread_mutex_trylock(&mutex->lock);
-    return finish_locking(mutex, fault, error, "pthread_mutex_trylock", __builtin_return_address(0));
+    if (way_of(mutex) == Way::plain) [[likely]]
+        return try_lock<Way::plain>(mutex, nullptr);
+    return try_lock_with_all(mutex, __builtin_return_address(0));
 }
 
 int vlthread_mutex_unlock(vlthread_mutex_t *mutex)
 {
-    hand_over_if_forked(mutex);
-    if (!ks::is_held_by_caller(mutex)) {
-        if (ks::is_tracing())
-            vlthread_trace("Fail to unlock mutex %u, for it's not the owner\n",
-                           static_cast<unsigned>(reinterpret_cast<uintptr_t>(mutex)));
-        return 1;
-    }
-    if (mutex->recursion_count >= 2) {
-        --mutex->recursion_count;
-        if (ks::is_tracing())
-            vlthread_trace("Mutex %p recursion count decrease to %d\n", static_cast<void *>(mutex),
-                           mutex->recursion_count);
-        return 0;
-    }
-    // Read before the release: afterwards the mutex may be another thread's, or gone.
-    const bool counted = is_counted(mutex);
-    give_up_ownership(mutex);
-    const int error = pthread_mutex_unlock(&mutex->lock);
-    if (error != 0) [[unlikely]] {
-        if (ks::is_tracing())
-            vlthread_trace("Unable to unlock mutex ('%s' failed): %s\n", "pthread_mutex_unlock", strerror(error));
-        return error;
-    }
-    if (counted)
-        --ks::fault_block_of_caller()->pfm_inh_count;
-    if (ks::is_tracing())
-        vlthread_trace("Mutex %p is unlocked\n", static_cast<void *>(mutex));
-    return 0;
+    if (way_of(mutex) == Way::plain) [[likely]]
+        return unlock<Way::plain>(mutex);
+    return unlock_with_all(mutex);
 }
 
 int vlthread_cond_wait(vlthread_cond_t *cond, vlthread_mutex_t *mutex)
