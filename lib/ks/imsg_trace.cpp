@@ -8,6 +8,7 @@
 #include <korvaks/evutl.h>
 #include <korvaks/strutl.h>
 
+#include <climits>
 #include <cstdlib>
 #include <cstring>
 
@@ -18,7 +19,7 @@ struct KeptList {
     const char *text;
 };
 
-constinit std::atomic<long> desired_verbosity{IMSG_VERBOSITY_UNREAD};
+static_assert(IMSG_VERBOSITY_UNREAD == SHRT_MAX); // what ks::desired_verbosity starts with
 constinit std::atomic<const char *> traced_subsystems{nullptr};
 
 constinit std::atomic<const KeptList *> kept_lists{nullptr};
@@ -83,7 +84,7 @@ long read_environment()
     }
     const long read = verbosity_of_environment();
     long settled = IMSG_VERBOSITY_UNREAD;
-    return desired_verbosity.compare_exchange_strong(settled, read, std::memory_order_acq_rel) ? read : settled;
+    return ks::desired_verbosity.compare_exchange_strong(settled, read, std::memory_order_acq_rel) ? read : settled;
 }
 
 // Whether `name` is an element between the colons of `list`.
@@ -106,12 +107,12 @@ extern "C" {
 
 long imsg_get_desired_verbosity(void)
 {
-    return desired_verbosity.load(std::memory_order_relaxed);
+    return ks::desired_verbosity.load(std::memory_order_relaxed);
 }
 
 int imsg_should_trace(const char *subsys, long level)
 {
-    long verbosity = desired_verbosity.load(std::memory_order_acquire);
+    long verbosity = ks::desired_verbosity.load(std::memory_order_acquire);
     if (verbosity < level)
         return 0;
     if (verbosity == IMSG_VERBOSITY_UNREAD) {
@@ -134,7 +135,7 @@ long imsg_get_verbosity_ev(void)
 
 void imsg_set_trace_verbosity(long verbosity)
 {
-    desired_verbosity.store(verbosity, std::memory_order_release);
+    ks::desired_verbosity.store(verbosity, std::memory_order_release);
 }
 
 void imsg_set_trace_subsys(const char *subsystems)

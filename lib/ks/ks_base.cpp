@@ -1,9 +1,14 @@
-// Time and descriptor helpers shared by all modules.
+// Time and descriptor helpers shared by all modules, and the verbosity that all of them look at.
 #include "ks_base.h"
 
+#include "msg_port.h"
+
+#include <climits>
 #include <ctime>
 
 namespace ks {
+
+constinit std::atomic<long> desired_verbosity{SHRT_MAX};
 
 namespace {
 

@@ -1,16 +1,17 @@
 // The way up to the message layer for everything below it.
 //
-// Layers 0 to 2 report through these three exported functions and include nothing else of the
+// Layers 0 to 2 report through these two exported functions and include nothing else of the
 // message modules. A kernel test links a recorder that defines them instead of the real thing.
 #pragma once
 
 #include <korvaks/base.h>
 
+#include <atomic>
+
 extern "C" {
 
 KS_API int imsg_print(int kind, const msg_table *table, unsigned msg_no, ...);
 KS_API int imsg_should_trace(const char *subsys, long level);
-KS_API long imsg_get_desired_verbosity(void);
 }
 
 namespace ks {
@@ -30,11 +31,20 @@ enum MsgKind : int {
     msg_system = 10,
 };
 
-// Whether a trace message is wanted. The verbosity is asked first, so that the usual answer, no,
-// costs one call.
+// The desired verbosity, which the message modules set: above every level until they have read the
+// environment. It is defined down here, so that whoever may have to trace looks at it in one load.
+extern std::atomic<long> desired_verbosity;
+
+// Whether anything at this level could be traced at all; mostly the answer is no.
+inline bool may_be_traced(long level)
+{
+    return desired_verbosity.load(std::memory_order_relaxed) >= level;
+}
+
+// Whether a trace message is wanted. The verbosity is asked first, because that is cheap.
 inline bool is_traced(const char *subsystem, long level)
 {
-    return imsg_get_desired_verbosity() >= level && imsg_should_trace(subsystem, level) != 0;
+    return may_be_traced(level) && imsg_should_trace(subsystem, level) != 0;
 }
 
 } // namespace ks

@@ -1,8 +1,9 @@
 #include "support/msg_recorder.h"
 
+#include "msg_port.h"
+
 #include <korvaks/base.h>
 
-#include <atomic>
 #include <cstdarg>
 #include <cstdio>
 #include <mutex>
@@ -13,7 +14,8 @@ namespace {
 
 std::mutex mutex;
 std::vector<test::RecordedMessage> messages;
-std::atomic<long> verbosity{-1};
+// Nothing is traced until a test asks for it.
+[[maybe_unused]] const bool is_quiet = (ks::desired_verbosity.store(-1), true);
 
 } // namespace
 
@@ -33,21 +35,16 @@ void clear_recorded_messages()
 
 void set_recorder_verbosity(long value)
 {
-    verbosity = value;
+    ks::desired_verbosity.store(value);
 }
 
 } // namespace test
 
 extern "C" {
 
-long imsg_get_desired_verbosity(void)
-{
-    return verbosity;
-}
-
 int imsg_should_trace(const char *, long level)
 {
-    return verbosity >= level ? 1 : 0;
+    return ks::desired_verbosity.load() >= level ? 1 : 0;
 }
 
 int imsg_print(int kind, const msg_table *table, unsigned msg_no, ...)

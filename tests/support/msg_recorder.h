@@ -18,7 +18,7 @@ struct RecordedMessage {
 std::vector<RecordedMessage> recorded_messages();
 void clear_recorded_messages();
 
-// What imsg_get_desired_verbosity() and imsg_should_trace() answer from now on; -1 traces nothing.
+// The desired verbosity from now on; everything up to it is traced, and -1 traces nothing.
 void set_recorder_verbosity(long verbosity);
 
 } // namespace test
