@@ -35,6 +35,20 @@ class InhibitGuard {
     InhibitGuard &operator=(const InhibitGuard &) = delete;
 };
 
+// The same for a stretch of a few instructions, which may well be stopped by SIGTSTP: raises are held
+// off between the same two delivery checks, but the process-wide count of inhibits, two atomic
+// operations, is left alone.
+void begin_short_inhibit();
+void end_short_inhibit();
+
+class ShortInhibitGuard {
+  public:
+    ShortInhibitGuard() { begin_short_inhibit(); }
+    ~ShortInhibitGuard() { end_short_inhibit(); }
+    ShortInhibitGuard(const ShortInhibitGuard &) = delete;
+    ShortInhibitGuard &operator=(const ShortInhibitGuard &) = delete;
+};
+
 // Runs `work(argument)` under a cleanup record: 0 when it returned, else the status of the raise
 // that arrived, and then the caller runs inhibited and passes it on with pfm_raise(status).
 // The record and its jump buffer live in this function's own frame, so locals that `work`

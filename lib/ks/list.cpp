@@ -91,7 +91,7 @@ list_element *give(list_element *element, void **out_data)
 // Adds the copy of an element; raises are held off until its attribute bytes are in place too.
 void append_copy(list_record *dest, const list_element *original, std::size_t attr_bytes)
 {
-    const ks::InhibitGuard no_raise;
+    const ks::ShortInhibitGuard no_raise;
     list_element *copy = list_append(dest, original->data);
     if (attr_bytes != 0)
         std::memcpy(attrs_of(copy), attrs_of(original), attr_bytes);
@@ -109,7 +109,7 @@ void init(list_record *list, stg_area *area, std::uint64_t attr_bytes)
 list_element *try_insert(list_record *list, list_element *after, void *data)
 {
     // Held off before the element exists: it would be lost if a raise came between.
-    const ks::InhibitGuard no_raise;
+    const ks::ShortInhibitGuard no_raise;
     list_element *element = new_element(*list, data);
     if (element != nullptr)
         link_behind(*list, after, element);
@@ -165,7 +165,7 @@ list_element *list_insert(list_record *list, list_element *after, void *data)
 void list_remove(list_record *list, list_element *element)
 {
     here.require(list != nullptr, "list != NULL");
-    const ks::InhibitGuard no_raise;
+    const ks::ShortInhibitGuard no_raise;
     unlink(*list, element);
     if (list->area == STG_AREA_HEAP)
         stg_free(element);

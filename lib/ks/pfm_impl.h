@@ -45,14 +45,14 @@ inline void ensure_started()
 
 inline bool is_attached()
 {
-    return vlthread_lib_attached_tid.load(std::memory_order_acquire) == pthread_self();
+    return vlthread_lib_attached_tid.load(std::memory_order_acquire) == ks::self();
 }
 
 // Threads that pass raises on instead of taking them: the signal-handler thread, and in a fork
 // child of type 4 every thread that is not attached.
 inline bool takes_no_raises()
 {
-    if (pfm_signal_handler_tid.load(std::memory_order_relaxed) == pthread_self())
+    if (pfm_signal_handler_tid.load(std::memory_order_relaxed) == ks::self())
         return true;
     return type() == PFM_PROCESS_FORK_CHILD && !is_attached();
 }
@@ -63,7 +63,17 @@ inline bool delivers_at_records()
 }
 
 // pfm_raise.cpp
-void check_delivery(pfm_fault_block *block);
+// What a delivery check does when there may be something to deliver.
+void deliver(pfm_fault_block *block);
+
+// A delivery check. Mostly nothing is pending, and that is seen here.
+inline void check_delivery(pfm_fault_block *block)
+{
+    const bool may_be_pending =
+        block->state == nullptr || __atomic_load_n(&block->state->raise_status, __ATOMIC_ACQUIRE) != 0;
+    if (may_be_pending || pfm_exiting.load(std::memory_order_acquire)) [[unlikely]]
+        deliver(block);
+}
 
 // pfm_suspend.cpp: the process-wide count of inhibits and the stop signal they hold back.
 void add_inhibit(pfm_fault_block *block);

@@ -3,7 +3,7 @@
 
 namespace ks::fault {
 
-void check_delivery(pfm_fault_block *block)
+void deliver(pfm_fault_block *block)
 {
     const int32_t pending = vlthread_pending_raise(block);
     if (block->pfm_inh_count != 0)
@@ -80,27 +80,42 @@ int32_t trip_record(pfm_fault_block *block, pfm_cleanup_rec *rec)
 // One of the thread's two counts of inhibits.
 using Count = int32_t pfm_fault_block::*;
 
-void inhibit(Count count)
+// What comes before and after a stretch without raises. Both give the caller's block, or NULL for
+// a thread that takes no raises anyway.
+[[gnu::always_inline]] inline pfm_fault_block *begin_hold(Count count)
 {
     ensure_started();
     if (takes_no_raises())
-        return;
+        return nullptr;
     pfm_fault_block *block = ks::fault_block_of_caller();
     check_delivery(block);
     ++(block->*count);
-    add_inhibit(block);
+    return block;
+}
+
+[[gnu::always_inline]] inline pfm_fault_block *end_hold(Count count)
+{
+    ensure_started();
+    if (takes_no_raises())
+        return nullptr;
+    pfm_fault_block *block = ks::fault_block_of_caller();
+    --(block->*count);
+    here.require(block->*count >= 0, "inh_count >=0", 1218);
+    return block;
+}
+
+void inhibit(Count count)
+{
+    if (pfm_fault_block *const block = begin_hold(count))
+        add_inhibit(block);
 }
 
 void enable(Count count)
 {
-    ensure_started();
-    if (takes_no_raises())
-        return;
-    pfm_fault_block *block = ks::fault_block_of_caller();
-    --(block->*count);
-    here.require(block->*count >= 0, "inh_count >=0", 1218);
-    remove_inhibit(block);
-    check_delivery(block);
+    if (pfm_fault_block *const block = end_hold(count)) {
+        remove_inhibit(block);
+        check_delivery(block);
+    }
 }
 
 int32_t count_and_check(Count count)
@@ -117,6 +132,21 @@ int32_t count_and_check(Count count)
 } // namespace ks::fault
 
 namespace fault = ks::fault;
+
+namespace ks {
+
+void begin_short_inhibit()
+{
+    (void)fault::begin_hold(&pfm_fault_block::pfm_inh_count);
+}
+
+void end_short_inhibit()
+{
+    if (pfm_fault_block *const block = fault::end_hold(&pfm_fault_block::pfm_inh_count))
+        fault::check_delivery(block);
+}
+
+} // namespace ks
 
 extern "C" {
 

@@ -44,16 +44,16 @@ void forget(vlthread_state *entry)
     free(entry);
 }
 
-vlthread_state *state_of(pfm_fault_block *holder)
+// The caller's entry, made if absent.
+vlthread_state *own_state()
 {
-    if (holder->state == nullptr) {
+    {
         // A thread that is known already needs no memory to find itself.
         StateLock lock;
-        holder->state = find_thread(pthread_self());
+        if (vlthread_state *const known = find_thread(pthread_self()); known != nullptr)
+            return known;
     }
-    if (holder->state == nullptr)
-        holder->state = ks::add_thread_to_process(pthread_self());
-    return holder->state;
+    return ks::add_thread_to_process(pthread_self());
 }
 
 } // namespace
@@ -137,10 +137,14 @@ void vlthread_reset_raise(struct pfm_fault_block *holder)
 
 int32_t vlthread_pending_raise(struct pfm_fault_block *holder)
 {
-    (void)vlthread_init();
-    if (holder == nullptr)
-        holder = ks::fault_block_of_caller();
-    return __atomic_load_n(&state_of(holder)->raise_status, __ATOMIC_ACQUIRE);
+    if (holder == nullptr || holder->state == nullptr) [[unlikely]] {
+        (void)vlthread_init();
+        if (holder == nullptr)
+            holder = ks::fault_block_of_caller();
+        if (holder->state == nullptr)
+            holder->state = own_state();
+    }
+    return __atomic_load_n(&holder->state->raise_status, __ATOMIC_ACQUIRE);
 }
 
 void vlthread_dump_thread(void)
