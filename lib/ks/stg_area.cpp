@@ -3,6 +3,7 @@
 
 #include "ks_guard.h"
 #include "ks_locks.h"
+#include "stg_resident.h"
 
 #include <algorithm>
 #include <cstring>
@@ -16,6 +17,7 @@ constexpr ks::AssertPath here{"lib/ks/stg"};
 
 constexpr uint64_t chunk_bytes_cap = 102400;
 constexpr double large_request_share = 0.7;
+constexpr uint64_t fill_step = 16384;
 constexpr long area_trace_level = 4;
 constexpr long alloc_trace_level = 5;
 constexpr long whole_chunk_check_level = 2;
@@ -56,7 +58,7 @@ void wait_at_fork_gate()
     ks::LockGuard wait(fork_gate);
 }
 
-// Every area operation runs under the area's mutex.
+// Every area operation runs under the area's mutex, but for the resident's short way.
 class AreaLock {
   public:
     explicit AreaLock(stg_area *area) : area_(area)
@@ -64,6 +66,7 @@ class AreaLock {
         if (fork_gate_closed.load(std::memory_order_acquire)) [[unlikely]]
             wait_at_fork_gate();
         (void)vlthread_mutex_lock(&area_->lock);
+        ks::stg_end_foreign_residence(area_);
     }
     ~AreaLock() { (void)vlthread_mutex_unlock(&area_->lock); }
     AreaLock(const AreaLock &) = delete;
@@ -76,6 +79,17 @@ class AreaLock {
 int fill_value(const stg_area *area)
 {
     return area->zero != 0 ? 0 : 0xFF;
+}
+
+// Fills the chunk up to `end` at least. It goes in steps, so that what is never handed out is never
+// touched.
+void fill_up_to(StgChunk *chunk, uint64_t end)
+{
+    if (end <= chunk->filled)
+        return;
+    const uint64_t filled = std::min(chunk->size, std::max(end, chunk->filled + fill_step));
+    std::memset(chunk->data + chunk->filled, chunk->fill, filled - chunk->filled);
+    chunk->filled = filled;
 }
 
 // Chunks ---------------------------------------------------------------------------------------
@@ -91,7 +105,7 @@ StgChunk *obtain_chunk(uint64_t size, int quiet)
     auto *chunk = static_cast<StgChunk *>(stg_malloc_int(sizeof(StgChunk), quiet));
     if (chunk == nullptr)
         return nullptr;
-    *chunk = {0, nullptr, size, static_cast<char *>(stg_malloc_int(size, quiet))};
+    *chunk = {0, nullptr, size, static_cast<char *>(stg_malloc_int(size, quiet)), 0, 0};
     if (chunk->data == nullptr) {
         stg_free_int(chunk, quiet);
         errno = ENOMEM;
@@ -133,12 +147,13 @@ StgChunk *add_chunk(stg_area *area, std::size_t request, int quiet)
     area->obtained += size;
     if (area->chunks != nullptr || area->incr_set == 0)
         area->desired += wanted;
-    std::memset(chunk->data, fill_value(area), size);
+    chunk->fill = fill_value(area);
     if (quiet == 0 && is_traced_at(area_trace_level))
         ks::stg_print(ks::msg_trace, ks::stg_msg_chunk_created, address_number(area), address_number(chunk),
                       static_cast<unsigned>(size));
     chunk->next = area->chunks;
     area->chunks = chunk;
+    ks::stg_settle(area);
     return chunk;
 }
 
@@ -177,18 +192,36 @@ void check_fill(const stg_area *area, const StgChunk *chunk, std::size_t request
     }
 }
 
-void *exhausted()
+[[gnu::noinline]] void *exhausted()
 {
     ks::stg_print(ks::msg_error, ks::stg_msg_no_memory);
     errno = ENOMEM;
     return nullptr;
 }
 
-void *allocate(stg_area *area, std::size_t size, int quiet)
+char *take_room(StgChunk *chunk, std::size_t request)
 {
-    std::size_t request = 0;
-    if (!ks::round_up_8(size, request))
-        return exhausted();
+    char *const result = chunk->data + chunk->used;
+    chunk->used += request;
+    return result;
+}
+
+// The short way: nothing to lock, check or trace. NULL when the caller is not the resident or the
+// newest chunk is full.
+[[gnu::always_inline]] inline void *allocate_as_resident(stg_area *area, std::size_t request)
+{
+    if (!ks::stg_enter_as_resident(area))
+        return nullptr;
+    StgChunk *const chunk = area->chunks;
+    const bool is_ready = chunk != nullptr && request <= chunk->filled - chunk->used;
+    void *const result = is_ready ? take_room(chunk, request) : nullptr;
+    ks::stg_leave_as_resident(area);
+    return result;
+}
+
+// Kept out of line, so that it does not weigh on the short way.
+[[gnu::noinline]] void *allocate_locked(stg_area *area, std::size_t request, int quiet)
+{
     AreaLock lock(area);
     StgChunk *chunk = find_room(area, request);
     if (chunk == nullptr) {
@@ -196,14 +229,28 @@ void *allocate(stg_area *area, std::size_t size, int quiet)
         if (chunk == nullptr)
             return nullptr;
     }
-    if (quiet == 0 && ks::stg_is_checking()) [[unlikely]]
+    if (quiet == 0 && ks::stg_is_checking()) [[unlikely]] {
+        fill_up_to(chunk, chunk->size); // what is checked from now on must have been filled
         check_fill(area, chunk, request);
-    char *result = chunk->data + chunk->used;
-    chunk->used += request;
+    }
+    fill_up_to(chunk, chunk->used + request);
+    char *const result = take_room(chunk, request);
     if (quiet == 0 && is_traced_at(alloc_trace_level)) [[unlikely]]
         ks::stg_print(ks::msg_trace, ks::stg_msg_area_allocated, address_number(area), address_number(result),
                       static_cast<unsigned>(request));
     return result;
+}
+
+[[gnu::always_inline]] inline void *allocate(stg_area *area, std::size_t size, int quiet)
+{
+    std::size_t request = 0;
+    if (!ks::round_up_8(size, request)) [[unlikely]]
+        return exhausted();
+    if (quiet != 0 || !ks::may_be_traced(1)) [[likely]] {
+        if (void *const result = allocate_as_resident(area, request); result != nullptr) [[likely]]
+            return result;
+    }
+    return allocate_locked(area, request, quiet);
 }
 
 // Clearing and deleting ------------------------------------------------------------------------
@@ -211,7 +258,8 @@ void *allocate(stg_area *area, std::size_t size, int quiet)
 void reset_kept_chunk(stg_area *area, StgChunk *chunk)
 {
     chunk->used = 0;
-    std::memset(chunk->data, fill_value(area), chunk->size);
+    chunk->filled = 0;
+    chunk->fill = fill_value(area);
     area->chunks = chunk;
     area->obtained = chunk->size;
     area->desired = area->incr_set != 0 ? 0 : area->first_size;
@@ -257,6 +305,7 @@ bool make_registry()
     std::memset(areas, 0, registry_slots_initial * sizeof(stg_area *));
     std::memset(in_use, 0, words * sizeof(uint32_t));
     registry = {areas, registry_slots_initial, in_use, words};
+    ks::stg_prepare_residence();
     return true;
 }
 
@@ -350,6 +399,7 @@ void destroy(stg_area **handle, int quiet)
     if (quiet == 0 && is_traced_at(area_trace_level))
         ks::stg_print(ks::msg_trace, ks::stg_msg_area_deleting, address_number(area));
     leave_registry(area);
+    area->resident = VLTHREAD_INVALID_TID; // whoever deletes an area is its only user by now
     {
         AreaLock lock(area);
         clear(area, 0, quiet);
@@ -414,6 +464,19 @@ void stg_release_all_areas()
     if (all_areas.next != nullptr)
         unlock_areas_before(&all_areas);
     (void)vlthread_mutex_unlock(&stg_area_crit); // held since the try
+}
+
+void stg_forget_foreign_residents()
+{
+    if (all_areas.next == nullptr)
+        return;
+    for (llist_link *link = all_areas.next; link != &all_areas; link = link->next) {
+        auto *const area = static_cast<stg_area *>(link->owner);
+        if (area->resident == self())
+            continue;
+        area->resident = VLTHREAD_INVALID_TID;
+        area->resident_inside = 0;
+    }
 }
 
 void stg_close_fork_gate()

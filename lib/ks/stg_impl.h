@@ -39,12 +39,16 @@ struct StgChunk {
     StgChunk *next; // the next older chunk
     uint64_t size;  // bytes of data
     char *data;
+    uint64_t filled; // bytes from the front that were filled; the rest waits until it is needed
+    int fill;        // with what
 };
 
 // Holds every area still across a fork. A caller that does not get them all at once gets none
 // and tries again: an area's holder may be waiting for a lock the caller has.
 [[nodiscard]] bool stg_try_hold_all_areas();
 void stg_release_all_areas();
+// In the child of a fork, whose areas are held: no other thread is inside any of them.
+void stg_forget_foreign_residents();
 
 // While the gate is closed, threads that hold no lock wait before they take an area, so that a
 // fork gets all of them in bounded time. The closer also opens it, in parent and child.
@@ -64,5 +68,8 @@ struct stg_area {
     uint32_t zero;        // fresh chunks hold 0 instead of 0xFF
     uint32_t incr_set;    // stg_set_incr() was called
     vlthread_mutex_t lock;
-    llist_link all_link; // on the list of all areas; guarded by stg_area_crit
+    llist_link all_link;      // on the list of all areas; guarded by stg_area_crit
+    bool had_resident;        // guarded by lock
+    uint32_t resident_inside; // the resident is allocating; written by it alone
+    vlthread_t resident;      // who may allocate without the lock (stg_resident.h), 0 for nobody
 };

@@ -116,6 +116,12 @@ extern "C" void release_modules(int)
     ks::stg_open_fork_gate();
 }
 
+extern "C" void release_modules_in_child(int kind)
+{
+    ks::stg_forget_foreign_residents();
+    release_modules(kind);
+}
+
 void run_in_child(int kind)
 {
     if (keeps_ownership(kind))
@@ -133,8 +139,8 @@ namespace ks {
 
 void register_library_fork_handlers()
 {
-    vlthread_require(vlthread_atfork(hold_modules, release_modules, release_modules) == 0,
-                     "vlthread_atfork(hold_modules, release_modules, release_modules) == 0");
+    vlthread_require(vlthread_atfork(hold_modules, release_modules, release_modules_in_child) == 0,
+                     "vlthread_atfork(hold_modules, release_modules, release_modules_in_child) == 0");
 }
 
 } // namespace ks

@@ -40,7 +40,7 @@ constexpr const char *no_entry =
     "'lib/ks/pfm':801\n";
 constexpr const char *no_exit_handler = "PFM_ASSERT:(atexit(pfm_atexit_handler) == 0) failed: 'lib/ks/pfm':#\n";
 constexpr const char *no_fork_handlers =
-    "vlthread_atfork(hold_modules, release_modules, release_modules) == 0 at 'vlthread':#\n";
+    "vlthread_atfork(hold_modules, release_modules, release_modules_in_child) == 0 at 'vlthread':#\n";
 constexpr const char *no_pfm_fork_handlers =
     "PFM_ASSERT:(vlthread_atfork(pfm_thread_fork_prepare, NULL, pfm_thread_fork_child) == 0) failed: "
     "'lib/ks/pfm':#\n";

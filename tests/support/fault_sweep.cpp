@@ -595,7 +595,7 @@ std::vector<End> ends_of_start(std::vector<End> others)
              End{Call::pipe, "(pfm_setup_pipe(pfm_notify_pipe, FALSE, FALSE) == 0) failed: 'lib/ks/pfm':1859\n", true},
              End{Call::at_exit, "(atexit(pfm_atexit_handler) == 0) failed: 'lib/ks/pfm':#\n", true},
              End{Call::allocation,
-                 "vlthread_atfork(hold_modules, release_modules, release_modules) == 0 at "
+                 "vlthread_atfork(hold_modules, release_modules, release_modules_in_child) == 0 at "
                  "'vlthread':#\n",
                  true},
              End{Call::allocation,
