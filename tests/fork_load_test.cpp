@@ -31,6 +31,10 @@ int forks_of_each_kind()
     return asked != nullptr ? atoi(asked) : 50;
 }
 
+char trace_threads[] = "TRACE_VLTHREAD=TRUE";
+char trace_everything[] = "TRACE_SUBSYS=*";
+char trace_level[] = "TRACE_VERBOSITY=9";
+
 std::atomic<bool> stop{false};
 vlthread_mutex_t shared_mutex = VLTHREAD_MUTEX_INITIALIZER;
 stg_area *shared_area = STG_AREA_NULL;
@@ -72,7 +76,7 @@ int wait_for(pid_t pid)
     return -1;
 }
 
-int fork_under_load(int kind)
+int fork_under_load(int kind, int forks)
 {
     const int quiet = open("/dev/null", O_WRONLY);
     dup2(quiet, 1);
@@ -83,7 +87,7 @@ int fork_under_load(int kind)
     for (int i = 0; i < worker_count; ++i)
         workers.emplace_back(work);
     int failed = 0;
-    for (int i = 0; i < forks_of_each_kind() && failed == 0; ++i) {
+    for (int i = 0; i < forks && failed == 0; ++i) {
         // The attached thread of the parent holds a counted lock and an inhibit across the fork.
         vlthread_mutex_lock(&shared_mutex);
         pfm_inhibit();
@@ -104,13 +108,31 @@ int fork_under_load(int kind)
     return failed;
 }
 
-TEST(ForkLoad, NoChildOfAnyKindIsStuck)
+void fork_in_each_kind(int forks, bool is_traced)
 {
     for (const int kind : {VLTHREAD_FORK_PLAIN, VLTHREAD_FORK_EXEC, VLTHREAD_FORK_CONTINUE, VLTHREAD_FORK_CONTINUE_3}) {
-        const auto result = test::run_child([kind] { return fork_under_load(kind); }, 110000);
+        const auto result = test::run_child(
+            [=] {
+                if (is_traced)
+                    for (char *setting : {trace_threads, trace_everything, trace_level})
+                        putenv(setting);
+                return fork_under_load(kind, forks);
+            },
+            110000);
         EXPECT_EQ(result.exit_status, 0) << "kind " << kind;
         EXPECT_FALSE(result.timed_out);
     }
+}
+
+TEST(ForkLoad, NoChildOfAnyKindIsStuck)
+{
+    fork_in_each_kind(forks_of_each_kind(), false);
+}
+
+// Traces are printed under nearly every lock there is. Debug builds end on a lock out of order.
+TEST(ForkLoad, NoLockIsOutOfOrderWithEveryTraceOn)
+{
+    fork_in_each_kind(5, true);
 }
 
 } // namespace

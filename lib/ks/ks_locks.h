@@ -3,7 +3,8 @@
 // A thread takes a lock only while it holds none that stands below it in this list. A fork takes
 // all of them in this order (vlthread_fork.cpp). docs/locks.md draws it. Area mutexes are not
 // process-wide; they have their place between stg_area_crit and ks_product_crit, because areas
-// print traces while their mutex is held.
+// print traces while their mutex is held. Debug builds check the order: every lock here and every
+// area's mutex belongs to one order class, and a lock taken out of order ends the process.
 #pragma once
 
 #include <korvaks/vlthread.h>
@@ -33,6 +34,22 @@ extern vlthread_mutex_t pfm_inh_susp_crit;
 extern vlthread_mutex_t pfm_libc_handler_crit;
 // The state list and thread creation.
 extern vlthread_mutex_t vlthread_lock;
+
+// Places in the order, and the class that checks them; NULL where nothing is checked.
+enum LockLevel : int16_t {
+    lock_level_vlthread_critical_section_mutex,
+    lock_level_pfm_crit,
+    lock_level_cl_crit,
+    lock_level_stg_area_crit,
+    lock_level_area, // the mutexes of areas
+    lock_level_ks_product_crit,
+    lock_level_evutl_environ_crit,
+    lock_level_pfm_exit_crit,
+    lock_level_pfm_inh_susp_crit,
+    lock_level_pfm_libc_handler_crit,
+    lock_level_vlthread_lock,
+};
+vlthread_order_class *lock_order();
 
 // The locks of the modules above the fault manager, in lock order: what a fork takes between
 // pfm_crit and the fault manager's other locks.

@@ -382,7 +382,8 @@ stg_area *create(uint64_t first_size, int quiet)
     *area = {};
     area->first_size = first_size;
     area->incr = first_size;
-    if (vlthread_mutex_init(&area->lock) != 0 || !enter_in_registry(area)) {
+    if (vlthread_mutex_init_full(&area->lock, 0, ks::lock_level_area, 0, ks::lock_order()) != 0 ||
+        !enter_in_registry(area)) {
         stg_free_int(area, quiet);
         errno = ENOMEM;
         return STG_AREA_NULL;

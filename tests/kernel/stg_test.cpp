@@ -11,6 +11,9 @@
 #include <cstdio>
 #include <cstring>
 #include <thread>
+#include <cstdint>
+#include <utility>
+#include <atomic>
 #include <vector>
 
 #include <sys/resource.h>
@@ -217,6 +220,41 @@ TEST_F(StgArea, ServesThreadsAtOnce)
             for (int i = 0; i < 16; ++i)
                 ASSERT_EQ(block[i], t);
     EXPECT_EQ(dump_of(area).used, 16UL * thread_count * rounds);
+}
+
+// The first thread of an area allocates without its lock until a second one comes.
+TEST_F(StgArea, SecondThreadMayComeAtAnyMoment)
+{
+    constexpr int rounds = 300;
+    constexpr std::size_t block_count = 40;
+    std::atomic<stg_area *> shared{STG_AREA_NULL};
+    std::atomic<int> arrived{0};
+    std::vector<std::uint64_t *> others;
+    std::thread second([&] {
+        for (int round = 0; round < rounds; ++round) {
+            while (arrived != 2 * round + 1)
+                std::this_thread::yield();
+            others.clear();
+            while (others.size() < block_count)
+                others.push_back(static_cast<std::uint64_t *>(stg_alloc(shared, 8)));
+            ++arrived;
+        }
+    });
+    for (int round = 0; round < rounds; ++round) {
+        stg_area *area = stg_create_area(256);
+        shared = area;
+        std::vector<std::uint64_t *> blocks{static_cast<std::uint64_t *>(stg_alloc(area, 8))};
+        ++arrived;
+        while (blocks.size() < block_count)
+            blocks.push_back(static_cast<std::uint64_t *>(stg_alloc(area, 8)));
+        while (arrived != 2 * round + 2)
+            std::this_thread::yield();
+        blocks.insert(blocks.end(), others.begin(), others.end());
+        for (std::uint64_t *const block : blocks)
+            ASSERT_EQ(std::exchange(*block, 0), UINT64_MAX) << "handed out twice in round " << round;
+        stg_delete_area(&area);
+    }
+    second.join();
 }
 
 TEST(StgAreaMisuse, EndsTheProcess)

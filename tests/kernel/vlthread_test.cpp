@@ -1,6 +1,9 @@
 // Locks, conditions, the critical section, threads and their diagnostics.
 #include "support/child.h"
 
+#include "ks_guard.h"
+#include "ks_locks.h"
+
 #include <korvaks/pfm.h>
 #include <korvaks/stg.h>
 #include <korvaks/vlthread.h>
@@ -10,6 +13,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <cstdio>
@@ -479,5 +483,18 @@ TEST(VlthreadTls, BlockHoldsItsAreaAndEndsWithIt)
     }); // the sanitizer sees a block that is not freed
     EXPECT_EQ(vlthread_key_delete(key), 0);
 }
+
+#ifndef NDEBUG
+TEST(VlthreadOrder, EndsTheProcessForALibraryLockOutOfOrder)
+{
+    const auto result = test::run_child([] {
+        const ks::LockGuard inner(ks::vlthread_lock);
+        const ks::LockGuard outer(ks::pfm_crit);
+        return 0;
+    });
+    EXPECT_EQ(result.signal, SIGABRT);
+    EXPECT_NE(result.err.find("lock of level 1 taken under one of level "), std::string::npos) << result.err;
+}
+#endif
 
 } // namespace
