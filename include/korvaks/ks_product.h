@@ -76,6 +76,9 @@ KS_API char *ks_product_tool_dir_quoted(char *dst, const char *tool);
  */
 KS_API char *ks_hostdata_dir(char *dst, const char *sub1, const char *sub2);
 
+/** Whether there is a host-data directory, 1 or 0, for callers that can do without. Raises: no. */
+KS_API int ks_has_hostdata_dir(void);
+
 /** ks_hostdata_dir(dst, "config", sub). */
 KS_API char *ks_host_config_dir(char *dst, const char *sub);
 /**@}*/

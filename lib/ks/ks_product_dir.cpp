@@ -169,6 +169,12 @@ char *ks_hostdata_dir(char *dst, const char *sub1, const char *sub2)
     return dst;
 }
 
+int ks_has_hostdata_dir(void)
+{
+    Path buffer;
+    return hostdata_dir.load(std::memory_order_acquire) != nullptr || find_hostdata_dir(buffer) != nullptr ? 1 : 0;
+}
+
 char *ks_host_config_dir(char *dst, const char *sub)
 {
     return ks_hostdata_dir(dst, "config", sub);
