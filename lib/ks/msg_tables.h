@@ -13,8 +13,8 @@ namespace ks {
 
 // In the order of their catalogue sets.
 inline constexpr std::array message_tables{
-    &_stg_ks_msg_table,    &_list_ks_msg_table, &_pfm_ks_msg_table,
-    &_strutl_ks_msg_table, &_ks_ks_msg_table,   &_imsg_ks_msg_table,
+    &_stg_ks_msg_table, &_list_ks_msg_table, &_pfm_ks_msg_table, &_strutl_ks_msg_table,
+    &_ks_ks_msg_table,  &_imsg_ks_msg_table,
 };
 
 } // namespace ks

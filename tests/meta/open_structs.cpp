@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <type_traits>
 
+#include <korvaks/hash.h>
 #include <korvaks/list.h>
 #include <korvaks/llist.h>
 #include <korvaks/pfm.h>
@@ -92,5 +93,32 @@ LAST(list_element, data);
 FIRST(strutl_flag_item_t, const char *, name);
 NEXT(strutl_flag_item_t, name, unsigned long, value);
 LAST(strutl_flag_item_t, value);
+
+FIRST(hash_ht, hash_cell **, bkts);
+NEXT(hash_ht, bkts, stg_area *, area);
+NEXT(hash_ht, area, std::uint64_t, cells);
+NEXT(hash_ht, cells, hash_cell *, first_cell);
+NEXT(hash_ht, first_cell, hash_cell *, last_cell);
+NEXT(hash_ht, last_cell, hash_cell *, free_cells);
+NEXT(hash_ht, free_cells, std::uint64_t, dbytes);
+NEXT(hash_ht, dbytes, std::uint64_t, key_bytes);
+NEXT(hash_ht, key_bytes, std::uint64_t, nbkts);
+NEXT(hash_ht, nbkts, std::uint64_t, limit);
+NEXT(hash_ht, limit, std::uint64_t, climit);
+NEXT(hash_ht, climit, std::uint32_t, keytype);
+NEXT(hash_ht, keytype, std::uint32_t, copyk);
+NEXT(hash_ht, copyk, std::uint32_t, order);
+NEXT(hash_ht, order, hash_key_fn, hash_fn);
+NEXT(hash_ht, hash_fn, hash_compare_fn, compare_fn);
+LAST(hash_ht, compare_fn);
+
+// Data follow a cell, and the links of an ordered table stand straight in front of it.
+FIRST(hash_cell, hash_cell *, next);
+NEXT(hash_cell, next, hash_key, key);
+NEXT(hash_cell, key, std::uint32_t, hval);
+LAST(hash_cell, hval);
+FIRST(hash_cell_links, hash_cell *, order);
+NEXT(hash_cell_links, order, hash_cell *, back);
+LAST(hash_cell_links, back);
 
 } // namespace
