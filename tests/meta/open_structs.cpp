@@ -5,6 +5,7 @@
 #include <type_traits>
 
 #include <korvaks/hash.h>
+#include <korvaks/imsg_list.h>
 #include <korvaks/list.h>
 #include <korvaks/llist.h>
 #include <korvaks/pfm.h>
@@ -120,5 +121,14 @@ LAST(hash_cell, hval);
 FIRST(hash_cell_links, hash_cell *, order);
 NEXT(hash_cell_links, order, hash_cell *, back);
 LAST(hash_cell_links, back);
+
+FIRST(imsg_list, std::uint32_t, one_msg_buf_size);
+NEXT(imsg_list, one_msg_buf_size, char *, one_msg_buf);
+NEXT(imsg_list, one_msg_buf, std::uint32_t, growth_unit);
+NEXT(imsg_list, growth_unit, std::uint32_t, list_buf_size);
+NEXT(imsg_list, list_buf_size, std::uint32_t, used);
+NEXT(imsg_list, used, char *, list_buf);
+NEXT(imsg_list, list_buf, int, tag_mode);
+LAST(imsg_list, tag_mode);
 
 } // namespace
