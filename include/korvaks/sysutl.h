@@ -49,6 +49,12 @@ KS_API int sysutl_get_host_domain_name(char *buf, size_t size);
  */
 KS_API int sysutl_user_name(char *buf, size_t size);
 
+/**
+ * The home directory of a user, by login name, as the user database has it.
+ * ENOENT when there is no such user, ENAMETOOLONG as above, or the error of getpwnam_r(3).
+ */
+KS_API int sysutl_home_dir(const char *user, char *buf, size_t size);
+
 #ifdef __cplusplus
 }
 #endif

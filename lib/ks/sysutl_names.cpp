@@ -33,7 +33,7 @@ int give_number(uid_t uid, char *buf, size_t size)
     return give({digits, static_cast<std::size_t>(end - digits)}, buf, size);
 }
 
-// How getpwuid_r() says that there is no such user, beside a plain "not found".
+// How getpwuid_r() and getpwnam_r() say that there is no such user, beside a plain "not found".
 bool is_unknown_user(int error)
 {
     return error == 0 || error == ENOENT || error == ESRCH || error == EBADF || error == EPERM;
@@ -83,6 +83,20 @@ int sysutl_user_name(char *buf, size_t size)
     if (is_unknown_user(error))
         return give_number(uid, buf, size);
     errno = error;
+    return -1;
+}
+
+int sysutl_home_dir(const char *user, char *buf, size_t size)
+{
+    passwd entry;
+    passwd *found = nullptr;
+    char strings[passwd_bytes];
+    int error = EINTR;
+    while (error == EINTR)
+        error = getpwnam_r(user, &entry, strings, sizeof strings, &found);
+    if (found != nullptr)
+        return give(found->pw_dir, buf, size);
+    errno = is_unknown_user(error) ? ENOENT : error;
     return -1;
 }
 }
