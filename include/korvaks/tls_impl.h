@@ -8,6 +8,8 @@
 #ifndef KORVAKS_TLS_IMPL_H
 #define KORVAKS_TLS_IMPL_H
 
+#include <time.h>
+
 #include <korvaks/base.h>
 #include <korvaks/llist.h>
 #include <korvaks/pfm.h>
@@ -53,11 +55,44 @@ struct imsg_tls {
     char error_text[256];     /* imsg_strerror() */
 };
 
+/* date: one text of 128 bytes for each routine that returns one */
+enum date_text {
+    date_text_long,
+    date_text_short,
+    date_text_short_date,
+    date_text_short_time,
+    date_text_ls,
+    date_text_numeric,
+    date_text_count
+};
+
+#define date_seasons 32
+
+/* date: the zone in force, a quarter of an hour in it, and its offsets through the year */
+struct date_zone_cache {
+    int zone_state;    /* whether `zone` holds the value of TZ */
+    int block_state;   /* what is known of the block */
+    const char *entry; /* of TZ in the environment; read only while it is still there */
+    char zone[48];
+    time_t block;              /* its number, counted from 1970 */
+    struct tm start;           /* local time at its beginning */
+    int offsets[date_seasons]; /* seconds east of UTC that were met last in each part of a year */
+};
+
+struct date_tls {
+    struct ks_tls_release release;
+    char *texts[date_text_count];
+    char *usage; /* date_usage_date_time(): 1024 bytes */
+    char *token; /* the last date token; heap */
+    struct date_zone_cache zone;
+};
+
 /* The library block. Its first word is the area that holds it. */
 struct ks_tls {
     stg_area *area;
     struct strutl_tls strutl;
     struct imsg_tls imsg;
+    struct date_tls date;
 };
 
 #ifdef __cplusplus

@@ -38,6 +38,7 @@ constinit vlthread_mutex_t pfm_crit = lock_at(lock_level_pfm_crit);
 constinit vlthread_mutex_t cl_crit = lock_at(lock_level_cl_crit);
 constinit vlthread_mutex_t stg_area_crit = lock_at(lock_level_stg_area_crit);
 constinit vlthread_mutex_t ks_product_crit = lock_at(lock_level_ks_product_crit);
+constinit vlthread_mutex_t default_date_style_crit = lock_at(lock_level_default_date_style_crit);
 constinit vlthread_mutex_t evutl_environ_crit = lock_at(lock_level_evutl_environ_crit);
 // The kernel's innermost locks are not counted: the code under them decides about raises and
 // reads the very count that a counted lock would change.
@@ -48,7 +49,8 @@ constinit vlthread_mutex_t vlthread_lock = lock_at(lock_level_vlthread_lock, VLT
 
 namespace {
 
-constexpr std::array module_lock_table{&cl_crit,           &stg_area_crit,     &ks_product_crit,       &evutl_environ_crit};
+constexpr std::array module_lock_table{&cl_crit,           &stg_area_crit,     &ks_product_crit,       &default_date_style_crit,
+                                       &evutl_environ_crit};
 
 } // namespace
 

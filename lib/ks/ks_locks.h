@@ -24,6 +24,8 @@ extern vlthread_mutex_t cl_crit;
 extern vlthread_mutex_t stg_area_crit;
 // Product directories, switches, and all state of the message modules.
 extern vlthread_mutex_t ks_product_crit;
+// The date style of the process.
+extern vlthread_mutex_t default_date_style_crit;
 // The process environment.
 extern vlthread_mutex_t evutl_environ_crit;
 // Exit and signal-block requests to the signal-handler thread.
@@ -43,6 +45,7 @@ enum LockLevel : int16_t {
     lock_level_stg_area_crit,
     lock_level_area, // the mutexes of areas
     lock_level_ks_product_crit,
+    lock_level_default_date_style_crit,
     lock_level_evutl_environ_crit,
     lock_level_pfm_exit_crit,
     lock_level_pfm_inh_susp_crit,
