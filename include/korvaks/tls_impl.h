@@ -55,6 +55,18 @@ struct imsg_tls {
     char error_text[256];     /* imsg_strerror() */
 };
 
+/* clp */
+struct clp_tls {
+    const char *commands[10]; /* the stack of commands, oldest first; not copies */
+    uint32_t command_count;
+    uint32_t generation;      /* of the stack */
+    uint32_t text_generation; /* of the stack that stack_text shows */
+    int64_t depth;            /* all pushes less all pops */
+    char stack_text[251];
+    char command_text[257]; /* clp_get_command() */
+    char token[8192];       /* the word that clp_parse_string() is reading */
+};
+
 /* date: one text of 128 bytes for each routine that returns one */
 enum date_text {
     date_text_long,
@@ -93,6 +105,7 @@ struct ks_tls {
     struct strutl_tls strutl;
     struct imsg_tls imsg;
     struct date_tls date;
+    struct clp_tls clp;
 };
 
 #ifdef __cplusplus

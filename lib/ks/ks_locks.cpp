@@ -36,6 +36,8 @@ consteval vlthread_mutex_t lock_at(LockLevel level, int32_t raise_mode = VLTHREA
 constinit vlthread_mutex_t vlthread_critical_section_mutex = lock_at(lock_level_vlthread_critical_section_mutex);
 constinit vlthread_mutex_t pfm_crit = lock_at(lock_level_pfm_crit);
 constinit vlthread_mutex_t cl_crit = lock_at(lock_level_cl_crit);
+constinit vlthread_mutex_t clp_collectdatas_crit = lock_at(lock_level_clp_collectdatas_crit);
+constinit vlthread_mutex_t clp_collectdatai_crit = lock_at(lock_level_clp_collectdatai_crit);
 constinit vlthread_mutex_t stg_area_crit = lock_at(lock_level_stg_area_crit);
 constinit vlthread_mutex_t ks_product_crit = lock_at(lock_level_ks_product_crit);
 constinit vlthread_mutex_t default_date_style_crit = lock_at(lock_level_default_date_style_crit);
@@ -49,7 +51,8 @@ constinit vlthread_mutex_t vlthread_lock = lock_at(lock_level_vlthread_lock, VLT
 
 namespace {
 
-constexpr std::array module_lock_table{&cl_crit,           &stg_area_crit,     &ks_product_crit,       &default_date_style_crit,
+constexpr std::array module_lock_table{&cl_crit,           &clp_collectdatas_crit, &clp_collectdatai_crit,
+                                       &stg_area_crit,     &ks_product_crit,       &default_date_style_crit,
                                        &evutl_environ_crit};
 
 } // namespace

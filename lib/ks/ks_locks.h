@@ -20,6 +20,10 @@ extern vlthread_mutex_t vlthread_critical_section_mutex;
 extern vlthread_mutex_t pfm_crit;
 // cl's table of error texts, while it is filled.
 extern vlthread_mutex_t cl_crit;
+// Whether history is kept, as clp_collectdatas() and clp_collectdatai() found it. Nothing is taken
+// under either.
+extern vlthread_mutex_t clp_collectdatas_crit;
+extern vlthread_mutex_t clp_collectdatai_crit;
 // The list of areas and their registry.
 extern vlthread_mutex_t stg_area_crit;
 // Product directories, switches, and all state of the message modules.
@@ -42,6 +46,8 @@ enum LockLevel : int16_t {
     lock_level_vlthread_critical_section_mutex,
     lock_level_pfm_crit,
     lock_level_cl_crit,
+    lock_level_clp_collectdatas_crit,
+    lock_level_clp_collectdatai_crit,
     lock_level_stg_area_crit,
     lock_level_area, // the mutexes of areas
     lock_level_ks_product_crit,

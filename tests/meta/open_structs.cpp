@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <type_traits>
 
+#include <korvaks/clp.h>
 #include <korvaks/hash.h>
 #include <korvaks/imsg_list.h>
 #include <korvaks/list.h>
@@ -94,6 +95,29 @@ LAST(list_element, data);
 FIRST(strutl_flag_item_t, const char *, name);
 NEXT(strutl_flag_item_t, name, unsigned long, value);
 LAST(strutl_flag_item_t, value);
+
+FIRST(clp_flag_desc, const char *, name);
+NEXT(clp_flag_desc, name, std::uint32_t, value);
+NEXT(clp_flag_desc, value, std::uint32_t, flags);
+LAST(clp_flag_desc, flags);
+
+FIRST(clp_constraint, std::uint32_t, seen);
+NEXT(clp_constraint, seen, std::int32_t, link);
+LAST(clp_constraint, link);
+
+FIRST(clp_handle, std::uint32_t, magic);
+NEXT(clp_handle, magic, stg_area *, area);
+NEXT(clp_handle, area, int, argc);
+NEXT(clp_handle, argc, char **, argv);
+NEXT(clp_handle, argv, int, index);
+NEXT(clp_handle, index, char *, next_value);
+NEXT(clp_handle, next_value, int, end_of_flags);
+NEXT(clp_handle, end_of_flags, int, descriptor_count);
+NEXT(clp_handle, descriptor_count, const clp_flag_desc *, descriptors);
+NEXT(clp_handle, descriptors, clp_constraint *, constraints);
+NEXT(clp_handle, constraints, int, obsolete_mode);
+NEXT(clp_handle, obsolete_mode, const char *, last_flag_name);
+LAST(clp_handle, last_flag_name);
 
 FIRST(hash_ht, hash_cell **, bkts);
 NEXT(hash_ht, bkts, stg_area *, area);

@@ -1,0 +1,350 @@
+/**
+ * @file clp.h
+ * The command parser: a tool's command line against its table of flags; command strings; the stack of
+ * commands being run; the host's command history.
+ *
+ * A tool declares its flags, makes a handle and pulls flags and words from it:
+ *
+ *     enum { f_comment, f_force, f_list };
+ *     static const clp_flag_desc flags[] = {
+ *         {"-c[omment]", f_comment, 0},
+ *         CLP_START_MUTUAL_EXCLUSION,
+ *         {"-f[orce]", f_force, 0},
+ *         {"-l[ist]", f_list, CLP_REPEATABLE_FLAG},
+ *         CLP_END_MUTUAL_EXCLUSION,
+ *         {"-ls", f_list, CLP_ALIAS_FLAG},
+ *         {NULL, 0, 0}};
+ *
+ *     clp_handle *hdl = clp_create_hdl_using_argv(argc, argv, flags, STG_AREA_NULL);
+ *     char *word;
+ *     uint32_t flag;
+ *     int result;
+ *     clp_get_next_arg(hdl, &word);                                  // the command's name
+ *     while ((result = clp_get_next_flag_value(hdl, 0, &flag)) == 0) {
+ *         if (flag == f_comment && clp_get_next_arg(hdl, &comment) != 0)
+ *             return usage();
+ *         else if (flag == f_list)
+ *             while (clp_get_next_subarg(hdl, &word) == 0)            // -list one,two,three
+ *                 add(word);
+ *     }
+ *     if (result == 1)
+ *         return usage();                                            // already reported
+ *     while (clp_get_next_arg(hdl, &word) == 0)
+ *         work_on(word);
+ *     clp_destroy_hdl(&hdl);
+ *
+ * Results are 0 for success, 1 for an error that has been reported, and 2 for "nothing more", unless a
+ * comment says otherwise.
+ *
+ * Words are used in place and belong to the caller. A negative number of words counts as none.
+ *
+ * Misuse ends the process with a message and abort(): a handle that is NULL (message 8) or not one (7),
+ * a flag scan without a table (9) or constraints (10), a scan without a vector (11) or at a word that is
+ * NULL (12), and a table with faulty groups (0, 1) or an alias of nothing (3).
+ *
+ * Threads: a handle belongs to one thread at a time. The command stack and the command's text are the
+ * calling thread's own.
+ * Raises:  every call that prints is a raise point; none owns anything at that moment and no handle is
+ * left half changed.
+ */
+#ifndef KORVAKS_CLP_H
+#define KORVAKS_CLP_H
+
+#include <sys/time.h>
+
+#include <korvaks/base.h>
+#include <korvaks/stg.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/** @name Tables of flags */
+/**@{*/
+
+/** Bits of clp_flag_desc.flags */
+#define CLP_REPEATABLE_FLAG 1u /**< may be given more than once */
+#define CLP_ALIAS_FLAG 2u      /**< another name for the flag that has the same value and not this bit */
+#define CLP_OBSOLETE_FLAG 4u   /**< accepted as VELLUM_OBSO_SYN says, see clp_check_obsolete() */
+
+/**
+ * A flag. A table is an array of these, ended by a NULL name; it must outlive the handles that use it.
+ *
+ * Values are the caller's, but no two flags share one, aliases apart, and 0xfffffffd and 0xfffffffe mark
+ * groups. An alias in a group stands for a flag of that group; one outside any group stands for the
+ * nearest flag before it, back to the last start of a group, or else the first one behind it, up to
+ * the next end of a group.
+ */
+typedef struct clp_flag_desc {
+    const char *name; /**< as typed, with its '-'; a '[' marks where it may be cut off: "-c[omment]" */
+    uint32_t value;   /**< what clp_get_next_flag_value() gives for it */
+    uint32_t flags;   /**< CLP_ bits, or 0 */
+} clp_flag_desc;
+
+/** Table entries around a group: of the flags between them at most one may be used. Groups do not nest. */
+/* clang-format off */
+#define CLP_START_MUTUAL_EXCLUSION {"Start Mutual Exclusion", (uint32_t)-2, 0}
+#define CLP_END_MUTUAL_EXCLUSION {"End Mutual Exclusion", (uint32_t)-3, 0}
+/* clang-format on */
+
+/** What is known about a table entry while a line is scanned. */
+typedef struct clp_constraint {
+    uint32_t seen; /**< 1: the flag, or one of the group that starts here, was used */
+    int32_t link;  /**< alias: index of its flag; start of a group: index of the flag that used it; else -1 */
+} clp_constraint;
+/**@}*/
+
+/** @name Handles */
+/**@{*/
+
+/** clp_handle.magic */
+#define CLP_MAGIC 0x17171717u
+
+/** A command line being parsed. The fields may be read; they are changed through the calls below. */
+typedef struct clp_handle {
+    uint32_t magic;                   /**< CLP_MAGIC */
+    stg_area *area;                   /**< the handle's own, when it made one */
+    int argc;                         /**< words */
+    char **argv;                      /**< the caller's words, not copied */
+    int index;                        /**< current word */
+    char *next_value;                 /**< the word behind the last flag, or the rest of a comma list */
+    int end_of_flags;                 /**< not 0: "--" was met */
+    int descriptor_count;             /**< entries of the table, its end not counted */
+    const clp_flag_desc *descriptors; /**< the table */
+    clp_constraint *constraints;      /**< one for each entry */
+    int obsolete_mode;                /**< 0 silent, 1 warn, 2 fail */
+    const char *last_flag_name;       /**< of the last flag that matched, as in its table */
+} clp_handle;
+
+/**
+ * Makes a handle for a vector of words. The scan starts at word 0.
+ *
+ * @param argv         `argc` words, used in place: they must outlive the handle, and
+ *                     clp_get_next_subarg() writes into them
+ * @param descriptors  table of flags; NULL for a handle from which only words are pulled
+ * @param area         area for what the handle needs. STG_AREA_NULL or STG_AREA_HEAP: one that the
+ *                     handle makes and owns
+ * @return the handle, ended with clp_destroy_hdl(). NULL when two flags of the table have the same value
+ *         (message 2) or memory is exhausted (reported); nothing of the handle's own is left.
+ */
+KS_API clp_handle *clp_create_hdl_using_argv(int argc, char **argv, const clp_flag_desc *descriptors, stg_area *area);
+
+/** The same for a line, split by clp_parse_string() into the handle's area; NULL also when that fails. */
+KS_API clp_handle *clp_create_hdl_using_string(const char *command, const clp_flag_desc *descriptors, stg_area *area);
+
+/**
+ * Installs another table for the rest of the line, with no flag used so far. The place in the line
+ * is kept, the name of the last flag is forgotten.
+ *
+ * @param area  where to keep what the table needs; STG_AREA_NULL or STG_AREA_HEAP: the handle's own area
+ * @return 1 with the handle unchanged: no area is given and the handle has none of its own (message
+ *         13), two flags have the same value (message 2), memory is exhausted.
+ */
+KS_API int clp_switch_flags(clp_handle *hdl, const clp_flag_desc *descriptors, stg_area *area);
+
+/**
+ * Keeps the state of a scan: a copy of the handle in its area, which ends with that and is not destroyed
+ * by itself. The words, and which flags have been used, are shared with the handle. NULL when memory is
+ * exhausted.
+ */
+KS_API clp_handle *clp_save_hdl(const clp_handle *hdl);
+
+/** Goes back to a state kept by clp_save_hdl(): all fields but the magic. Flags stay used. Gives 0. */
+KS_API int clp_restore_hdl(clp_handle *hdl, const clp_handle *saved);
+
+/** Ends a handle with its own area, if it has one, and sets *hdl to NULL. Gives 0. */
+KS_API int clp_destroy_hdl(clp_handle **hdl);
+/**@}*/
+
+/** @name Flags and words */
+/**@{*/
+
+/**
+ * Takes the next flag.
+ *
+ * A word matches the first entry whose name it equals, or is a beginning of, cut off no earlier than
+ * at its '['. Letter case counts. "--" ends the flags: it is passed, and every later call gives 2.
+ *
+ * @param quiet      not 0: a word that begins with '-' and is no flag is not reported
+ * @param out_value  receives the flag's value, for an alias that of its flag; (uint32_t)-1 with the
+ *                   results 1 and 2
+ * @return 0: the flag is passed; the word behind it is now what clp_get_next_subarg() starts on.
+ *         2: no word is left, or the current one is no flag and does not begin with '-'.
+ *         1: it begins with '-' and is no flag (message 14); the flag was used before and is not
+ *         repeatable (5); another flag of its group was used (6); it is obsolete and that is an error (15).
+ *         The word is not passed.
+ */
+KS_API int clp_get_next_flag_value(clp_handle *hdl, int quiet, uint32_t *out_value);
+
+/** Takes the current word, whatever it looks like. 2 with NULL at the end. */
+KS_API int clp_get_next_arg(clp_handle *hdl, char **out_arg);
+
+/** Steps back one word; 2 at the first one. */
+KS_API int clp_unget_arg(clp_handle *hdl);
+
+/**
+ * Takes the next piece of a list "a,b,c".
+ *
+ * The list is the word behind the last flag; with its first piece that word is passed. The comma that
+ * ends a piece is overwritten by a NUL in the caller's word. An empty piece is one too.
+ *
+ * @return 2 with NULL behind the last piece. Then the current word, if there is one, becomes the list,
+ *         and the next call starts on it.
+ */
+KS_API int clp_get_next_subarg(clp_handle *hdl, char **out_subarg);
+
+/**
+ * The name of the last flag that matched, as in its table.
+ * @param strip  not 0: without '[' and ']'
+ * @param size   bytes of `buf`; the name is cut to size - 1. Below 1 nothing is stored.
+ * @return 2 with `buf` unchanged when no flag has matched.
+ */
+KS_API int clp_get_last_flag_name(const clp_handle *hdl, int strip, int size, char *buf);
+
+/**
+ * Tells whether a word is an acceptable spelling of a flag's name: 1 or 0. It equals the name without its
+ * brackets, or is a beginning of it cut off at a '[' or later. Bytes are compared as they are.
+ */
+KS_API int clp_match(const char *word, const char *name);
+
+/** Word 0; 2 with NULL when there are no words. */
+KS_API int clp_get_command_name(const clp_handle *hdl, char **out_name);
+
+/** The number of words. */
+KS_API int clp_get_argc(const clp_handle *hdl);
+
+/**
+ * Reports obsolete syntax that the caller itself found, as VELLUM_OBSO_SYN wants it: unset or "WARN", a
+ * warning (message 16) and 0; "FAIL", an error and 1; any other value, nothing and 0. Case does not count.
+ * The variable is read here and when a handle is made.
+ */
+KS_API int clp_check_obsolete(void);
+/**@}*/
+
+/** @name Command strings */
+/**@{*/
+
+/**
+ * Splits a string into words.
+ *
+ *  - White space (isspace() in the locale) separates words outside quotes. Characters of more than one
+ *    byte are kept whole and are never white space.
+ *  - ' and " quote and are dropped. The quote that closes ends the word there and then: x'a b'c is the
+ *    two words "xa b" and "c".
+ *  - Outside quotes a backslash before ', " or a backslash is dropped and makes it ordinary; before
+ *    anything else it stays. Inside quotes both stay, and the quote does not close.
+ *  - There are never more words than the string has runs of characters that are not white space. Words
+ *    beyond that number are dropped: 'ab'cd is the one word "ab", 'a b'cd are two.
+ *
+ * @param area      area of the vector and of the words; with STG_AREA_HEAP each is freed with stg_free()
+ * @param out_argc  receives the number of words
+ * @param out_argv  receives the vector, which has a NULL behind the last word
+ * @return 1 with nothing stored: a quote is not closed (message 4), a word has 8192 bytes or more
+ *         (message 17), no memory for the vector. When memory ends at a later word, the result is 0
+ *         and the words are those before it.
+ */
+KS_API int clp_parse_string(const char *command, stg_area *area, int *out_argc, char ***out_argv);
+
+/**
+ * Joins words in one string, with blanks between them.
+ *
+ *  - A word that begins with ' or " must end with the same character. It is written with `escape` in
+ *    front of both: 'a b' gives \'a b\' for a backslash, and stays as it is for an `escape` of 0.
+ *  - Any other word that holds a blank, tab, CR, LF or one of ?*~[] is written in double quotes.
+ *  - Everything else is written as it is, also quotes inside and an empty word.
+ *
+ * So clp_parse_string() reads the words back only where no word is empty, none holds a quote, a backslash
+ * or white space but those named, and each is shorter than 8192 bytes.
+ *
+ * @param escape   a character, or 0
+ * @param area     area of the string, or STG_AREA_HEAP (stg_free())
+ * @param out_str  receives the string, "" for no words
+ * @return 1 with nothing stored: a word begins with a quote and does not end with it (message 4), or memory
+ *         is exhausted.
+ */
+KS_API int clp_argv_to_string(int argc, char *const *argv, stg_area *area, int escape, char **out_str);
+/**@}*/
+
+/** @name The stack of commands being run, one for each thread */
+/**@{*/
+
+/** Bytes that the text of the stack stays below. */
+#define CLP_MAX_STACK_STRING 250
+
+/** Puts a command on the stack. Only ten names are stored (not copied); further ones are counted. Gives 0. */
+KS_API int clp_push_cmd(const char *name);
+
+/** Takes the last command off. A name goes only when no command above it is merely counted. Gives 0. */
+KS_API int clp_pop_cmd(void);
+
+/**
+ * The stack as text, each name followed by ':', when it has changed.
+ *
+ * @param generation  state that the caller has seen; receives the present one
+ * @return the thread's own text, until the next call; NULL when `*generation` is the present one. With an
+ *         empty stack it is the text that was built last. 250 bytes of text end the process
+ *         (assertion).
+ */
+KS_API const char *clp_get_cmd_stack(uint32_t *generation);
+/**@}*/
+
+/**
+ * @name Command history
+ *
+ * It is kept while the file "collect_history" exists in the host configuration directory, in the file
+ * "vellum_history" in the "log" directory of the host-data directory. The directory is not made here, the
+ * file is, with mode 0666 less the umask. A record is one line that starts with local time and
+ * milliseconds, "2026:03:05:14:03:59.042 ", and is written in one piece behind what other processes write.
+ * Control characters in it are shown as '?', tabs excepted. A record that was cut by a full disk stays a
+ * line of its own; empty lines mean nothing. The file is not followed through a symbolic link and must be
+ * a regular one; when it cannot be opened or written, nothing is said. A host without a data directory
+ * keeps no history.
+ */
+/**@{*/
+
+/**
+ * Remembers a command line for clp_get_command(), and writes it to the history:
+ *
+ *     TIME (uid=1000) (pid=4711) NAME 'word' 'word' in /working/directory took TOOK
+ *
+ * NAME and the words have 256 bytes; words from the first that does not fit are left out.
+ * @param name  NULL counts as ""
+ * @param took  time taken, as text; NULL: the record ends before it
+ */
+KS_API void clp_log_cl_args(const char *name, int argc, char *const *argv, const char *took);
+
+/** clp_log_cl_args() with the words of a handle. */
+KS_API void clp_log_command(const char *name, const clp_handle *hdl, const char *took);
+
+/** The thread's last command line given to clp_log_cl_args(), until the next; "No command" without one. */
+KS_API const char *clp_get_command(void);
+
+/** The current time, for the calls below. */
+KS_API void clp_get_starttime(struct timeval *out_time);
+
+/**
+ * clp_log_cl_args() at the end of a tool, with the program's name (imsg.h) and the time since `start`. Only
+ * for programs named "veltool", "spantool" or "velmake" with anything behind it.
+ */
+KS_API void clp_exit_log_args(int argc, char *const *argv, const struct timeval *start);
+
+/** clp_exit_log_args() with the words of a handle. */
+KS_API void clp_exit_log_command(const clp_handle *hdl, const struct timeval *start);
+
+/** Writes the record "TIME TAG 'TEXT': ". Whether history is kept is asked once per process. */
+KS_API void clp_collectdatas(const char *tag, const char *text);
+
+/**
+ * Writes a record with `text` as tag and, as text, its first 1000 bytes and the number in 20 columns;
+ * with a number of 0, its first 1024 bytes. Whether history is kept is asked once per process.
+ */
+KS_API void clp_collectdatai(const char *text, int number);
+/**@}*/
+
+/** The module's messages, subsystem "ks/clp". */
+extern KS_API const msg_table _clp_ks_msg_table;
+
+#ifdef __cplusplus
+}
+#endif
+#endif
