@@ -306,6 +306,7 @@ TEST(WildGlob, ManyFiles)
     for (int i = 0; i < 100000; ++i)
         paths.push_back(std::to_string(i / 10000) + "/" + std::to_string(i / 1000 % 10) + "/" + std::to_string(i));
     make(dir, paths);
+    (void)glob("*", dir.path()); // from now on the library has its own open
     const int descriptors = test::open_descriptor_count();
     const std::string list = glob(".../*7", dir.path());
     EXPECT_EQ(std::count(list.begin(), list.end(), ' '), 10010); // and two levels of directories
