@@ -3,6 +3,7 @@
 #include "depot_report.h"
 
 #include <korvaks/compress.h>
+#include <korvaks/date.h>
 #include <korvaks/imsg.h>
 #include <korvaks/ks_sort.h>
 #include <korvaks/pfm.h>
@@ -17,9 +18,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-namespace {
+namespace depot {
 
-using namespace depot;
+namespace {
 
 constexpr char suffix[] = ".vde";
 constexpr std::size_t suffix_bytes = sizeof suffix - 1;
@@ -51,6 +52,7 @@ struct Transfer {
     Bytes content;
     Bytes block;
     Aside aside;
+    unsigned char header[header_bytes_max];
 };
 
 void release(Transfer &transfer)
@@ -141,29 +143,53 @@ bool pack_source(Transfer &transfer, const char *path, std::uint64_t expected)
     return transfer.block.data != nullptr || fail(msg_cannot_read, path, ENOMEM);
 }
 
-int write_entry(Transfer &transfer, const timespec &changed, const char *file_name)
+bool has_entry(const Depot &depot, const char *name)
 {
-    unsigned char header[header_bytes];
-    write_header(transfer.content, transfer.block, changed, header);
-    if (const int failure = write_all(transfer.aside.fd, header, sizeof header); failure != 0)
+    struct stat status;
+    return fstatat(depot.directory, EntryFile(name).name, &status, AT_SYMLINK_NOFOLLOW) == 0;
+}
+
+timespec now()
+{
+    timeval time;
+    date_get_timeval(&time);
+    return {time.tv_sec, time.tv_usec * 1000};
+}
+
+int write_entry(Transfer &transfer, const Label &label, const timespec &changed, const char *file_name)
+{
+    Entry entry;
+    describe(transfer.content, transfer.block, entry);
+    entry.changed = changed;
+    entry.stored = now();
+    entry.owner = label.owner;
+    entry.comment = label.comment;
+    const std::size_t header_bytes = write_header(entry, transfer.header);
+    if (const int failure = write_all(transfer.aside.fd, transfer.header, header_bytes); failure != 0)
         return failure;
     if (const int failure = write_all(transfer.aside.fd, transfer.block.data, transfer.block.size); failure != 0)
         return failure;
-    return commit_aside(transfer.aside, file_name, true);
+    return commit_aside(transfer.aside, file_name, label.may_replace);
 }
 
-bool put(Transfer &transfer, const Depot &depot, const char *path)
+bool put(Transfer &transfer, const Depot &depot, const char *path, const Label &label)
 {
     const char *const name = base_name(path);
     struct stat status;
     if (!check_name(name, path) || !open_source(transfer, path, status))
         return false;
+    // Only to save work: what decides is how the entry gets its name.
+    if (!label.may_replace && has_entry(depot, name))
+        return fail(msg_entry_exists, name);
     // The entry may be read by those who may read the file.
     if (const int failure = open_aside(depot.directory, status.st_mode & 0666, transfer.aside); failure != 0)
         return fail(msg_cannot_write, name, failure);
     if (!pack_source(transfer, path, static_cast<std::uint64_t>(status.st_size)))
         return false;
-    if (const int failure = write_entry(transfer, status.st_mtim, EntryFile(name).name); failure != 0)
+    const int failure = write_entry(transfer, label, status.st_mtim, EntryFile(name).name);
+    if (failure == EEXIST)
+        return fail(msg_entry_exists, name);
+    if (failure != 0)
         return fail(msg_cannot_write, name, failure);
     report(ok, msg_stored, shown(name), static_cast<unsigned long long>(transfer.content.size),
            static_cast<unsigned long long>(transfer.block.size));
@@ -172,8 +198,7 @@ bool put(Transfer &transfer, const Depot &depot, const char *path)
 
 // Fetching.
 
-// Opens an entry's file and reads its header.
-bool open_entry(const Depot &depot, const char *name, int &out_fd, Entry &out_entry, mode_t &out_mode)
+bool open_entry_file(const Depot &depot, const char *name, int &out_fd, struct stat &out_status)
 {
     if (!check_name(name, name))
         return false;
@@ -182,25 +207,36 @@ bool open_entry(const Depot &depot, const char *name, int &out_fd, Entry &out_en
         return fail(msg_no_entry, name);
     if (out_fd < 0 && errno == ELOOP)
         return fail(Fault::foreign, name);
-    struct stat status;
-    if (out_fd < 0 || fstat(out_fd, &status) != 0)
+    if (out_fd < 0 || fstat(out_fd, &out_status) != 0)
         return fail(msg_cannot_read, name, errno);
-    if (!S_ISREG(status.st_mode))
-        return fail(Fault::foreign, name);
-    unsigned char header[header_bytes];
-    const ssize_t count = read(out_fd, header, sizeof header);
+    return S_ISREG(out_status.st_mode) || fail(Fault::foreign, name);
+}
+
+// Opens an entry's file, reads its header, and stops in front of its block. The entry's owner and
+// comment are parts of the transfer.
+bool open_entry(Transfer &transfer, const Depot &depot, const char *name, Entry &out_entry, mode_t &out_mode)
+{
+    struct stat status;
+    if (!open_entry_file(depot, name, transfer.source, status))
+        return false;
+    const ssize_t count = read(transfer.source, transfer.header, sizeof transfer.header);
     if (count < 0)
         return fail(msg_cannot_read, name, errno);
-    const Fault fault =
-        read_header(header, static_cast<std::size_t>(count), static_cast<std::uint64_t>(status.st_size), out_entry);
+    std::size_t header_bytes = 0;
+    const Fault fault = read_header(transfer.header, static_cast<std::size_t>(count),
+                                    static_cast<std::uint64_t>(status.st_size), out_entry, header_bytes);
+    if (fault != Fault::none)
+        return fail(fault, name);
+    if (lseek(transfer.source, static_cast<off_t>(header_bytes), SEEK_SET) < 0)
+        return fail(msg_cannot_read, name, errno);
     out_mode = status.st_mode & 0666;
-    return fault == Fault::none || fail(fault, name);
+    return true;
 }
 
 // Reads and checks all of an entry.
 bool load_entry(Transfer &transfer, const Depot &depot, const char *name, Entry &out_entry, mode_t &out_mode)
 {
-    if (!open_entry(depot, name, transfer.source, out_entry, out_mode))
+    if (!open_entry(transfer, depot, name, out_entry, out_mode))
         return false;
     const std::uint64_t length = out_entry.block_length;
     const int failure = read_all(transfer.source, length, length, transfer.block);
@@ -264,6 +300,16 @@ bool get(Transfer &transfer, const Depot &depot, const char *name, const char *t
     if (failure != 0)
         return fail(msg_cannot_write, target, failure);
     report(ok, msg_fetched, shown(name), shown(target));
+    return true;
+}
+
+// Makes a text the area's.
+bool copy_text(stg_area *area, std::string_view &text)
+{
+    auto *const copy = static_cast<char *>(stg_alloc(area, text.size() + 1)); // 0 bytes would be no block
+    if (copy == nullptr)
+        return false;
+    text = {copy, text.copy(copy, text.size())};
     return true;
 }
 
@@ -336,8 +382,6 @@ int sync_parent(int directory)
 
 } // namespace
 
-namespace depot {
-
 bool open_depot(const char *path, bool make, Depot &out_depot)
 {
     const bool is_new = make && mkdir(path, 0777) == 0;
@@ -354,10 +398,10 @@ void close_depot(Depot &depot)
     close_descriptor(depot.directory);
 }
 
-bool put_file(const Depot &depot, const char *path)
+bool put_file(const Depot &depot, const char *path, const Label &label)
 {
     Transfer transfer;
-    return run_protected(transfer, [&] { return put(transfer, depot, path); });
+    return run_protected(transfer, [&] { return put(transfer, depot, path, label); });
 }
 
 bool get_file(const Depot &depot, const char *name, const char *target, bool replace)
@@ -377,12 +421,13 @@ bool verify_entry(const Depot &depot, const char *name)
     });
 }
 
-bool read_entry(const Depot &depot, const char *name, Entry &out_entry)
+bool read_entry(const Depot &depot, stg_area *area, const char *name, Entry &out_entry)
 {
     Transfer transfer;
     return run_protected(transfer, [&] {
         mode_t mode = 0;
-        return open_entry(depot, name, transfer.source, out_entry, mode);
+        return open_entry(transfer, depot, name, out_entry, mode) && copy_text(area, out_entry.owner) &&
+               copy_text(area, out_entry.comment);
     });
 }
 

@@ -24,7 +24,14 @@ struct Depot {
 bool open_depot(const char *path, bool make, Depot &out_depot);
 void close_depot(Depot &depot);
 
-bool put_file(const Depot &depot, const char *path);
+// What an entry gets besides its content.
+struct Label {
+    const char *owner;   // at most owner_bytes_max
+    const char *comment; // at most comment_bytes_max
+    bool may_replace;    // else an entry that exists is an error
+};
+
+bool put_file(const Depot &depot, const char *path, const Label &label);
 
 // `target` NULL: the entry's name, in the working directory. Without `replace` an existing file is
 // an error.
@@ -33,8 +40,8 @@ bool get_file(const Depot &depot, const char *name, const char *target, bool rep
 bool verify_entry(const Depot &depot, const char *name);
 bool remove_entry(const Depot &depot, const char *name);
 
-// What an entry's header says.
-bool read_entry(const Depot &depot, const char *name, Entry &out_entry);
+// What an entry's header says, its texts in memory of the area.
+bool read_entry(const Depot &depot, stg_area *area, const char *name, Entry &out_entry);
 
 struct Names {
     const char **items = nullptr;

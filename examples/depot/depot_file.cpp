@@ -15,9 +15,9 @@
 #include <sys/random.h>
 #include <unistd.h>
 
-namespace {
+namespace depot {
 
-using namespace depot;
+namespace {
 
 constexpr std::size_t piece_bytes = 1 << 20; // between two checks for Ctrl-C
 constexpr char aside_prefix[] = ".veldepot-";
@@ -101,8 +101,6 @@ bool was_taken(const Aside &aside)
 }
 
 } // namespace
-
-namespace depot {
 
 void close_descriptor(int &fd)
 {

@@ -1,76 +1,173 @@
 #include "depot_msg.h"
 
 #include <array>
+#include <cstddef>
 #include <cstdint>
-#include <utility>
+#include <iterator>
+
+namespace depot {
+
+// Not constexpr on purpose: reaching it in a constant expression is the compile error.
+void rows_are_not_in_order();
 
 namespace {
 
-using namespace depot;
-
-constexpr std::array<const char *, msg_count> texts = {
-    "usage: veldepot [-d DIR] COMMAND [ARGUMENT]...\n"
-    "\n"
-    "Keeps compressed copies of files, with checksums, in a depot directory.\n"
-    "\n"
-    "  put FILE...            store files under their base names, replacing entries of that name\n"
-    "  get NAME [-out FILE]   fetch an entry into FILE, or into a file of its own name\n"
-    "  list                   list the entries\n"
-    "  verify [NAME...]       check entries against their checksums; all without a NAME\n"
-    "  remove NAME...         remove entries\n"
-    "  help                   show this text\n"
-    "\n"
-    "  -d, -depot DIR         the depot's directory, else VELDEPOT_DIR; put makes it\n"
-    "  -o, -out FILE          where get writes to\n"
-    "  -f, -force             get replaces a file that exists\n"
-    "  --                     what follows is no option\n"
-    "\n"
-    "Commands may be cut off: \"l\" is \"list\". A file is held in memory while it is stored or fetched,\n"
-    "together with its compressed form (some 2.1 times its size), and must be smaller than 4 GiB. An\n"
-    "interrupted command leaves every entry and every file as it was, or finished.\n",
-    "No depot: give its directory with -d or in VELDEPOT_DIR.\n",
-    "Unknown command \"%s\"; try \"veldepot help\".\n",
-    "%s: \"%s\"; try \"veldepot help\".\n",
-    "Option -%c needs a value; try \"veldepot help\".\n",
-    "Too few arguments for \"%s\"; try \"veldepot help\".\n",
-    "Too many arguments for \"%s\": \"%s\"; try \"veldepot help\".\n",
-    "\"%s\" cannot name an entry: a name has 1 to %d bytes, no \"/\", and is not \".\" or \"..\".\n",
-    "Unable to open depot \"%s\": %s\n",
-    "Unable to read \"%s\": %s\n",
-    "Unable to write \"%s\": %s\n",
-    "Unable to remove \"%s\": %s\n",
-    "\"%s\" is not a plain file.\n",
-    "\"%s\" is too big: a file must be smaller than 4 GiB.\n",
-    "\"%s\" exists; use -f to replace it.\n",
-    "No entry \"%s\" in the depot.\n",
-    "\"%s\" is in an entry's place and is none.\n",
-    "Entry \"%s\" was written by a newer program.\n",
-    "Entry \"%s\" is damaged: its header does not match its checksum.\n",
-    "Entry \"%s\" is damaged: it has lost or gained bytes.\n",
-    "Entry \"%s\" is damaged: its compressed bytes do not match their checksum.\n",
-    "Entry \"%s\" is damaged: its content does not match its checksum.\n",
-    "\"%s\" in the depot's directory is not part of the depot.\n",
-    "Stored \"%s\": %llu bytes in %llu.\n",
-    "Fetched \"%s\" into \"%s\".\n",
-    "Removed \"%s\".\n",
-    "%lu of %lu entries are sound.\n",
-    "NAME",
-    "%s            SIZE          STORED  CHECKSUM\n",
-    "%s  %14llu  %14llu  %08x\n",
-    "%lu in all",
-    "%s  %14llu  %14llu\n",
+struct Row {
+    Msg number;
+    const char *text;
 };
 
-static_assert(texts.back() != nullptr, "a text for each message");
+constexpr Row rows[] = {
+    {msg_no_directory, "No depot: give its directory with -d or in VELDEPOT_DIR.\n"},
+    {msg_unknown_command, "Unknown command \"%s\"; there are %s.\n"},
+    {msg_unknown_flag, "Unknown flag \"%s\"; a name that begins with \"-\" stands behind \"--\".\n"},
+    {msg_flag_needs, "Flag \"%s\" needs an argument, %s.\n"},
+    {msg_too_few_words, "Too few arguments for \"%s\".\n"},
+    {msg_too_many_words, "Too many arguments for \"%s\": \"%s\".\n"},
+    {msg_long_comment, "The comment is too long: it may have %d bytes.\n"},
+    {msg_bad_date, "\"%s\" is no date; write it like yesterday, 05-Mar-24.14:03 or 2024-03-05T14:03.\n"},
+    {msg_bad_pattern, "Bad pattern \"%s\": a \"[\" and a \"]\" belong together, or stand behind a backslash.\n"},
+    {msg_bad_format, "A format may hold %sand %%[column]t; see \"veldepot help list\".\n"},
 
-// Numbers in the catalogue count from 1.
-template <std::size_t... index> constexpr auto count_from_one(std::index_sequence<index...>)
+    {msg_bad_name, "\"%s\" cannot name an entry: a name has 1 to %d bytes, no \"/\", and is not \".\" or \"..\".\n"},
+    {msg_no_owner, "Unable to find your name: %s\n"},
+    {msg_no_depot, "Unable to open depot \"%s\": %s\n"},
+    {msg_cannot_read, "Unable to read \"%s\": %s\n"},
+    {msg_cannot_write, "Unable to write \"%s\": %s\n"},
+    {msg_cannot_remove, "Unable to remove \"%s\": %s\n"},
+    {msg_not_plain, "\"%s\" is not a plain file.\n"},
+    {msg_too_big, "\"%s\" is too big: a file must be smaller than 4 GiB.\n"},
+    {msg_exists, "\"%s\" exists; use -f to replace it.\n"},
+    {msg_entry_exists, "Entry \"%s\" exists and was not replaced.\n"},
+    {msg_no_entry, "No entry \"%s\" in the depot.\n"},
+    {msg_no_match, "No entry matches \"%s\".\n"},
+    {msg_not_an_entry, "\"%s\" is in an entry's place and is none.\n"},
+    {msg_unknown_version, "Entry \"%s\" was written by a newer program.\n"},
+    {msg_bad_header, "Entry \"%s\" is damaged: its header does not match its checksum.\n"},
+    {msg_bad_size, "Entry \"%s\" is damaged: it has lost or gained bytes.\n"},
+    {msg_bad_block, "Entry \"%s\" is damaged: its compressed bytes do not match their checksum.\n"},
+    {msg_bad_content, "Entry \"%s\" is damaged: its content does not match its checksum.\n"},
+    {msg_foreign, "\"%s\" in the depot's directory is not part of the depot.\n"},
+
+    {msg_stored, "Stored \"%s\": %llu bytes in %llu.\n"},
+    {msg_fetched, "Fetched \"%s\" into \"%s\".\n"},
+    {msg_removed, "Removed \"%s\".\n"},
+    {msg_verified, "%lu of %lu entries are sound.\n"},
+
+    {msg_text, "%s"},
+    {msg_list_total, "%lu in all"},
+    {msg_list_comment, "    %s\n"},
+    {msg_unknown, "-"},
+    {msg_bytes, "%llu"},
+    {msg_checksum, "%08x"},
+    {msg_percent, "%u%%"},
+    {msg_seconds, "@%lld"},
+    {msg_head_name, "NAME"},
+    {msg_head_size, "SIZE"},
+    {msg_head_stored, "STORED"},
+    {msg_head_ratio, "RATIO"},
+    {msg_head_checksum, "CHECKSUM"},
+    {msg_head_date, "DATE"},
+    {msg_head_changed, "CHANGED"},
+    {msg_head_owner, "OWNER"},
+    {msg_head_comment, "COMMENT"},
+
+    {msg_usage, "usage: %s\n"},
+    {msg_help_about, "\nKeeps compressed copies of files, with checksums, in a depot directory.\n"},
+    {msg_help_commands, "\nCommands:\n"},
+    {msg_help_flags, "\nFlags:\n"},
+    {msg_help_row, "  %s  %s\n"},
+    {msg_help_notation,
+     "\nA command or flag may be cut off where its \"[\" stands, or later. Of flags with \"|\" between them one\n"
+     "may be given; what has \"...\" behind it may be repeated.\n"},
+    {msg_help_general,
+     "\nA file is held in memory while it is stored or fetched, together with its compressed form (some 2.1\n"
+     "times its size), and must be smaller than 4 GiB. An interrupted command leaves every entry and every\n"
+     "file as it was, or finished.\n"
+     "\n\"veldepot help COMMAND\" tells more about a command.\n"},
+    {msg_argument_command, "COMMAND [ARGUMENT]..."},
+    {msg_argument_put, "FILE..."},
+    {msg_argument_get, "NAME"},
+    {msg_argument_list, "[PATTERN]..."},
+    {msg_argument_verify, "[NAME]..."},
+    {msg_argument_remove, "NAME..."},
+    {msg_argument_help, "[COMMAND]"},
+    {msg_summary_put, "store files"},
+    {msg_summary_get, "fetch an entry"},
+    {msg_summary_list, "list entries"},
+    {msg_summary_verify, "check entries against their checksums"},
+    {msg_summary_remove, "remove entries"},
+    {msg_summary_help, "show this text, or more about a command"},
+    {msg_notes_put,
+     "\nEach FILE becomes an entry of its base name, with your name, the time and the comment. An entry of\n"
+     "that name is replaced, comment and all, unless -nreplace is given. A depot that does not exist is made.\n"},
+    {msg_notes_get,
+     "\nThe entry is checked, and written to FILE or to a file of its own name with the time at which the\n"
+     "stored file was last changed. Only a plain file is ever replaced.\n"},
+    {msg_notes_list,
+     "\nLists the entries that match a PATTERN, or all. In a PATTERN \"*\" stands for any characters, \"?\" for\n"
+     "any one, \"[a-z]\" for one of these; a backslash makes the next character ordinary. One that matches\n"
+     "nothing is an error. The date of an entry is when it was stored.\n"},
+    {msg_notes_verify, "\nChecks these entries, or all. Every byte is looked at.\n"},
+    {msg_notes_remove, "\nRemoves these entries for good.\n"},
+    {msg_notes_help, "\nShows what the tool is for, or all about one COMMAND.\n"},
+    {msg_argument_depot, "DIR"},
+    {msg_argument_comment, "TEXT"},
+    {msg_argument_out, "FILE"},
+    {msg_argument_format, "FORMAT"},
+    {msg_argument_since, "DATE"},
+    {msg_flag_depot, "the depot's directory, else that of VELDEPOT_DIR"},
+    {msg_flag_help, "show help about the command instead"},
+    {msg_flag_comment, "a comment to keep with the entries; each one is a line of it"},
+    {msg_flag_replace, "replace entries that exist (as without a flag)"},
+    {msg_flag_keep, "keep entries that exist: storing again is an error"},
+    {msg_flag_out, "where to write to"},
+    {msg_flag_force, "replace a file that exists"},
+    {msg_flag_long, "also show ratio, date, owner and comment"},
+    {msg_flag_short, "show names only"},
+    {msg_flag_format, "show each entry in this format"},
+    {msg_flag_since, "only entries stored then or later"},
+    {msg_help_format, "\nA FORMAT is text with conversions:\n"},
+    {msg_format_name, "name"},
+    {msg_format_size, "bytes of the content"},
+    {msg_format_stored, "bytes as stored"},
+    {msg_format_ratio, "the latter in percent of the former"},
+    {msg_format_checksum, "checksum of the content"},
+    {msg_format_date, "date at which it was stored; %%Dd only the day, %%Sd short, %%Ud in UTC"},
+    {msg_format_changed, "date of the file's last change; also with D, S and U"},
+    {msg_format_owner, "who stored it"},
+    {msg_format_comment, "comment"},
+    {msg_format_column, "blanks up to column 30"},
+    {msg_format_notes,
+     "A width and a precision may stand behind the \"%%\": %%8s is right-aligned, %%-20n left-aligned, %%.10c cut "
+     "off.\n"
+     "%%%% is a percent sign, \\n ends a line, \\t is a tab. Nothing is added: without a \\n all entries stand in one\n"
+     "line. In names and comments, what is not printable is shown as \\ooo, in octal digits.\n"},
+    {msg_help_dates, "\nA DATE is one as in ISO 8601, 2024-03-05 or 2024-03-05T14:03+01:00, or a <date-time>:\n\n%s"},
+};
+
+struct Columns {
+    std::array<const char *, msg_count> texts;
+    std::array<std::uint16_t, msg_count> catalog_numbers; // from 1
+};
+
+consteval Columns split_rows()
 {
-    return std::array<std::uint16_t, sizeof...(index)>{static_cast<std::uint16_t>(index + 1)...};
+    static_assert(std::size(rows) == msg_count);
+    Columns columns{};
+    for (std::size_t i = 0; i < msg_count; ++i) {
+        if (rows[i].number != i)
+            rows_are_not_in_order();
+        columns.texts[i] = rows[i].text;
+        columns.catalog_numbers[i] = static_cast<std::uint16_t>(i + 1);
+    }
+    return columns;
 }
-constexpr auto catalog_numbers = count_from_one(std::make_index_sequence<msg_count>());
+constexpr Columns columns = split_rows();
 
 } // namespace
 
-extern "C" const msg_table _depot_ks_msg_table = {"veldepot", "depot",      1,
-                                                  msg_count,  texts.data(), catalog_numbers.data()};
+} // namespace depot
+
+extern "C" const msg_table _depot_ks_msg_table = {
+    "veldepot", "depot", 1, depot::msg_count, depot::columns.texts.data(), depot::columns.catalog_numbers.data()};

@@ -8,14 +8,21 @@ extern "C" const msg_table _depot_ks_msg_table;
 namespace depot {
 
 enum Msg : unsigned {
-    msg_usage = 0,
-    msg_no_directory,
-    msg_unknown_command, // word
-    msg_bad_word,        // what is wrong, word
-    msg_option_needs,    // option letter
+    // Errors of the command line.
+    msg_no_directory = 0,
+    msg_unknown_command, // word, the commands
+    msg_unknown_flag,    // word
+    msg_flag_needs,      // flag, its argument
     msg_too_few_words,   // command
     msg_too_many_words,  // command, first word too many
+    msg_long_comment,    // most bytes
+    msg_bad_date,        // word
+    msg_bad_pattern,     // pattern
+    msg_bad_format,      // the conversions there are
+
+    // Errors of the work.
     msg_bad_name,        // name, most bytes
+    msg_no_owner,        // error text
     msg_no_depot,        // directory, error text
     msg_cannot_read,     // name, error text
     msg_cannot_write,    // name, error text
@@ -23,7 +30,9 @@ enum Msg : unsigned {
     msg_not_plain,       // name
     msg_too_big,         // name
     msg_exists,          // name
+    msg_entry_exists,    // name
     msg_no_entry,        // name
+    msg_no_match,        // pattern
     msg_not_an_entry,    // name
     msg_unknown_version, // name
     msg_bad_header,      // name
@@ -31,16 +40,91 @@ enum Msg : unsigned {
     msg_bad_block,       // name
     msg_bad_content,     // name
     msg_foreign,         // name
-    msg_stored,          // name, bytes, stored bytes
-    msg_fetched,         // name, file
-    msg_removed,         // name
-    msg_verified,        // sound entries, entries
-    msg_list_name,       // heading of the first column
-    msg_list_head,       // the above, padded
-    msg_list_row,        // name, padded; bytes, stored bytes, checksum
-    msg_list_entries,    // entries
-    msg_list_total,      // the above, padded; bytes, stored bytes
-    msg_count
+
+    // What was done.
+    msg_stored,   // name, bytes, stored bytes
+    msg_fetched,  // name, file
+    msg_removed,  // name
+    msg_verified, // sound entries, entries
+
+    // The list. A value without text, as an old entry's owner, is shown as msg_unknown.
+    msg_text,         // any text, as it is
+    msg_list_total,   // entries
+    msg_list_comment, // a line of a comment
+    msg_unknown,
+    msg_bytes,    // a number
+    msg_checksum, // a number
+    msg_percent,  // a number
+    msg_seconds,  // a time that the calendar does not have
+    msg_head_name,
+    msg_head_size,
+    msg_head_stored,
+    msg_head_ratio,
+    msg_head_checksum,
+    msg_head_date,
+    msg_head_changed,
+    msg_head_owner,
+    msg_head_comment,
+
+    // Help. Those without a comment have no arguments.
+    msg_usage, // a usage line
+    msg_help_about,
+    msg_help_commands, // heading
+    msg_help_flags,    // heading
+    msg_help_row,      // name, padded; meaning
+    msg_help_notation,
+    msg_help_general,
+    msg_argument_command,
+    msg_argument_put,
+    msg_argument_get,
+    msg_argument_list,
+    msg_argument_verify,
+    msg_argument_remove,
+    msg_argument_help,
+    msg_summary_put,
+    msg_summary_get,
+    msg_summary_list,
+    msg_summary_verify,
+    msg_summary_remove,
+    msg_summary_help,
+    msg_notes_put,
+    msg_notes_get,
+    msg_notes_list,
+    msg_notes_verify,
+    msg_notes_remove,
+    msg_notes_help,
+    msg_argument_depot,
+    msg_argument_comment,
+    msg_argument_out,
+    msg_argument_format,
+    msg_argument_since,
+    msg_flag_depot,
+    msg_flag_help,
+    msg_flag_comment,
+    msg_flag_replace,
+    msg_flag_keep,
+    msg_flag_out,
+    msg_flag_force,
+    msg_flag_long,
+    msg_flag_short,
+    msg_flag_format,
+    msg_flag_since,
+    msg_help_format,
+    msg_format_name,
+    msg_format_size,
+    msg_format_stored,
+    msg_format_ratio,
+    msg_format_checksum,
+    msg_format_date,
+    msg_format_changed,
+    msg_format_owner,
+    msg_format_comment,
+    msg_format_column,
+    msg_format_notes,
+    msg_help_dates, // the traditional grammar
+
+    msg_count,
+    msg_none = msg_count // where there may be a message and is none
 };
 
 } // namespace depot

@@ -4,8 +4,11 @@
 #include <korvaks/stg.h>
 #include <korvaks/strutl.h>
 
+#include <algorithm>
 #include <cstdarg>
 #include <cstring>
+
+namespace depot {
 
 namespace {
 
@@ -29,8 +32,6 @@ std::size_t show_character(const char *from, std::size_t available, char *&to)
 
 } // namespace
 
-namespace depot {
-
 bool start_messages(const char *argv0)
 {
     imsg_set_app_name(argv0);
@@ -53,10 +54,15 @@ void report(Kind kind, unsigned number, ...)
     stg_free_area(message_area, 1);
 }
 
+char *make_text(std::size_t size)
+{
+    return static_cast<char *>(stg_alloc(message_area, size));
+}
+
 const char *text_of(unsigned number, ...)
 {
     constexpr std::size_t size = 256;
-    auto *const text = static_cast<char *>(stg_alloc(message_area, size));
+    char *const text = make_text(size);
     if (text == nullptr)
         return "?";
     va_list arguments;
@@ -66,19 +72,34 @@ const char *text_of(unsigned number, ...)
     return text;
 }
 
-const char *shown(const char *name)
+const char *shown(std::string_view name)
 {
-    std::size_t left = std::strlen(name);
-    auto *const text = static_cast<char *>(stg_alloc(message_area, 4 * left + 1)); // 4 bytes for \ooo
+    char *const text = make_text(4 * name.size() + 1); // 4 bytes for \ooo
     if (text == nullptr)
         return "?";
     char *to = text;
-    while (left > 0) {
-        const std::size_t length = show_character(name, left, to);
-        name += length;
-        left -= length;
-    }
+    while (!name.empty())
+        name.remove_prefix(show_character(name.data(), name.size(), to));
     *to = '\0';
+    return text;
+}
+
+const char *padded(const char *text, int width)
+{
+    width = std::max(width, static_cast<int>(imsg_strwidth(text)));
+    const std::size_t size = std::strlen(text) + static_cast<std::size_t>(width) + 1;
+    char *const wide = make_text(size);
+    return wide != nullptr && imsg_make_width(wide, size, text, width, 0) != 0 ? wide : text;
+}
+
+const char *unbracketed(const char *name)
+{
+    char *const text = make_text(std::strlen(name) + 1);
+    if (text == nullptr)
+        return name;
+    char *const end =
+        std::remove_copy_if(name, name + std::strlen(name), text, [](char c) { return c == '[' || c == ']'; });
+    *end = '\0';
     return text;
 }
 

@@ -3,10 +3,13 @@
 
 #include "depot_msg.h"
 
+#include <cstddef>
+#include <string_view>
+
 namespace depot {
 
-// Kinds of messages used here (korvaks/imsg.h).
-enum Kind : int { ok = 0, output = 2, warning = 4, error = 6 };
+// Kinds of messages used here (korvaks/imsg.h). `error_more` goes on with what an error said.
+enum Kind : int { ok = 0, output = 2, warning = 4, error = 6, error_more = 7 };
 
 // Names the program in messages, and makes what they need; false when memory is exhausted.
 bool start_messages(const char *argv0);
@@ -15,12 +18,23 @@ void end_messages();
 // Prints a message with the arguments its text needs.
 void report(Kind kind, unsigned number, ...);
 
-// A message's text, for a piece of another one. It lives until the next report().
+// Texts for report(). They live until its next call.
+
+// Room for a text; NULL when memory is exhausted.
+char *make_text(std::size_t size);
+
+// A message's text, for a piece of another one.
 const char *text_of(unsigned number, ...);
 
-// A file name as it may be shown: what is not printable becomes \ooo, so that no name can play
-// tricks on a terminal. The text lives until the next report().
-const char *shown(const char *name);
+// A name or word as it may be shown: what is not printable becomes \ooo, so that nothing can play
+// tricks on a terminal.
+const char *shown(std::string_view name);
+
+// The text with blanks behind it, `width` columns wide at least.
+const char *padded(const char *text, int width);
+
+// A name of a flag or command without the brackets that tell where it may be cut off.
+const char *unbracketed(const char *name);
 
 // False once a message did not reach its stream, as when the disk behind standard output is full.
 bool is_output_complete();

@@ -1,18 +1,16 @@
-// veldepot as its users run it: the real program, on real files.
-#include <korvaks/fileutl.h>
-
+// veldepot's depots: what it keeps, and what nothing that happens to it may damage.
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <chrono>
 #include <csignal>
-#include <cstring>
+#include <cstdint>
 #include <filesystem>
 #include <memory>
 #include <random>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include <fcntl.h>
@@ -20,113 +18,21 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "support/child.h"
+#include "depot_fixture.h"
 
 namespace {
 
-using Words = std::vector<std::string>;
+using test::abc_block;
+using test::big_endian;
 using test::ChildResult;
-
-constexpr std::size_t header_bytes = 52;
-
-// Becomes another program; comes back only when that fails.
-int exec(Words words)
-{
-    std::vector<char *> argv;
-    for (std::string &word : words)
-        argv.push_back(word.data());
-    argv.push_back(nullptr);
-    execv(argv[0], argv.data());
-    return 127;
-}
-
-ChildResult run_program(const Words &words)
-{
-    return test::run_child([&] { return exec(words); });
-}
-
-std::string random_bytes(std::size_t count, unsigned seed)
-{
-    std::mt19937 generator(seed);
-    std::string bytes(count, '\0');
-    for (char &byte : bytes)
-        byte = static_cast<char>(generator());
-    return bytes;
-}
-
-class DepotTest : public testing::Test {
-  protected:
-    void SetUp() override
-    {
-        for (const char *name : {"NLSPATH", "VELDEPOT_DIR", "TRACE_SUBSYS", "PRINT_SUBSYS", "PRINT_SUBSYS_OK"})
-            unsetenv(name);
-        ASSERT_EQ(chdir(home_.path().c_str()), 0);
-    }
-    void TearDown() override { ASSERT_EQ(chdir("/"), 0); }
-
-    // A run in the test's directory, on the depot "depot".
-    static std::unique_ptr<test::Child> start(
-        const Words &words, const std::function<void()> &prepare = [] {})
-    {
-        Words command{VELDEPOT_PROGRAM, "-d", "depot"};
-        command.insert(command.end(), words.begin(), words.end());
-        return std::make_unique<test::Child>([&]() -> int {
-            prepare();
-            return exec(command);
-        });
-    }
-
-    static ChildResult run(
-        const Words &words, const std::function<void()> &prepare = [] {})
-    {
-        return start(words, prepare)->finish();
-    }
-
-    // Runs a command that must succeed without a word on standard error.
-    static std::string good(const Words &words)
-    {
-        const ChildResult result = run(words);
-        EXPECT_EQ(result.exit_status, 0) << words[0] << ": " << result.err;
-        EXPECT_EQ(result.err, "");
-        return result.out;
-    }
-
-    static void put(const std::string &name, const std::string &content)
-    {
-        test::write_file(name, content);
-        good({"put", "--", name});
-    }
-
-    // The content of an entry, by way of the program.
-    static std::string content_of(const std::string &name)
-    {
-        good({"get", "-f", "-out", "fetched", "--", name});
-        return test::read_file("fetched");
-    }
-
-    static Words asides()
-    {
-        Words names;
-        for (const auto &entry : std::filesystem::directory_iterator("depot"))
-            if (entry.path().extension() != ".vde")
-                names.push_back(entry.path().filename());
-        return names;
-    }
-
-    // Waits until `put` has made its file aside; it then waits for its pipe.
-    static bool wait_for_aside(std::size_t count = 1)
-    {
-        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-        while (std::chrono::steady_clock::now() < deadline) {
-            if (std::filesystem::exists("depot") && asides().size() == count)
-                return true;
-            std::this_thread::yield();
-        }
-        return false;
-    }
-
-    test::TempDir home_;
-};
+using test::DepotTest;
+using test::first_part;
+using test::random_bytes;
+using test::run_program;
+using test::second_part;
+using test::user_name;
+using test::with_checksum;
+using test::Words;
 
 TEST_F(DepotTest, KeepsFilesWithTheirNamesContentsAndTimes)
 {
@@ -138,6 +44,8 @@ TEST_F(DepotTest, KeepsFilesWithTheirNamesContentsAndTimes)
         {"zeros", std::string(100000, '\0')},
         {"-dash and blank", "1"},
         {"line\nfeed \033[31m \001\0011B", "2"},
+        {"two  blanks and 'it\"s' \"", "7"},
+        {"*", "8"},
         {"not utf-8: \xff", "3"},
         {".veldepot-0123456789abcdef", "4"},
         {"twice.vde.vde", "5"},
@@ -150,7 +58,7 @@ TEST_F(DepotTest, KeepsFilesWithTheirNamesContentsAndTimes)
         good({"put", "--", name});
         std::filesystem::remove(name);
     }
-    EXPECT_EQ(good({"verify"}), "11 of 11 entries are sound.\n");
+    EXPECT_EQ(good({"verify"}), "13 of 13 entries are sound.\n");
     for (const auto &[name, content] : files) {
         SCOPED_TRACE(name);
         good({"get", "--", name});
@@ -168,22 +76,72 @@ TEST_F(DepotTest, WritesTheFormatThatIsWrittenDown)
     test::write_file("abc", "abc");
     const timespec times[] = {{0, UTIME_NOW}, {0x0102030405, 0x10203}};
     ASSERT_EQ(utimensat(AT_FDCWD, "abc", times, 0), 0);
-    good({"put", "abc"});
+    timespec before;
+    timespec after;
+    clock_gettime(CLOCK_REALTIME, &before);
+    good({"put", "-comment", "why not", "-c", "\xff", "abc"});
+    clock_gettime(CLOCK_REALTIME, &after);
 
-    const auto big_endian = [](std::uint64_t number, int bytes) {
-        std::string text;
-        while (bytes-- > 0)
-            text += static_cast<char>(number >> 8 * bytes);
-        return text;
+    const std::string bytes = test::read_file("depot/abc.vde");
+    const std::string first = first_part(2, times[1]);
+    ASSERT_GT(bytes.size(), first.size() + 12);
+    timespec stored = {};
+    for (std::size_t i = 0; i < 12; ++i)
+        (i < 8 ? stored.tv_sec : stored.tv_nsec) =
+            (i < 8 ? stored.tv_sec : stored.tv_nsec) << 8 | static_cast<unsigned char>(bytes[first.size() + i]);
+    EXPECT_GE(stored.tv_sec, before.tv_sec);
+    EXPECT_LE(stored.tv_sec, after.tv_sec);
+    EXPECT_EQ(bytes, first + second_part(stored, user_name(), "why not\n\xff") + abc_block);
+}
+
+TEST_F(DepotTest, ReadsEntriesOfTheFirstVersion)
+{
+    put_entry_file("old", first_part(1, {1234567890, 5}) + abc_block);
+    EXPECT_EQ(content_of("old"), "abc");
+    struct stat status = {};
+    ASSERT_EQ(stat("fetched", &status), 0);
+    EXPECT_EQ(status.st_mtim.tv_sec, 1234567890);
+    EXPECT_EQ(good({"list", "-fmt", "%d %m %u '%c'"}), "2009-02-14T00:31:30+01:00 2009-02-14T00:31:30+01:00 - ''");
+}
+
+TEST_F(DepotTest, RefusesHeadersThatNoPutWrites)
+{
+    const timespec time = {1, 2};
+    const std::string first = first_part(2, time);
+    const std::string fields = big_endian(1, 8) + big_endian(2, 4);
+    const auto lengths = [](std::size_t owner, std::size_t comment) {
+        return big_endian(owner, 2) + big_endian(comment, 2);
     };
-    const auto checksum = [&](const std::string &bytes) {
-        return big_endian(fileutl_crc_buffer(bytes.data(), bytes.size(), nullptr), 4);
+    const std::string damaged = " is damaged: its header does not match its checksum.\n";
+    const std::string cut = " is damaged: it has lost or gained bytes.\n";
+    const struct {
+        std::string bytes;
+        std::string error; // "": none
+    } cases[] = {
+        {first + second_part(time, std::string(255, 'o'), std::string(1023, 'c')) + abc_block, ""},
+        {first + second_part(time, "", "") + abc_block, ""},
+        {first_part(3, time) + second_part(time, "", "") + abc_block, " was written by a newer program.\n"},
+        {first_part(0, time) + abc_block, " was written by a newer program.\n"},
+        {first_part(1, {1, 1000000000}) + abc_block, damaged},
+        {first + second_part({1, 1000000000}, "", "") + abc_block, damaged},
+        {first + second_part(time, std::string(256, 'o'), "") + abc_block, damaged},
+        {first + second_part(time, "", std::string(1024, 'c')) + abc_block, damaged},
+        {first + second_part(time, std::string("o\0", 2), "") + abc_block, damaged},
+        {first + second_part(time, "", std::string(1, '\0')) + abc_block, damaged},
+        {first + with_checksum(fields + lengths(0xffff, 0xffff)) + abc_block, damaged},
+        {first + with_checksum(fields + lengths(255, 1023)) + abc_block, cut},
+        {first + fields + lengths(0, 0), cut},
+        {first + second_part(time, "o", "c") + abc_block.substr(1), cut},
+        {first_part(1, time) + second_part(time, "o", "c") + abc_block, cut},
     };
-    const std::string block("\1\0\0\0\3abc", 8);
-    std::string expected = "VELDEPOT" + big_endian(1, 4) + checksum("abc") + big_endian(3, 8) + big_endian(8, 8) +
-                           big_endian(0x0102030405, 8) + big_endian(0x10203, 4) + checksum(block);
-    expected += checksum(expected) + block;
-    EXPECT_EQ(test::read_file("depot/abc.vde"), expected);
+    for (std::size_t i = 0; i < std::size(cases); ++i) {
+        SCOPED_TRACE(i);
+        put_entry_file("e", cases[i].bytes);
+        const ChildResult result = run({"verify", "e"});
+        EXPECT_EQ(result.exit_status, cases[i].error.empty() ? 0 : 1);
+        EXPECT_EQ(result.err, cases[i].error.empty() ? "" : "veldepot: Error: Entry \"e\"" + cases[i].error);
+        EXPECT_EQ(run({"list", "-s"}).out, cases[i].error.empty() ? "e\n" : "");
+    }
 }
 
 TEST_F(DepotTest, ListsInColumnsAndInOrder)
@@ -209,7 +167,7 @@ TEST_F(DepotTest, NoticesEveryDamage)
         damaged.push_back(whole);
         damaged.back()[i] = static_cast<char>(whole[i] ^ (1 << i % 8));
     }
-    for (const std::size_t size : {std::size_t{0}, std::size_t{7}, header_bytes - 1, header_bytes, whole.size() - 1})
+    for (std::size_t size = 0; size < whole.size(); ++size)
         damaged.push_back(whole.substr(0, size));
     damaged.push_back(whole + '\0');
     damaged.push_back("a stranger's file");
@@ -256,13 +214,10 @@ TEST_F(DepotTest, SaysWhatIsWrongAndGoesOn)
         {{"remove", ""}, "Error: \"\" cannot name an entry: "},
         {{"remove", "nowhere"}, "Error: No entry \"nowhere\" in the depot.\n"},
         {{"verify", "here", "nowhere"}, "Error: No entry \"nowhere\" in the depot.\n"},
-        {{"mend"}, "Error: Unknown command \"mend\"; try \"veldepot help\".\n"},
-        {{"get"}, "Error: Too few arguments for \"get\"; try \"veldepot help\".\n"},
-        {{"list", "x"}, "Error: Too many arguments for \"list\": \"x\"; try \"veldepot help\".\n"},
-        {{"list", "-q"}, "Error: Bad option: \"-q\"; try \"veldepot help\".\n"},
-        {{"list", "--quiet"}, "Error: Bad option: \"quiet\"; try \"veldepot help\".\n"},
-        {{"list", "-o", "x"}, "Error: Bad option: \"-o\"; try \"veldepot help\".\n"},
-        {{"get", "here", "-o"}, "Error: Option -o needs a value; try \"veldepot help\".\n"},
+        {{"list", "he*", "nowhere", "*x"},
+         "No entry \"nowhere\" in the depot.\nveldepot: Error: No entry matches \"*x\".\n"},
+        {{"put", "-nr", "here"}, "Error: Entry \"here\" exists and was not replaced.\n"},
+        {{"put", "-c", std::string(1023, 'c'), "-c", "", "here"}, "The comment is too long: it may have 1023 bytes.\n"},
     };
     for (const auto &one : cases) {
         SCOPED_TRACE(testing::PrintToString(one.words));
@@ -271,6 +226,7 @@ TEST_F(DepotTest, SaysWhatIsWrongAndGoesOn)
         EXPECT_EQ(result.err.find("veldepot: "), 0u) << result.err;
         EXPECT_NE(result.err.find(one.error), std::string::npos) << result.err;
     }
+    EXPECT_EQ(run({"list", "-s", "nowhere", "h?re"}).out, "here\n");
     test::write_file("more", "2");
     EXPECT_EQ(run({"put", "nowhere", "more"}).out, "Stored \"more\": 1 bytes in 6.\n");
     EXPECT_EQ(run({"remove", "nowhere", "more"}).out, "Removed \"more\".\n");
@@ -287,7 +243,7 @@ TEST_F(DepotTest, TakesItsDepotFromTheEnvironmentAndCommandsCutOff)
     const ChildResult none = run_program({VELDEPOT_PROGRAM, "list"});
     EXPECT_EQ(none.err, "veldepot: Error: No depot: give its directory with -d or in VELDEPOT_DIR.\n");
     setenv("VELDEPOT_DIR", "other", 1);
-    EXPECT_EQ(run_program({VELDEPOT_PROGRAM, "V"}).out, "1 of 1 entries are sound.\n");
+    EXPECT_EQ(run_program({VELDEPOT_PROGRAM, "v"}).out, "1 of 1 entries are sound.\n");
     unsetenv("VELDEPOT_DIR");
     EXPECT_EQ(run_program({VELDEPOT_PROGRAM, "v", "--dep", "other"}).out, "1 of 1 entries are sound.\n");
     EXPECT_NE(run({"list"}).err.find("Unable to open depot \"depot\": No such file or directory\n"), std::string::npos);
@@ -300,7 +256,7 @@ TEST_F(DepotTest, TakesItsDepotFromTheEnvironmentAndCommandsCutOff)
 
 TEST_F(DepotTest, SpeaksTheLanguageOfItsCatalogue)
 {
-    test::write_file("veldepot.msg", "$set 1\n$quote \"\n16 \"Kein Eintrag \\\"%s\\\".\\n\"\n");
+    test::write_file("veldepot.msg", "$set 1\n$quote \"\n21 \"Kein Eintrag \\\"%s\\\".\\n\"\n");
     const ChildResult made = run_program({GENCAT_PROGRAM, "veldepot.cat", "veldepot.msg"});
     ASSERT_EQ(made.exit_status, 0) << made.err;
     setenv("NLSPATH", (home_.path() + "/%N.cat").c_str(), 1);

@@ -1,0 +1,80 @@
+// The commands of veldepot, and their flags: one table that the command line is read with and that the
+// help pages are made from.
+#pragma once
+
+#include "depot.h"
+#include "depot_msg.h"
+
+#include <korvaks/clp.h>
+#include <korvaks/stg.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+
+namespace depot {
+
+enum Flag : std::uint32_t {
+    flag_depot,
+    flag_help,
+    flag_comment,
+    flag_replace,
+    flag_keep,
+    flag_out,
+    flag_force,
+    flag_long,
+    flag_short,
+    flag_format,
+    flag_since,
+    flag_count
+};
+
+struct FlagText {
+    Msg argument; // msg_none: takes none
+    Msg meaning;
+};
+
+const FlagText &text_of_flag(std::uint32_t flag);
+
+struct Command;
+
+// A command line, taken apart.
+struct CommandLine {
+    const Command *command = nullptr;    // NULL: none was given
+    const char *values[flag_count] = {}; // NULL: not given; "" for a flag that takes no argument
+    const char **words = nullptr;
+    std::size_t word_count = 0;
+
+    bool has(Flag flag) const { return values[flag] != nullptr; }
+};
+
+// What a command works with. It opens the depot itself; who runs it closes it.
+struct Job {
+    const CommandLine &line;
+    stg_area *area;
+    Depot depot;
+};
+
+bool open_depot_of(Job &job, bool make);
+
+struct Command {
+    const char *name; // with a "[" where it may be cut off
+    const clp_flag_desc *flags;
+    std::size_t words_min;
+    std::size_t words_max;
+    Msg arguments;
+    Msg summary;
+    Msg notes;
+    void (*explain)();     // more for its help page, or NULL
+    bool (*run)(Job &job); // does all it can; false when anything failed
+};
+
+std::span<const Command> all_commands();
+
+// NULL when there is none of that name; that has been reported.
+const Command *find_command(const char *word);
+
+// Those before a command; each command takes them too.
+const clp_flag_desc *general_flags();
+
+} // namespace depot

@@ -1,0 +1,13 @@
+// The command "list".
+#pragma once
+
+#include "depot_command.h"
+
+namespace depot {
+
+bool list_entries(Job &job);
+
+// More for its help page: formats and dates.
+void explain_list();
+
+} // namespace depot

@@ -1,0 +1,314 @@
+// veldepot's command line: its flags and commands, lists, help, and the history of commands.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <regex.h>
+#include <unistd.h>
+
+#include "depot_fixture.h"
+
+namespace {
+
+using test::abc_block;
+using test::ChildResult;
+using test::first_part;
+using test::run_program;
+using test::second_part;
+using test::Words;
+
+// Whether the whole text matches an extended regular expression.
+bool matches(const std::string &text, const std::string &pattern)
+{
+    regex_t compiled;
+    if (regcomp(&compiled, ("^(" + pattern + ")$").c_str(), REG_EXTENDED | REG_NOSUB) != 0)
+        return false;
+    const bool is_match = regexec(&compiled, text.c_str(), 0, nullptr, 0) == 0;
+    regfree(&compiled);
+    return is_match;
+}
+
+// Whether a help page has a row for a name, with a meaning.
+bool has_row(const std::string &page, const std::string &name)
+{
+    const std::size_t at = page.find("\n  " + name + "  ");
+    if (at == std::string::npos)
+        return false;
+    const std::size_t meaning = page.find_first_not_of(' ', at + name.size() + 3);
+    return page[meaning] >= 'a' && page[meaning] <= 'z';
+}
+
+class DepotCommand : public test::DepotTest {
+  protected:
+    // Three entries whose dates are known, of both versions of the format.
+    static void make_dated_entries()
+    {
+        put_entry_file("old.txt", first_part(1, {1709643839, 0}) + abc_block); // 2024-03-05 14:03:59 in Prague
+        put_entry_file("new one", first_part(2, {1234567890, 0}) + second_part({1767225599, 0}, "ann", "") + abc_block);
+        put_entry_file("new.txt", first_part(2, {-1, 0}) +
+                                      second_part({1767225600, 999999999}, "bo\x1b", "first \xff\nsecond") + abc_block);
+    }
+};
+
+TEST_F(DepotCommand, MayBeCutOff)
+{
+    make_dated_entries();
+    const std::pair<Words, Words> cases[] = {
+        {{"l"}, {"list"}},
+        {{"lis"}, {"list"}},
+        {{"v", "old.txt"}, {"verify", "old.txt"}},
+        {{"l", "-l"}, {"list", "-long"}},
+        {{"l", "-sho"}, {"list", "-short"}},
+        {{"l", "-s", "-d", "depot"}, {"list", "-short"}},
+        {{"h", "pu"}, {"help", "put"}},
+        {{"-h"}, {"help"}},
+        {{"-hel", "g"}, {"help", "get"}},
+        {{"ver", "--h"}, {"help", "verify"}},
+        {{"-dep", "nowhere", "l", "--depot", "depot"}, {"list"}},
+        {{"--", "list"}, {"list"}},
+        {{"l", "new.txt", "-s", "old.txt"}, {"list", "-short", "old.txt", "new.txt"}},
+    };
+    setenv("VELDEPOT_DIR", "depot", 1);
+    for (const auto &[abbreviated, whole] : cases) {
+        SCOPED_TRACE(testing::PrintToString(abbreviated));
+        Words command = {VELDEPOT_PROGRAM};
+        command.insert(command.end(), abbreviated.begin(), abbreviated.end());
+        const ChildResult result = run_program(command);
+        EXPECT_EQ(result.exit_status, 0) << result.err;
+        EXPECT_EQ(result.out, good(whole));
+    }
+}
+
+TEST_F(DepotCommand, NamesTheWordThatIsWrong)
+{
+    make_dated_entries();
+    const struct {
+        Words words;
+        std::string error;
+        std::string more; // how the next line begins, "": there is none
+    } cases[] = {
+        {{"mend"}, "Unknown command \"mend\"; there are put, get, list, verify, remove, help.", ""},
+        {{"lists"}, "Unknown command \"lists\"; there are put, get, list, verify, remove, help.", ""},
+        {{"help", "m\tnd"}, "Unknown command \"m\\011nd\"; there are put, get, list, verify, remove, help.", ""},
+        {{"-q"}, "Unknown flag \"-q\"; a name that begins with \"-\" stands behind \"--\".", "usage: veldepot ["},
+        {{"list", "-\033[1m"},
+         "Unknown flag \"-\\033[1m\"; a name that begins with \"-\" stands behind \"--\".",
+         "usage: veldepot l[ist] "},
+        {{"list", "-o", "x"},
+         "Unknown flag \"-o\"; a name that begins with \"-\" stands behind \"--\".",
+         "usage: veldepot l[ist] "},
+        {{"list", "-l", "-l"}, "Illegal duplicate use of flag \"-l[ong]\"", "usage: veldepot l[ist] "},
+        {{"list", "-l", "-sh"},
+         "Illegal use of mutually exclusive flags \"-s[hort]\" and \"-l[ong]\"",
+         "usage: veldepot l[ist] "},
+        {{"list", "-fmt", "", "-s"},
+         "Illegal use of mutually exclusive flags \"-s[hort]\" and \"-fmt\"",
+         "usage: veldepot l[ist] "},
+        {{"put", "-r", "-nr", "x"},
+         "Illegal use of mutually exclusive flags \"-nr[eplace]\" and \"-r[eplace]\"",
+         "usage: veldepot p[ut] "},
+        {{"put", "x", "-c"}, "Flag \"-comment\" needs an argument, TEXT.", "usage: veldepot p[ut] "},
+        {{"get", "x", "--o"}, "Flag \"--out\" needs an argument, FILE.", "usage: veldepot g[et] "},
+        {{"get"}, "Too few arguments for \"get\".", "usage: veldepot g[et] "},
+        {{"g", "x", "y", "z"}, "Too many arguments for \"get\": \"y\".", "usage: veldepot g[et] "},
+        {{"list", "-since", "never"},
+         "\"never\" is no date; write it like yesterday, 05-Mar-24.14:03 or 2024-03-05T14:03.",
+         ""},
+        {{"list", "old.txt", "[o-"},
+         "Bad pattern \"[o-\": a \"[\" and a \"]\" belong together, or stand behind a backslash.",
+         ""},
+        {{"list", "-fmt", "%n %q"}, "Bad format in control string at or near \"%q\".", "A format may hold %n %s "},
+        {{"list", "-fmt", "%Xd"}, "Bad format in control string at or near \"%Xd\".", "A format may hold %n %s "},
+        {{"list", "-fmt", "%Dn"}, "Bad format in control string at or near \"%Dn\".", "A format may hold %n %s "},
+        {{"list", "-fmt", "%[x]n"}, "Bad format in control string at or near \"%[x]n\".", "A format may hold "},
+        {{"list", "-fmt", "%4097n"}, "Bad format in control string at or near \"%4097n\".", "A format may hold "},
+        {{"list", "-fmt", "%.-4097n"}, "Bad format in control string at or near \"%.-4097n\".", "A format may hold "},
+    };
+    for (const auto &one : cases) {
+        SCOPED_TRACE(testing::PrintToString(one.words));
+        const ChildResult result = run(one.words);
+        EXPECT_EQ(result.exit_status, 1);
+        EXPECT_EQ(result.out, "");
+        const std::size_t end = result.err.find('\n');
+        EXPECT_EQ(result.err.substr(0, end), "veldepot: Error: " + one.error);
+        const std::string more = result.err.substr(end + 1);
+        EXPECT_EQ(more.substr(0, one.more.size()), one.more);
+        EXPECT_EQ(more.empty(), one.more.empty()) << more;
+    }
+}
+
+TEST_F(DepotCommand, ExplainsItselfAndEveryCommand)
+{
+    const struct {
+        std::string command;
+        std::string usage;
+        Words rows; // besides those of all
+    } pages[] = {
+        {"",
+         "veldepot [-d[epot] DIR] [-h[elp]] COMMAND [ARGUMENT]...",
+         {"p[ut]", "g[et]", "l[ist]", "v[erify]", "r[emove]", "h[elp]"}},
+        {"put",
+         "veldepot p[ut] [-c[omment] TEXT]... [-r[eplace] | -nr[eplace]] [-d[epot] DIR] [-h[elp]] FILE...",
+         {"-c[omment] TEXT", "-r[eplace]", "-nr[eplace]"}},
+        {"get",
+         "veldepot g[et] [-o[ut] FILE] [-f[orce]] [-d[epot] DIR] [-h[elp]] NAME",
+         {"-o[ut], --o[ut] FILE", "-f[orce], --f[orce]"}},
+        {"list",
+         "veldepot l[ist] [-l[ong] | -s[hort] | -fmt FORMAT] [-since DATE] [-d[epot] DIR] [-h[elp]] [PATTERN]...",
+         {"-l[ong]", "-s[hort]", "-fmt FORMAT", "-since DATE", "%n", "%s", "%z", "%r", "%k", "%d", "%m", "%u", "%c"}},
+        {"verify", "veldepot v[erify] [-d[epot] DIR] [-h[elp]] [NAME]...", {}},
+        {"remove", "veldepot r[emove] [-d[epot] DIR] [-h[elp]] NAME...", {}},
+        {"help", "veldepot h[elp] [-d[epot] DIR] [-h[elp]] [COMMAND]", {}},
+    };
+    for (const auto &[command, usage, own_rows] : pages) {
+        SCOPED_TRACE(command);
+        const std::string page = command.empty() ? good({"help"}) : good({"help", command});
+        EXPECT_EQ(page.substr(0, page.find('\n')), "usage: " + usage);
+        EXPECT_EQ(page, command.empty() ? good({}) : good({command, "-help"}));
+        Words rows = own_rows;
+        rows.insert(rows.end(), {"-d[epot], --d[epot] DIR", "-h[elp], --h[elp]"});
+        for (const std::string &row : rows)
+            EXPECT_TRUE(has_row(page, row)) << row;
+    }
+    const std::string list_page = good({"help", "list"});
+    for (const std::string text : {"%Dd only the day, %Sd short, %Ud in UTC\n", "%-20n left-aligned, %.10c cut off.\n",
+                                   "\n%% is a percent sign, \\n ends a line, ", "\n<date-time> = "})
+        EXPECT_NE(list_page.find(text), std::string::npos) << text;
+}
+
+TEST_F(DepotCommand, ListsWhatIsAskedForInTheFormThatIsAskedFor)
+{
+    make_dated_entries();
+    const char *const traditional = "0";
+    const std::string long_list =
+        "NAME                SIZE          STORED  RATIO  CHECKSUM  DATE                       OWNER\n"
+        "new one                3               8   267%  b37f2436  2026-01-01T00:59:59+01:00  ann\n"
+        "new.txt                3               8   267%  b37f2436  2026-01-01T01:00:00+01:00  bo\\033\n"
+        "    first \\377\n"
+        "    second\n"
+        "old.txt                3               8   267%  b37f2436  2024-03-05T14:03:59+01:00  -\n"
+        "3 in all               9              24   267%\n";
+    const struct {
+        const char *style; // NULL: the usual one
+        Words words;
+        std::string out;
+    } cases[] = {
+        {nullptr, {"list", "-long"}, long_list},
+        {traditional,
+         {"list", "-long", "old*"},
+         "NAME                SIZE          STORED  RATIO  CHECKSUM  DATE                OWNER\n"
+         "old.txt                3               8   267%  b37f2436  05-Mar-24.14:03:59  -\n"
+         "1 in all               3               8   267%\n"},
+        {nullptr, {"list", "-s"}, "new one\nnew.txt\nold.txt\n"},
+        {nullptr, {"list", "-s", "*.txt"}, "new.txt\nold.txt\n"},
+        {nullptr, {"list", "-s", "new?[nop]*", "old.txt", "n*"}, "new one\nnew.txt\nold.txt\n"},
+        {nullptr, {"list", "-s", "*\\ one"}, "new one\n"},
+        {nullptr, {"list", "-s", "-since", "2026-01-01T00:00:00Z"}, "new.txt\n"},
+        {nullptr, {"list", "-s", "-since", "1-jan-26.00:59:59"}, "new one\nnew.txt\n"},
+        {nullptr, {"list", "-s", "-since", "2024-03-05T14:03:59+01:00", "*.txt"}, "new.txt\nold.txt\n"},
+        {nullptr, {"list", "-s", "-since", "05-Mar-24.14:04", "o*"}, ""},
+        {nullptr,
+         {"list", "-since", "2100-01-01"},
+         "NAME                SIZE          STORED  CHECKSUM\n"
+         "0 in all               0               0\n"},
+        {nullptr, {"list", "-fmt", "%n"}, "new onenew.txtold.txt"},
+        {nullptr, {"list", "-fmt", ""}, ""},
+        {nullptr,
+         {"list", "-fmt", "%-8n|%4s|%-3z|%r|%.-3k|%u|%c%[60]tx%%\\n", "ne*"},
+         "new one |   3|8  |267%|436|ann|                            x%\n"
+         "new.txt |   3|8  |267%|436|bo\\033|first \\377\\012second     x%\n"},
+        {nullptr,
+         {"list", "-fmt", "%d %Dd %Ud %m\\n"},
+         "2026-01-01T00:59:59+01:00 2026-01-01 2025-12-31T23:59:59Z 2009-02-14T00:31:30+01:00\n"
+         "2026-01-01T01:00:00+01:00 2026-01-01 2026-01-01T00:00:00Z @-1\n"
+         "2024-03-05T14:03:59+01:00 2024-03-05 2024-03-05T13:03:59Z 2024-03-05T14:03:59+01:00\n"},
+        {traditional,
+         {"list", "-fmt", "%d %Dd %Ud %Sd\\n", "old.txt"},
+         "05-Mar-24.14:03:59 05-Mar-24 05-Mar-24.13:03:59UTC 05-Mar-2024\n"},
+    };
+    for (const auto &one : cases) {
+        SCOPED_TRACE(testing::PrintToString(one.words));
+        if (one.style != nullptr)
+            setenv("VELM_ISO_DATE_FMT", one.style, 1);
+        else
+            unsetenv("VELM_ISO_DATE_FMT");
+        EXPECT_EQ(good(one.words), one.out);
+    }
+}
+
+TEST_F(DepotCommand, ShowsEveryNameSafelyAndFindsItByPattern)
+{
+    const std::pair<std::string, std::string> names[] = {
+        {" two  blanks ", " two  blanks "},
+        {"\"q'", "\"q'"},
+        {"*[x]?", "*[x]?"},
+        {"-l", "-l"},
+        {"\xff\xc3(", "\\377\\303("},
+        {"a\\b\nc", "a\\134b\\012c"},
+    };
+    for (const auto &[name, shown] : names) {
+        SCOPED_TRACE(shown);
+        put(name, "");
+        std::string pattern;
+        for (const char c : name)
+            pattern += std::string("\\") + c;
+        EXPECT_EQ(good({"list", "-fmt", "<%n>\\n", "--", pattern}), "<" + shown + ">\n");
+        EXPECT_EQ(good({"remove", "--", name}), "Removed \"" + shown + "\".\n");
+    }
+}
+
+TEST_F(DepotCommand, PutReplacesUnlessToldNotTo)
+{
+    put("file", "1");
+    test::write_file("file", "22");
+    EXPECT_EQ(run({"put", "-nreplace", "-comment", "lost", "file"}).err,
+              "veldepot: Error: Entry \"file\" exists and was not replaced.\n");
+    EXPECT_EQ(good({"list", "-fmt", "%s,%c"}), "1,");
+    good({"put", "-replace", "-c", "kept", "file"});
+    EXPECT_EQ(good({"list", "-fmt", "%s,%c"}), "2,kept");
+    good({"put", "file"});
+    EXPECT_EQ(good({"list", "-fmt", "%s,%c,%u"}), "2,," + test::user_name());
+
+    for (int round = 0; round < 10; ++round) {
+        const std::string name = "new" + std::to_string(round);
+        test::write_file(name, test::random_bytes(50000, 1));
+        std::vector<std::unique_ptr<test::Child>> writers;
+        for (int i = 0; i < 3; ++i)
+            writers.push_back(start({"put", "-nr", name}));
+        const auto wins =
+            std::ranges::count_if(writers, [](auto &writer) { return writer->finish().exit_status == 0; });
+        EXPECT_EQ(wins, 1);
+    }
+    EXPECT_EQ(asides(), Words{});
+}
+
+TEST_F(DepotCommand, IsKeptInTheHostsHistory)
+{
+    for (const char *built_in : {"/var/adm/vellum", "/var/adm/korva"})
+        if (std::filesystem::exists(built_in))
+            GTEST_SKIP() << built_in << " would be the host-data directory";
+    std::filesystem::create_directories("host/config");
+    std::filesystem::create_directories("host/log");
+    const std::string log = "host/log/vellum_history";
+    const std::string host = home_.file("host");
+    setenv("VELM_HOSTDATA_DIR", host.c_str(), 1);
+    put("not kept", "1");
+    EXPECT_FALSE(std::filesystem::exists(log));
+    test::write_file("host/config/collect_history", "");
+    put("a b", "1");
+    EXPECT_EQ(run({"mend", "a\nb"}).exit_status, 1);
+    unsetenv("VELM_HOSTDATA_DIR");
+    put("not kept", "1");
+    const std::string line = "[0-9]{4}(:[0-9]{2}){5}\\.[0-9]{3} \\(uid=" + std::to_string(geteuid()) +
+                             "\\) \\(pid=[0-9]+\\) veldepot '-d' 'depot' ";
+    const std::string expected = line + "'put' '--' 'a b' in /[^\n]*\n" + line + "'mend' 'a\\?b' in /[^\n]*\n";
+    EXPECT_TRUE(matches(test::read_file(log), expected)) << test::read_file(log);
+}
+
+} // namespace

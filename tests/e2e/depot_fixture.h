@@ -1,0 +1,179 @@
+// What the tests of veldepot share: the program run as its users run it, and its file format written
+// down a second time.
+#pragma once
+
+#include <korvaks/fileutl.h>
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstdint>
+#include <cstdlib>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <pwd.h>
+#include <time.h>
+#include <unistd.h>
+
+#include "support/child.h"
+
+namespace test {
+
+using Words = std::vector<std::string>;
+
+// Becomes another program; comes back only when that fails.
+inline int exec(Words words)
+{
+    std::vector<char *> argv;
+    for (std::string &word : words)
+        argv.push_back(word.data());
+    argv.push_back(nullptr);
+    execv(argv[0], argv.data());
+    return 127;
+}
+
+inline ChildResult run_program(const Words &words)
+{
+    return run_child([&] { return exec(words); });
+}
+
+inline std::string big_endian(std::uint64_t number, int bytes)
+{
+    std::string text;
+    while (bytes-- > 0)
+        text += static_cast<char>(number >> 8 * bytes);
+    return text;
+}
+
+inline std::string checksum(const std::string &bytes)
+{
+    return big_endian(fileutl_crc_buffer(bytes.data(), bytes.size(), nullptr), 4);
+}
+
+inline std::string with_checksum(const std::string &part)
+{
+    return part + checksum(part);
+}
+
+// The file of an entry that holds "abc", in the format as it is written down.
+inline const std::string abc_block("\1\0\0\0\3abc", 8);
+
+inline std::string first_part(unsigned version, const timespec &changed)
+{
+    return with_checksum("VELDEPOT" + big_endian(version, 4) + checksum("abc") + big_endian(3, 8) + big_endian(8, 8) +
+                         big_endian(static_cast<std::uint64_t>(changed.tv_sec), 8) +
+                         big_endian(static_cast<std::uint64_t>(changed.tv_nsec), 4) + checksum(abc_block));
+}
+
+inline std::string second_part(const timespec &stored, const std::string &owner, const std::string &comment)
+{
+    return with_checksum(big_endian(static_cast<std::uint64_t>(stored.tv_sec), 8) +
+                         big_endian(static_cast<std::uint64_t>(stored.tv_nsec), 4) + big_endian(owner.size(), 2) +
+                         big_endian(comment.size(), 2) + owner + comment);
+}
+
+inline std::string user_name()
+{
+    const passwd *const user = getpwuid(getuid());
+    return user == nullptr ? std::to_string(getuid()) : user->pw_name;
+}
+
+inline std::string random_bytes(std::size_t count, unsigned seed)
+{
+    std::mt19937 generator(seed);
+    std::string bytes(count, '\0');
+    for (char &byte : bytes)
+        byte = static_cast<char>(generator());
+    return bytes;
+}
+
+class DepotTest : public testing::Test {
+  protected:
+    void SetUp() override
+    {
+        for (const char *name : {"NLSPATH", "VELDEPOT_DIR", "TRACE_SUBSYS", "PRINT_SUBSYS", "PRINT_SUBSYS_OK",
+                                 "VELM_ISO_DATE_FMT", "VELM_HOSTDATA_DIR"})
+            unsetenv(name);
+        setenv("LC_ALL", "C", 1);
+        setenv("TZ", "CET-1", 1);
+        ASSERT_EQ(chdir(home_.path().c_str()), 0);
+    }
+    void TearDown() override { ASSERT_EQ(chdir("/"), 0); }
+
+    // A run in the test's directory, on the depot "depot".
+    static std::unique_ptr<Child> start(
+        const Words &words, const std::function<void()> &prepare = [] {})
+    {
+        Words command{VELDEPOT_PROGRAM, "-d", "depot"};
+        command.insert(command.end(), words.begin(), words.end());
+        return std::make_unique<Child>([&]() -> int {
+            prepare();
+            return exec(command);
+        });
+    }
+
+    static ChildResult run(
+        const Words &words, const std::function<void()> &prepare = [] {})
+    {
+        return start(words, prepare)->finish();
+    }
+
+    // Runs a command that must succeed without a word on standard error.
+    static std::string good(const Words &words)
+    {
+        const ChildResult result = run(words);
+        EXPECT_EQ(result.exit_status, 0) << words[0] << ": " << result.err;
+        EXPECT_EQ(result.err, "");
+        return result.out;
+    }
+
+    static void put(const std::string &name, const std::string &content)
+    {
+        write_file(name, content);
+        good({"put", "--", name});
+    }
+
+    static void put_entry_file(const std::string &name, const std::string &bytes)
+    {
+        std::filesystem::create_directory("depot");
+        write_file("depot/" + name + ".vde", bytes);
+    }
+
+    // The content of an entry, by way of the program.
+    static std::string content_of(const std::string &name)
+    {
+        good({"get", "-f", "-out", "fetched", "--", name});
+        return read_file("fetched");
+    }
+
+    static Words asides()
+    {
+        Words names;
+        for (const auto &entry : std::filesystem::directory_iterator("depot"))
+            if (entry.path().extension() != ".vde")
+                names.push_back(entry.path().filename());
+        return names;
+    }
+
+    // Waits until `put` has made its file aside; it then waits for its pipe.
+    static bool wait_for_aside(std::size_t count = 1)
+    {
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+        while (std::chrono::steady_clock::now() < deadline) {
+            if (std::filesystem::exists("depot") && asides().size() == count)
+                return true;
+            std::this_thread::yield();
+        }
+        return false;
+    }
+
+    TempDir home_;
+};
+
+} // namespace test
