@@ -38,15 +38,18 @@ class InhibitGuard {
 // The same for a stretch of a few instructions, which may well be stopped by SIGTSTP: raises are held
 // off between the same two delivery checks, but the process-wide count of inhibits, two atomic
 // operations, is left alone.
-void begin_short_inhibit();
-void end_short_inhibit();
+[[nodiscard]] pfm_fault_block *begin_short_inhibit();
+void end_short_inhibit(pfm_fault_block *inhibited);
 
 class ShortInhibitGuard {
   public:
-    ShortInhibitGuard() { begin_short_inhibit(); }
-    ~ShortInhibitGuard() { end_short_inhibit(); }
+    ShortInhibitGuard() : inhibited_(begin_short_inhibit()) {}
+    ~ShortInhibitGuard() { end_short_inhibit(inhibited_); }
     ShortInhibitGuard(const ShortInhibitGuard &) = delete;
     ShortInhibitGuard &operator=(const ShortInhibitGuard &) = delete;
+
+  private:
+    pfm_fault_block *inhibited_; // the caller's block, NULL for a thread that takes no raises anyway
 };
 
 // Runs `work(argument)` under a cleanup record: 0 when it returned, else the status of the raise

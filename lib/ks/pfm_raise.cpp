@@ -135,15 +135,17 @@ namespace fault = ks::fault;
 
 namespace ks {
 
-void begin_short_inhibit()
+pfm_fault_block *begin_short_inhibit()
 {
-    (void)fault::begin_hold(&pfm_fault_block::pfm_inh_count);
+    return fault::begin_hold(&pfm_fault_block::pfm_inh_count);
 }
 
-void end_short_inhibit()
+void end_short_inhibit(pfm_fault_block *inhibited)
 {
-    if (pfm_fault_block *const block = fault::end_hold(&pfm_fault_block::pfm_inh_count))
-        fault::check_delivery(block);
+    if (inhibited == nullptr) [[unlikely]]
+        return;
+    --inhibited->pfm_inh_count;
+    fault::check_delivery(inhibited);
 }
 
 } // namespace ks
