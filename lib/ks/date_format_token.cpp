@@ -16,9 +16,9 @@
 
 #include <langinfo.h>
 
-namespace {
+namespace ks::date {
 
-using namespace ks::date;
+namespace {
 
 enum Style : int { style_unread = 0, style_traditional = 1, style_iso = 2 };
 enum Precision : int { precision_time = 0, precision_date = 1, precision_short = 2, precision_microseconds = 3 };
@@ -241,6 +241,10 @@ char *keep_token(time_t t, Precision precision, bool is_utc)
 
 } // namespace
 
+} // namespace ks::date
+
+namespace date = ks::date;
+
 extern "C" {
 
 void date_token_tls_destructor(void *section)
@@ -252,33 +256,33 @@ void date_token_tls_destructor(void *section)
 
 int date_fmt_set_default_style(int style)
 {
-    here.require(style == style_traditional || style == style_iso, "style == 1 || style == 2");
+    date::here.require(style == date::style_traditional || style == date::style_iso, "style == 1 || style == 2");
     const ks::LockGuard lock(ks::default_date_style_crit);
-    const int previous = settled_style();
-    default_style.store(style, std::memory_order_release);
+    const int previous = date::settled_style();
+    date::default_style.store(style, std::memory_order_release);
     return previous;
 }
 
 int date_fmt_get_default_date_style(void)
 {
-    const int style = default_style.load(std::memory_order_acquire);
-    if (style != style_unread)
+    const int style = date::default_style.load(std::memory_order_acquire);
+    if (style != date::style_unread)
         return style;
     const ks::LockGuard lock(ks::default_date_style_crit);
-    default_style.store(settled_style(), std::memory_order_release);
-    return default_style.load(std::memory_order_relaxed);
+    date::default_style.store(date::settled_style(), std::memory_order_release);
+    return date::default_style.load(std::memory_order_relaxed);
 }
 
 char *date_fmt_token_general(time_t t, int precision, int style, int usec, int utc, int)
 {
-    here.require(precision >= precision_time && precision <= precision_microseconds,
-                 "precision >= 0 && precision <= 3");
-    here.require(style >= style_unread && style <= style_iso, "style >= 0 && style <= 2");
-    here.require(usec >= 0 && usec <= 999999, "usec >= 0 && usec <= 999999");
-    if (style == style_unread)
+    date::here.require(precision >= date::precision_time && precision <= date::precision_microseconds,
+                       "precision >= 0 && precision <= 3");
+    date::here.require(style >= date::style_unread && style <= date::style_iso, "style >= 0 && style <= 2");
+    date::here.require(usec >= 0 && usec <= 999999, "usec >= 0 && usec <= 999999");
+    if (style == date::style_unread)
         style = date_fmt_get_default_date_style();
-    char buffer[text_size];
-    if (!write_token(buffer, {t, precision, style, usec, utc != 0}, ks_tls_get()->date))
+    char buffer[date::text_size];
+    if (!date::write_token(buffer, {t, precision, style, usec, utc != 0}, ks_tls_get()->date))
         return nullptr;
     // Quietly: a daemon's log makes its stamps with this in the middle of a message.
     const std::size_t size = std::strlen(buffer) + 1;
@@ -293,26 +297,26 @@ char *date_fmt_token_general(time_t t, int precision, int style, int usec, int u
 
 char *date_fmt_token_date_time(time_t t)
 {
-    return keep_token(t, precision_time, false);
+    return date::keep_token(t, date::precision_time, false);
 }
 
 char *date_fmt_token_date(time_t t)
 {
-    return keep_token(t, precision_date, false);
+    return date::keep_token(t, date::precision_date, false);
 }
 
 char *date_fmt_token_short_date_time(time_t t)
 {
-    return keep_token(t, precision_short, false);
+    return date::keep_token(t, date::precision_short, false);
 }
 
 char *date_fmt_token_utc(time_t t)
 {
-    return keep_token(t, precision_time, true);
+    return date::keep_token(t, date::precision_time, true);
 }
 
 char *date_fmt_token_date_time_pname(time_t t)
 {
-    return keep_token(t, precision_time, false);
+    return date::keep_token(t, date::precision_time, false);
 }
 }

@@ -14,9 +14,9 @@
 
 #include <unistd.h>
 
-namespace {
+namespace ks::date {
 
-using namespace ks::date;
+namespace {
 
 constexpr time_t block_seconds = 900;
 
@@ -148,8 +148,6 @@ std::size_t season_of(long day)
 }
 
 } // namespace
-
-namespace ks::date {
 
 bool local_fields(time_t t, tm &out)
 {

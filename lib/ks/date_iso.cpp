@@ -3,9 +3,9 @@
 
 #include <algorithm>
 
-namespace {
+namespace ks::date {
 
-using namespace ks::date;
+namespace {
 
 // All forms of a date, the usual ones first. Which part is implied follows from the leading parts that a
 // form does not have; missing trailing parts are the first of their kind.
@@ -258,8 +258,6 @@ bool read_time_alone(std::string_view text, time_t &out)
 }
 
 } // namespace
-
-namespace ks::date {
 
 bool read_iso(std::string_view text, int flags, time_t &out)
 {

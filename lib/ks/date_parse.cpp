@@ -4,9 +4,9 @@
 #include <algorithm>
 #include <cstring>
 
-namespace {
+namespace ks::date {
 
-using namespace ks::date;
+namespace {
 
 // Words and separators are short, mostly of one byte: no call of the C library pays for them.
 bool begins_with(std::string_view text, std::string_view start)
@@ -199,8 +199,6 @@ template <typename... Readers> int read_text(const char *s, int flags, time_t *o
 
 } // namespace
 
-namespace ks::date {
-
 // Without branches but for the length: texts change too often for them to be guessed.
 bool match(const Pattern &pattern, std::string_view text, Fields &out)
 {
@@ -259,16 +257,18 @@ bool read_traditional(std::string_view typed, int flags, time_t &out)
 
 } // namespace ks::date
 
+namespace date = ks::date;
+
 extern "C" {
 
 int date_str_to_time_legacy(const char *s, int flags, time_t *out)
 {
-    return read_text(s, flags, out, read_traditional);
+    return date::read_text(s, flags, out, date::read_traditional);
 }
 
 int date_str_to_time2(const char *s, int flags, time_t *out)
 {
-    return read_text(s, flags, out, read_traditional, read_iso);
+    return date::read_text(s, flags, out, date::read_traditional, date::read_iso);
 }
 
 int date_str_to_time(const char *s, int flags, time_t *out)

@@ -3,9 +3,9 @@
 
 #include <korvaks/strutl.h>
 
-namespace {
+namespace ks::date {
 
-using namespace ks::date;
+namespace {
 
 // Kept exactly: the pivot is 70 here and 69 in the traditional grammar.
 long year_of(const Fields &fields)
@@ -46,23 +46,27 @@ bool read_hexadecimal(const char *s, time_t &out)
 
 } // namespace
 
+} // namespace ks::date
+
+namespace date = ks::date;
+
 extern "C" {
 
 // Kept exactly: 1 is success.
 int date_numeric_str_to_time(int form, const char *s, time_t *out)
 {
-    static constexpr Pattern patterns[] = {
+    static constexpr date::Pattern patterns[] = {
         "YYMMDD-hhmmss", "YYYYMMDD-hhmmss", "YYMMDD-hhmm", "YYYYMMDD-hhmm", "YYMMDD", "YYYYMMDD", "", "",
         "YYMMDD-hh:mm",
     };
-    here.require(form >= 0 && form <= 8, "form >= 0 && form <= 8");
-    here.require(out != nullptr, "out != NULL");
+    date::here.require(form >= 0 && form <= 8, "form >= 0 && form <= 8");
+    date::here.require(out != nullptr, "out != NULL");
     if (s == nullptr)
         return 0;
     if (form == 6)
-        return read_decimal(s, *out) ? 1 : 0;
+        return date::read_decimal(s, *out) ? 1 : 0;
     if (form == 7)
-        return read_hexadecimal(s, *out) ? 1 : 0;
-    return read_digits(patterns[form], s, *out) ? 1 : 0;
+        return date::read_hexadecimal(s, *out) ? 1 : 0;
+    return date::read_digits(patterns[form], s, *out) ? 1 : 0;
 }
 }

@@ -10,9 +10,9 @@
 
 #include <cstring>
 
-namespace {
+namespace ks::date {
 
-using namespace ks::date;
+namespace {
 
 constexpr std::size_t usage_size = 1024;
 
@@ -91,8 +91,6 @@ Seen fold_ascii(std::string_view text, char *out)
 
 } // namespace
 
-namespace ks::date {
-
 const Words &date_words()
 {
     (void)vlthread_once(&words_once, date_init); // cannot fail
@@ -132,8 +130,8 @@ char *date_usage_date_time(void)
     ks_tls *tls = ks_tls_get();
     char *&text = tls->date.usage;
     if (text == nullptr)
-        text = static_cast<char *>(stg_alloc_nr(tls->area, usage_size));
-    if (text != nullptr && imsg_snprintf(text, usage_size, &_date_ks_msg_table, date_msg_usage) < 0)
+        text = static_cast<char *>(stg_alloc_nr(tls->area, ks::date::usage_size));
+    if (text != nullptr && imsg_snprintf(text, ks::date::usage_size, &_date_ks_msg_table, date_msg_usage) < 0)
         *text = '\0';
     return text;
 }
