@@ -155,7 +155,7 @@ template <Way way> [[gnu::always_inline]] inline int lock(vlthread_mutex_t *mute
         check_order(mutex, fault);
     // Counted before the wait: a raise must not be delivered between taking the lock and
     // counting it.
-    if (is_counted(mutex))
+    if (is_counted(mutex)) [[likely]]
         ++fault->pfm_inh_count;
     const bool is_measured = way == Way::with_all && is_timed(mutex);
     const int error = is_measured ? lock_timed(mutex) : pthread_mutex_lock(&mutex->lock);
@@ -171,7 +171,7 @@ template <Way way> [[gnu::always_inline]] inline int try_lock(vlthread_mutex_t *
     if (ks::is_held_by_caller(mutex))
         return reenter<way>(mutex);
     pfm_fault_block *fault = ks::fault_block_of_caller();
-    if (is_counted(mutex))
+    if (is_counted(mutex)) [[likely]]
         ++fault->pfm_inh_count;
     const bool is_measured = way == Way::with_all && is_timed(mutex);
     const int error = is_measured ? try_lock_timed(mutex) : pthread_mutex_trylock(&mutex->lock);
@@ -207,7 +207,7 @@ template <Way way> [[gnu::always_inline]] inline int unlock(vlthread_mutex_t *mu
             vlthread_trace("Unable to unlock mutex ('%s' failed): %s\n", "pthread_mutex_unlock", strerror(error));
         return error;
     }
-    if (counted)
+    if (counted) [[likely]]
         --ks::fault_block_of_caller()->pfm_inh_count;
     if (is_tracing<way>())
         vlthread_trace("Mutex %p is unlocked\n", static_cast<void *>(mutex));

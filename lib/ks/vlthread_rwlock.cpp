@@ -18,9 +18,14 @@ void set_writer(vlthread_rwlock_t *rwlock, vlthread_t writer)
     __atomic_store_n(&rwlock->writer, writer, __ATOMIC_RELAXED);
 }
 
+bool is_counted(const vlthread_rwlock_t *rwlock)
+{
+    return rwlock->raise_mode == VLTHREAD_RAISE_COUNTED;
+}
+
 void count_hold(const vlthread_rwlock_t *rwlock, int change)
 {
-    if (rwlock->raise_mode == VLTHREAD_RAISE_COUNTED)
+    if (is_counted(rwlock)) [[likely]]
         ks::fault_block_of_caller()->pfm_inh_count += change;
 }
 
@@ -83,7 +88,7 @@ constexpr Access writing{"wrlock",
 [[gnu::always_inline]] inline int take_waiting(vlthread_rwlock_t *rwlock, const Access &access)
 {
     const bool is_writer = writer_of(rwlock) == ks::self();
-    if (ks::is_tracing())
+    if (ks::is_tracing()) [[unlikely]]
         return take_traced(rwlock, access, is_writer ? access.trying : access.blocking, access.blocking_name);
     if (is_writer) [[unlikely]]
         return take(rwlock, access, access.trying);
@@ -92,7 +97,7 @@ constexpr Access writing{"wrlock",
 
 int take_trying(vlthread_rwlock_t *rwlock, const Access &access)
 {
-    if (ks::is_tracing())
+    if (ks::is_tracing()) [[unlikely]]
         return take_traced(rwlock, access, access.trying, access.trying_name);
     return take(rwlock, access, access.trying);
 }
@@ -141,20 +146,23 @@ int vlthread_rwlock_wrlock_trylock(vlthread_rwlock_t *rwlock)
 
 int vlthread_rwlock_unlock(vlthread_rwlock_t *rwlock)
 {
+    // Read before the release: afterwards the lock may be gone.
+    const bool counted = is_counted(rwlock);
     // Cleared by every unlock, a reader's too, and before the release: afterwards the field may
     // already name the next writer.
     const vlthread_t writer = writer_of(rwlock);
-    if (writer != VLTHREAD_INVALID_TID)
+    if (writer != VLTHREAD_INVALID_TID) // a reader has nothing to clear
         set_writer(rwlock, VLTHREAD_INVALID_TID);
     const int error = pthread_rwlock_unlock(&rwlock->lock);
     if (error != 0) [[unlikely]] {
         set_writer(rwlock, writer);
-        if (ks::is_tracing())
+        if (ks::is_tracing()) [[unlikely]]
             vlthread_trace("Unable to unlock rwlock ('%s' failed): %s\n", "pthread_rwlock_unlock", strerror(error));
         return error;
     }
-    count_hold(rwlock, -1);
-    if (ks::is_tracing())
+    if (counted) [[likely]]
+        --ks::fault_block_of_caller()->pfm_inh_count;
+    if (ks::is_tracing()) [[unlikely]]
         vlthread_trace("Unlocked rwlock: %p\n", static_cast<void *>(rwlock));
     return 0;
 }
