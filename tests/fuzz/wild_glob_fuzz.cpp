@@ -27,9 +27,12 @@ class Tree {
         char name[32] = "/dev/shm/wild_fuzz.XXXXXX";
         if (mkdtemp(name) == nullptr && mkdtemp(std::strcpy(name, "/tmp/wild_fuzz.XXXXXX")) == nullptr)
             std::abort();
-        path_ = name;
+        base_ = name;
+        path_ = base_ + "/top"; // so that its ".." is the tree's as well
+        if (mkdir(path_.c_str(), 0700) != 0)
+            std::abort();
     }
-    ~Tree() { fs::remove_all(path_); }
+    ~Tree() { fs::remove_all(base_); }
     Tree(const Tree &) = delete;
     Tree &operator=(const Tree &) = delete;
 
@@ -58,6 +61,7 @@ class Tree {
     }
 
   private:
+    std::string base_;
     std::string path_;
 };
 
