@@ -16,25 +16,14 @@
 #include <string_view>
 #include <vector>
 
-#include <regex.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include "support/child.h"
+#include "support/match.h"
 
 namespace {
-
-// Whether all of the text is as the extended regular expression says.
-bool is_like(const std::string &text, const std::string &expression)
-{
-    regex_t compiled;
-    if (regcomp(&compiled, ("^(" + expression + ")$").c_str(), REG_EXTENDED | REG_NOSUB) != 0)
-        return false;
-    const bool is_match = regexec(&compiled, text.c_str(), 0, nullptr, 0) == 0;
-    regfree(&compiled);
-    return is_match;
-}
 
 // The text with "@" for the time stamp of each line that has a right one.
 std::string without_stamps(const std::string &text)
@@ -195,7 +184,7 @@ TEST_F(ClpHistory, RecordsTheEndOfTheProductsTools)
         });
         const std::string record =
             "@\\(uid=[0-9]+\\) \\(pid=[0-9]+\\) " + std::string(name) + " 'w' in / took  1[0-5][0-9]\\.[0-9]{6} s \n";
-        EXPECT_TRUE(is_like(got, is_logged ? record : "no log\n")) << got;
+        EXPECT_TRUE(test::matches(got, is_logged ? record : "no log\n")) << got;
     }
 }
 
@@ -228,7 +217,7 @@ TEST_F(ClpHistory, GoesOnBehindARecordThatWasCut)
     ASSERT_EQ(cut.size(), 150u);
     ASSERT_EQ(test::run_child([] { return clp_collectdatas("three", "3"), 0; }).exit_status, 0);
     const std::string rest = log().substr(150);
-    EXPECT_TRUE(is_like(rest, "\n[0-9:.]+ three '3': \n")) << rest;
+    EXPECT_TRUE(test::matches(rest, "\n[0-9:.]+ three '3': \n")) << rest;
 }
 
 TEST_F(ClpHistory, TouchesNothingButARegularFile)

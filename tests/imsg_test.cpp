@@ -1,5 +1,6 @@
 // Printing: heads, streams, length, threads, procedures in the place of streams, raises.
 #include "support/child.h"
+#include "support/match.h"
 
 #include <korvaks/imsg.h>
 #include <korvaks/pfm.h>
@@ -15,7 +16,6 @@
 #include <thread>
 #include <vector>
 
-#include <regex.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -34,17 +34,6 @@ test::ChildResult run_with(const Environment &environment, const std::function<i
             setenv(name.c_str(), value.c_str(), 1);
         return body();
     });
-}
-
-// Whether all of `text` is described by a POSIX extended expression.
-bool matches(const std::string &text, const std::string &expression)
-{
-    regex_t compiled;
-    if (regcomp(&compiled, ("^(" + expression + ")$").c_str(), REG_EXTENDED | REG_NOSUB) != 0)
-        return false;
-    const bool is_match = regexec(&compiled, text.c_str(), 0, nullptr, 0) == 0;
-    regfree(&compiled);
-    return is_match;
 }
 
 TEST(ImsgPrint, HeadAndStreamFollowTheKind)
@@ -94,7 +83,7 @@ TEST(ImsgPrint, TraceHeadShowsTheTimeOfDay)
         return 0;
     });
     const std::string time = ">>> [0-9]{2}:[0-9]{2}:[0-9]{2}\\.[0-9]{3} ";
-    EXPECT_TRUE(matches(result.err, time + "\\(noname\\): plain\n" + time + "\\(noname/test/imsg\\): plain\n"))
+    EXPECT_TRUE(test::matches(result.err, time + "\\(noname\\): plain\n" + time + "\\(noname/test/imsg\\): plain\n"))
         << result.err;
 }
 
@@ -142,7 +131,7 @@ TEST(ImsgPrint, WrongTablesNumbersAndKindsAreReported)
                                "noname: Error: IMSG Internal error \\(vsprintf/NOMSG\\) - NULL Message\\.\n"
                                "noname: Error: Unknown message type -1 " +
                                unknown + "noname: Error: Unknown message type 11 " + unknown);
-    EXPECT_TRUE(matches(result.err, expected)) << result.err;
+    EXPECT_TRUE(test::matches(result.err, expected)) << result.err;
 }
 
 TEST(ImsgPrint, LongMessagesAndHeadsArePrintedWhole)

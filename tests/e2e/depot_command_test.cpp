@@ -9,10 +9,10 @@
 #include <utility>
 #include <vector>
 
-#include <regex.h>
 #include <unistd.h>
 
 #include "depot_fixture.h"
+#include "support/match.h"
 
 namespace {
 
@@ -22,17 +22,6 @@ using test::first_part;
 using test::run_program;
 using test::second_part;
 using test::Words;
-
-// Whether the whole text matches an extended regular expression.
-bool matches(const std::string &text, const std::string &pattern)
-{
-    regex_t compiled;
-    if (regcomp(&compiled, ("^(" + pattern + ")$").c_str(), REG_EXTENDED | REG_NOSUB) != 0)
-        return false;
-    const bool is_match = regexec(&compiled, text.c_str(), 0, nullptr, 0) == 0;
-    regfree(&compiled);
-    return is_match;
-}
 
 // Whether a help page has a row for a name, with a meaning.
 bool has_row(const std::string &page, const std::string &name)
@@ -308,7 +297,7 @@ TEST_F(DepotCommand, IsKeptInTheHostsHistory)
     const std::string line = "[0-9]{4}(:[0-9]{2}){5}\\.[0-9]{3} \\(uid=" + std::to_string(geteuid()) +
                              "\\) \\(pid=[0-9]+\\) veldepot '-d' 'depot' ";
     const std::string expected = line + "'put' '--' 'a b' in /[^\n]*\n" + line + "'mend' 'a\\?b' in /[^\n]*\n";
-    EXPECT_TRUE(matches(test::read_file(log), expected)) << test::read_file(log);
+    EXPECT_TRUE(test::matches(test::read_file(log), expected)) << test::read_file(log);
 }
 
 } // namespace
