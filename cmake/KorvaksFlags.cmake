@@ -33,7 +33,7 @@ target_compile_options(korvaks_warnings INTERFACE -Wall -Wextra -Wconversion -Ws
 
 add_library(korvaks_library INTERFACE)
 # Calls inside the library are bound to the library's own functions, so they may be inlined; calls
-# out of it are bound at start, so they need no stub.
+# out of it are bound at start, so they need no table of jumps.
 target_compile_options(korvaks_library INTERFACE
   $<$<COMPILE_LANGUAGE:CXX>:-fno-exceptions -fno-rtti> -fvisibility=hidden -fno-semantic-interposition -fno-plt)
 target_link_options(korvaks_library INTERFACE -Wl,-Bsymbolic-functions)
