@@ -11,8 +11,8 @@
 
 #include <unistd.h>
 
-#include "depot_fixture.h"
-#include "support/match.h"
+#include "e2e/depot_fixture.h"
+#include "harness/match.h"
 
 namespace {
 

@@ -21,7 +21,7 @@
 #include <time.h>
 #include <unistd.h>
 
-#include "support/child.h"
+#include "harness/child.h"
 
 namespace test {
 

@@ -18,7 +18,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "depot_fixture.h"
+#include "e2e/depot_fixture.h"
 
 namespace {
 

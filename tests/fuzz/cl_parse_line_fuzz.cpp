@@ -1,5 +1,5 @@
 // Lines of text as words and options: the words against a plain reading, the scan by what it promises.
-#include "fuzz_support.h"
+#include "fuzz/fuzz_support.h"
 
 #include <korvaks/cl.h>
 #include <korvaks/stg.h>

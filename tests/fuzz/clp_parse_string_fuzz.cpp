@@ -1,7 +1,7 @@
 // Command strings: their words against the rules written down plainly, and words that were joined read back.
-#include "fuzz_support.h"
+#include "fuzz/fuzz_support.h"
 
-#include "../support/clp_model.h"
+#include "harness/clp_model.h"
 
 #include <korvaks/clp.h>
 #include <korvaks/imsg.h>

@@ -1,5 +1,5 @@
 // Tables of flags and lines: what each step of a scan gives, against the rules written down plainly.
-#include "fuzz_support.h"
+#include "fuzz/fuzz_support.h"
 
 #include <korvaks/clp.h>
 #include <korvaks/imsg.h>

@@ -1,5 +1,5 @@
 // Compressed blocks: any data comes back, and any bytes as a block are read as a plain decoder reads them.
-#include "fuzz_support.h"
+#include "fuzz/fuzz_support.h"
 
 #include <korvaks/compress.h>
 #include <korvaks/imsg.h>

@@ -1,6 +1,6 @@
 // Numeric tokens: a token of any time is read back to the same token, and an accepted text of digits
 // is the token of its time.
-#include "fuzz_support.h"
+#include "fuzz/fuzz_support.h"
 
 #include <korvaks/date.h>
 

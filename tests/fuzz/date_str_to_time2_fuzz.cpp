@@ -1,6 +1,6 @@
 // Dates as users type them: a text is refused without a trace, or it is a time that the tokens of that
 // time lead back to; white space at the ends and the case of letters mean nothing.
-#include "fuzz_support.h"
+#include "fuzz/fuzz_support.h"
 
 #include <korvaks/date.h>
 #include <korvaks/stg.h>

@@ -1,6 +1,6 @@
 // The traditional grammar: what it accepts is a time from 1970 on that its own token leads back to, and
 // the full reader says the same.
-#include "fuzz_support.h"
+#include "fuzz/fuzz_support.h"
 
 #include <korvaks/date.h>
 #include <korvaks/stg.h>

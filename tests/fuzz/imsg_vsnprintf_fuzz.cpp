@@ -1,10 +1,10 @@
 // Texts of catalogues that nobody checked: one that is let through takes the arguments of the default
 // text, as the system's own formatter sees them, and formats with them without harm.
-#include "fuzz_support.h"
+#include "fuzz/fuzz_support.h"
 
 #include <korvaks/imsg.h>
 
-#include "imsg_impl.h"
+#include "messages/imsg_impl.h"
 
 #include <algorithm>
 #include <cstdarg>

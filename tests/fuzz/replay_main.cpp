@@ -1,7 +1,7 @@
 // Runs a fuzz target without a fuzzer: each file of its corpus as it is, then a bounded number of
 // seeded mutations of them. Which input was last under way is in the file "<program>.input" when a
 // property fails, ready to be kept in the corpus.
-#include "fuzz_support.h"
+#include "fuzz/fuzz_support.h"
 
 #include <algorithm>
 #include <chrono>

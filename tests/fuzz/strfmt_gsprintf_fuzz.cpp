@@ -1,6 +1,6 @@
 // Control strings that a user wrote: nothing is written outside the buffer, whose text is the beginning
 // of what a growing buffer gets, and both agree on what is a bad control string.
-#include "fuzz_support.h"
+#include "fuzz/fuzz_support.h"
 
 #include <korvaks/imsg.h>
 #include <korvaks/stg.h>

@@ -1,5 +1,5 @@
 // Escapes of string literals: never longer than the literal, and what is escaped comes back.
-#include "fuzz_support.h"
+#include "fuzz/fuzz_support.h"
 
 #include <korvaks/stg.h>
 #include <korvaks/strutl.h>

@@ -1,5 +1,5 @@
 // References to environment variables: against a plain expansion, with values that the input chooses.
-#include "fuzz_support.h"
+#include "fuzz/fuzz_support.h"
 
 #include <korvaks/stg.h>
 #include <korvaks/strutl.h>

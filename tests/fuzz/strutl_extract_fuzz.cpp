@@ -1,5 +1,5 @@
 // Scrambled text: comes back as it was, in exactly the room it needs; anything else is refused cleanly.
-#include "fuzz_support.h"
+#include "fuzz/fuzz_support.h"
 
 #include <korvaks/strutl.h>
 

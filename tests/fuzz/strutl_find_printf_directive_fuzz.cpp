@@ -1,5 +1,5 @@
 // Directives of formats: each is inside the format, well formed, and read alike at any buffer size.
-#include "fuzz_support.h"
+#include "fuzz/fuzz_support.h"
 
 #include <korvaks/strutl.h>
 

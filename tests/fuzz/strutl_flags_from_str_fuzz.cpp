@@ -1,5 +1,5 @@
 // Names of flags: against a plain reading of the same text, and back from the text of a set.
-#include "fuzz_support.h"
+#include "fuzz/fuzz_support.h"
 
 #include <korvaks/strutl.h>
 

@@ -1,5 +1,5 @@
 // UTF-8 and UTF-16: hostile bytes and units stay inside their buffers, valid text comes back as it was.
-#include "fuzz_support.h"
+#include "fuzz/fuzz_support.h"
 
 #include <korvaks/strutl.h>
 

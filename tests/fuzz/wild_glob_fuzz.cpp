@@ -1,5 +1,5 @@
 // Lists of words over a tree that the input makes.
-#include "fuzz_support.h"
+#include "fuzz/fuzz_support.h"
 
 #include <korvaks/stg.h>
 #include <korvaks/wild.h>

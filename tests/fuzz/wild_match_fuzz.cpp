@@ -1,6 +1,6 @@
 // Patterns as text against the slow reading of them, and anything as a compiled pattern.
-#include "fuzz_support.h"
-#include "../support/wild_model.h"
+#include "fuzz/fuzz_support.h"
+#include "harness/wild_model.h"
 
 #include <korvaks/wild.h>
 

@@ -1,5 +1,5 @@
 // The counted string: from a hostile stream, and back to the bytes it came from.
-#include "fuzz_support.h"
+#include "fuzz/fuzz_support.h"
 
 #include <korvaks/ezrpc.h>
 

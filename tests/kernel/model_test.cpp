@@ -6,9 +6,9 @@
 // the child compares what it inherited; or a thread ends and another takes its place.
 //
 // KORVAKS_MODEL_STEPS sets the number of steps, KORVAKS_MODEL_SEED another sequence.
-#include "support/child.h"
+#include "harness/child.h"
 
-#include "ks_locks.h"
+#include "kernel/ks_locks.h"
 
 #include <korvaks/pfm.h>
 #include <korvaks/tls_impl.h>

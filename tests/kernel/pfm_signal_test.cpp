@@ -1,8 +1,8 @@
 // Signals, the stop signal, and every process type, in children that are really signalled.
-#include "support/child.h"
-#include "support/msg_recorder.h"
+#include "harness/child.h"
+#include "harness/msg_recorder.h"
 
-#include "ks_guard.h"
+#include "kernel/ks_guard.h"
 
 #include <korvaks/pfm.h>
 #include <korvaks/vlthread.h>

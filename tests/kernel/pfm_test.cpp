@@ -1,8 +1,8 @@
 // Raises, cleanup records, inhibits and the end of the process.
-#include "support/child.h"
-#include "support/msg_recorder.h"
+#include "harness/child.h"
+#include "harness/msg_recorder.h"
 
-#include "ks_guard.h"
+#include "kernel/ks_guard.h"
 
 #include <korvaks/pfm.h>
 #include <korvaks/stg.h>

@@ -1,6 +1,6 @@
 // The heap level and storage areas, against a recorder in the place of the message modules.
-#include "support/child.h"
-#include "support/msg_recorder.h"
+#include "harness/child.h"
+#include "harness/msg_recorder.h"
 
 #include <korvaks/stg.h>
 

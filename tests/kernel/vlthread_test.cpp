@@ -1,8 +1,8 @@
 // Locks, conditions, the critical section, threads and their diagnostics.
-#include "support/child.h"
+#include "harness/child.h"
 
-#include "ks_guard.h"
-#include "ks_locks.h"
+#include "kernel/ks_guard.h"
+#include "kernel/ks_locks.h"
 
 #include <korvaks/pfm.h>
 #include <korvaks/stg.h>

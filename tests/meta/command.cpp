@@ -1,4 +1,4 @@
-#include "command.h"
+#include "meta/command.h"
 
 #include <cstdio>
 

@@ -10,8 +10,8 @@
 
 #include <gtest/gtest.h>
 
-#include "command.h"
-#include "source_tree.h"
+#include "meta/command.h"
+#include "meta/source_tree.h"
 
 namespace {
 
@@ -20,9 +20,10 @@ using meta::SourceFile;
 using Files = std::vector<SourceFile>;
 using Complaints = std::vector<std::string>;
 
-struct LayerRow {
-    int layer;
-    std::vector<std::string> patterns;
+// A folder of lib/ks and the folders that its files may include and call.
+struct Folder {
+    std::string name;
+    std::set<std::string> may_use;
 };
 
 // What files may take against the rules: a header to include or a function to call.
@@ -32,7 +33,7 @@ struct Exception {
 };
 
 struct LayersPage {
-    std::vector<LayerRow> rows;
+    std::vector<Folder> folders; // from the top down
     std::vector<Exception> includes;
     std::vector<Exception> calls;
 };
@@ -50,9 +51,11 @@ std::vector<Exception> parse_exceptions(const std::vector<meta::Row> &rows)
 LayersPage parse_page(const std::string &page)
 {
     LayersPage layers;
-    for (const auto &row : meta::table_below(page, "## Files"))
-        layers.rows.push_back({std::stoi(row.at(0)), meta::quoted_words(row.at(2))});
-    layers.includes = parse_exceptions(meta::table_below(page, "## Includes that go up or aside"));
+    for (const auto &row : meta::table_below(page, "## Folders")) {
+        const auto allowed = meta::quoted_words(row.at(1));
+        layers.folders.push_back({meta::quoted_words(row.at(0)).at(0), {allowed.begin(), allowed.end()}});
+    }
+    layers.includes = parse_exceptions(meta::table_below(page, "## Includes that go aside"));
     layers.calls = parse_exceptions(meta::table_below(page, "## Calls that go up"));
     return layers;
 }
@@ -69,13 +72,60 @@ bool is_excepted(const std::vector<Exception> &exceptions, const std::string &fr
                        [&](const auto &e) { return e.what == what && matches(e.from, from); });
 }
 
-std::optional<int> layer_of(const LayersPage &page, const std::string &name)
+constexpr const char *library_root = "lib/ks/";
+constexpr const char *public_root = "include/korvaks/";
+
+// "kernel/stg.cpp" for a file below lib/ks, the whole path for any other.
+std::string short_path(const std::string &path)
 {
-    for (const auto &row : page.rows)
-        for (const auto &pattern : row.patterns)
-            if (matches(pattern, name))
-                return row.layer;
-    return std::nullopt;
+    return path.starts_with(library_root) ? path.substr(std::string(library_root).size()) : path;
+}
+
+std::string folder_part(const std::string &short_name)
+{
+    const auto slash = short_name.rfind('/');
+    return slash == std::string::npos ? "" : short_name.substr(0, slash);
+}
+
+const Folder *find_folder(const LayersPage &page, const std::string &name)
+{
+    const auto found =
+        std::find_if(page.folders.begin(), page.folders.end(), [&](const auto &folder) { return folder.name == name; });
+    return found != page.folders.end() ? &*found : nullptr;
+}
+
+// A module's files bear its name: x.cpp, x_topic.cpp, x_impl.h, x.h.
+bool is_of_module(const std::string &name, const std::string &module)
+{
+    return name.starts_with(module + ".") || name.starts_with(module + "_");
+}
+
+// A public header belongs to the lowest folder of its module.
+const Folder *folder_of_header(const LayersPage &page, const Files &files, const SourceFile &header)
+{
+    const std::string name = header.name();
+    if (name == "base.h" || name == "ezrpc.h")
+        return find_folder(page, "base");
+    if (name == "tls_impl.h")
+        return find_folder(page, "kernel");
+    const std::string module = name.substr(0, name.rfind('.'));
+    for (auto folder = page.folders.rbegin(); folder != page.folders.rend(); ++folder)
+        for (const auto &file : files)
+            if (file.path == library_root + folder->name + "/" + file.name() && is_of_module(file.name(), module))
+                return &*folder;
+    return nullptr;
+}
+
+const Folder *folder_of(const LayersPage &page, const Files &files, const SourceFile &file)
+{
+    if (file.path.starts_with(public_root))
+        return folder_of_header(page, files, file);
+    return file.path.starts_with(library_root) ? find_folder(page, folder_part(short_path(file.path))) : nullptr;
+}
+
+bool may_use(const Folder *from, const Folder *to)
+{
+    return from != nullptr && to != nullptr && (from == to || from->may_use.contains(to->name));
 }
 
 // Sources and headers of libkorvaks.so.
@@ -94,17 +144,13 @@ struct Include {
     const SourceFile *header; // one of ours, or NULL
 };
 
-const SourceFile *find_header(const Files &files, const SourceFile &from, const std::string &spelled)
+// Quoted includes name the folder.
+const SourceFile *find_header(const Files &files, const std::string &spelled)
 {
     const std::string name = spelled.substr(1, spelled.size() - 2);
-    const std::string beside = from.path.substr(0, from.path.rfind('/') + 1) + name;
-    for (const auto &file : files) {
-        const bool found =
-            spelled[0] == '<' ? file.path == "include/" + name : file.path == beside || file.path == "lib/ks/" + name;
-        if (found)
-            return &file;
-    }
-    return nullptr;
+    const std::string path = (spelled[0] == '<' ? "include/" : library_root) + name;
+    const auto found = std::find_if(files.begin(), files.end(), [&](const auto &file) { return file.path == path; });
+    return found != files.end() ? &*found : nullptr;
 }
 
 // The header that a line includes, with its brackets or quotes; empty when it includes none.
@@ -127,7 +173,7 @@ std::vector<Include> includes_of(const Files &files, const SourceFile &file)
     for (const auto &line : meta::split_lines(meta::without_comments(file.text))) {
         const std::string header = included_by(line);
         if (!header.empty())
-            includes.push_back({header, find_header(files, file, header)});
+            includes.push_back({header, find_header(files, header)});
     }
     return includes;
 }
@@ -140,11 +186,11 @@ template <typename Visit> void each_include(const Files &files, Visit visit)
             visit(file, include);
 }
 
-Complaints files_without_layer(const LayersPage &page, const Files &files)
+Complaints files_without_folder(const LayersPage &page, const Files &files)
 {
     Complaints complaints;
     for (const auto &file : files)
-        if (!layer_of(page, file.name()))
+        if (folder_of(page, files, file) == nullptr)
             complaints.push_back(file.path);
     return complaints;
 }
@@ -164,18 +210,11 @@ Complaints upward_includes(const LayersPage &page, const Files &files)
 {
     Complaints complaints;
     each_include(files, [&](const auto &file, const auto &include) {
-        if (include.header == nullptr || is_excepted(page.includes, file.name(), include.header->name()))
-            return;
-        if (layer_of(page, include.header->name()) > layer_of(page, file.name()))
+        if (include.header != nullptr &&
+            !may_use(folder_of(page, files, file), folder_of(page, files, *include.header)))
             complaints.push_back(file.path + " includes " + include.spelled + " from above");
     });
     return complaints;
-}
-
-// A module's files bear its name: x.cpp, x_topic.cpp, x_impl.h, x.h.
-bool is_of_module(const std::string &name, const std::string &module)
-{
-    return name.starts_with(module + ".") || name.starts_with(module + "_");
 }
 
 Complaints foreign_private_includes(const LayersPage &page, const Files &files)
@@ -183,10 +222,11 @@ Complaints foreign_private_includes(const LayersPage &page, const Files &files)
     const std::string suffix = "_impl.h";
     Complaints complaints;
     each_include(files, [&](const auto &file, const auto &include) {
-        if (include.header == nullptr || !include.header->path.starts_with("lib/ks/"))
+        if (include.header == nullptr || !include.header->path.starts_with(library_root))
             return;
         const std::string header = include.header->name();
-        if (!header.ends_with(suffix) || is_excepted(page.includes, file.name(), header))
+        if (!header.ends_with(suffix) ||
+            is_excepted(page.includes, short_path(file.path), short_path(include.header->path)))
             return;
         if (!is_of_module(file.name(), header.substr(0, header.size() - suffix.size())))
             complaints.push_back(file.path + " includes the private " + header);
@@ -210,7 +250,7 @@ Complaints stray_platform_rpc(const Files &files)
 {
     Complaints complaints;
     each_include(files, [&](const auto &file, const auto &include) {
-        if (include.spelled.starts_with("<rpc/") && file.path != "lib/ks/rpc/rpc_platform.h")
+        if (include.spelled.starts_with("<rpc/") && file.path != "lib/ks/rpc/wire/rpc_platform.h")
             complaints.push_back(file.path + " includes " + include.spelled);
     });
     return complaints;
@@ -256,12 +296,20 @@ std::string demangled(const std::string &symbol)
 }
 
 struct Symbol {
-    std::string file; // source that the object was compiled from
+    std::string file; // source that the object was compiled from, with its folder
     std::string name;
     char type; // as nm shows it
 };
 
-// nm -A -P: "some/stg.cpp.o: stg_alloc T 0 50"
+// The source of an object: ".../lib/ks/kernel/CMakeFiles/ks_kernel.dir/stg_heap.cpp.o" as "kernel/stg_heap.cpp"
+std::string source_of(const std::string &object)
+{
+    const auto root = object.find(library_root) + std::string(library_root).size();
+    const auto build = object.find("CMakeFiles/", root);
+    return object.substr(root, build - root) + object.substr(object.rfind('/') + 1);
+}
+
+// nm -A -P: "lib/ks/kernel/CMakeFiles/ks_kernel.dir/stg_heap.cpp.o: stg_alloc T 0 50"
 std::vector<Symbol> parse_symbols(const std::string &listing)
 {
     std::vector<Symbol> symbols;
@@ -271,7 +319,7 @@ std::vector<Symbol> parse_symbols(const std::string &listing)
         Symbol symbol;
         in >> object >> symbol.name >> symbol.type;
         object.erase(object.rfind(".o:"));
-        symbol.file = object.substr(object.rfind('/') + 1);
+        symbol.file = source_of(object);
         symbols.push_back(symbol);
     }
     return symbols;
@@ -289,7 +337,7 @@ Complaints upward_calls(const LayersPage &page, const std::vector<Symbol> &symbo
         const auto definition = defined_in.find(symbol.name);
         if (symbol.type != 'U' || definition == defined_in.end() || is_excepted(page.calls, symbol.file, symbol.name))
             continue;
-        if (layer_of(page, definition->second) > layer_of(page, symbol.file))
+        if (!may_use(find_folder(page, folder_part(symbol.file)), find_folder(page, folder_part(definition->second))))
             complaints.push_back(symbol.file + " uses " + demangled(symbol.name) + " of " + definition->second);
     }
     return complaints;
@@ -300,25 +348,31 @@ std::vector<Symbol> library_symbols()
     return parse_symbols(meta::output_of(KORVAKS_NM " -A -P -g $(cat " KORVAKS_OBJECT_LIST ")"));
 }
 
-TEST(Layers, EveryFileHasOne)
+TEST(Layers, EveryFileLiesInAListedFolder)
 {
     EXPECT_GT(library_files().size(), 10u);
-    EXPECT_EQ(meta::lines_of(files_without_layer(layers_page(), library_files())), "");
+    EXPECT_EQ(meta::lines_of(files_without_folder(layers_page(), library_files())), "");
 }
 
-TEST(Layers, ThePageNamesOnlyWhatExists)
+TEST(Layers, ThePageNamesOnlyWhatExistsAndGoesDown)
 {
-    for (const auto &row : layers_page().rows)
-        for (const auto &pattern : row.patterns)
-            EXPECT_TRUE(std::any_of(library_files().begin(), library_files().end(),
-                                    [&](const auto &file) { return matches(pattern, file.name()); }))
-                << pattern << " names no file";
+    std::set<std::string> above;
+    for (const auto &folder : layers_page().folders) {
+        EXPECT_TRUE(std::any_of(library_files().begin(), library_files().end(),
+                                [&](const auto &file) { return folder_part(short_path(file.path)) == folder.name; }))
+            << folder.name << " holds no file";
+        above.insert(folder.name);
+        for (const auto &lower : folder.may_use) {
+            EXPECT_FALSE(above.contains(lower)) << folder.name << " may not use " << lower;
+            EXPECT_NE(find_folder(layers_page(), lower), nullptr) << lower;
+        }
+    }
 
     for (const auto &exception : layers_page().includes) {
         bool used = false;
         each_include(library_files(), [&](const auto &file, const auto &include) {
-            used = used || (include.header != nullptr && include.header->name() == exception.what &&
-                            matches(exception.from, file.name()));
+            used = used || (include.header != nullptr && short_path(include.header->path) == exception.what &&
+                            matches(exception.from, short_path(file.path)));
         });
         EXPECT_TRUE(used) << exception.from << " does not include " << exception.what;
     }
@@ -363,38 +417,41 @@ TEST(Layers, HeadersFormNoCircle)
 // The checks themselves, on a small tree that breaks each rule once.
 TEST(LayerChecks, FindWhatTheyLookFor)
 {
-    const LayersPage page = parse_page("## Files\n| Layer | What | Files |\n|---|---|---|\n"
-                                       "| 0 | texts | `*_msg.h` |\n| 2 | high | `high*` |\n| 1 | low | `low*` |\n"
-                                       "## Includes that go up or aside\n| File | Header | Why |\n|---|---|---|\n"
-                                       "| `low_known.cpp` | `high_impl.h` | known |\n"
+    const LayersPage page = parse_page("## Folders\n| Folder | May use | What |\n|---|---|---|\n"
+                                       "| `top` | `low` `base` | t |\n| `aside` | `low` | a |\n| `low` | `base` | l |\n"
+                                       "| `base` | | b |\n"
+                                       "## Includes that go aside\n| File | Header | Why |\n|---|---|---|\n"
+                                       "| `top/high_known.cpp` | `low/low_impl.h` | known |\n"
                                        "## Calls that go up\n| Caller | Function | Why |\n|---|---|---|\n"
-                                       "| `low*` | `high_print` | known |\n");
+                                       "| `low/*` | `high_print` | known |\n");
     const Files files = {
-        {"include/korvaks/low.h", "#include <korvaks/low_other.h>\n#include \"low_impl.h\"\n"},
+        {"include/korvaks/low.h", "#include <korvaks/low_other.h>\n#include \"low/low_impl.h\"\n"},
         {"include/korvaks/low_other.h", "/* #include <korvaks/high.h> */\n#include <korvaks/low.h>\n"},
         {"include/korvaks/high.h", ""},
-        {"lib/ks/high_impl.h", ""},
-        {"lib/ks/high_msg.h", "#include <korvaks/high.h>\n"},
-        {"lib/ks/low_impl.h", "  #  include <rpc/rpc.h>\n"},
-        {"lib/ks/low.cpp", "#include \"high_impl.h\"\n#include <korvaks/high.h>\n#include \"absent.h\"\n"},
-        {"lib/ks/low_known.cpp", "#include \"high_impl.h\"\n"},
+        {"lib/ks/aside/side.cpp", "#include <korvaks/high.h>\n"},
+        {"lib/ks/low/high_topic.cpp", "#include <korvaks/high.h>\n"}, // its module begins in this folder
+        {"lib/ks/low/low.cpp", "#include \"top/top.h\"\n#include \"low_impl.h\"\n"},
+        {"lib/ks/low/low_impl.h", "  #  include <rpc/rpc.h>\n"},
+        {"lib/ks/low/low_other.cpp", ""},
         {"lib/ks/other.cpp", ""},
+        {"lib/ks/top/high.cpp", "#include \"low/low_impl.h\"\n"},
+        {"lib/ks/top/high_known.cpp", "#include \"low/low_impl.h\"\n"},
+        {"lib/ks/top/top.h", ""},
     };
 
-    EXPECT_EQ(files_without_layer(page, files), Complaints{"lib/ks/other.cpp"});
-    EXPECT_EQ(unknown_includes(files), Complaints{"lib/ks/low.cpp includes \"absent.h\""});
-    EXPECT_EQ(upward_includes(page, files), (Complaints{"lib/ks/high_msg.h includes <korvaks/high.h> from above",
-                                                        "lib/ks/low.cpp includes \"high_impl.h\" from above",
-                                                        "lib/ks/low.cpp includes <korvaks/high.h> from above"}));
-    EXPECT_EQ(foreign_private_includes(page, files), Complaints{"lib/ks/low.cpp includes the private high_impl.h"});
-    EXPECT_EQ(installed_including_private(files), Complaints{"include/korvaks/low.h includes \"low_impl.h\""});
-    EXPECT_EQ(stray_platform_rpc(files), Complaints{"lib/ks/low_impl.h includes <rpc/rpc.h>"});
+    EXPECT_EQ(files_without_folder(page, files), Complaints{"lib/ks/other.cpp"});
+    EXPECT_EQ(unknown_includes(files), Complaints{"lib/ks/low/low.cpp includes \"low_impl.h\""});
+    EXPECT_EQ(upward_includes(page, files), Complaints{"lib/ks/low/low.cpp includes \"top/top.h\" from above"});
+    EXPECT_EQ(foreign_private_includes(page, files), Complaints{"lib/ks/top/high.cpp includes the private low_impl.h"});
+    EXPECT_EQ(installed_including_private(files), Complaints{"include/korvaks/low.h includes \"low/low_impl.h\""});
+    EXPECT_EQ(stray_platform_rpc(files), Complaints{"lib/ks/low/low_impl.h includes <rpc/rpc.h>"});
     EXPECT_EQ(include_circles(files).size(), 1u);
 
-    const auto symbols = parse_symbols("d/high.cpp.o: high_print T 0 5\nd/high.cpp.o: high_sort T 5 5\n"
-                                       "d/low.cpp.o: high_print U 0 0\nd/low.cpp.o: high_sort U 0 0\n"
-                                       "d/low.cpp.o: malloc U 0 0\nd/high.cpp.o: low_alloc U 0 0\n");
-    EXPECT_EQ(upward_calls(page, symbols), Complaints{"low.cpp uses high_sort of high.cpp"});
+    const auto symbols = parse_symbols(
+        "b/lib/ks/top/CMakeFiles/d/high.cpp.o: high_print T 0 5\nlib/ks/top/CMakeFiles/d/high.cpp.o: high_sort T 5 5\n"
+        "lib/ks/low/CMakeFiles/d/low.cpp.o: high_print U 0 0\nlib/ks/low/CMakeFiles/d/low.cpp.o: high_sort U 0 0\n"
+        "lib/ks/low/CMakeFiles/d/low.cpp.o: malloc U 0 0\nlib/ks/top/CMakeFiles/d/high.cpp.o: low_alloc U 0 0\n");
+    EXPECT_EQ(upward_calls(page, symbols), Complaints{"low/low.cpp uses high_sort of top/high.cpp"});
 }
 
 } // namespace

@@ -9,7 +9,7 @@
 #include <korvaks/stack.h>
 #include <korvaks/stg.h>
 
-#include "support/child.h"
+#include "harness/child.h"
 
 namespace {
 

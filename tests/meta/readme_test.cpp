@@ -5,8 +5,8 @@
 
 #include <unistd.h>
 
-#include "source_tree.h"
-#include "support/child.h"
+#include "meta/source_tree.h"
+#include "harness/child.h"
 
 namespace {
 

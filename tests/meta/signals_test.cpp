@@ -4,8 +4,8 @@
 
 #include <gtest/gtest.h>
 
-#include "command.h"
-#include "source_tree.h"
+#include "meta/command.h"
+#include "meta/source_tree.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "source_tree.h"
+#include "meta/source_tree.h"
 
 #include <algorithm>
 #include <filesystem>
@@ -7,7 +7,7 @@
 
 #include <fnmatch.h>
 
-#include "support/child.h"
+#include "harness/child.h"
 
 namespace meta {
 

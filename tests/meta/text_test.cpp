@@ -5,7 +5,7 @@
 
 #include <gtest/gtest.h>
 
-#include "source_tree.h"
+#include "meta/source_tree.h"
 
 namespace {
 

@@ -1,0 +1,62 @@
+// Time and descriptor helpers shared by all modules, and the verbosity that all of them look at.
+#include "base/ks_base.h"
+
+#include "base/msg_port.h"
+
+#include <climits>
+#include <ctime>
+
+namespace ks {
+
+constinit std::atomic<long> desired_verbosity{SHRT_MAX};
+
+namespace {
+
+constexpr long usec_per_sec = 1000000;
+
+} // namespace
+
+timeval wall_clock()
+{
+    timespec now{};
+    (void)clock_gettime(CLOCK_REALTIME, &now); // cannot fail for this clock and a valid address
+    return {now.tv_sec, now.tv_nsec / 1000};
+}
+
+timeval time_sum(const timeval &a, const timeval &b)
+{
+    timeval sum{a.tv_sec + b.tv_sec, a.tv_usec + b.tv_usec};
+    if (sum.tv_usec >= usec_per_sec) {
+        ++sum.tv_sec;
+        sum.tv_usec -= usec_per_sec;
+    }
+    return sum;
+}
+
+timeval time_difference(const timeval &later, const timeval &earlier)
+{
+    timeval difference{later.tv_sec - earlier.tv_sec, later.tv_usec - earlier.tv_usec};
+    if (difference.tv_usec < 0) {
+        --difference.tv_sec;
+        difference.tv_usec += usec_per_sec;
+    }
+    return difference;
+}
+
+bool write_all(int fd, const void *data, std::size_t size)
+{
+    const char *from = static_cast<const char *>(data);
+    while (size > 0) {
+        const ssize_t written = write(fd, from, size);
+        if (written < 0) {
+            if (errno == EINTR)
+                continue;
+            return false;
+        }
+        from += written;
+        size -= static_cast<std::size_t>(written);
+    }
+    return true;
+}
+
+} // namespace ks

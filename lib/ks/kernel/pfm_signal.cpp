@@ -1,0 +1,331 @@
+// Signals: handler tables, catching, and calls owed to handlers from before the library.
+//
+// A handler registered here normally runs on the signal-handler thread, which takes signals only
+// while it waits and holds no lock (pfm_thread.cpp). docs/signals.md lists what a handler reaches.
+#include "kernel/pfm_impl.h"
+
+#include <cstdlib>
+
+namespace ks::fault {
+
+namespace {
+
+// Owed calls: which kind is outstanding.
+enum Deferral : int {
+    deferral_none = 0,
+    deferral_next_opportunity = 1,
+    deferral_until_exit = 2,
+};
+
+constinit sigset_t all_async_signals{};
+// The handler each signal had before the library started, and the one it dispatches to.
+constinit std::array<std::atomic<pfm_signal_t>, signal_count> pre_handler_sigvec{};
+constinit std::array<std::atomic<pfm_signal_t>, signal_count> handler_sigvec{};
+// Signals whose earlier handlers are owed a call, as a set of bits, and the kind of deferral.
+constinit std::atomic<uint64_t> libc_deferred_signals{0};
+constinit std::atomic<int> libc_deferred_sigtype{deferral_none};
+
+pfm_signal_t pre_handler(int sig)
+{
+    return pre_handler_sigvec[static_cast<std::size_t>(sig - 1)].load(std::memory_order_acquire);
+}
+
+bool is_real_handler(pfm_signal_t handler)
+{
+    return handler != SIG_DFL && handler != SIG_IGN;
+}
+
+bool is_safemode_signal(int sig)
+{
+    return sig == SIGUSR1 || sig == SIGUSR2 || sig == SIGPIPE || sig == SIGALRM || sig == SIGTTOU;
+}
+
+// Blocks or unblocks one signal in the caller and puts the mask back as it was.
+class SignalMask {
+  public:
+    SignalMask(int how, int sig)
+    {
+        sigset_t one;
+        sigemptyset(&one);
+        sigaddset(&one, sig);
+        (void)pthread_sigmask(how, &one, &before_); // cannot fail for a valid `how`
+    }
+    ~SignalMask()
+    {
+        ks::ErrnoSaver saver;
+        (void)pthread_sigmask(SIG_SETMASK, &before_, nullptr); // cannot fail for a valid `how`
+    }
+    SignalMask(const SignalMask &) = delete;
+    SignalMask &operator=(const SignalMask &) = delete;
+
+  private:
+    sigset_t before_;
+};
+
+bool install(int sig, pfm_signal_t handler)
+{
+    struct sigaction action = {};
+    action.sa_handler = handler;
+    action.sa_mask = all_async_signals;
+    return sigaction(sig, &action, nullptr) == 0;
+}
+
+extern "C" void pfm_signal_handler(int sig);
+
+// The handler in front of which the library stands gets the signal at once.
+void pass_to_pre_library_handler(int sig)
+{
+    (void)install(sig, pre_handler(sig)); // was installed before, so it is valid
+    {
+        SignalMask unblocked(SIG_UNBLOCK, sig);
+        (void)raise(sig); // delivered before it returns
+    }
+    (void)install(sig, pfm_signal_handler);
+}
+
+// Notes that the signal's earlier handler is owed a call.
+void defer_pre_library_handler(int sig)
+{
+    if (type() == PFM_PROCESS_SAFE)
+        return;
+    const uint64_t bit = uint64_t{1} << (sig - 1);
+    if ((libc_deferred_signals.load(std::memory_order_relaxed) & bit) != 0)
+        return;
+    if (sig == SIGINT || sig == SIGQUIT || sig == SIGTERM) {
+        libc_deferred_signals.fetch_or(bit);
+        libc_deferred_sigtype.store(deferral_until_exit);
+    } else if (libc_deferred_sigtype.load() != deferral_until_exit && is_real_handler(pre_handler(sig))) {
+        libc_deferred_signals.fetch_or(bit);
+        libc_deferred_sigtype.store(deferral_next_opportunity);
+    }
+}
+
+void dispatch(int sig)
+{
+    if (sig == SIGTSTP) {
+        if (may_stop_now(sig))
+            perform_stop(sig);
+        return;
+    }
+    registered_handler(sig)(sig);
+    if (type() == PFM_PROCESS_CHAINING)
+        call_owed_handlers();
+}
+
+// Whether another thread is the one to handle the signal; then it was sent there.
+bool forward_to_handler_thread(int sig)
+{
+    const vlthread_t handler_thread = pfm_signal_handler_tid.load(std::memory_order_acquire);
+    if (type() == PFM_PROCESS_FORK_CHILD || handler_thread == pthread_self() ||
+        pfm_exiting.load(std::memory_order_acquire))
+        return false;
+    here.require(!vlthread_equal(handler_thread, VLTHREAD_INVALID_TID),
+                 "!vlthread_equal(pfm_signal_handler_tid, VLTHREAD_INVALID_TID)", 566);
+    (void)vlthread_kill(handler_thread, sig); // the thread lives as long as its id is set
+    return true;
+}
+
+void pfm_signal_handler_int(int sig)
+{
+    if (vlthread_attached_tid() == VLTHREAD_INVALID_TID) {
+        pass_to_pre_library_handler(sig);
+        return;
+    }
+    if (forward_to_handler_thread(sig))
+        return;
+    defer_pre_library_handler(sig);
+    dispatch(sig);
+    write_notify_channel(PFM_RAISE_INTERRUPT);
+}
+
+extern "C" void *handle_on_own_thread(void *argument)
+{
+    (void)vlthread_pending_raise(nullptr); // puts the thread on the state list
+    pfm_signal_handler_int(static_cast<int>(reinterpret_cast<intptr_t>(argument)));
+    vlthread_exit(nullptr);
+}
+
+// Only the new thread takes locks of the library: the interrupted one may hold any of them.
+void start_thread_for(int sig)
+{
+    pthread_attr_t attr;
+    pthread_t thread;
+    const bool started =
+        pthread_attr_init(&attr) == 0 && pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED) == 0 &&
+        pthread_create(&thread, &attr, handle_on_own_thread, reinterpret_cast<void *>(intptr_t{sig})) == 0;
+    if (!started)
+        abort();
+    (void)pthread_attr_destroy(&attr); // always succeeds for an initialised attribute
+}
+
+// Installed for every signal that the library dispatches. The system blocks the signal meanwhile.
+extern "C" void pfm_signal_handler(int sig)
+{
+    ks::ErrnoSaver saver;
+    here.require(type() != PFM_PROCESS_SAFE || is_safemode_signal(sig),
+                 "!pfm_in_safe_mode() || pfm_is_safemode_signal(sig)", 650);
+    here.require(registered_handler(sig) != SIG_DFL, "handler_sigvec[sig-1] != (pfm_signal_t)SIG_DFL", 651);
+    here.require(registered_handler(sig) != SIG_IGN, "handler_sigvec[sig-1] != (pfm_signal_t)SIG_IGN", 652);
+    if (type() == PFM_PROCESS_FORK_CHILD)
+        start_thread_for(sig);
+    else
+        pfm_signal_handler_int(sig);
+}
+
+// An interrupt, hang-up or termination request.
+extern "C" void pfm_quit_signal_catcher(int)
+{
+    pfm_notify_vl_thread(PFM_RAISE_INTERRUPT);
+}
+
+// Stops the process, and catches the next stop again when it continues.
+extern "C" void pfm_suspend_signal_catcher(int sig)
+{
+    pass_to_pre_library_handler(sig);
+}
+
+pfm_signal_t current_handler(int sig)
+{
+    struct sigaction action = {};
+    if (sigaction(sig, nullptr, &action) != 0 || (action.sa_flags & SA_SIGINFO) != 0)
+        return SIG_DFL;
+    return action.sa_handler;
+}
+
+void catch_unless_ignored(int sig)
+{
+    if (current_handler(sig) != SIG_IGN)
+        (void)pfm_signal(sig, pfm_quit_signal_catcher); // valid signal and handler
+}
+
+// Children must leave a status to wait for, whatever the program inherited.
+void restore_child_default()
+{
+    struct sigaction action = {};
+    if (sigaction(SIGCHLD, nullptr, &action) != 0)
+        return;
+    action.sa_handler = SIG_DFL;
+    action.sa_flags = 0;
+    (void)sigaction(SIGCHLD, &action, nullptr); // valid signal and action
+}
+
+// Who handles the signal in the operating system's eyes.
+pfm_signal_t system_handler_for(int sig, pfm_signal_t handler)
+{
+    return is_real_handler(handler) && handler != pre_handler(sig) ? pfm_signal_handler : handler;
+}
+
+} // namespace
+
+const sigset_t &async_signals()
+{
+    return all_async_signals;
+}
+
+void build_signal_sets()
+{
+    sigfillset(&all_async_signals);
+    for (const int sig : {SIGILL, SIGFPE, SIGSEGV})
+        sigdelset(&all_async_signals, sig);
+}
+
+void record_current_handlers()
+{
+    for (int sig = 1; sig <= signal_count; ++sig) {
+        const auto i = static_cast<std::size_t>(sig - 1);
+        const pfm_signal_t handler = current_handler(sig);
+        pre_handler_sigvec[i].store(handler, std::memory_order_release);
+        handler_sigvec[i].store(handler, std::memory_order_release);
+    }
+    libc_deferred_signals.store(0);
+    libc_deferred_sigtype.store(deferral_none);
+}
+
+void install_catchers()
+{
+    for (const int sig : {SIGINT, SIGHUP, SIGTERM})
+        catch_unless_ignored(sig);
+    restore_child_default();
+    (void)pfm_signal(SIGTSTP, pfm_suspend_signal_catcher); // valid signal and handler
+}
+
+void restore_pre_library_handlers()
+{
+    for (int sig = 1; sig <= signal_count; ++sig)
+        (void)install(sig, pre_handler(sig)); // fails only for signals that cannot be caught
+}
+
+pfm_signal_t registered_handler(int sig)
+{
+    return handler_sigvec[static_cast<std::size_t>(sig - 1)].load(std::memory_order_acquire);
+}
+
+void perform_stop(int sig)
+{
+    const pfm_signal_t handler = registered_handler(sig);
+    if (is_real_handler(handler)) {
+        handler(sig);
+    } else {
+        // Registered anew while the stop was held back: the system knows what to do.
+        SignalMask unblocked(SIG_UNBLOCK, sig);
+        (void)raise(sig);
+    }
+}
+
+void call_owed_handlers()
+{
+    if (type() == PFM_PROCESS_SAFE)
+        return;
+    if (!pfm_exiting.load(std::memory_order_acquire) && libc_deferred_sigtype.load() != deferral_next_opportunity)
+        return;
+    libc_deferred_sigtype.store(deferral_none);
+    for (int sig = 1; sig <= signal_count; ++sig) {
+        const uint64_t bit = uint64_t{1} << (sig - 1);
+        bool owed = false;
+        {
+            ks::LockGuard lock(ks::pfm_libc_handler_crit); // let go for the call
+            owed = (libc_deferred_signals.fetch_and(~bit) & bit) != 0;
+        }
+        if (owed)
+            pass_to_pre_library_handler(sig);
+    }
+}
+
+} // namespace ks::fault
+
+namespace fault = ks::fault;
+
+extern "C" {
+
+pfm_signal_t pfm_signal(int sig, pfm_signal_t handler)
+{
+    fault::ensure_started();
+    fault::here.require(fault::type() != PFM_PROCESS_SAFE || fault::is_safemode_signal(sig),
+                        "!pfm_in_safe_mode() || pfm_is_safemode_signal(sig)", 953);
+    if (sig < 1 || sig > fault::signal_count) {
+        errno = EINVAL;
+        return SIG_ERR;
+    }
+    ks::LockGuard lock(ks::pfm_crit);
+    fault::SignalMask blocked(SIG_BLOCK, sig);
+    const pfm_signal_t previous = fault::registered_handler(sig);
+    auto &entry = fault::handler_sigvec[static_cast<std::size_t>(sig - 1)];
+    // While the library's handler is installed the table must hold a real one.
+    if (fault::is_real_handler(handler))
+        entry.store(handler, std::memory_order_release);
+    if (!fault::install(sig, fault::system_handler_for(sig, handler))) {
+        entry.store(previous, std::memory_order_release);
+        return SIG_ERR;
+    }
+    entry.store(handler, std::memory_order_release);
+    return previous;
+}
+
+void pfm_proc_asignals(int how)
+{
+    fault::here.require(how == SIG_BLOCK || how == SIG_UNBLOCK, "how == SIG_BLOCK || how == SIG_UNBLOCK", 524);
+    if (!fault::pfm_inited.load(std::memory_order_acquire))
+        fault::build_signal_sets();
+    (void)pthread_sigmask(how, &fault::all_async_signals, nullptr); // cannot fail for a valid `how`
+}
+}

@@ -1,0 +1,598 @@
+// Storage areas: arenas whose memory is carved from large chunks and released all at once.
+#include "kernel/stg_impl.h"
+
+#include "kernel/ks_guard.h"
+#include "kernel/ks_locks.h"
+#include "kernel/stg_resident.h"
+
+#include <algorithm>
+#include <cstring>
+
+namespace {
+
+using ks::address_number;
+using ks::StgChunk;
+
+constexpr ks::AssertPath here{"lib/ks/stg"};
+
+constexpr uint64_t chunk_bytes_cap = 102400;
+constexpr double large_request_share = 0.7;
+constexpr uint64_t fill_step = 16384;
+constexpr long area_trace_level = 4;
+constexpr long alloc_trace_level = 5;
+constexpr long whole_chunk_check_level = 2;
+constexpr std::size_t registry_slots_initial = 512;
+constexpr std::size_t word_bits = 32;
+
+// The registry: a table of areas by slot and a bitmap of the slots in use.
+struct Registry {
+    stg_area **areas;
+    std::size_t capacity;
+    uint32_t *in_use;
+    std::size_t words;
+};
+
+constinit Registry registry{};    // guarded by stg_area_crit
+constinit llist_link all_areas{}; // guarded by stg_area_crit; every area, for forks
+
+// While a fork collects the areas, threads that hold nothing wait here.
+constinit vlthread_mutex_t fork_gate = VLTHREAD_MUTEX_INITIALIZER_NORAISE;
+constinit std::atomic<bool> fork_gate_closed{false};
+
+bool is_traced_at(long level)
+{
+    return ks::is_traced(ks::stg_subsystem, level);
+}
+
+void require_area(const stg_area *area)
+{
+    here.require(area != STG_AREA_NULL, "area != STG_AREA_NULL");
+    here.require(area != STG_AREA_HEAP, "area != STG_AREA_HEAP");
+}
+
+void wait_at_fork_gate()
+{
+    // A thread that holds a counted lock must go on: the fork may be waiting for that lock.
+    if (ks::fault_block_of_caller()->pfm_inh_count != 0)
+        return;
+    ks::LockGuard wait(fork_gate);
+}
+
+// Every area operation runs under the area's mutex, but for the resident's short way.
+class AreaLock {
+  public:
+    explicit AreaLock(stg_area *area) : area_(area)
+    {
+        if (fork_gate_closed.load(std::memory_order_acquire)) [[unlikely]]
+            wait_at_fork_gate();
+        (void)vlthread_mutex_lock(&area_->lock);
+        ks::stg_end_foreign_residence(area_);
+    }
+    ~AreaLock() { (void)vlthread_mutex_unlock(&area_->lock); }
+    AreaLock(const AreaLock &) = delete;
+    AreaLock &operator=(const AreaLock &) = delete;
+
+  private:
+    stg_area *area_;
+};
+
+int fill_value(const stg_area *area)
+{
+    return area->zero != 0 ? 0 : 0xFF;
+}
+
+// Fills the chunk up to `end` at least. It goes in steps, so that what is never handed out is never
+// touched.
+void fill_up_to(StgChunk *chunk, uint64_t end)
+{
+    if (end <= chunk->filled)
+        return;
+    const uint64_t filled = std::min(chunk->size, std::max(end, chunk->filled + fill_step));
+    std::memset(chunk->data + chunk->filled, chunk->fill, filled - chunk->filled);
+    chunk->filled = filled;
+}
+
+// Chunks ---------------------------------------------------------------------------------------
+
+void free_chunk(StgChunk *chunk, int quiet)
+{
+    stg_free_int(chunk->data, quiet);
+    stg_free_int(chunk, quiet);
+}
+
+StgChunk *obtain_chunk(uint64_t size, int quiet)
+{
+    auto *chunk = static_cast<StgChunk *>(stg_malloc_int(sizeof(StgChunk), quiet));
+    if (chunk == nullptr)
+        return nullptr;
+    *chunk = {0, nullptr, size, static_cast<char *>(stg_malloc_int(size, quiet)), 0, 0};
+    if (chunk->data == nullptr) {
+        stg_free_int(chunk, quiet);
+        errno = ENOMEM;
+        return nullptr;
+    }
+    return chunk;
+}
+
+uint64_t grown_size(const stg_area *area)
+{
+    const float grown = static_cast<float>(area->chunks->size) * area->growth;
+    return grown >= static_cast<float>(chunk_bytes_cap) ? chunk_bytes_cap : static_cast<uint64_t>(grown);
+}
+
+// What the next chunk should be, before the request that needs it is looked at.
+uint64_t wanted_size(const stg_area *area)
+{
+    uint64_t wanted = area->incr;
+    if (area->chunks == nullptr)
+        wanted = area->first_size;
+    else if (area->growth > 0 && (area->chunks->next != nullptr || area->incr_set == 0))
+        wanted = grown_size(area);
+    return std::min(wanted, chunk_bytes_cap);
+}
+
+StgChunk *add_chunk(stg_area *area, std::size_t request, int quiet)
+{
+    const uint64_t wanted = wanted_size(area);
+    std::size_t size = wanted;
+    if (static_cast<double>(request) > large_request_share * static_cast<double>(wanted) &&
+        __builtin_add_overflow(size, request, &size)) {
+        size = SIZE_MAX & ~std::size_t{7}; // reported as exhaustion by the heap level
+    }
+    if (!ks::round_up_8(size, size))
+        size = SIZE_MAX & ~std::size_t{7};
+    StgChunk *chunk = obtain_chunk(size, quiet);
+    if (chunk == nullptr)
+        return nullptr;
+    area->obtained += size;
+    if (area->chunks != nullptr || area->incr_set == 0)
+        area->desired += wanted;
+    chunk->fill = fill_value(area);
+    if (quiet == 0 && is_traced_at(area_trace_level))
+        ks::stg_print(ks::msg_trace, ks::stg_msg_chunk_created, address_number(area), address_number(chunk),
+                      static_cast<unsigned>(size));
+    chunk->next = area->chunks;
+    area->chunks = chunk;
+    ks::stg_settle(area);
+    return chunk;
+}
+
+bool has_room(const StgChunk *chunk, std::size_t request)
+{
+    return request <= chunk->size - chunk->used;
+}
+
+// The newest chunk with room is asked first; among the older ones the oldest with room is taken.
+StgChunk *find_room(const stg_area *area, std::size_t request)
+{
+    if (area->chunks == nullptr)
+        return nullptr;
+    if (has_room(area->chunks, request))
+        return area->chunks;
+    StgChunk *found = nullptr;
+    for (StgChunk *chunk = area->chunks->next; chunk != nullptr; chunk = chunk->next) {
+        if (has_room(chunk, request))
+            found = chunk;
+    }
+    return found;
+}
+
+// Bytes about to be handed out must still be as the chunk was filled; reports the first that
+// is not, and goes on.
+void check_fill(const stg_area *area, const StgChunk *chunk, std::size_t request)
+{
+    const auto fill = static_cast<unsigned char>(fill_value(area));
+    const char *from = chunk->data + chunk->used;
+    const char *end = is_traced_at(whole_chunk_check_level) ? chunk->data + chunk->size : from + request;
+    for (; from < end; ++from) {
+        if (static_cast<unsigned char>(*from) != fill) {
+            ks::stg_print(ks::msg_error, ks::stg_msg_area_corrupted, address_number(area), address_number(from));
+            return;
+        }
+    }
+}
+
+[[gnu::noinline]] void *exhausted()
+{
+    ks::stg_print(ks::msg_error, ks::stg_msg_no_memory);
+    errno = ENOMEM;
+    return nullptr;
+}
+
+char *take_room(StgChunk *chunk, std::size_t request)
+{
+    char *const result = chunk->data + chunk->used;
+    chunk->used += request;
+    return result;
+}
+
+// The short way: nothing to lock, check or trace. NULL when the caller is not the resident or the
+// newest chunk is full.
+[[gnu::always_inline]] inline void *allocate_as_resident(stg_area *area, std::size_t request)
+{
+    if (!ks::stg_enter_as_resident(area))
+        return nullptr;
+    StgChunk *const chunk = area->chunks;
+    const bool is_ready = chunk != nullptr && request <= chunk->filled - chunk->used;
+    void *const result = is_ready ? take_room(chunk, request) : nullptr;
+    ks::stg_leave_as_resident(area);
+    return result;
+}
+
+// Kept out of line, so that it does not weigh on the short way.
+[[gnu::noinline]] void *allocate_locked(stg_area *area, std::size_t request, int quiet)
+{
+    AreaLock lock(area);
+    StgChunk *chunk = find_room(area, request);
+    if (chunk == nullptr) {
+        chunk = add_chunk(area, request, quiet);
+        if (chunk == nullptr)
+            return nullptr;
+    }
+    if (quiet == 0 && ks::stg_is_checking()) [[unlikely]] {
+        fill_up_to(chunk, chunk->size); // what is checked from now on must have been filled
+        check_fill(area, chunk, request);
+    }
+    fill_up_to(chunk, chunk->used + request);
+    char *const result = take_room(chunk, request);
+    if (quiet == 0 && is_traced_at(alloc_trace_level)) [[unlikely]]
+        ks::stg_print(ks::msg_trace, ks::stg_msg_area_allocated, address_number(area), address_number(result),
+                      static_cast<unsigned>(request));
+    return result;
+}
+
+[[gnu::always_inline]] inline void *allocate(stg_area *area, std::size_t size, int quiet)
+{
+    std::size_t request = 0;
+    if (!ks::round_up_8(size, request)) [[unlikely]]
+        return exhausted();
+    if (quiet != 0 || !ks::may_be_traced(1)) [[likely]] {
+        if (void *const result = allocate_as_resident(area, request); result != nullptr) [[likely]]
+            return result;
+    }
+    return allocate_locked(area, request, quiet);
+}
+
+// Clearing and deleting ------------------------------------------------------------------------
+
+void reset_kept_chunk(stg_area *area, StgChunk *chunk)
+{
+    chunk->used = 0;
+    chunk->filled = 0;
+    chunk->fill = fill_value(area);
+    area->chunks = chunk;
+    area->obtained = chunk->size;
+    area->desired = area->incr_set != 0 ? 0 : area->first_size;
+}
+
+void clear(stg_area *area, int keep_first, int quiet)
+{
+    const bool traced = quiet == 0 && is_traced_at(area_trace_level);
+    if (traced)
+        ks::stg_print(ks::msg_trace, ks::stg_msg_area_clearing, address_number(area));
+    StgChunk *chunk = area->chunks;
+    area->chunks = nullptr;
+    area->obtained = 0;
+    area->desired = 0;
+    while (chunk != nullptr) {
+        StgChunk *older = chunk->next;
+        if (older == nullptr && keep_first != 0) {
+            reset_kept_chunk(area, chunk);
+            return;
+        }
+        if (traced)
+            ks::stg_print(ks::msg_trace, ks::stg_msg_chunk_freeing, address_number(area), address_number(chunk));
+        free_chunk(chunk, quiet);
+        chunk = older;
+    }
+}
+
+// Registry -------------------------------------------------------------------------------------
+
+// False on exhaustion.
+bool make_registry()
+{
+    if (registry.areas != nullptr)
+        return true;
+    constexpr std::size_t words = registry_slots_initial / word_bits;
+    auto *areas = static_cast<stg_area **>(stg_malloc_int(registry_slots_initial * sizeof(stg_area *), 1));
+    auto *in_use = static_cast<uint32_t *>(stg_malloc_int(words * sizeof(uint32_t), 1));
+    if (areas == nullptr || in_use == nullptr) {
+        stg_free_int(areas, 1);
+        stg_free_int(in_use, 1);
+        return false;
+    }
+    std::memset(areas, 0, registry_slots_initial * sizeof(stg_area *));
+    std::memset(in_use, 0, words * sizeof(uint32_t));
+    registry = {areas, registry_slots_initial, in_use, words};
+    ks::stg_prepare_residence();
+    return true;
+}
+
+// The sum over the bitmap's words of the set bits counted from each word's low end.
+uint32_t next_slot()
+{
+    uint32_t slot = 0;
+    for (std::size_t i = 0; i < registry.words; ++i)
+        slot += static_cast<uint32_t>(__builtin_ctzll(~static_cast<uint64_t>(registry.in_use[i])));
+    return slot;
+}
+
+bool grow_table(uint32_t slot)
+{
+    if (slot < registry.capacity)
+        return true;
+    const std::size_t capacity = std::max<std::size_t>(slot + std::size_t{1}, registry.capacity * 2);
+    auto *areas = static_cast<stg_area **>(stg_realloc_int(registry.areas, capacity * sizeof(stg_area *), 1));
+    if (areas == nullptr)
+        return false;
+    std::fill(areas + registry.capacity, areas + capacity, nullptr);
+    registry.areas = areas;
+    registry.capacity = capacity;
+    return true;
+}
+
+// Twice the bits, of which only the first 64 of the old map are kept.
+bool widen_bitmap()
+{
+    constexpr std::size_t words = 1024 / word_bits;
+    auto *in_use = static_cast<uint32_t *>(stg_malloc_int(words * sizeof(uint32_t), 1));
+    if (in_use == nullptr)
+        return false;
+    std::memset(in_use, 0, words * sizeof(uint32_t));
+    std::memcpy(in_use, registry.in_use, 64 / 8);
+    stg_free_int(registry.in_use, 1);
+    registry.in_use = in_use;
+    registry.words = words;
+    return true;
+}
+
+// Kept exactly: the slot's bit is combined with AND, so the bitmap stays clear, every area gets
+// slot 0 and the registry forgets it at once. stg_dump() relies on finding nothing.
+bool enter_in_registry(stg_area *area)
+{
+    ks::LockGuard lock(ks::stg_area_crit);
+    if (!make_registry())
+        return false;
+    const uint32_t slot = next_slot();
+    if (slot >= registry.words * word_bits && !widen_bitmap())
+        return false;
+    if (!grow_table(slot))
+        return false;
+    area->slot = slot;
+    registry.areas[slot] = area;
+    registry.in_use[slot / word_bits] &= uint32_t{1} << (slot % word_bits);
+    llist_d_insert(&all_areas, area, &area->all_link, LLIST_AT_TAIL);
+    return true;
+}
+
+void leave_registry(stg_area *area)
+{
+    ks::LockGuard lock(ks::stg_area_crit);
+    registry.areas[area->slot] = nullptr;
+    registry.in_use[area->slot / word_bits] &= ~(uint32_t{1} << (area->slot % word_bits));
+    (void)llist_d_remove(&area->all_link); // the owner is the area
+}
+
+stg_area *create(uint64_t first_size, int quiet)
+{
+    auto *area = static_cast<stg_area *>(stg_malloc_int(sizeof(stg_area), quiet));
+    if (area == nullptr)
+        return STG_AREA_NULL;
+    *area = {};
+    area->first_size = first_size;
+    area->incr = first_size;
+    if (vlthread_mutex_init_full(&area->lock, 0, ks::lock_level_area, 0, ks::lock_order()) != 0 ||
+        !enter_in_registry(area)) {
+        stg_free_int(area, quiet);
+        errno = ENOMEM;
+        return STG_AREA_NULL;
+    }
+    if (quiet == 0 && is_traced_at(area_trace_level))
+        ks::stg_print(ks::msg_trace, ks::stg_msg_area_created, address_number(area));
+    return area;
+}
+
+void destroy(stg_area **handle, int quiet)
+{
+    stg_area *area = *handle;
+    require_area(area);
+    if (quiet == 0 && is_traced_at(area_trace_level))
+        ks::stg_print(ks::msg_trace, ks::stg_msg_area_deleting, address_number(area));
+    leave_registry(area);
+    area->resident = VLTHREAD_INVALID_TID; // whoever deletes an area is its only user by now
+    {
+        AreaLock lock(area);
+        clear(area, 0, quiet);
+    }
+    (void)vlthread_mutex_destroy(&area->lock); // free: its last user was this call
+    stg_free_int(area, quiet);
+    *handle = STG_AREA_NULL;
+}
+
+// Dump -----------------------------------------------------------------------------------------
+
+void dump(stg_area *area)
+{
+    AreaLock lock(area);
+    unsigned long allocated = 0;
+    unsigned long used = 0;
+    int count = 0;
+    for (const StgChunk *chunk = area->chunks; chunk != nullptr; chunk = chunk->next) {
+        allocated += chunk->size;
+        used += chunk->used;
+        ++count;
+    }
+    ks::stg_print(ks::msg_ok, ks::stg_msg_area_dump, address_number(area), allocated, used, count, area->first_size,
+                  area->incr, area->desired, static_cast<double>(area->growth));
+    // Kept exactly: the bytes handed out are shown as "avail"; readers of dumps know it so.
+    for (const StgChunk *chunk = area->chunks; chunk != nullptr; chunk = chunk->next)
+        ks::stg_print(ks::msg_ok, ks::stg_msg_chunk_dump, address_number(chunk), chunk->size, chunk->used,
+                      address_number(chunk->data), address_number(chunk->next));
+}
+
+// Fork -----------------------------------------------------------------------------------------
+
+// Unlocks the areas from the list's head up to `end`.
+void unlock_areas_before(const llist_link *end)
+{
+    for (llist_link *link = all_areas.next; link != end; link = link->next)
+        (void)vlthread_mutex_unlock(&static_cast<stg_area *>(link->owner)->lock); // held since the try
+}
+
+} // namespace
+
+namespace ks {
+
+bool stg_try_hold_all_areas()
+{
+    if (vlthread_mutex_trylock(&stg_area_crit) != 0)
+        return false;
+    if (all_areas.next == nullptr)
+        return true;
+    for (llist_link *link = all_areas.next; link != &all_areas; link = link->next) {
+        if (vlthread_mutex_trylock(&static_cast<stg_area *>(link->owner)->lock) != 0) {
+            unlock_areas_before(link);
+            (void)vlthread_mutex_unlock(&stg_area_crit); // just taken
+            return false;
+        }
+    }
+    return true;
+}
+
+void stg_release_all_areas()
+{
+    if (all_areas.next != nullptr)
+        unlock_areas_before(&all_areas);
+    (void)vlthread_mutex_unlock(&stg_area_crit); // held since the try
+}
+
+void stg_forget_foreign_residents()
+{
+    if (all_areas.next == nullptr)
+        return;
+    for (llist_link *link = all_areas.next; link != &all_areas; link = link->next) {
+        auto *const area = static_cast<stg_area *>(link->owner);
+        if (area->resident == self())
+            continue;
+        area->resident = VLTHREAD_INVALID_TID;
+        area->resident_inside = 0;
+    }
+}
+
+void stg_close_fork_gate()
+{
+    (void)vlthread_mutex_lock(&fork_gate);
+    fork_gate_closed.store(true, std::memory_order_release);
+}
+
+void stg_open_fork_gate()
+{
+    fork_gate_closed.store(false, std::memory_order_release);
+    (void)vlthread_mutex_unlock(&fork_gate); // held by the closer
+}
+
+} // namespace ks
+
+extern "C" {
+
+stg_area *stg_create_area(uint64_t first_size)
+{
+    return create(first_size, 0);
+}
+
+stg_area *stg_create_area_nr(uint64_t first_size)
+{
+    return create(first_size, 1);
+}
+
+void *stg_alloc(stg_area *area, size_t size)
+{
+    if (area == STG_AREA_HEAP)
+        return stg_malloc(size);
+    require_area(area);
+    return allocate(area, size, 0);
+}
+
+void *stg_alloc_nr(stg_area *area, size_t size)
+{
+    if (area == STG_AREA_HEAP)
+        return stg_malloc_int(size, 1);
+    require_area(area);
+    return allocate(area, size, 1);
+}
+
+char *stg_area_strdup(stg_area *area, const char *s)
+{
+    if (s == nullptr)
+        return nullptr;
+    const std::size_t size = std::strlen(s) + 1;
+    auto *copy = static_cast<char *>(stg_alloc(area, size));
+    if (copy != nullptr)
+        std::memcpy(copy, s, size);
+    return copy;
+}
+
+void stg_set_growth(stg_area *area, double factor)
+{
+    require_area(area);
+    AreaLock lock(area);
+    if (factor > 1.0)
+        area->growth = static_cast<float>(factor);
+}
+
+void stg_set_incr(stg_area *area, uint64_t bytes)
+{
+    require_area(area);
+    AreaLock lock(area);
+    area->incr = bytes;
+    area->incr_set = 1;
+}
+
+void stg_set_zero(stg_area *area)
+{
+    require_area(area);
+    AreaLock lock(area);
+    area->zero = 1;
+}
+
+void stg_free_area(stg_area *area, int keep_first)
+{
+    require_area(area);
+    AreaLock lock(area);
+    clear(area, keep_first, 0);
+}
+
+void stg_free_area_nr(stg_area *area, int keep_first)
+{
+    require_area(area);
+    AreaLock lock(area);
+    clear(area, keep_first, 1);
+}
+
+void stg_delete_area(stg_area **area)
+{
+    destroy(area, 0);
+}
+
+void stg_delete_area_nr(stg_area **area)
+{
+    destroy(area, 1);
+}
+
+void stg_dump_area(stg_area *area)
+{
+    require_area(area);
+    dump(area);
+}
+
+void stg_dump(void)
+{
+    ks::InhibitGuard inhibit;
+    ks::LockGuard lock(ks::stg_area_crit);
+    for (std::size_t slot = 0; slot < registry.words * word_bits; ++slot) {
+        if ((registry.in_use[slot / word_bits] >> (slot % word_bits) & 1) != 0)
+            dump(registry.areas[slot]);
+    }
+}
+}

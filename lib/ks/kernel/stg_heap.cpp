@@ -1,0 +1,181 @@
+// The heap level: malloc, and a checking heap while "ks/stg" is traced.
+//
+// A checked block is an 8-byte header with the requested size, the caller's bytes, and 8 to 15
+// guard bytes. The mode is decided afresh at each call and nothing of it is stored.
+#include "kernel/stg_impl.h"
+
+#include "kernel/ks_heap.h"
+
+#include <cstdlib>
+#include <cstring>
+
+namespace {
+
+constexpr std::size_t header_bytes = 8;
+constexpr std::size_t overhead_bytes = 16;
+constexpr unsigned char fresh_fill = 0xFF;
+constexpr unsigned char guard_fill = 0xAA;
+constexpr uint64_t freed_pattern = 0x41EBD5B7DDE00000; // the double 3735928559.0
+constexpr long block_trace_level = 5;
+
+void *report_exhaustion()
+{
+    ks::stg_print(ks::msg_error, ks::stg_msg_no_memory);
+    errno = ENOMEM;
+    return nullptr;
+}
+
+template <typename... Args> void trace_block(int quiet, ks::StgMsg message, Args... args)
+{
+    if (quiet == 0 && ks::is_traced(ks::stg_subsystem, block_trace_level))
+        ks::stg_print(ks::msg_trace, message, args...);
+}
+
+// Size of a checked block with header and guard; false on overflow.
+bool checked_size(std::size_t size, std::size_t &out_total)
+{
+    return ks::round_up_8(size, out_total) && !__builtin_add_overflow(out_total, overhead_bytes, &out_total);
+}
+
+std::size_t &requested_size(char *block)
+{
+    return *reinterpret_cast<std::size_t *>(block);
+}
+
+void write_guard(char *block, std::size_t size, std::size_t total)
+{
+    std::memset(block + header_bytes + size, guard_fill, total - header_bytes - size);
+}
+
+// Reports the first guard byte that was overwritten, and goes on.
+void check_guard(char *block, int quiet)
+{
+    const std::size_t size = requested_size(block);
+    std::size_t total = 0;
+    if (quiet != 0 || !checked_size(size, total))
+        return;
+    for (std::size_t i = header_bytes + size; i < total; ++i) {
+        if (static_cast<unsigned char>(block[i]) != guard_fill) {
+            ks::stg_print(ks::msg_error, ks::stg_msg_guard_overwritten, ks::address_number(block + header_bytes),
+                          ks::address_number(block + i));
+            return;
+        }
+    }
+}
+
+void *checked_malloc(std::size_t size)
+{
+    std::size_t total = 0;
+    auto *block = checked_size(size, total) ? static_cast<char *>(malloc(total)) : nullptr;
+    if (block == nullptr)
+        return nullptr;
+    requested_size(block) = size;
+    std::memset(block + header_bytes, fresh_fill, size);
+    write_guard(block, size, total);
+    return block + header_bytes;
+}
+
+void *checked_realloc(void *ptr, std::size_t size, int quiet)
+{
+    char *block = static_cast<char *>(ptr) - header_bytes;
+    check_guard(block, quiet);
+    std::size_t total = 0;
+    auto *moved = checked_size(size, total) ? static_cast<char *>(realloc(block, total)) : nullptr;
+    if (moved == nullptr)
+        return nullptr;
+    requested_size(moved) = size;
+    write_guard(moved, size, total);
+    return moved + header_bytes;
+}
+
+void poison(char *block)
+{
+    std::size_t total = 0;
+    if (!checked_size(requested_size(block), total))
+        return;
+    for (std::size_t at = 0; at < total; at += sizeof freed_pattern)
+        std::memcpy(block + at, &freed_pattern, sizeof freed_pattern);
+}
+
+void checked_free(void *ptr, int quiet)
+{
+    char *block = static_cast<char *>(ptr) - header_bytes;
+    check_guard(block, quiet);
+    poison(block);
+    free(block);
+}
+
+} // namespace
+
+namespace ks {
+
+void *heap_try_malloc(std::size_t size)
+{
+    if (size == 0)
+        size = 1;
+    return stg_is_checking() ? checked_malloc(size) : malloc(size);
+}
+
+} // namespace ks
+
+extern "C" {
+
+void *stg_malloc_int(size_t size, int quiet)
+{
+    void *block = ks::heap_try_malloc(size);
+    if (block == nullptr)
+        return report_exhaustion();
+    trace_block(quiet, ks::stg_msg_block_allocated, ks::address_number(block), static_cast<unsigned>(size));
+    return block;
+}
+
+void *stg_malloc(size_t size)
+{
+    return stg_malloc_int(size, 0);
+}
+
+void *stg_realloc_int(void *ptr, size_t size, int quiet)
+{
+    if (ptr == nullptr)
+        return stg_malloc_int(size, quiet);
+    if (size == 0)
+        size = 1;
+    const unsigned long old_address = ks::address_number(ptr);
+    void *block = ks::stg_is_checking() ? checked_realloc(ptr, size, quiet) : realloc(ptr, size);
+    if (block == nullptr)
+        return report_exhaustion();
+    trace_block(quiet, ks::stg_msg_block_reallocated, old_address, ks::address_number(block),
+                static_cast<unsigned>(size));
+    return block;
+}
+
+void *stg_realloc(void *ptr, size_t size)
+{
+    return stg_realloc_int(ptr, size, 0);
+}
+
+void stg_free_int(void *ptr, int quiet)
+{
+    if (ptr == nullptr)
+        return;
+    trace_block(quiet, ks::stg_msg_block_freeing, ks::address_number(ptr));
+    if (ks::stg_is_checking())
+        checked_free(ptr, quiet);
+    else
+        free(ptr);
+}
+
+void stg_free(void *ptr)
+{
+    stg_free_int(ptr, 0);
+}
+
+char *stg_strdup(const char *s)
+{
+    const std::size_t size = std::strlen(s) + 1;
+    auto *copy = static_cast<char *>(stg_malloc(size));
+    if (copy != nullptr)
+        std::memcpy(copy, s, size);
+    return copy;
+}
+}

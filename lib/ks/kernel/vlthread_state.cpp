@@ -1,0 +1,163 @@
+// The state list: one entry per known thread, which carries the raise status pending for it.
+#include "kernel/kernel.h"
+
+#include <cstdlib>
+
+namespace {
+
+// All threads of the process the library knows.
+constinit llist_link vlthread_state_list{}; // guarded by vlthread_lock
+#define VLTHREAD_LIST_FIRST(head) ((head)->next)
+#define VLTHREAD_LIST_LAST(head) ((head)->prev)
+
+class StateLock {
+  public:
+    StateLock() { (void)vlthread_mutex_lock(&ks::vlthread_lock); }
+    ~StateLock() { (void)vlthread_mutex_unlock(&ks::vlthread_lock); }
+    StateLock(const StateLock &) = delete;
+    StateLock &operator=(const StateLock &) = delete;
+};
+
+// Calls `visit(entry)` for each entry until it returns true; `visit` may unlink the entry.
+// Returns the entry it stopped at.
+template <typename Visit> vlthread_state *find_state(Visit visit)
+{
+    if (vlthread_state_list.next == nullptr)
+        return nullptr;
+    for (llist_link *link = vlthread_state_list.next; link != &vlthread_state_list;) {
+        auto *entry = static_cast<vlthread_state *>(link->owner);
+        link = link->next;
+        if (visit(entry))
+            return entry;
+    }
+    return nullptr;
+}
+
+vlthread_state *find_thread(vlthread_t tid)
+{
+    return find_state([tid](const vlthread_state *entry) { return entry->tid == tid; });
+}
+
+void forget(vlthread_state *entry)
+{
+    (void)llist_d_remove(&entry->link); // the owner is the entry
+    free(entry);
+}
+
+// The caller's entry, made if absent.
+vlthread_state *own_state()
+{
+    {
+        // A thread that is known already needs no memory to find itself.
+        StateLock lock;
+        if (vlthread_state *const known = find_thread(pthread_self()); known != nullptr)
+            return known;
+    }
+    return ks::add_thread_to_process(pthread_self());
+}
+
+} // namespace
+
+namespace ks {
+
+void require_no_threads()
+{
+    const llist_link *list = &vlthread_state_list;
+    vlthread_require(VLTHREAD_LIST_FIRST(list) == nullptr && VLTHREAD_LIST_LAST(list) == nullptr,
+                     "VLTHREAD_LIST_FIRST(&vlthread_state_list) == NULL && "
+                     "VLTHREAD_LIST_LAST(&vlthread_state_list) == NULL");
+}
+
+vlthread_state *add_thread_to_process(vlthread_t tid)
+{
+    if (is_tracing())
+        vlthread_trace("Adding thread %lu to process\n", static_cast<unsigned long>(tid));
+    // malloc: the thread layer lies below the storage module. Obtained before the lock is taken.
+    auto *fresh = static_cast<vlthread_state *>(malloc(sizeof(vlthread_state)));
+    if (fresh == nullptr) {
+        if (is_tracing())
+            vlthread_trace("Fail to add thread %lu to process", static_cast<unsigned long>(tid));
+        abort();
+    }
+    *fresh = {tid, 0, {}};
+    StateLock lock;
+    vlthread_state *known = find_thread(tid);
+    if (known != nullptr) {
+        if (is_tracing())
+            vlthread_trace("thread %lu has already been in state list.\n", static_cast<unsigned long>(tid));
+        free(fresh);
+        return known;
+    }
+    llist_d_insert(&vlthread_state_list, fresh, &fresh->link, LLIST_AT_TAIL);
+    return fresh;
+}
+
+void remove_thread_from_process(vlthread_t tid)
+{
+    if (tid == pthread_self() && current_fault_block != nullptr)
+        current_fault_block->state = nullptr;
+    StateLock lock;
+    vlthread_state *entry = find_thread(tid);
+    if (entry != nullptr)
+        forget(entry);
+    else if (is_tracing())
+        vlthread_trace("thread %lu does not exist in state list.\n", static_cast<unsigned long>(tid));
+}
+
+void forget_other_threads()
+{
+    StateLock lock;
+    (void)find_state([self = pthread_self()](vlthread_state *entry) { // visits all: never stops
+        if (entry->tid != self)
+            forget(entry);
+        return false;
+    });
+}
+
+} // namespace ks
+
+extern "C" {
+
+void vlthread_notify_raise(int32_t status)
+{
+    StateLock lock;
+    (void)find_state([status](vlthread_state *entry) { // visits all: never stops
+        __atomic_store_n(&entry->raise_status, status, __ATOMIC_RELEASE);
+        return false;
+    });
+}
+
+void vlthread_reset_raise(struct pfm_fault_block *holder)
+{
+    if (holder == nullptr)
+        holder = ks::fault_block_of_caller();
+    if (holder->state != nullptr)
+        __atomic_store_n(&holder->state->raise_status, 0, __ATOMIC_RELAXED);
+}
+
+int32_t vlthread_pending_raise(struct pfm_fault_block *holder)
+{
+    if (holder == nullptr || holder->state == nullptr) [[unlikely]] {
+        (void)vlthread_init();
+        if (holder == nullptr)
+            holder = ks::fault_block_of_caller();
+        if (holder->state == nullptr)
+            holder->state = own_state();
+    }
+    return __atomic_load_n(&holder->state->raise_status, __ATOMIC_ACQUIRE);
+}
+
+void vlthread_dump_thread(void)
+{
+    if (!ks::is_tracing())
+        return;
+    vlthread_trace(">>>>Start to dump thread<<<<\n");
+    StateLock lock;
+    (void)find_state([](const vlthread_state *entry) { // visits all: never stops
+        vlthread_trace("thread %u, raise status %d\n", static_cast<unsigned>(entry->tid),
+                       __atomic_load_n(&entry->raise_status, __ATOMIC_RELAXED));
+        return false;
+    });
+    vlthread_trace("<<<<End to dump thread>>>>\n");
+}
+}

@@ -1,0 +1,18 @@
+// The wire form of a flag row.
+#include "rpc/wire/rpc_platform.h"
+
+#include <korvaks/ezrpc.h>
+#include <korvaks/strutl.h>
+
+extern "C" int xdr_strutl_flag_item_t(XDR *xdrs, strutl_flag_item_t *item)
+{
+    char *name = const_cast<char *>(item->name);
+    const int is_named = xdr_ez_string8(xdrs, &name);
+    item->name = name;
+    // Only the low 32 bits of a value have a meaning.
+    auto value = static_cast<u_int>(item->value);
+    if (is_named == FALSE || xdr_u_int(xdrs, &value) == FALSE)
+        return FALSE;
+    item->value = value;
+    return TRUE;
+}

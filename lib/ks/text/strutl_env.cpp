@@ -1,0 +1,261 @@
+// Environment variables in strings.
+//
+// The environment lock stands behind area mutexes and message state in the lock order, so nothing is
+// allocated while it is held: a value is copied into room that is already there.
+#include "util/strutl_impl.h"
+
+#include "kernel/ks_guard.h"
+
+#include <korvaks/evutl.h>
+
+#include <algorithm>
+
+namespace {
+
+using ks::strutl::char_length;
+using ks::strutl::Encoding;
+using ks::strutl::locale_encoding;
+using ks::strutl::store;
+
+constexpr std::size_t first_area_size = 1024;
+
+// Text that grows in an area.
+class AreaText {
+  public:
+    explicit AreaText(stg_area *area) : area_(area) {}
+
+    const char *data() const { return data_; }
+    std::size_t size() const { return size_; }
+    std::size_t room() const { return capacity_ - size_; }
+    char *end() { return data_ + size_; }
+    void grow_by(std::size_t count) { size_ += count; }
+
+    [[nodiscard]] bool reserve(std::size_t count)
+    {
+        if (count <= room())
+            return true;
+        std::size_t wanted = 0;
+        if (__builtin_add_overflow(size_, count, &wanted) || __builtin_mul_overflow(wanted, std::size_t{2}, &wanted))
+            return false;
+        char *grown = static_cast<char *>(stg_alloc(area_, wanted));
+        if (grown == nullptr)
+            return false;
+        if (size_ > 0)
+            std::memcpy(grown, data_, size_);
+        data_ = grown;
+        capacity_ = wanted;
+        return true;
+    }
+
+    [[nodiscard]] bool append(const char *text, std::size_t count)
+    {
+        if (!reserve(count))
+            return false;
+        if (count > 0)
+            std::memcpy(end(), text, count);
+        size_ += count;
+        return true;
+    }
+
+  private:
+    stg_area *area_;
+    char *data_ = nullptr;
+    std::size_t size_ = 0;
+    std::size_t capacity_ = 0;
+};
+
+// What a raise on the way must give back.
+struct Expansion {
+    stg_area *area = STG_AREA_NULL;
+    char *result = nullptr;
+    unsigned found = 0;
+};
+
+bool is_name_character(const char *s, std::size_t &out_length)
+{
+    return strutl_test_char(s, MB_CUR_MAX, STRUTL_ALNUM, &out_length) != 0 || *s == '_';
+}
+
+bool starts_reference(const char *after_dollar)
+{
+    std::size_t length = 0;
+    return *after_dollar == '{' || is_name_character(after_dollar, length);
+}
+
+char *end_of_name(char *at)
+{
+    std::size_t length = 0;
+    while (is_name_character(at, length))
+        at += length;
+    return at;
+}
+
+// Text up to the next "$" or backslash that is a character of its own.
+std::size_t plain_length(const char *at, Encoding encoding)
+{
+    if (encoding != Encoding::multibyte)
+        return std::strcspn(at, "$\\");
+    const char *start = at;
+    while (*at != '\0' && *at != '$' && *at != '\\')
+        at += char_length(at);
+    return static_cast<std::size_t>(at - start);
+}
+
+bool append_value(const char *name, AreaText &text)
+{
+    for (;;) {
+        evutl_lock_environ();
+        const char *value = std::getenv(name);
+        const std::size_t length = value == nullptr ? 0 : std::strlen(value);
+        const bool fits = length <= text.room();
+        if (fits && length > 0) {
+            std::memcpy(text.end(), value, length);
+            text.grow_by(length);
+        }
+        evutl_unlock_environ();
+        if (fits)
+            return true;
+        if (!text.reserve(length))
+            return false;
+    }
+}
+
+// Expands the reference whose "$" stands before `at`, and moves behind it.
+bool append_reference(char *&at, AreaText &text)
+{
+    const bool is_braced = *at == '{';
+    char *name = is_braced ? at + 1 : at;
+    char *end = nullptr;
+    if (is_braced) {
+        std::size_t closing = 0;
+        end = strutl_find_char(name, '}', &closing) == 0 ? name + closing : name + std::strlen(name);
+    } else {
+        end = end_of_name(name);
+    }
+    const char after = *end;
+    *end = '\0';
+    const bool appended = append_value(name, text);
+    *end = after;
+    at = is_braced && after == '}' ? end + 1 : end;
+    return appended;
+}
+
+bool append_escaped(char *&at, AreaText &text)
+{
+    const char *literal = at[1] == '\0' ? at : at + 1;
+    const std::size_t length = char_length(literal);
+    at = const_cast<char *>(literal) + length;
+    return text.append(literal, length);
+}
+
+// Works on a copy of its own, in which names are terminated in place.
+bool expand(char *at, AreaText &text, unsigned &found)
+{
+    const Encoding encoding = locale_encoding();
+    for (;;) {
+        const std::size_t plain = plain_length(at, encoding);
+        if (!text.append(at, plain))
+            return false;
+        at += plain;
+        if (*at == '\0')
+            return true;
+        bool appended = false;
+        if (*at == '\\') {
+            appended = append_escaped(at, text);
+        } else if (starts_reference(at + 1)) {
+            found = 1;
+            appended = append_reference(++at, text);
+        } else {
+            appended = text.append(at++, 1);
+        }
+        if (!appended)
+            return false;
+    }
+}
+
+char *heap_copy(const AreaText &text)
+{
+    char *copy = static_cast<char *>(stg_malloc(text.size() + 1));
+    if (copy == nullptr)
+        return nullptr;
+    if (text.size() > 0)
+        std::memcpy(copy, text.data(), text.size());
+    copy[text.size()] = '\0';
+    return copy;
+}
+
+void run(const char *str, Expansion &expansion)
+{
+    expansion.area = stg_create_area(first_area_size);
+    if (expansion.area == STG_AREA_NULL)
+        return;
+    AreaText text(expansion.area);
+    char *copy = stg_area_strdup(expansion.area, str);
+    if (copy != nullptr && expand(copy, text, expansion.found))
+        expansion.result = heap_copy(text);
+    stg_delete_area(&expansion.area);
+}
+
+// Expands the last result as long as it held a reference; NULL with `out_error` set.
+void iterate(const char *str, int limit, char *&current, int &out_error)
+{
+    unsigned found = 0;
+    out_error = ENOMEM;
+    current = strutl_expand_evs_status(str, &found);
+    for (int passes = 1; current != nullptr && found != 0; ++passes) {
+        char *last = current;
+        if (passes > limit) {
+            out_error = EINVAL;
+            current = nullptr;
+        } else {
+            current = strutl_expand_evs_status(last, &found);
+        }
+        stg_free(last);
+    }
+}
+
+} // namespace
+
+extern "C" {
+
+char *strutl_expand_evs_status(const char *str, unsigned *out_found)
+{
+    Expansion expansion;
+    const int32_t raised = ks::protect([&] { run(str, expansion); });
+    if (raised != 0) {
+        if (expansion.area != STG_AREA_NULL)
+            stg_delete_area(&expansion.area);
+        stg_free(expansion.result);
+        pfm_raise(raised);
+    }
+    if (expansion.result == nullptr)
+        errno = ENOMEM;
+    store(out_found, expansion.found);
+    return expansion.result;
+}
+
+char *strutl_expand_evs(const char *str)
+{
+    return strutl_expand_evs_status(str, nullptr);
+}
+
+char *strutl_expand_evs_iterate(const char *str, int max_passes)
+{
+    constexpr int default_passes = 8;
+    if (max_passes < 0) {
+        errno = EINVAL;
+        return nullptr;
+    }
+    char *current = nullptr;
+    int error = 0;
+    const int limit = max_passes == 0 ? default_passes : max_passes;
+    const int32_t raised = ks::protect([&] { iterate(str, limit, current, error); });
+    if (raised != 0) {
+        stg_free(current);
+        pfm_raise(raised);
+    }
+    if (current == nullptr)
+        errno = error;
+    return current;
+}
+}

@@ -1,0 +1,225 @@
+// Whole files as strings.
+#include "util/strutl_impl.h"
+
+#include "kernel/ks_guard.h"
+#include "base/ks_msg.h"
+#include "base/msg_port.h"
+
+#include <korvaks/fileutl.h>
+
+#include <algorithm>
+#include <climits>
+#include <cstdio>
+
+#include <sys/stat.h>
+
+namespace {
+
+using ks::strutl::store;
+
+constexpr std::size_t growth = 8192;
+
+// Prints a message that ends with the text of errno, and leaves errno as it was.
+template <typename... Arguments> void report_errno(bool quiet, unsigned msg_no, Arguments... arguments)
+{
+    const int error = errno;
+    char buffer[64]; // for numbers that have no text
+    if (!quiet)
+        (void)imsg_print(ks::msg_error, &_ks_ks_msg_table, msg_no, arguments...,
+                         strerror_r(error, buffer, sizeof buffer));
+    errno = error;
+}
+
+void report_changed(bool quiet, const char *path)
+{
+    if (!quiet)
+        (void)imsg_print(ks::msg_error, &_ks_ks_msg_table, ks_msg_file_changed_size, path);
+    errno = EFBIG;
+}
+
+// A buffer that is filled with lines; a fixed one never grows.
+struct Contents {
+    stg_area *area = STG_AREA_NULL;
+    char *data = nullptr;
+    std::size_t used = 0;
+    std::size_t capacity = 0;
+
+    bool resize(std::size_t wanted)
+    {
+        char *grown = static_cast<char *>(area == STG_AREA_HEAP ? stg_realloc(data, wanted) : stg_alloc(area, wanted));
+        if (grown == nullptr)
+            return false;
+        if (area != STG_AREA_HEAP && used > 0)
+            std::memcpy(grown, data, used);
+        data = grown;
+        capacity = wanted;
+        return true;
+    }
+
+    // Room for at least one byte and a NUL.
+    bool is_full() const { return capacity - used < 2; }
+
+    bool grow()
+    {
+        std::size_t wanted = 0;
+        return !__builtin_add_overflow(capacity, growth, &wanted) && resize(wanted);
+    }
+
+    // Gives the buffer up, with errno as it was. An area keeps it until it is cleared.
+    void drop()
+    {
+        const int error = errno;
+        char *dropped = data;
+        data = nullptr;
+        if (area == STG_AREA_HEAP)
+            stg_free(dropped);
+        errno = error;
+    }
+};
+
+// The result of protected reading; a raise goes on when nothing is left behind.
+char *pass_on(int32_t raised, Contents &contents)
+{
+    if (raised != 0) {
+        contents.drop();
+        pfm_raise(raised);
+    }
+    return contents.data;
+}
+
+enum class Outcome {
+    whole,
+    overflow,
+    no_memory,
+    failed,
+};
+
+// Kept exactly: lines come from fgets(), so a NUL byte hides the rest of its line.
+Outcome read_lines(FILE *fp, Contents &contents, bool grows)
+{
+    for (;;) {
+        if (contents.is_full()) {
+            if (!grows)
+                return Outcome::overflow;
+            if (!contents.grow())
+                return Outcome::no_memory;
+        }
+        char *at = contents.data + contents.used;
+        const std::size_t room = std::min(contents.capacity - contents.used, std::size_t{INT_MAX});
+        if (std::fgets(at, static_cast<int>(room), fp) == nullptr)
+            return std::ferror(fp) != 0 ? Outcome::failed : Outcome::whole;
+        contents.used += std::strlen(at);
+    }
+}
+
+// The caller drops the contents of anything but a success, and when a raise leaves this.
+Outcome read_stream(FILE *fp, std::size_t size_hint, bool quiet, Contents &contents)
+{
+    if (!contents.resize(size_hint != 0 ? size_hint : growth))
+        return Outcome::no_memory;
+    *contents.data = '\0';
+    const Outcome outcome = read_lines(fp, contents, size_hint == 0);
+    if (outcome == Outcome::failed)
+        report_errno(quiet, ks_msg_operation, "read");
+    return outcome;
+}
+
+// Opens, reads and closes; the caller holds raises off.
+Outcome read_path(const char *path, std::size_t size, bool quiet, Contents &contents)
+{
+    FILE *fp = std::fopen(path, "r");
+    if (fp == nullptr) {
+        report_errno(quiet, ks_msg_unable_to_open, path);
+        return Outcome::failed;
+    }
+    const Outcome outcome = read_stream(fp, size, quiet, contents);
+    const int error = errno;
+    (void)std::fclose(fp); // nothing was written
+    errno = error;
+    if (outcome == Outcome::overflow)
+        report_changed(quiet, path);
+    return outcome;
+}
+
+// Reads nothing, as from a file without contents.
+Outcome make_empty(Contents &contents)
+{
+    if (!contents.resize(1))
+        return Outcome::no_memory;
+    *contents.data = '\0';
+    return Outcome::whole;
+}
+
+Outcome read_file(const char *path, bool quiet, bool missing_ok, Contents &contents)
+{
+    constexpr std::size_t spare = 2; // the NUL, and a byte that shows growth
+    struct stat status {};
+    if (fileutl_stat(path, &status) != 0) {
+        if (errno == ENOENT && missing_ok)
+            return make_empty(contents);
+        report_errno(quiet, ks_msg_unable_to_open, path);
+        return Outcome::failed;
+    }
+    if (fileutl_chk_large_file_overflow(&status) != 0) {
+        report_errno(quiet, ks_msg_unable_to_open, path);
+        return Outcome::failed;
+    }
+    return read_path(path, static_cast<std::size_t>(status.st_size) + spare, quiet, contents);
+}
+
+bool write_and_close(FILE *fp, const char *text)
+{
+    const bool written = std::fputs(text, fp) != EOF;
+    const int error = errno;
+    const bool closed = std::fclose(fp) == 0;
+    if (!written)
+        errno = error;
+    return written && closed;
+}
+
+} // namespace
+
+extern "C" {
+
+char *strutl_read(stg_area *area, const char *path, [[maybe_unused]] const void *ignored, int quiet, int missing_ok)
+{
+    Contents contents{area};
+    const int32_t raised = ks::protect([&] {
+        const ks::InhibitGuard no_raises;
+        if (read_file(path, quiet != 0, missing_ok != 0, contents) != Outcome::whole)
+            contents.drop();
+    });
+    return pass_on(raised, contents);
+}
+
+char *strutl_read_fp(stg_area *area, size_t size_hint, FILE *fp, int quiet, int *out_overflow)
+{
+    Contents contents{area};
+    int overflow = 0;
+    const int32_t raised = ks::protect([&] {
+        const Outcome outcome = read_stream(fp, size_hint, quiet != 0, contents);
+        overflow = outcome == Outcome::overflow ? 1 : 0;
+        if (outcome != Outcome::whole && outcome != Outcome::overflow)
+            contents.drop();
+    });
+    store(out_overflow, overflow);
+    return pass_on(raised, contents);
+}
+
+unsigned strutl_write(const char *text, const char *path, [[maybe_unused]] const void *ignored, int quiet)
+{
+    if (text == nullptr)
+        return 0;
+    const ks::InhibitGuard no_raises;
+    FILE *fp = std::fopen(path, "w");
+    if (fp == nullptr) {
+        report_errno(quiet != 0, ks_msg_unable_to_open, path);
+        return 1;
+    }
+    if (!write_and_close(fp, text)) {
+        report_errno(quiet != 0, ks_msg_operation_on, "write", path);
+        return 1;
+    }
+    return 0;
+}
+}

@@ -1,0 +1,484 @@
+// The option parser, as a tool sees it.
+#include <korvaks/cl.h>
+#include <korvaks/stg.h>
+
+#include <gtest/gtest.h>
+
+#include <clocale>
+#include <cstring>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "harness/child.h"
+
+namespace {
+
+using Words = std::vector<std::string>;
+
+// A handle that ends with its scope.
+class Scan {
+  public:
+    explicit Scan(cl_handle *clh) : clh_(clh) {}
+    ~Scan() { cl_destroy(&clh_); }
+    Scan(const Scan &) = delete;
+    Scan &operator=(const Scan &) = delete;
+    operator cl_handle *() const { return clh_; }
+
+  private:
+    cl_handle *clh_;
+};
+
+cl_handle *parse_line(const std::string &line)
+{
+    int err = -1;
+    cl_handle *const clh = cl_parse_line(line.c_str(), &err);
+    EXPECT_EQ(err, clh == nullptr ? CL_OUT_OF_MEMORY : 0);
+    return clh;
+}
+
+// The words as they stand, without a command name.
+cl_handle *parse_words(const Words &words)
+{
+    std::vector<char *> argv{const_cast<char *>("tool")};
+    for (const std::string &word : words)
+        argv.push_back(const_cast<char *>(word.c_str()));
+    int err = -1;
+    cl_handle *const clh = cl_parse_argv(static_cast<int>(argv.size()), argv.data(), &err);
+    EXPECT_EQ(err, 0);
+    return clh;
+}
+
+Words all_args(cl_handle *clh)
+{
+    Words words;
+    while (const char *word = cl_getarg(clh))
+        words.push_back(word);
+    EXPECT_EQ(cl_errno(clh), 0);
+    return words;
+}
+
+Words split(const std::string &line)
+{
+    const Scan scan(parse_line(line));
+    return all_args(scan);
+}
+
+// What one call gave: "a", "end", "arg:x", "none", "long:x", "?302,x,-x".
+std::string error_text(cl_handle *clh)
+{
+    return "?" + std::to_string(cl_errno(clh)) + "," + cl_eopt(clh) + "," + cl_estr(clh);
+}
+
+std::string letter_text(cl_handle *clh, int letter)
+{
+    if (letter == 0)
+        return "end";
+    return cl_errno(clh) != 0 ? error_text(clh) : std::string(1, static_cast<char>(letter));
+}
+
+std::string long_text(cl_handle *clh, const char *options)
+{
+    char *name = nullptr;
+    const int letter = cl_getopt_long(clh, options, &name);
+    if (name == nullptr)
+        return letter_text(clh, letter);
+    EXPECT_EQ(letter, 0);
+    const std::string text = std::string("long:") + name;
+    stg_free(name);
+    return text;
+}
+
+std::string arg_text(cl_handle *clh, const char *word)
+{
+    if (word != nullptr)
+        return std::string("arg:") + word;
+    return cl_errno(clh) != 0 ? error_text(clh) : "none";
+}
+
+// Makes calls by their letters: o(ption), l(ong), a(rgument), n(o option).
+Words run(cl_handle *clh, const char *options, const std::string &calls)
+{
+    Words results;
+    for (const char call : calls) {
+        switch (call) {
+        case 'o':
+            results.push_back(letter_text(clh, cl_getopt(clh, options)));
+            break;
+        case 'l':
+            results.push_back(long_text(clh, options));
+            break;
+        case 'a':
+            results.push_back(arg_text(clh, cl_getarg(clh)));
+            break;
+        default:
+            results.push_back(arg_text(clh, cl_getarg_noopt(clh)));
+            break;
+        }
+    }
+    return results;
+}
+
+TEST(ClParseArgv, CopiesTheWordsAndSkipsTheCommandName)
+{
+    char name[] = "tool";
+    char word[] = "file";
+    char empty[] = "";
+    char *argv[] = {name, word, empty, nullptr};
+    int err = -1;
+    const Scan scan(cl_parse_argv(3, argv, &err));
+    EXPECT_EQ(err, 0);
+    word[0] = 'X';
+    EXPECT_EQ(all_args(scan), (Words{"file", ""}));
+    EXPECT_EQ(cl_getopt(scan, "x"), 0);
+}
+
+TEST(ClParseArgv, TakesFewerWordsThanACommandHas)
+{
+    char name[] = "tool";
+    char *argv[] = {name, nullptr};
+    for (const int argc : {0, 1}) {
+        SCOPED_TRACE(argc);
+        int err = -1;
+        const Scan scan(cl_parse_argv(argc, argv, &err));
+        EXPECT_EQ(run(scan, "x", "olan"), (Words{"end", "end", "none", "none"}));
+        cl_setoffset(scan, 0);
+        EXPECT_EQ(all_args(scan), argc == 0 ? Words{} : Words{"tool"});
+    }
+}
+
+TEST(ClParseLine, SplitsByBlanksQuotesAndEscapes)
+{
+    const struct {
+        const char *line;
+        Words words;
+    } cases[] = {
+        {"", {}},
+        {"\nnot read", {}},
+        {" \t ", {}},
+        {"a bc  d ", {"a", "bc", "d"}},
+        {"a\nb", {"a"}},
+        {"'a b' \"c 'd\"", {"a b", "c 'd"}},
+        {"a'b c'd", {"ab cd"}},
+        {"'' \"\" ''\"\"", {"", "", ""}},
+        {"'not closed ", {"not closed "}},
+        {"'to the\nend", {"to the"}},
+        {"a\\'b \\\\ '\\''", {"a'b", "\\", "'"}},
+        {"a\\ b", {"a", "b"}},
+        {"a\\ 'b c'", {"a", "'b", "c"}},
+        {"'a\\ b'", {"a b"}},
+        {"a\\\nb c", {"a\nb", "c"}},
+        {"\\\nlonger than what stands before the newline",
+         {"\nlonger", "than", "what", "stands", "before", "the", "newline"}},
+        {"'a\\\nb'", {"a\nb"}},
+        {"a \\", {"a"}},
+        {"\\ \\ ", {"\\"}},
+        {"\\  ", {}},
+    };
+    for (const auto &one : cases) {
+        SCOPED_TRACE(one.line);
+        EXPECT_EQ(split(one.line), one.words);
+    }
+}
+
+// Writes words in a form that must be read back as they are.
+std::string quoted(const Words &words)
+{
+    std::string line;
+    for (const std::string &word : words) {
+        line += '"';
+        for (const char c : word)
+            line += (c == '"' || c == '\\' || c == '\n') ? std::string{'\\', c} : std::string(1, c);
+        line += "\" ";
+    }
+    return line;
+}
+
+// With the sanitizers this also shows that no line is stored beyond what was allocated for it.
+TEST(ClParseLine, ReadsBackTheWordsOfEveryShortLine)
+{
+    constexpr char alphabet[] = "a \n\\'\"";
+    constexpr std::size_t letters = sizeof alphabet - 1;
+    std::size_t lines = 1;
+    for (int length = 0; length <= 6; ++length, lines *= letters) {
+        for (std::size_t number = 0; number < lines; ++number) {
+            std::string line;
+            for (std::size_t rest = number; line.size() < static_cast<std::size_t>(length); rest /= letters)
+                line += alphabet[rest % letters];
+            const Words words = split(line);
+            ASSERT_EQ(split(quoted(words)), words) << line;
+        }
+    }
+}
+
+TEST(ClParseLine, KeepsMultibyteCharactersWhole)
+{
+    const test::ChildResult result = test::run_child([] {
+        if (std::setlocale(LC_ALL, "C.UTF-8") == nullptr)
+            return 2;
+        // The ideographic blank separates words though none of its bytes is a blank; a broken
+        // sequence at the end is not read past.
+        const Words expected{"\u00e9", "\u65e5\u672c \u8a9e", "a", "b", "\u00e9\xe3\x80"};
+        return split("\u00e9 '\u65e5\u672c \u8a9e' a\u3000b \\\u00e9\xe3\x80") == expected ? 0 : 1;
+    });
+    EXPECT_EQ(result.exit_status, 0) << result.err;
+}
+
+TEST(ClGetopt, ScansWordsOfOptions)
+{
+    const struct {
+        Words words;
+        const char *options;
+        const char *calls;
+        Words results;
+    } cases[] = {
+        {{"-ab", "file"}, "ab", "oaoaa", {"a", "?304,,-ab", "b", "arg:file", "none"}},
+        {{"-a", "-b"}, "[ab]c", "ooo", {"a", "?303,b,-b", "end"}},
+        {{"-a", "-a"}, "[a]", "oo", {"a", "?303,a,-a"}},
+        {{"-c", "-c"}, "[ab]c", "ooo", {"c", "c", "end"}},
+        {{"-acb"}, "c[a:b]", "ooo", {"a", "c", "?303,b,-acb"}},
+        {{"-a", "-b"}, "[a][b]", "oo", {"a", "b"}},
+        {{"-a", "-c"}, "[ab c", "oo", {"a", "?303,c,-c"}}, // a group that is not closed
+        {{"-x", "-a"}, "a", "ooo", {"?302,x,-x", "a", "end"}},
+        {{"-xa"}, "a", "oao", {"?302,x,-xa", "?304,,-xa", "a"}},
+        {{"-:", "-[", "-]"}, "[a:]", "ooo", {"?302,:,-:", "?302,[,-[", "?302,],-]"}},
+        {{"-d", "DIR", "-v"}, "d:v", "oaoo", {"d", "arg:DIR", "v", "end"}},
+        {{"--", "-x"}, "x", "ooana", {"end", "end", "arg:-x", "none", "none"}},
+        {{"-a", "--", "-x", "--"}, "ax", "ooaa", {"a", "end", "arg:-x", "arg:--"}},
+        {{"---x", "-a-b", "-a-", "f"}, "abx", "oooooa", {"x", "a", "b", "a", "end", "arg:f"}},
+        {{"-", "f"}, "x", "oa", {"end", "arg:f"}},
+        {{"-", "---", "-x", "-"}, "x", "oooa", {"x", "end", "end", "none"}},
+        {{"-", "--", "-x"}, "x", "oa", {"end", "arg:-x"}},
+        {{"-"}, "x", "a", {"arg:-"}},
+        {{"", "-x"}, "x", "oaoo", {"end", "arg:", "x", "end"}},
+        {{"f", "-x"}, "x", "onnao", {"end", "arg:f", "none", "arg:-x", "end"}},
+        {{"-ab"}, "ab", "ona", {"a", "none", "?304,,-ab"}},
+        {{"-\xe9"}, "\xe9", "o", {"\xe9"}},
+    };
+    for (const auto &one : cases) {
+        SCOPED_TRACE(testing::PrintToString(one.words) + " by " + one.options);
+        const Scan scan(parse_words(one.words));
+        EXPECT_EQ(run(scan, one.options, one.calls), one.results);
+    }
+}
+
+TEST(ClGetopt, GivesLongOptionsWholeOnlyWhenAskedFor)
+{
+    const struct {
+        Words words;
+        const char *calls;
+        Words results;
+    } cases[] = {
+        {{"--long=1", "-a", "--", "--not"}, "lllaa", {"long:long=1", "a", "end", "arg:--not", "none"}},
+        {{"-", "--long", "f"}, "lla", {"long:long", "end", "arg:f"}},
+        {{"---x", "--x"}, "llo", {"long:-x", "long:x", "end"}},
+        {{"--ab"}, "ol", {"a", "long:ab"}},
+        {{"f", "--long"}, "lal", {"end", "arg:f", "long:long"}},
+    };
+    for (const auto &one : cases) {
+        SCOPED_TRACE(testing::PrintToString(one.words));
+        const Scan scan(parse_words(one.words));
+        EXPECT_EQ(run(scan, "ab", one.calls), one.results);
+    }
+}
+
+TEST(ClErrors, EverySuccessClearsTheLastOne)
+{
+    const char *const names[] = {"x"};
+    const Scan scan(parse_line("-x f -y z"));
+    const std::vector<void (*)(cl_handle *)> successes = {
+        [](cl_handle *clh) { cl_getarg(clh); },       [](cl_handle *clh) { cl_getname(clh); },
+        [](cl_handle *clh) { cl_getopt(clh, "y"); },  [](cl_handle *clh) { cl_getarg_noopt(clh); },
+        [](cl_handle *clh) { cl_setoffset(clh, 0); },
+    };
+    for (std::size_t i = 0; i < successes.size(); ++i) {
+        SCOPED_TRACE(i);
+        cl_setoffset(scan, 0);
+        ASSERT_EQ(cl_getopt(scan, ""), '?');
+        ASSERT_EQ(error_text(scan), "?302,x,-x");
+        successes[i](scan);
+        EXPECT_EQ(error_text(scan), "?0,,");
+    }
+    cl_setoffset(scan, 0);
+    EXPECT_EQ(cl_get_subcommand(scan, 1, names), -1);
+    EXPECT_EQ(cl_errno(scan), 0) << "a word that no name matches is no error of the scan";
+}
+
+TEST(ClOffset, MovesToAnyPlace)
+{
+    const Scan scan(parse_line("ab '' -cd e")); // starts at 0, 3, 4 and 8; 10 bytes
+    const struct {
+        int offset;
+        int place;
+        const char *calls;
+        Words results;
+    } cases[] = {
+        {-5, 0, "a", {"arg:ab"}}, {0, 0, "a", {"arg:ab"}},         {1, 1, "a", {"?304,,ab"}},
+        {2, 3, "a", {"arg:"}},    {3, 4, "a", {"arg:-cd"}}, // an empty word is passed over
+        {4, 4, "oo", {"c", "d"}}, {6, 6, "oa", {"d", "arg:e"}},    {7, 8, "aa", {"arg:e", "none"}},
+        {9, 10, "a", {"none"}},   {10, 10, "oa", {"end", "none"}}, {1000, 10, "a", {"none"}},
+    };
+    for (const auto &one : cases) {
+        SCOPED_TRACE(one.offset);
+        cl_setoffset(scan, one.offset);
+        EXPECT_EQ(cl_getoffset(scan), one.place);
+        EXPECT_EQ(run(scan, "cd", one.calls), one.results);
+    }
+}
+
+TEST(ClOffset, KeepsTheEndOfOptionsAndTheLettersSeen)
+{
+    const Scan scan(parse_words({"-a", "--", "-b"}));
+    const int start = cl_getoffset(scan);
+    EXPECT_EQ(run(scan, "[a]b", "oo"), (Words{"a", "end"}));
+    cl_setoffset(scan, start);
+    EXPECT_EQ(run(scan, "[a]b", "ooaa"), (Words{"?303,a,-a", "end", "arg:--", "arg:-b"}));
+}
+
+TEST(ClOffset, ScansTheSameOptionsAnyNumberOfTimes)
+{
+    const Scan scan(parse_line("-abc"));
+    for (int pass = 0; pass < 1000; ++pass) {
+        cl_setoffset(scan, 0);
+        ASSERT_EQ(run(scan, "abc", "ooo"), (Words{"a", "b", "c"}));
+    }
+    EXPECT_EQ(run(scan, "abc", "o"), (Words{"end"}));
+}
+
+TEST(ClMatch, AcceptsNamesCutOffBehindTheMark)
+{
+    const struct {
+        const char *word;
+        const char *name;
+        int matches;
+    } cases[] = {
+        {"che", "ch[eckout]", 1},
+        {"ch", "ch[eckout]", 1},
+        {"c", "ch[eckout]", 0},
+        {"CH", "ch[eckout]", 1},
+        {"checkout", "CH[ECKOUT]", 1},
+        {"checkouts", "ch[eckout]", 0},
+        {"checkout]", "ch[eckout]", 1},
+        {"chx", "ch[eckout]", 0},
+        {"list", "list", 1},
+        {"lis", "list", 0},
+        {"lists", "list", 0},
+        {"", "", 1},
+        {"", "[list]", 1},
+        {"", "l[ist]", 0},
+        {"[x", "[x", 1},
+        {"abc", "a[b[c]", 1},
+        {"a", "", 0},
+    };
+    for (const auto &one : cases) {
+        SCOPED_TRACE(std::string(one.word) + " for " + one.name);
+        EXPECT_EQ(cl_match(one.word, one.name), one.matches);
+    }
+}
+
+TEST(ClMatch, FoldsByTheLocale)
+{
+    const test::ChildResult result = test::run_child([] {
+        if (std::setlocale(LC_ALL, "C.UTF-8") == nullptr)
+            return 2;
+        const bool right = cl_match("\u00c9TA", "\u00e9[tat]") == 1 && cl_match("\u00e9", "\u00e8[tat]") == 0 &&
+                           cl_match("\u00e9t\u00c0", "\u00c9[T\u00e0]") == 1;
+        return right ? 0 : 1;
+    });
+    EXPECT_EQ(result.exit_status, 0) << result.err;
+}
+
+TEST(ClSubcommand, GivesTheFirstNameThatMatches)
+{
+    const char *const names[] = {"put", "l[ist]", "li[mit]"};
+    const Scan scan(parse_line("LIST lim x put -ab"));
+    EXPECT_EQ(cl_get_subcommand(scan, 3, names), 1);
+    EXPECT_EQ(cl_get_subcommand(scan, 3, names), 2);
+    EXPECT_EQ(cl_get_subcommand(scan, 3, names), -1);
+    EXPECT_EQ(cl_get_subcommand(scan, 0, names), -1);
+    EXPECT_EQ(cl_getopt(scan, "ab"), 'a') << "words without a match are consumed";
+    EXPECT_EQ(cl_get_subcommand(scan, 3, names), -1);
+    EXPECT_EQ(cl_errno(scan), CL_BAD_ARGUMENT);
+    EXPECT_EQ(cl_getopt(scan, "ab"), 'b');
+    EXPECT_EQ(cl_get_subcommand(scan, 3, names), -1);
+    EXPECT_EQ(cl_errno(scan), 0);
+}
+
+TEST(ClStrerror, NamesEveryNumber)
+{
+    const test::ChildResult result = test::run_child([] {
+        for (const int number : {0, 301, 302, 303, 304, 300, 305, 1, -1})
+            std::printf("%d '%s'\n", number, cl_strerror(number));
+        return 0;
+    });
+    EXPECT_EQ(result.out, "0 ''\n301 'Out of memory'\n302 'Bad option'\n303 'Duplicate or conflicting option'\n"
+                          "304 'Bad argument'\n300 'Unknown error'\n305 'Unknown error'\n1 'Unknown error'\n"
+                          "-1 'Unknown error'\n");
+}
+
+TEST(ClStrerror, GivesAllThreadsTheSameText)
+{
+    const test::ChildResult result = test::run_child([] {
+        constexpr std::size_t thread_total = 8;
+        const char *texts[thread_total] = {};
+        std::vector<std::thread> threads;
+        for (std::size_t i = 0; i < thread_total; ++i)
+            threads.emplace_back([&texts, i] {
+                const char *const text = cl_strerror(CL_BAD_OPTION);
+                if (std::strcmp(text, "Bad option") == 0)
+                    texts[i] = text;
+            });
+        for (std::thread &thread : threads)
+            thread.join();
+        const std::set<const char *> different(std::begin(texts), std::end(texts));
+        return different.size() == 1 && !different.contains(nullptr) ? 0 : 1;
+    });
+    EXPECT_EQ(result.exit_status, 0) << result.err;
+}
+
+TEST(ClMemory, AFailureAtAnyAllocationFreesEverything)
+{
+    char name[] = "tool";
+    char *argv[] = {name, nullptr};
+    const std::vector<cl_handle *(*)(char **, int *)> ways = {
+        [](char **words, int *err) { return cl_parse_argv(1, words, err); },
+        [](char **, int *err) { return cl_parse_line("a 'b' c", err); },
+    };
+    for (std::size_t way = 0; way < ways.size(); ++way) {
+        SCOPED_TRACE(way);
+        cl_handle *clh = nullptr;
+        int failures = 0;
+        const int held_before = cl_mallocs - cl_frees;
+        for (; clh == nullptr; ++failures) {
+            ASSERT_LT(failures, 100);
+            cl_brkit = failures + 1;
+            int err = -1;
+            clh = ways[way](argv, &err);
+            EXPECT_EQ(err, clh == nullptr ? CL_OUT_OF_MEMORY : 0);
+            EXPECT_EQ(cl_brkit, clh == nullptr ? 0 : 1);
+            EXPECT_EQ(cl_mallocs - cl_frees, held_before + (clh == nullptr ? 0 : failures));
+        }
+        cl_brkit = 0;
+        EXPECT_GT(failures, 1);
+        cl_destroy(&clh);
+        EXPECT_EQ(clh, nullptr);
+        EXPECT_EQ(cl_mallocs - cl_frees, held_before);
+    }
+}
+
+TEST(ClHandleDeathTest, AWrongHandleEndsTheProcess)
+{
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    alignas(16) char block[256] = {};
+    auto *const wrong = reinterpret_cast<cl_handle *>(block);
+    cl_handle *none = nullptr;
+    const char *const message = "PFM_ASSERT:\\(clh->cl_magic == CL_MAGIC\\) failed: 'lib/ks/cl'";
+    EXPECT_DEATH(cl_getopt(wrong, "x"), message);
+    EXPECT_DEATH(cl_getarg(wrong), message);
+    EXPECT_DEATH(cl_setoffset(wrong, 0), message);
+    EXPECT_DEATH(cl_estr(nullptr), message);
+    EXPECT_DEATH(cl_destroy(&none), message);
+}
+
+} // namespace

@@ -1,0 +1,279 @@
+// The command history, in a host-data directory of the test's own.
+#include <korvaks/clp.h>
+#include <korvaks/imsg.h>
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cctype>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <functional>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "harness/child.h"
+#include "harness/match.h"
+
+namespace {
+
+// The text with "@" for the time stamp of each line that has a right one.
+std::string without_stamps(const std::string &text)
+{
+    constexpr std::string_view form = "0000:00:00:00:00:00.000 ";
+    std::istringstream lines(text);
+    std::string result;
+    for (std::string line; std::getline(lines, line); result += line + "\n") {
+        const std::string_view stamp = std::string_view(line).substr(0, form.size());
+        if (std::equal(stamp.begin(), stamp.end(), form.begin(), form.end(),
+                       [](char c, char wanted) { return wanted == '0' ? std::isdigit(c) != 0 : c == wanted; }))
+            line.replace(0, form.size(), "@");
+    }
+    return result;
+}
+
+class ClpHistory : public testing::Test {
+  protected:
+    void SetUp() override
+    {
+        if (access("/var/adm/vellum", F_OK) == 0 || access("/var/adm/korva", F_OK) == 0)
+            GTEST_SKIP() << "this host has a data directory that no test may write to";
+        setenv("VELM_HOSTDATA_DIR", host_.path().c_str(), 1);
+        mkdir(host_.file("config").c_str(), 0755);
+        mkdir(host_.file("log").c_str(), 0755);
+        keep_history();
+    }
+
+    std::string marker() const { return host_.file("config/collect_history"); }
+    std::string log_path() const { return host_.file("log/vellum_history"); }
+    void keep_history() const { test::write_file(marker(), ""); }
+    std::string log() const { return access(log_path().c_str(), F_OK) == 0 ? test::read_file(log_path()) : "no log"; }
+
+    // What a child's records say, the time stamp checked and taken off; then the log is gone.
+    std::string records_of(const std::function<void()> &body) const
+    {
+        const test::ChildResult result = test::run_child([&] {
+            if (chdir("/") != 0)
+                return 2;
+            body();
+            return 0;
+        });
+        EXPECT_EQ(result.exit_status, 0);
+        EXPECT_EQ(result.out + result.err, "");
+        const std::string text = log();
+        unlink(log_path().c_str());
+        return without_stamps(text);
+    }
+
+    test::TempDir host_;
+};
+
+std::string caller()
+{
+    return "(uid=" + std::to_string(geteuid()) + ") (pid=#) ";
+}
+
+std::string without_pids(std::string text)
+{
+    for (std::size_t at = text.find("pid="); at != std::string::npos; at = text.find("pid=", at + 4))
+        text.replace(at + 4, text.find(')', at) - at - 4, "#");
+    return text;
+}
+
+// A record of words: "x", then these.
+void log_words(std::vector<std::string> words)
+{
+    std::vector<char *> argv;
+    for (std::string &word : words)
+        argv.push_back(word.data());
+    clp_log_cl_args("x", static_cast<int>(argv.size()), argv.data(), nullptr);
+}
+
+TEST_F(ClpHistory, RecordsCommands)
+{
+    const std::string limit(256 - 1 - 3, 'w');
+    const std::pair<std::function<void()>, std::string> cases[] = {
+        {[] { clp_log_cl_args("x", 0, nullptr, nullptr); }, "x in / "},
+        {[] { clp_log_cl_args(nullptr, -1, nullptr, "1 s"); }, " in / took 1 s "},
+        {[] {
+             log_words({"a", "", "b c"});
+         },
+         "x 'a' '' 'b c' in / "},
+        {[&] {
+             log_words({limit, "y"});
+         },
+         "x '" + limit + "' in / "},
+        {[&] {
+             log_words({limit + "w", "y"});
+         },
+         "x in / "},
+        {[] {
+             log_words({"a\n2026:01:01:00:00:00.000 (uid=0)", "\x1b[2J\t\xe9"});
+         },
+         "x 'a?2026:01:01:00:00:00.000 (uid=0)' '?[2J\t\xe9' in / "},
+        {[] {
+             clp_handle *hdl = clp_create_hdl_using_string("tool -v", nullptr, STG_AREA_NULL);
+             clp_log_command("name", hdl, "t");
+             clp_destroy_hdl(&hdl);
+         },
+         "name 'tool' '-v' in / took t "},
+    };
+    for (const auto &[call, text] : cases)
+        EXPECT_EQ(without_pids(records_of(call)), "@" + caller() + text + "\n");
+}
+
+TEST_F(ClpHistory, RemembersTheCommandWithoutKeepingHistory)
+{
+    unlink(marker().c_str());
+    EXPECT_EQ(records_of([this] {
+                  std::string before = clp_get_command();
+                  log_words({"a"});
+                  before += clp_get_command();
+                  if (before != "No commandx 'a'")
+                      std::puts(before.c_str());
+                  clp_collectdatas("tag", "text"); // remembers that there is no history
+                  keep_history();                  // from here on every command asks again
+                  clp_collectdatas("tag", "text");
+                  clp_collectdatai("text", 1); // asks for itself
+                  log_words({"b"});
+              }).find("@text 'text                    1': \n@(uid"),
+              0u);
+}
+
+TEST_F(ClpHistory, RecordsWhatIsCollected)
+{
+    const std::string long_text(3000, 'x');
+    EXPECT_EQ(records_of([&] {
+                  clp_collectdatas("tag", "some text");
+                  clp_collectdatas(long_text.c_str(), nullptr);
+                  clp_collectdatai("n", -5);
+                  clp_collectdatai("none", 0);
+                  clp_collectdatai(long_text.c_str(), 0);
+                  clp_collectdatai(long_text.c_str(), 7);
+              }),
+              "@tag 'some text': \n@" + long_text + " '': \n@n 'n                   -5': \n@none 'none': \n@" +
+                  long_text + " '" + long_text.substr(0, 1024) + "': \n@" + long_text + " '" +
+                  long_text.substr(0, 1000) + "                    7': \n");
+}
+
+TEST_F(ClpHistory, RecordsTheEndOfTheProductsTools)
+{
+    for (const auto &[name, is_logged] : {std::pair{"veltool", true},
+                                          {"spantool", true},
+                                          {"velmake", true},
+                                          {"velmaker", true},
+                                          {"veltools", false},
+                                          {"velmak", false},
+                                          {"xvelmake", false}}) {
+        const std::string got = records_of([name = name] {
+            imsg_set_app_name(name);
+            timeval start;
+            clp_get_starttime(&start);
+            start.tv_sec -= 100;
+            char word[] = "w";
+            char *argv[] = {word, nullptr};
+            clp_exit_log_args(1, argv, &start);
+        });
+        const std::string record =
+            "@\\(uid=[0-9]+\\) \\(pid=[0-9]+\\) " + std::string(name) + " 'w' in / took  1[0-5][0-9]\\.[0-9]{6} s \n";
+        EXPECT_TRUE(test::matches(got, is_logged ? record : "no log\n")) << got;
+    }
+}
+
+TEST_F(ClpHistory, IsNotedWhenTheProgramNameIsTraced)
+{
+    setenv("TRACE_SUBSYS", "ks/imsg", 1);
+    setenv("TRACE_VERBOSITY", "1", 1);
+    const test::ChildResult result = test::run_child([] {
+        imsg_set_app_name("/bin/prog");
+        return std::strncmp(clp_get_command(), "prog", 4);
+    });
+    EXPECT_EQ(result.exit_status, 0);
+    EXPECT_NE(log().find(") prog "), std::string::npos) << log();
+    unsetenv("TRACE_SUBSYS");
+    unsetenv("TRACE_VERBOSITY");
+}
+
+TEST_F(ClpHistory, GoesOnBehindARecordThatWasCut)
+{
+    const auto write_two = [] {
+        // The second does not fit any more.
+        const rlimit limit{150, 150};
+        signal(SIGXFSZ, SIG_IGN);
+        setrlimit(RLIMIT_FSIZE, &limit);
+        clp_collectdatas("one", std::string(60, '1').c_str());
+        clp_collectdatas("two", std::string(60, '2').c_str());
+    };
+    ASSERT_EQ(test::run_child([&] { return write_two(), 0; }).exit_status, 0);
+    const std::string cut = log();
+    ASSERT_EQ(cut.size(), 150u);
+    ASSERT_EQ(test::run_child([] { return clp_collectdatas("three", "3"), 0; }).exit_status, 0);
+    const std::string rest = log().substr(150);
+    EXPECT_TRUE(test::matches(rest, "\n[0-9:.]+ three '3': \n")) << rest;
+}
+
+TEST_F(ClpHistory, TouchesNothingButARegularFile)
+{
+    const std::string target = host_.file("precious");
+    test::write_file(target, "mine");
+    ASSERT_EQ(symlink(target.c_str(), log_path().c_str()), 0);
+    const auto write_one = [] { return clp_collectdatas("tag", "text"), 0; };
+    EXPECT_EQ(test::run_child(write_one).err, "");
+    EXPECT_EQ(test::read_file(target), "mine");
+    unlink(log_path().c_str());
+    ASSERT_EQ(mkfifo(log_path().c_str(), 0600), 0);
+    EXPECT_EQ(test::run_child(write_one, 10000).exit_status, 0); // neither waits nor fails
+    unlink(log_path().c_str());
+    rmdir(host_.file("log").c_str());
+    EXPECT_EQ(test::run_child(write_one).err, "");
+}
+
+TEST_F(ClpHistory, RecordsOfManyProcessesStayWhole)
+{
+    constexpr int writers = 4;
+    constexpr int records = 300;
+    std::vector<std::unique_ptr<test::Child>> running;
+    for (int w = 0; w < writers; ++w)
+        running.push_back(std::make_unique<test::Child>([w] {
+            const std::string text(static_cast<std::size_t>(10 + 700 * w), static_cast<char>('a' + w));
+            const int descriptors = test::open_descriptor_count();
+            for (int i = 0; i < records; ++i)
+                clp_collectdatas("tag", text.c_str());
+            return test::open_descriptor_count() == descriptors ? 0 : 1;
+        }));
+    for (const auto &child : running)
+        EXPECT_EQ(child->finish().exit_status, 0);
+    const std::string texts[] = {std::string(10, 'a'), std::string(710, 'b'), std::string(1410, 'c'),
+                                 std::string(2110, 'd')};
+    int whole = 0;
+    std::istringstream lines(log());
+    for (std::string line; std::getline(lines, line); whole += line.empty() ? 0 : 1)
+        ASSERT_TRUE(line.empty() || std::any_of(std::begin(texts), std::end(texts),
+                                                [&](const std::string &text) {
+                                                    return line.size() > 23 &&
+                                                           line.substr(23) == " tag '" + text + "': ";
+                                                }))
+            << line.substr(0, 60);
+    EXPECT_EQ(whole, writers * records);
+}
+
+TEST_F(ClpHistory, IsNotKeptWhereTheHostHasNoDataDirectory)
+{
+    setenv("VELM_HOSTDATA_DIR", "/nonexistent", 1);
+    EXPECT_EQ(records_of([] {
+                  log_words({"a"});
+                  clp_collectdatas("tag", "text");
+                  clp_collectdatai("text", 1);
+              }),
+              "no log\n");
+}
+
+} // namespace

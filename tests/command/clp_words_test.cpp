@@ -1,0 +1,200 @@
+// Command strings: the words of a string, and the string of words.
+#include <korvaks/clp.h>
+#include <korvaks/stg.h>
+
+#include <gtest/gtest.h>
+
+#include <clocale>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "harness/child.h"
+#include "harness/clp_model.h"
+
+namespace {
+
+using test::SplitWords;
+using Words = std::vector<std::string>;
+
+// Of strings shorter than a token can be: only one message is possible.
+SplitWords split(const std::string &line, stg_area *area)
+{
+    int argc = -1;
+    char **argv = nullptr;
+    SplitWords result;
+    if (clp_parse_string(line.c_str(), area, &argc, &argv) != 0) {
+        EXPECT_TRUE(argc == -1 && argv == nullptr) << line;
+        result.message = 4;
+        return result;
+    }
+    EXPECT_EQ(argv[argc], nullptr);
+    for (int i = 0; i < argc; ++i)
+        result.words.emplace_back(argv[i]);
+    return result;
+}
+
+TEST(ClpParseString, FollowsItsRulesOnEveryShortString)
+{
+    // A child, because every quote that is not closed prints.
+    const test::ChildResult result = test::run_child([] {
+        constexpr char alphabet[] = "a \n\\'\"";
+        constexpr std::size_t letters = sizeof alphabet - 1;
+        stg_area *area = stg_create_area(4000);
+        std::size_t lines = 1;
+        for (int length = 0; length <= 6; ++length, lines *= letters) {
+            for (std::size_t number = 0; number < lines; ++number) {
+                std::string line;
+                for (std::size_t rest = number; line.size() < static_cast<std::size_t>(length); rest /= letters)
+                    line += alphabet[rest % letters];
+                if (!(split(line, area) == test::split_by_rules(line))) {
+                    std::printf("[%s]", line.c_str());
+                    return 1;
+                }
+                stg_free_area(area, 1);
+            }
+        }
+        return 0;
+    });
+    EXPECT_EQ(result.exit_status, 0) << result.out;
+}
+
+TEST(ClpParseString, KnowsItsExamples)
+{
+    stg_area *area = stg_create_area(1000);
+    const std::pair<const char *, Words> cases[] = {
+        {"", {}},
+        {" \t\n", {}},
+        {"a  bc\td ", {"a", "bc", "d"}},
+        {"'a b'cd", {"a b", "cd"}},
+        {"'ab'cd", {"ab"}}, // more words than runs: dropped
+        {"x'a b'c", {"xa b", "c"}},
+        {"'' \"\" x", {"", "", "x"}},
+        {"a\\'b \\\\ \\x \\", {"a'b", "\\", "\\x", "\\"}},
+        {"'a\\'b\\\\ \\x'", {"a\\'b\\\\ \\x"}},
+        {"a\\ b", {"a\\", "b"}},
+        {"\"it's\" 'say \"x\"'", {"it's", "say \"x\""}},
+    };
+    for (const auto &[line, words] : cases)
+        EXPECT_EQ(split(line, area).words, words) << line;
+    stg_delete_area(&area);
+}
+
+TEST(ClpParseString, ReportsWhatItCannotRead)
+{
+    const std::string most(8191, 'x');
+    const struct {
+        std::string line;
+        const char *message;
+    } cases[] = {
+        {"a 'b", "Bad command line: unterminated quoted string\n"},
+        {"a \"b'\\\"", "Bad command line: unterminated quoted string\n"},
+        {most, ""},
+        {most + "x", "Token buffer overflow, max size is 8192.\n"},
+        {"'" + most + "'", ""},
+        {"'" + most + "\\''", "Token buffer overflow, max size is 8192.\n"},
+        {"'" + most + most, "Token buffer overflow, max size is 8192.\n"},
+        {"a'b' 'c' " + most + " " + most, ""},
+    };
+    for (const auto &one : cases) {
+        const test::ChildResult result = test::run_child([&] {
+            int argc = -1;
+            char **argv = nullptr;
+            const int outcome = clp_parse_string(one.line.c_str(), STG_AREA_HEAP, &argc, &argv);
+            for (int i = 0; i < argc; ++i)
+                stg_free(argv[i]);
+            stg_free(argv);
+            return outcome;
+        });
+        const bool fails = *one.message != '\0';
+        EXPECT_EQ(result.exit_status, fails ? 1 : 0) << one.line.substr(0, 20);
+        EXPECT_EQ(result.err, fails ? std::string("noname: Error: ") + one.message : "");
+    }
+}
+
+TEST(ClpParseString, KeepsCharactersWhole)
+{
+    const test::ChildResult result = test::run_child([] {
+        if (std::setlocale(LC_ALL, "C.UTF-8") == nullptr)
+            return 2;
+        // An ideographic blank is no white space here; a broken sequence at the end is not read past.
+        const Words expected{"\u65e5\u672c", "\u00e9 a\u3000b", "\xe3\x80"};
+        stg_area *area = stg_create_area(1000);
+        const bool is_right = split("\u65e5\u672c '\u00e9 a\u3000b' \xe3\x80", area).words == expected;
+        // The last character does not fit whole.
+        const std::string long_word = std::string(8190, 'x') + "\u65e5";
+        const bool is_refused = split(long_word, area).message != -1;
+        stg_delete_area(&area);
+        return is_right && is_refused ? 0 : 1;
+    });
+    EXPECT_EQ(result.exit_status, 0) << result.err;
+}
+
+std::string join(const Words &words, int escape)
+{
+    std::vector<char *> argv;
+    for (const std::string &word : words)
+        argv.push_back(const_cast<char *>(word.c_str()));
+    char *text = nullptr;
+    if (clp_argv_to_string(static_cast<int>(argv.size()), argv.data(), STG_AREA_HEAP, escape, &text) != 0)
+        return text == nullptr ? "refused" : "refused by half";
+    std::string joined(text);
+    stg_free(text);
+    return joined;
+}
+
+TEST(ClpArgvToString, WritesWordsByTheirForm)
+{
+    const struct {
+        Words words;
+        int escape;
+        const char *text;
+    } cases[] = {
+        {{}, '\\', ""},
+        {{"a", "b-c"}, '\\', "a b-c"},
+        {{"a b", "x\ty", "*", "[a]", "~"}, '\\', "\"a b\" \"x\ty\" \"*\" \"[a]\" \"~\""},
+        {{"'a b'", "\"q\""}, '\\', "\\'a b\\' \\\"q\\\""},
+        {{"'a b'", "\"q\""}, 0, "'a b' \"q\""},
+        {{"'a b'"}, '^', "^'a b^'"},
+        {{"'"}, '\\', "\\\\'"}, // begins and ends with it
+        {{"", "x", ""}, '\\', " x "},
+        {{"a'b", "a \"b"}, '\\', "a'b \"a \"b\""},
+    };
+    for (const auto &one : cases)
+        EXPECT_EQ(join(one.words, one.escape), one.text);
+    const test::ChildResult result = test::run_child([] {
+        char word[] = "x";
+        char *argv[] = {word, nullptr};
+        char *text = nullptr;
+        const bool is_empty = clp_argv_to_string(-1, nullptr, STG_AREA_HEAP, 0, &text) == 0 && *text == '\0';
+        const bool is_one = clp_argv_to_string(1, argv, STG_AREA_HEAP, 0, &text) == 0 && std::strcmp(text, "x") == 0;
+        return is_empty && is_one && join({"a", "'b\""}, 0) == "refused" ? 0 : 1;
+    });
+    EXPECT_EQ(result.exit_status, 0);
+    EXPECT_EQ(result.err, "noname: Error: Bad command line: unterminated quoted string\n");
+}
+
+TEST(ClpArgvToString, IsReadBackWhereTheRulesAllowIt)
+{
+    constexpr char alphabet[] = "a \t\n\r?~]-,\xe9";
+    constexpr std::size_t letters = sizeof alphabet - 1;
+    stg_area *area = stg_create_area(4000);
+    unsigned seed = 1;
+    const auto below = [&seed](std::size_t bound) {
+        seed = seed * 1103515245u + 12345u;
+        return (seed >> 16) % bound;
+    };
+    for (int round = 0; round < 5000; ++round) {
+        Words words(below(5));
+        for (std::string &word : words)
+            for (std::size_t length = 1 + below(6); word.size() < length;)
+                word += alphabet[below(letters)];
+        for (const std::string &word : words)
+            ASSERT_TRUE(test::survives_joining(word));
+        ASSERT_EQ(split(join(words, '\\'), area).words, words);
+        stg_free_area(area, 1);
+    }
+    stg_delete_area(&area);
+}
+
+} // namespace

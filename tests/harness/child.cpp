@@ -1,0 +1,221 @@
+#include "harness/child.h"
+
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace test {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+int milliseconds_left(Clock::time_point deadline)
+{
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
+    return left > 0 ? static_cast<int>(left) : 0;
+}
+
+// Appends what is readable; closes the descriptor at the end of the output.
+void read_available(int &fd, std::string &into)
+{
+    char buffer[4096];
+    const ssize_t got = read(fd, buffer, sizeof buffer);
+    if (got > 0) {
+        into.append(buffer, static_cast<size_t>(got));
+    } else if (got == 0 || (errno != EINTR && errno != EAGAIN)) {
+        close(fd);
+        fd = -1;
+    }
+}
+
+int count_entries(const char *directory)
+{
+    int count = 0;
+    for ([[maybe_unused]] const auto &entry : std::filesystem::directory_iterator(directory))
+        ++count;
+    return count;
+}
+
+} // namespace
+
+Child::Child(const std::function<int()> &body)
+{
+    int out[2];
+    int err[2];
+    if (pipe2(out, O_CLOEXEC) != 0 || pipe2(err, O_CLOEXEC) != 0)
+        std::abort();
+    std::fflush(nullptr);
+    pid_ = fork();
+    if (pid_ < 0)
+        std::abort();
+    if (pid_ == 0) {
+        setpgid(0, 0);
+        dup2(out[1], 1);
+        dup2(err[1], 2);
+        close(out[0]);
+        close(out[1]);
+        close(err[0]);
+        close(err[1]);
+        const int status = body();
+        std::fflush(nullptr);
+        _exit(status);
+    }
+    setpgid(pid_, pid_);
+    close(out[1]);
+    close(err[1]);
+    out_fd_ = out[0];
+    err_fd_ = err[0];
+}
+
+Child::~Child()
+{
+    if (!reaped_) {
+        kill(-pid_, SIGKILL);
+        kill(pid_, SIGKILL);
+        waitpid(pid_, &wait_status_, 0);
+    }
+    if (out_fd_ >= 0)
+        close(out_fd_);
+    if (err_fd_ >= 0)
+        close(err_fd_);
+}
+
+bool Child::pump(int wait_ms)
+{
+    pollfd fds[2] = {{out_fd_, POLLIN, 0}, {err_fd_, POLLIN, 0}};
+    if (poll(fds, 2, wait_ms) <= 0)
+        return out_fd_ >= 0 || err_fd_ >= 0;
+    if (fds[0].revents != 0)
+        read_available(out_fd_, out_);
+    if (fds[1].revents != 0)
+        read_available(err_fd_, err_);
+    return out_fd_ >= 0 || err_fd_ >= 0;
+}
+
+bool Child::wait_for_output(const std::string &text, int deadline_ms)
+{
+    const auto deadline = Clock::now() + std::chrono::milliseconds(deadline_ms);
+    for (;;) {
+        if (out_.find(text) != std::string::npos || err_.find(text) != std::string::npos)
+            return true;
+        if (milliseconds_left(deadline) == 0 || !pump(milliseconds_left(deadline)))
+            return out_.find(text) != std::string::npos || err_.find(text) != std::string::npos;
+    }
+}
+
+bool Child::wait_for_stop(int sig, int deadline_ms)
+{
+    const auto deadline = Clock::now() + std::chrono::milliseconds(deadline_ms);
+    while (milliseconds_left(deadline) > 0) {
+        const pid_t changed = waitpid(pid_, &wait_status_, WUNTRACED | WNOHANG);
+        if (changed == pid_) {
+            if (WIFSTOPPED(wait_status_))
+                return WSTOPSIG(wait_status_) == sig;
+            reaped_ = true;
+            return false;
+        }
+        if (!pump(10) && out_fd_ < 0 && err_fd_ < 0)
+            usleep(1000);
+    }
+    return false;
+}
+
+ChildResult Child::finish(int deadline_ms)
+{
+    const auto deadline = Clock::now() + std::chrono::milliseconds(deadline_ms);
+    ChildResult result;
+    // A grandchild may keep the pipes open, so the child's end counts as well as theirs.
+    while (!reaped_ && milliseconds_left(deadline) > 0) {
+        if (!pump(reaped_ ? 0 : 5) && out_fd_ < 0 && err_fd_ < 0)
+            usleep(500);
+        if (waitpid(pid_, &wait_status_, WNOHANG) == pid_)
+            reaped_ = true;
+    }
+    if (!reaped_) {
+        result.timed_out = true;
+        kill(-pid_, SIGKILL);
+        kill(pid_, SIGKILL);
+        waitpid(pid_, &wait_status_, 0);
+        reaped_ = true;
+    }
+    for (int quiet = 0; quiet < 2 && (out_fd_ >= 0 || err_fd_ >= 0);) {
+        const size_t before = out_.size() + err_.size();
+        pump(20);
+        quiet = out_.size() + err_.size() == before ? quiet + 1 : 0;
+    }
+    result.exited = WIFEXITED(wait_status_);
+    if (result.exited)
+        result.exit_status = WEXITSTATUS(wait_status_);
+    if (WIFSIGNALED(wait_status_))
+        result.signal = WTERMSIG(wait_status_);
+    result.out = out_;
+    result.err = err_;
+    return result;
+}
+
+ChildResult run_child(const std::function<int()> &body, int deadline_ms)
+{
+    Child child(body);
+    return child.finish(deadline_ms);
+}
+
+int open_descriptor_count()
+{
+    return count_entries("/proc/self/fd");
+}
+
+int thread_count()
+{
+    return count_entries("/proc/self/task");
+}
+
+bool threads_settle_at(int count)
+{
+    for (int tries = 0; tries < 5000; ++tries) {
+        if (thread_count() == count)
+            return true;
+        usleep(1000);
+    }
+    return false;
+}
+
+TempDir::TempDir()
+{
+    std::string name = (std::filesystem::temp_directory_path() / "korvaks-XXXXXX").string();
+    if (mkdtemp(name.data()) == nullptr)
+        std::abort();
+    path_ = name;
+}
+
+TempDir::~TempDir()
+{
+    std::error_code ignored;
+    std::filesystem::remove_all(path_, ignored);
+}
+
+std::string read_file(const std::string &path)
+{
+    std::ifstream in(path, std::ios::binary);
+    std::ostringstream content;
+    content << in.rdbuf();
+    return content.str();
+}
+
+void write_file(const std::string &path, const std::string &content)
+{
+    std::ofstream out(path, std::ios::binary);
+    out << content;
+}
+
+} // namespace test

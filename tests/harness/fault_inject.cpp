@@ -1,0 +1,688 @@
+#include "harness/fault_inject.h"
+
+#include "kernel/kernel.h"
+
+#include <korvaks/vlthread.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <cstdint>
+#include <cstdlib>
+#include <cstdarg>
+#include <cstring>
+#include <new>
+
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <nl_types.h>
+#include <poll.h>
+#include <pthread.h>
+#include <pwd.h>
+#include <sys/mman.h>
+#include <sys/resource.h>
+#include <sys/select.h>
+#include <sys/stat.h>
+#include <sys/utsname.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#if defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+#define HAS_OWN_ALLOCATOR
+#endif
+#endif
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#define HAS_OWN_ALLOCATOR
+#endif
+
+namespace test::fault {
+
+namespace {
+
+constexpr int raise_status = 4;
+
+constexpr int allocation_answers[] = {ENOMEM};
+constexpr int open_answers[] = {EACCES, EINTR,  EINVAL, EIO,     EISDIR,    ELOOP, EMFILE, ENAMETOOLONG, ENFILE,
+                                ENOENT, ENOMEM, ENOSPC, ENOTDIR, EOVERFLOW, EPERM, EROFS,  ENXIO};
+constexpr int read_answers[] = {EAGAIN, EBADF, EFAULT, EINTR, EINVAL, EIO, EISDIR, answer_short, answer_end};
+constexpr int write_answers[] = {EAGAIN, EBADF, EDQUOT, EFAULT, EFBIG, EINTR,
+                                 EINVAL, EIO,   ENOSPC, EPERM,  EPIPE, answer_short};
+constexpr int close_answers[] = {EINTR, EIO, ENOSPC, EDQUOT};
+constexpr int pipe_answers[] = {EMFILE, ENFILE, EINVAL};
+constexpr int fork_answers[] = {EAGAIN, ENOMEM, ENOSYS};
+constexpr int fcntl_answers[] = {EACCES, EAGAIN, EBADF, EINTR, EINVAL, EMFILE};
+constexpr int stat_answers[] = {EACCES, EINTR, EIO, ELOOP, ENAMETOOLONG, ENOENT, ENOMEM, ENOTDIR, EOVERFLOW};
+constexpr int select_answers[] = {EBADF, EINTR, EINVAL, ENOMEM};
+constexpr int poll_answers[] = {EINTR, EINVAL, ENOMEM};
+constexpr int eventfd_answers[] = {EINVAL, EMFILE, ENFILE, ENODEV, ENOMEM};
+constexpr int sigaction_answers[] = {EINVAL};
+constexpr int thread_answers[] = {EAGAIN, EINVAL, EPERM};
+constexpr int mutex_answers[] = {EAGAIN, ENOMEM, EPERM};
+constexpr int key_answers[] = {EAGAIN, ENOMEM};
+constexpr int at_exit_answers[] = {ENOMEM};
+constexpr int catalogue_answers[] = {EACCES, EMFILE, ENAMETOOLONG, ENFILE, ENOENT, ENOMEM, ENOTDIR};
+constexpr int limit_answers[] = {EFAULT, EINVAL};
+constexpr int name_answers[] = {EFAULT};
+constexpr int user_answers[] = {EINTR, EIO, EMFILE, ENFILE, ENOENT, ENOMEM, EPERM, ERANGE};
+constexpr int wait_answers[] = {ECHILD, EINTR, EINVAL};
+constexpr int kill_answers[] = {EINVAL, EPERM, ESRCH};
+constexpr int raise_answers[] = {raise_status};
+
+struct Kind {
+    const char *name;
+    std::span<const int> answers;
+};
+
+constexpr std::array<Kind, call_kinds> kinds{{
+    {"allocation", allocation_answers},
+    {"open", open_answers},
+    {"read", read_answers},
+    {"write", write_answers},
+    {"close", close_answers},
+    {"pipe", pipe_answers},
+    {"fork", fork_answers},
+    {"fcntl", fcntl_answers},
+    {"stat", stat_answers},
+    {"select", select_answers},
+    {"poll", poll_answers},
+    {"eventfd", eventfd_answers},
+    {"sigaction", sigaction_answers},
+    {"thread", thread_answers},
+    {"mutex", mutex_answers},
+    {"key", key_answers},
+    {"atexit", at_exit_answers},
+    {"catalogue", catalogue_answers},
+    {"getrlimit", limit_answers},
+    {"uname", name_answers},
+    {"getpwuid_r", user_answers},
+    {"waitid", wait_answers},
+    {"kill", kill_answers},
+    {"raise", raise_answers},
+}};
+
+// Shared with children, so that what fails there is seen here. Whether a process is disturbed is
+// its own.
+struct State {
+    std::atomic<bool> fired{false};
+    Plan plan;
+    pid_t process = 0; // that called begin()
+    pthread_t thread{};
+    std::atomic<unsigned> random{0};
+    std::atomic<int> interruptions{0}; // in a row, of the noise
+    std::array<std::atomic<long>, call_kinds> calls{};
+};
+
+constinit State before_main{};
+constinit State *state = &before_main;
+constinit std::atomic<bool> is_armed{false};
+constinit std::atomic<long> blocks{0};
+constinit std::array<std::atomic<bool>, 1024> is_eventfd{};
+
+__attribute__((constructor)) void share_state()
+{
+    void *page = mmap(nullptr, sizeof(State), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    if (page == MAP_FAILED)
+        abort();
+    state = new (page) State;
+}
+
+// 0: the call is made. Else the answer in its place.
+int answer_for(Call call)
+{
+    if (!is_armed.load(std::memory_order_acquire)) [[likely]]
+        return 0;
+    const long n = ++state->calls[static_cast<std::size_t>(call)];
+    const Plan &plan = state->plan;
+    if (plan.nth == 0 || plan.call != call || n < plan.nth || (n > plan.nth && !plan.goes_on))
+        return 0;
+    if (plan.answer == EINTR && n >= plan.nth + interruptions_max)
+        return 0;
+    state->fired = true;
+    return plan.answer;
+}
+
+unsigned next_random()
+{
+    unsigned value = state->random.load();
+    value = value * 1664525u + 1013904223u;
+    state->random = value;
+    return value >> 16;
+}
+
+// What the noise makes of a transfer: 0, an interruption or a part.
+int noise_for(std::size_t size)
+{
+    if (!is_armed || state->plan.noise == 0)
+        return 0;
+    const unsigned choice = next_random() % 3;
+    if (choice == 0 && state->interruptions < 3) {
+        ++state->interruptions;
+        state->fired = true;
+        return EINTR;
+    }
+    state->interruptions = 0;
+    if (choice != 1 || size < 2)
+        return 0;
+    state->fired = true;
+    return answer_short;
+}
+
+int answer_for_transfer(Call call, int fd, std::size_t size)
+{
+    if (fd >= 0 && static_cast<std::size_t>(fd) < is_eventfd.size() && is_eventfd[static_cast<std::size_t>(fd)])
+        return 0;
+    const int answer = answer_for(call);
+    return answer != 0 ? answer : noise_for(size);
+}
+
+std::size_t part_of(std::size_t size)
+{
+    return state->plan.noise != 0 ? 1 + next_random() % (size - 1) : size / 2;
+}
+
+int fail(int error)
+{
+    errno = error;
+    return -1;
+}
+
+} // namespace
+
+const char *name_of(Call call)
+{
+    return kinds[static_cast<std::size_t>(call)].name;
+}
+
+std::span<const int> answers_of(Call call)
+{
+    return kinds[static_cast<std::size_t>(call)].answers;
+}
+
+namespace {
+
+// A delivery check that knows its thread's state does not ask for it; a forgotten state brings each
+// check to the wrapper below.
+void show_every_check()
+{
+    if (ks::current_fault_block != nullptr)
+        ks::current_fault_block->state = nullptr;
+}
+
+} // namespace
+
+void begin(const Plan &plan)
+{
+    show_every_check();
+    state->plan = plan;
+    state->fired = false;
+    state->process = getpid();
+    state->thread = pthread_self();
+    state->random = plan.noise;
+    state->interruptions = 0;
+    for (auto &count : state->calls)
+        count = 0;
+    is_armed.store(true, std::memory_order_release);
+}
+
+Seen end()
+{
+    is_armed = false;
+    Seen seen;
+    seen.fired = state->fired;
+    std::copy(state->calls.begin(), state->calls.end(), seen.calls.begin());
+    return seen;
+}
+
+long blocks_outstanding()
+{
+    return blocks;
+}
+
+} // namespace test::fault
+
+using test::fault::answer_end;
+using test::fault::answer_for;
+using test::fault::answer_for_transfer;
+using test::fault::answer_short;
+using test::fault::Call;
+using test::fault::fail;
+
+// The call behind the one that stands in front.
+#define NEXT(name)                                                                                                     \
+    ([] {                                                                                                              \
+        static constinit std::atomic<void *> found{nullptr};                                                           \
+        void *next = found.load(std::memory_order_relaxed);                                                            \
+        if (next == nullptr)                                                                                           \
+            found = next = dlsym(RTLD_NEXT, #name);                                                                    \
+        return reinterpret_cast<decltype(&front_##name)>(next);                                                        \
+    }())
+
+// Declares a function under the name of the one it stands in front of. A name of its own in the
+// source keeps clear of the inline forms and attributes that the system's headers give the real one.
+#define FRONT(result, name, ...)                                                                                       \
+    extern "C" result front_##name(__VA_ARGS__) __asm__(#name);                                                        \
+    extern "C" result front_##name(__VA_ARGS__)
+
+#define FAIL_WITH_ERRNO(call)                                                                                          \
+    if (const int answer = answer_for(Call::call); answer != 0)                                                        \
+    return fail(answer)
+
+#define FAIL_WITH_RESULT(call)                                                                                         \
+    if (const int answer = answer_for(Call::call); answer != 0)                                                        \
+    return answer
+
+// Memory ---------------------------------------------------------------------------------------
+
+#ifdef HAS_OWN_ALLOCATOR
+
+bool test::fault::can_fail_allocations()
+{
+    return false;
+}
+
+#else
+
+bool test::fault::can_fail_allocations()
+{
+    return true;
+}
+
+extern "C" {
+void *__libc_malloc(size_t size);
+void *__libc_calloc(size_t count, size_t size);
+void *__libc_realloc(void *block, size_t size);
+void *__libc_memalign(size_t alignment, size_t size);
+void __libc_free(void *block);
+}
+
+namespace {
+
+bool is_exhausted()
+{
+    if (answer_for(Call::allocation) == 0)
+        return false;
+    errno = ENOMEM;
+    return true;
+}
+
+void *counted(void *block)
+{
+    if (block != nullptr)
+        ++test::fault::blocks;
+    return block;
+}
+
+} // namespace
+
+FRONT(void *, malloc, size_t size)
+{
+    return is_exhausted() ? nullptr : counted(__libc_malloc(size));
+}
+
+FRONT(void *, calloc, size_t count, size_t size)
+{
+    return is_exhausted() ? nullptr : counted(__libc_calloc(count, size));
+}
+
+FRONT(void *, realloc, void *old, size_t size)
+{
+    if (is_exhausted())
+        return nullptr;
+    void *block = __libc_realloc(old, size);
+    if (old == nullptr)
+        return counted(block);
+    if (block == nullptr && size == 0)
+        --test::fault::blocks; // that was a free()
+    return block;
+}
+
+FRONT(void *, memalign, size_t alignment, size_t size)
+{
+    return is_exhausted() ? nullptr : counted(__libc_memalign(alignment, size));
+}
+
+FRONT(void *, aligned_alloc, size_t alignment, size_t size)
+{
+    return is_exhausted() ? nullptr : counted(__libc_memalign(alignment, size));
+}
+
+FRONT(int, posix_memalign, void **out_block, size_t alignment, size_t size)
+{
+    void *block = is_exhausted() ? nullptr : counted(__libc_memalign(alignment, size));
+    if (block == nullptr)
+        return ENOMEM;
+    *out_block = block;
+    return 0;
+}
+
+FRONT(void, free, void *block)
+{
+    if (block != nullptr)
+        --test::fault::blocks;
+    __libc_free(block);
+}
+
+#endif
+
+// Descriptors ----------------------------------------------------------------------------------
+
+namespace {
+
+bool takes_mode(int flags)
+{
+    return (flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE;
+}
+
+} // namespace
+
+FRONT(int, open, const char *path, int flags, ...)
+{
+    va_list args;
+    va_start(args, flags);
+    const mode_t mode = takes_mode(flags) ? va_arg(args, mode_t) : 0;
+    va_end(args);
+    FAIL_WITH_ERRNO(open);
+    return NEXT(open)(path, flags, mode);
+}
+
+FRONT(int, openat, int directory, const char *path, int flags, ...)
+{
+    va_list args;
+    va_start(args, flags);
+    const mode_t mode = takes_mode(flags) ? va_arg(args, mode_t) : 0;
+    va_end(args);
+    FAIL_WITH_ERRNO(open);
+    return NEXT(openat)(directory, path, flags, mode);
+}
+
+FRONT(ssize_t, read, int fd, void *buffer, size_t size)
+{
+    const int answer = answer_for_transfer(Call::read, fd, size);
+    if (answer > 0)
+        return fail(answer);
+    if (answer == answer_end)
+        return 0;
+    if (answer == answer_short && size > 1)
+        size = 1;
+    return NEXT(read)(fd, buffer, size);
+}
+
+FRONT(ssize_t, __read_chk, int fd, void *buffer, size_t size, size_t)
+{
+    return front_read(fd, buffer, size);
+}
+
+FRONT(ssize_t, write, int fd, const void *data, size_t size)
+{
+    const int answer = answer_for_transfer(Call::write, fd, size);
+    if (answer > 0)
+        return fail(answer);
+    if (answer == answer_short && size > 1)
+        size = test::fault::part_of(size);
+    return NEXT(write)(fd, data, size);
+}
+
+FRONT(int, close, int fd)
+{
+    if (fd >= 0 && static_cast<std::size_t>(fd) < test::fault::is_eventfd.size())
+        test::fault::is_eventfd[static_cast<std::size_t>(fd)] = false;
+    const int result = NEXT(close)(fd);
+    FAIL_WITH_ERRNO(close); // the descriptor is gone all the same
+    return result;
+}
+
+FRONT(int, pipe2, int *fds, int flags)
+{
+    FAIL_WITH_ERRNO(pipe);
+    return NEXT(pipe2)(fds, flags);
+}
+
+FRONT(int, pipe, int *fds)
+{
+    FAIL_WITH_ERRNO(pipe);
+    return NEXT(pipe)(fds);
+}
+
+FRONT(int, fcntl, int fd, int command, ...)
+{
+    va_list args;
+    va_start(args, command);
+    void *argument = va_arg(args, void *); // as wide as any of them
+    va_end(args);
+    FAIL_WITH_ERRNO(fcntl);
+    return NEXT(fcntl)(fd, command, argument);
+}
+
+FRONT(int, stat, const char *path, struct stat *out)
+{
+    FAIL_WITH_ERRNO(stat);
+    return NEXT(stat)(path, out);
+}
+
+FRONT(int, select, int nfds, fd_set *readfds, fd_set *writefds, fd_set *exceptfds, timeval *timeout)
+{
+    FAIL_WITH_ERRNO(select);
+    return NEXT(select)(nfds, readfds, writefds, exceptfds, timeout);
+}
+
+FRONT(int, ppoll, pollfd *fds, nfds_t count, const timespec *timeout, const sigset_t *mask)
+{
+    FAIL_WITH_ERRNO(poll);
+    return NEXT(ppoll)(fds, count, timeout, mask);
+}
+
+FRONT(int, eventfd, unsigned value, int flags)
+{
+    FAIL_WITH_ERRNO(eventfd);
+    const int fd = NEXT(eventfd)(value, flags);
+    if (fd >= 0 && static_cast<std::size_t>(fd) < test::fault::is_eventfd.size())
+        test::fault::is_eventfd[static_cast<std::size_t>(fd)] = true;
+    return fd;
+}
+
+// Streams --------------------------------------------------------------------------------------
+
+namespace {
+
+int fd_of(void *cookie)
+{
+    return static_cast<int>(reinterpret_cast<intptr_t>(cookie));
+}
+
+ssize_t read_stream(void *cookie, char *buffer, size_t size)
+{
+    return front_read(fd_of(cookie), buffer, size);
+}
+
+// Goes on after a part, as the C library does.
+ssize_t write_stream(void *cookie, const char *data, size_t size)
+{
+    size_t done = 0;
+    while (done < size) {
+        const ssize_t written = front_write(fd_of(cookie), data + done, size - done);
+        if (written < 0)
+            return 0;
+        done += static_cast<size_t>(written);
+    }
+    return static_cast<ssize_t>(done);
+}
+
+int seek_stream(void *cookie, off64_t *offset, int whence)
+{
+    const off64_t at = lseek64(fd_of(cookie), *offset, whence);
+    if (at < 0)
+        return -1;
+    *offset = at;
+    return 0;
+}
+
+int close_stream(void *cookie)
+{
+    return front_close(fd_of(cookie));
+}
+
+int flags_of(const char *mode)
+{
+    const int access = std::strchr(mode, '+') != nullptr ? O_RDWR : (*mode == 'r' ? O_RDONLY : O_WRONLY);
+    const int creation = *mode == 'w' ? O_CREAT | O_TRUNC : (*mode == 'a' ? O_CREAT | O_APPEND : 0);
+    return access | creation | (std::strchr(mode, 'e') != nullptr ? O_CLOEXEC : 0);
+}
+
+} // namespace
+
+FILE *test::fault::stream_over(int fd, const char *mode)
+{
+    return fopencookie(reinterpret_cast<void *>(intptr_t{fd}), mode,
+                       {read_stream, write_stream, seek_stream, close_stream});
+}
+
+FRONT(FILE *, fopen, const char *path, const char *mode)
+{
+    if (!test::fault::is_armed)
+        return NEXT(fopen)(path, mode);
+    const int fd = front_open(path, flags_of(mode), 0666);
+    if (fd < 0)
+        return nullptr;
+    FILE *stream = test::fault::stream_over(fd, mode);
+    if (stream == nullptr) {
+        const int error = errno;
+        (void)NEXT(close)(fd);
+        errno = error;
+    }
+    return stream;
+}
+
+// Processes, threads and signals ---------------------------------------------------------------
+
+FRONT(pid_t, fork, void)
+{
+    FAIL_WITH_ERRNO(fork);
+    return NEXT(fork)();
+}
+
+FRONT(int, sigaction, int sig, const struct sigaction *action, struct sigaction *out_old)
+{
+    FAIL_WITH_ERRNO(sigaction);
+    return NEXT(sigaction)(sig, action, out_old);
+}
+
+FRONT(int, pthread_create, pthread_t *out_thread, const pthread_attr_t *attr, void *(*start)(void *), void *argument)
+{
+    FAIL_WITH_RESULT(thread);
+    return NEXT(pthread_create)(out_thread, attr, start, argument);
+}
+
+FRONT(int, pthread_attr_init, pthread_attr_t *attr)
+{
+    FAIL_WITH_RESULT(thread);
+    return NEXT(pthread_attr_init)(attr);
+}
+
+FRONT(int, pthread_attr_setstacksize, pthread_attr_t *attr, size_t size)
+{
+    FAIL_WITH_RESULT(thread);
+    return NEXT(pthread_attr_setstacksize)(attr, size);
+}
+
+FRONT(int, pthread_mutexattr_init, pthread_mutexattr_t *attr)
+{
+    FAIL_WITH_RESULT(mutex);
+    return NEXT(pthread_mutexattr_init)(attr);
+}
+
+FRONT(int, pthread_mutexattr_settype, pthread_mutexattr_t *attr, int kind)
+{
+    FAIL_WITH_RESULT(mutex);
+    return NEXT(pthread_mutexattr_settype)(attr, kind);
+}
+
+FRONT(int, pthread_mutex_init, pthread_mutex_t *mutex, const pthread_mutexattr_t *attr)
+{
+    FAIL_WITH_RESULT(mutex);
+    return NEXT(pthread_mutex_init)(mutex, attr);
+}
+
+FRONT(int, pthread_key_create, pthread_key_t *key, void (*destructor)(void *))
+{
+    FAIL_WITH_RESULT(key);
+    return NEXT(pthread_key_create)(key, destructor);
+}
+
+FRONT(int, pthread_setspecific, pthread_key_t key, const void *value)
+{
+    FAIL_WITH_RESULT(key);
+    return NEXT(pthread_setspecific)(key, value);
+}
+
+FRONT(int, __cxa_atexit, void (*fn)(void *), void *argument, void *object)
+{
+    if (answer_for(Call::at_exit) != 0)
+        return -1;
+    return NEXT(__cxa_atexit)(fn, argument, object);
+}
+
+FRONT(int, waitid, idtype_t type, id_t id, siginfo_t *info, int options)
+{
+    FAIL_WITH_ERRNO(wait);
+    return NEXT(waitid)(type, id, info, options);
+}
+
+FRONT(int, kill, pid_t pid, int sig)
+{
+    FAIL_WITH_ERRNO(kill);
+    return NEXT(kill)(pid, sig);
+}
+
+// What the system knows ------------------------------------------------------------------------
+
+FRONT(nl_catd, catopen, const char *name, int flag)
+{
+    if (const int answer = answer_for(Call::catalogue); answer != 0) {
+        errno = answer;
+        return reinterpret_cast<nl_catd>(-1);
+    }
+    return NEXT(catopen)(name, flag);
+}
+
+FRONT(int, getrlimit, int resource, rlimit *out)
+{
+    FAIL_WITH_ERRNO(limit);
+    return NEXT(getrlimit)(resource, out);
+}
+
+FRONT(int, uname, utsname *out)
+{
+    FAIL_WITH_ERRNO(name);
+    return NEXT(uname)(out);
+}
+
+FRONT(int, getpwuid_r, uid_t uid, passwd *entry, char *buffer, size_t size, passwd **out_found)
+{
+    if (const int answer = answer_for(Call::user); answer != 0) {
+        *out_found = nullptr;
+        return answer;
+    }
+    return NEXT(getpwuid_r)(uid, entry, buffer, size, out_found);
+}
+
+// Raises ---------------------------------------------------------------------------------------
+
+extern "C" {
+
+int32_t __real_vlthread_pending_raise(pfm_fault_block *holder);
+int32_t __wrap_vlthread_pending_raise(pfm_fault_block *holder);
+
+int32_t __wrap_vlthread_pending_raise(pfm_fault_block *holder)
+{
+    const test::fault::State &state = *test::fault::state;
+    if (!test::fault::is_armed || state.process != getpid() || pthread_equal(state.thread, pthread_self()) == 0)
+        return __real_vlthread_pending_raise(holder);
+    if (const int status = answer_for(Call::raise); status != 0)
+        vlthread_notify_raise(status);
+    const int32_t pending = __real_vlthread_pending_raise(holder);
+    if (pending == 0)
+        test::fault::show_every_check();
+    return pending;
+}
+}

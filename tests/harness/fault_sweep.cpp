@@ -1,0 +1,643 @@
+#include "harness/fault_sweep.h"
+
+#include "kernel/ks_guard.h"
+#include "kernel/ks_locks.h"
+
+#include <korvaks/imsg.h>
+#include <korvaks/pfm.h>
+#include <korvaks/tls_impl.h>
+#include <korvaks/vlthread.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cctype>
+#include <cerrno>
+#include <csignal>
+#include <cstdarg>
+#include <cstdlib>
+#include <cstring>
+#include <new>
+#include <set>
+#include <string>
+#include <string_view>
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/mman.h>
+#include <sys/resource.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+namespace test::fault {
+
+namespace {
+
+constexpr int exit_fault = 86; // a run was not as it should be; the report says what
+constexpr int silent_ms_max = 20000;
+constexpr int poll_ms = 1000;
+constexpr int faults_max = 10;
+constexpr int fds_watched = 256;
+
+enum class Mode { warm, first_use, raises, noise };
+
+// Plans that differ only in the place of the failure.
+struct Family {
+    Call call;
+    int answer;
+    bool goes_on;
+};
+
+// The next run to make.
+struct Cursor {
+    std::size_t family = 0;
+    long nth = 1;
+};
+
+// What is left of a round: a scenario from setup to cleanup.
+struct Leftover {
+    long blocks = 0;
+    int fds = 0;
+};
+
+// Written by children, read by the parent.
+struct Record {
+    Cursor cursor;
+    bool fired = false;   // the run made last
+    bool is_clean = true; // the run under way is undisturbed
+    std::atomic<long> runs{0};
+    long points = 0;
+    Seen seen;         // of the undisturbed run
+    Leftover leftover; // of it, for a first use
+    char report[2048]{};
+};
+
+struct Sweep {
+    const Scenario *scenario;
+    Mode mode;
+    std::vector<Family> families;
+    unsigned seeds;
+    Record *record;
+    int said_fd; // takes what children write to descriptor 2
+};
+
+long points_of_program = 0;
+long runs_of_program = 0;
+
+class Summary : public testing::Environment {
+  public:
+    void TearDown() override
+    {
+        std::printf("fault injection: %ld points covered, in %ld runs%s\n", points_of_program, runs_of_program,
+                    can_fail_allocations() ? "" : " (allocations are left to builds without a sanitizer)");
+    }
+};
+
+[[maybe_unused]] testing::Environment *const summary = testing::AddGlobalTestEnvironment(new Summary);
+
+// --- In a child ---
+
+constinit int said_to = -1;
+constinit char said[1 << 16]{};
+
+const char *read_said(int fd)
+{
+    const ssize_t got = pread(fd, said, sizeof said - 1, 0);
+    said[got > 0 ? got : 0] = '\0';
+    return said;
+}
+
+int open_fds()
+{
+    int count = 0;
+    for (int fd = 0; fd < fds_watched; ++fd)
+        count += fcntl(fd, F_GETFD) >= 0 ? 1 : 0;
+    return count;
+}
+
+bool is_free(const vlthread_mutex_t &mutex)
+{
+    return mutex.owner == VLTHREAD_INVALID_TID && mutex.recursion_count == 0;
+}
+
+// What the calling thread or the process holds that it should not, or NULL.
+const char *held()
+{
+    for (const vlthread_mutex_t *lock : ks::module_locks()) {
+        if (!is_free(*lock))
+            return "a module's lock is held";
+    }
+    if (!is_free(ks::pfm_crit) || !is_free(ks::pfm_exit_crit) || !is_free(ks::pfm_inh_susp_crit) ||
+        !is_free(ks::pfm_libc_handler_crit))
+        return "a lock of the fault manager is held";
+    if (!is_free(ks::vlthread_lock) || !is_free(ks::vlthread_critical_section_mutex))
+        return "a lock of the thread layer is held";
+    const pfm_fault_block *block = pfm_tls_get();
+    if (block->pfm_inh_count != 0 || block->pfm_inh_susp != 0 || block->susp_share != 0)
+        return "raises are held off";
+    if (block->cl_rec_root != nullptr)
+        return "a cleanup record is left";
+    if (block->held_ordered.next != nullptr && block->held_ordered.next != &block->held_ordered)
+        return "an ordered lock is held";
+    return nullptr;
+}
+
+void call(void (*step)())
+{
+    if (step != nullptr)
+        step();
+}
+
+// Runs `act` by the plan. Only where raises are looked at it runs under a record, so that a first
+// use is one.
+Trial disturb(const Sweep &sweep, const Plan &plan, Seen &out_seen)
+{
+    Trial trial{plan, false, 0};
+    if (sweep.mode == Mode::raises) {
+        trial.raised = ks::protect([&] {
+            begin(plan);
+            call(sweep.scenario->act);
+            out_seen = end();
+        });
+        if (trial.raised != 0) {
+            out_seen = end();
+            pfm_enable();
+        }
+    } else {
+        begin(plan);
+        call(sweep.scenario->act);
+        out_seen = end();
+    }
+    trial.fired = out_seen.fired;
+    return trial;
+}
+
+// One round; what is wrong with it, or NULL.
+const char *round(const Sweep &sweep, const Plan &plan, Seen &out_seen, Leftover &out_leftover)
+{
+    sweep.record->is_clean = plan.nth == 0 && plan.noise == 0;
+    (void)!ftruncate(said_to, 0);
+    (void)lseek(said_to, 0, SEEK_SET);
+    const Leftover before{blocks_outstanding(), open_fds()};
+    call(sweep.scenario->setup);
+    const Trial trial = disturb(sweep, plan, out_seen);
+    sweep.record->fired = trial.fired;
+    const char *wrong = sweep.scenario->check != nullptr ? sweep.scenario->check(trial) : nullptr;
+    if (sweep.mode == Mode::raises && trial.fired && trial.raised == 0 && take_raise() != trial.plan.answer &&
+        wrong == nullptr)
+        wrong = "the raise was lost";
+    if (wrong == nullptr)
+        wrong = held();
+    call(sweep.scenario->cleanup);
+    out_leftover = {blocks_outstanding() - before.blocks, open_fds() - before.fds};
+    return wrong;
+}
+
+[[noreturn]] __attribute__((format(printf, 2, 3))) void report(const Sweep &sweep, const char *format, ...)
+{
+    va_list args;
+    va_start(args, format);
+    (void)vsnprintf(sweep.record->report, sizeof sweep.record->report, format, args);
+    va_end(args);
+    _exit(exit_fault);
+}
+
+void require_whole(const Sweep &sweep, const char *what, const char *wrong, const Leftover &leftover,
+                   const Leftover &allowed)
+{
+    if (wrong != nullptr)
+        report(sweep, "%s: %s; it said:\n%s", what, wrong, read_said(said_to));
+    if (leftover.blocks > allowed.blocks)
+        report(sweep, "%s: %ld blocks lost", what, leftover.blocks - allowed.blocks);
+    if (leftover.fds != allowed.fds)
+        report(sweep, "%s: %d descriptors lost", what, leftover.fds - allowed.fds);
+}
+
+// What a run writes to descriptor 2. Appended to, so that the lines of two threads stay whole.
+int make_said_file()
+{
+    const int fd = memfd_create("said", MFD_CLOEXEC);
+    return fd >= 0 && fcntl(fd, F_SETFL, O_APPEND) == 0 ? fd : -1;
+}
+
+void redirect(const Sweep &sweep)
+{
+    const rlimit no_core{0, 0};
+    (void)setrlimit(RLIMIT_CORE, &no_core);
+    setpgid(0, 0);
+    signal(SIGPIPE, SIG_IGN);
+    said_to = sweep.said_fd;
+    const int nowhere = open("/dev/null", O_WRONLY | O_CLOEXEC);
+    if (dup2(nowhere, STDOUT_FILENO) < 0 || dup2(said_to, STDERR_FILENO) < 0)
+        _exit(exit_fault);
+    close(nowhere);
+}
+
+// Does everything that the library does once.
+void start_library()
+{
+    pfm_init();
+    imsg_initialize();
+    (void)imsg_print(0, &_ks_ks_msg_table, 15);
+    (void)ks_tls_get();
+    // The signal-handler thread answers these only when it has started.
+    pfm_signal_handler_chg_block_sig(SIG_BLOCK, SIGCHLD);
+    pfm_signal_handler_chg_block_sig(SIG_UNBLOCK, SIGCHLD);
+}
+
+// Starts the library and lets the scenario make its caches.
+void warm_up(const Sweep &sweep)
+{
+    start_library();
+    Seen seen;
+    Leftover leftover;
+    for (int i = 0; i < 2; ++i) {
+        if (const char *wrong = round(sweep, {}, seen, leftover))
+            report(sweep, "undisturbed: %s; it said:\n%s", wrong, read_said(said_to));
+    }
+}
+
+Plan plan_at(const Sweep &sweep, const Cursor &cursor)
+{
+    if (sweep.mode == Mode::noise)
+        return {.call = Call::read, .noise = static_cast<unsigned>(cursor.nth)};
+    const Family &family = sweep.families[cursor.family];
+    return {family.call, cursor.nth, family.goes_on, family.answer, 0};
+}
+
+// What the undisturbed round before all others must leave, and the calls it makes.
+void run_clean(const Sweep &sweep)
+{
+    warm_up(sweep);
+    Leftover leftover;
+    const char *wrong = round(sweep, {}, sweep.record->seen, leftover);
+    require_whole(sweep, "undisturbed", wrong, leftover, {});
+    _exit(0);
+}
+
+void run_disturbed(const Sweep &sweep, const Plan &plan)
+{
+    Record &record = *sweep.record;
+    Seen seen;
+    Leftover leftover;
+    const char *wrong = round(sweep, plan, seen, leftover);
+    require_whole(sweep, "disturbed", wrong, leftover, {});
+    if (!record.fired)
+        return;
+    wrong = round(sweep, {}, seen, leftover);
+    require_whole(sweep, "undisturbed behind it", wrong, leftover, {});
+    record.fired = true;
+}
+
+// A first use, the same once more, and then all that is made once and kept: what is kept in the end
+// does not depend on what failed at the beginning.
+void use_first(const Sweep &sweep, const Plan &plan, Seen &out_seen, Leftover &out_leftover)
+{
+    Record &record = *sweep.record;
+    const Leftover before{blocks_outstanding(), open_fds()};
+    Leftover ignored;
+    const char *wrong = round(sweep, plan, out_seen, ignored);
+    const bool fired = record.fired;
+    require_whole(sweep, "disturbed", wrong, {}, {});
+    Seen seen;
+    wrong = round(sweep, {}, seen, ignored);
+    require_whole(sweep, "undisturbed behind it", wrong, {}, {});
+    start_library();
+    out_leftover = {blocks_outstanding() - before.blocks, open_fds() - before.fds};
+    record.fired = fired;
+}
+
+void run_first_use_clean(const Sweep &sweep)
+{
+    use_first(sweep, {}, sweep.record->seen, sweep.record->leftover);
+    _exit(0);
+}
+
+void run_first_use(const Sweep &sweep, const Plan &plan)
+{
+    Seen seen;
+    Leftover leftover;
+    use_first(sweep, plan, seen, leftover);
+    require_whole(sweep, "in the end", nullptr, leftover, sweep.record->leftover);
+}
+
+// False when the sweep is over.
+bool advance(const Sweep &sweep, Cursor &cursor, bool fired)
+{
+    if (sweep.mode == Mode::noise)
+        return ++cursor.nth <= static_cast<long>(sweep.seeds);
+    if (fired) {
+        ++cursor.nth;
+        return true;
+    }
+    ++cursor.family;
+    cursor.nth = 1;
+    return cursor.family < sweep.families.size();
+}
+
+void count(const Sweep &sweep, const Cursor &cursor)
+{
+    ++sweep.record->runs;
+    if (sweep.mode == Mode::noise || !sweep.record->fired)
+        return;
+    const Family &family = sweep.families[cursor.family];
+    if (!family.goes_on && family.answer == answers_of(family.call).front())
+        ++sweep.record->points;
+}
+
+void run_from_cursor(const Sweep &sweep)
+{
+    Record &record = *sweep.record;
+    if (sweep.mode == Mode::first_use) {
+        run_first_use(sweep, plan_at(sweep, record.cursor));
+        count(sweep, record.cursor);
+        _exit(0);
+    }
+    warm_up(sweep);
+    do {
+        run_disturbed(sweep, plan_at(sweep, record.cursor));
+        count(sweep, record.cursor);
+    } while (advance(sweep, record.cursor, record.fired));
+    _exit(0);
+}
+
+// --- In the test's process ---
+
+enum class Fate { ended, fault, death, hang };
+
+struct Outcome {
+    Fate fate;
+    int wait_status;
+};
+
+// Waits until the child ends, or makes no progress for too long.
+Outcome wait_for(pid_t pid, const Record &record)
+{
+    const int pid_fd = static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
+    pollfd ending{pid_fd, POLLIN, 0};
+    long runs = record.runs;
+    int silent_ms = 0;
+    int wait_status = 0;
+    while (poll(&ending, 1, poll_ms) <= 0 && silent_ms < silent_ms_max) {
+        silent_ms = record.runs == runs ? silent_ms + poll_ms : 0;
+        runs = record.runs;
+    }
+    const bool hangs = silent_ms >= silent_ms_max;
+    kill(-pid, SIGKILL); // also what it has forked
+    if (hangs)
+        kill(pid, SIGKILL);
+    waitpid(pid, &wait_status, 0);
+    close(pid_fd);
+    if (hangs)
+        return {Fate::hang, wait_status};
+    if (WIFEXITED(wait_status) && WEXITSTATUS(wait_status) == 0)
+        return {Fate::ended, wait_status};
+    return {WIFEXITED(wait_status) && WEXITSTATUS(wait_status) == exit_fault ? Fate::fault : Fate::death, wait_status};
+}
+
+Outcome run_child(const Sweep &sweep, void (*body)(const Sweep &))
+{
+    std::fflush(nullptr);
+    const pid_t pid = fork();
+    if (pid == 0) {
+        redirect(sweep);
+        body(sweep);
+    }
+    return wait_for(pid, *sweep.record);
+}
+
+std::string describe(const Plan &plan)
+{
+    if (plan.noise != 0)
+        return "noise of seed " + std::to_string(plan.noise);
+    if (plan.nth == 0)
+        return "undisturbed";
+    std::string text = std::string(name_of(plan.call)) + " " + std::to_string(plan.nth);
+    text += plan.goes_on ? " and all behind it: " : ": ";
+    if (plan.answer == answer_short)
+        return text + "a part";
+    if (plan.answer == answer_end)
+        return text + "the end";
+    return text + (plan.call == Call::raise ? "a raise" : strerrorname_np(plan.answer));
+}
+
+// Whether `text` ends as `pattern` says.
+bool ends_as(std::string_view text, std::string_view pattern)
+{
+    while (!pattern.empty()) {
+        if (pattern.back() == '#') {
+            const std::size_t before = text.size();
+            while (!text.empty() && std::isxdigit(static_cast<unsigned char>(text.back())) != 0)
+                text.remove_suffix(1);
+            if (text.size() == before)
+                return false;
+        } else {
+            if (text.empty() || text.back() != pattern.back())
+                return false;
+            text.remove_suffix(1);
+        }
+        pattern.remove_suffix(1);
+    }
+    return true;
+}
+
+// Whether some line of `text` ends so. It need not be the last: until the process is gone its other
+// threads may write behind it.
+bool has_line_end(std::string_view text, std::string_view pattern)
+{
+    for (std::size_t end = text.find('\n'); end != text.npos; end = text.find('\n', end + 1)) {
+        if (ends_as(text.substr(0, end + 1), pattern))
+            return true;
+    }
+    return ends_as(text, pattern);
+}
+
+bool is_end(const End &end, Call call, std::string_view text)
+{
+    if (end.call != call)
+        return false;
+    if (*end.text != '\0')
+        return has_line_end(text, end.text);
+    return text.find("ASSERT") == text.npos && text.find("ABORT") == text.npos && text.find("assertion") == text.npos;
+}
+
+// Judges how the child ended in the middle of a run; adds the named end it met.
+bool is_documented(const Sweep &sweep, const Outcome &outcome, std::set<const End *> &met)
+{
+    if (outcome.fate != Fate::death || sweep.record->is_clean || !end().fired || !WIFSIGNALED(outcome.wait_status) ||
+        WTERMSIG(outcome.wait_status) != SIGABRT)
+        return false;
+    const std::string_view text = read_said(sweep.said_fd);
+    // An abort without a word is what none of the others explains.
+    const Call call = plan_at(sweep, sweep.record->cursor).call;
+    const End *found = nullptr;
+    for (const End &end : sweep.scenario->ends) {
+        if (is_end(end, call, text) && (found == nullptr || (*found->text == '\0' && *end.text != '\0')))
+            found = &end;
+    }
+    if (found != nullptr)
+        met.insert(found);
+    return found != nullptr;
+}
+
+std::string fate_text(const Sweep &sweep, const Outcome &outcome)
+{
+    const std::string text = read_said(sweep.said_fd);
+    switch (outcome.fate) {
+    case Fate::fault:
+        return sweep.record->report;
+    case Fate::hang:
+        return "it hangs; it said:\n" + text;
+    default:
+        break;
+    }
+    if (WIFSIGNALED(outcome.wait_status))
+        return "ended by signal " + std::to_string(WTERMSIG(outcome.wait_status)) + "; it said:\n" + text;
+    return "ended with status " + std::to_string(WEXITSTATUS(outcome.wait_status)) + "; it said:\n" + text;
+}
+
+void make_families(Sweep &sweep)
+{
+    for (std::size_t i = 0; i < call_kinds; ++i) {
+        const Call kind = static_cast<Call>(i);
+        const auto &spared = sweep.scenario->spared;
+        if ((kind == Call::raise) != (sweep.mode == Mode::raises) || sweep.record->seen.calls[i] == 0 ||
+            std::find(spared.begin(), spared.end(), kind) != spared.end())
+            continue;
+        for (const int answer : answers_of(kind)) {
+            sweep.families.push_back({kind, answer, false});
+            // One run per delivery check: a record cannot be left while each check raises anew.
+            if (kind != Call::raise)
+                sweep.families.push_back({kind, answer, true});
+        }
+    }
+}
+
+void report_unmet_ends(const Sweep &sweep, const std::set<const End *> &met)
+{
+    for (const End &end : sweep.scenario->ends) {
+        if (met.count(&end) == 0 && !end.is_rare && (end.call != Call::allocation || can_fail_allocations()))
+            ADD_FAILURE() << sweep.scenario->name << ": no failure of " << name_of(end.call) << " ends it with \""
+                          << end.text << '"';
+    }
+}
+
+void run_all(Sweep &sweep)
+{
+    Record &record = *sweep.record;
+    std::set<const End *> met;
+    int faults = 0;
+    for (bool goes_on = true; goes_on && faults < faults_max;) {
+        const Outcome outcome = run_child(sweep, run_from_cursor);
+        if (outcome.fate != Fate::ended) {
+            if (!is_documented(sweep, outcome, met)) {
+                ++faults;
+                ADD_FAILURE() << sweep.scenario->name << ", " << describe(plan_at(sweep, record.cursor)) << ": "
+                              << fate_text(sweep, outcome);
+            }
+            record.fired = true;
+            count(sweep, record.cursor);
+        } else if (sweep.mode != Mode::first_use) {
+            break;
+        }
+        goes_on = advance(sweep, record.cursor, record.fired);
+    }
+    if (faults == 0)
+        report_unmet_ends(sweep, met);
+    points_of_program += record.points;
+    runs_of_program += record.runs;
+}
+
+void run_sweep(const Scenario &scenario, Mode mode, unsigned seeds = 0)
+{
+    void *page = mmap(nullptr, sizeof(Record), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    ASSERT_NE(page, MAP_FAILED);
+    Sweep sweep{&scenario, mode, {}, seeds, new (page) Record, make_said_file()};
+    ASSERT_GE(sweep.said_fd, 0);
+    const Outcome outcome = run_child(sweep, mode == Mode::first_use ? run_first_use_clean : run_clean);
+    if (outcome.fate != Fate::ended) {
+        ADD_FAILURE() << scenario.name << ", undisturbed: " << fate_text(sweep, outcome);
+    } else {
+        if (mode == Mode::noise)
+            sweep.families.push_back({});
+        else
+            make_families(sweep);
+        EXPECT_TRUE(!sweep.families.empty() || !can_fail_allocations()) << scenario.name << ": nothing to disturb";
+        if (!sweep.families.empty())
+            run_all(sweep);
+    }
+    close(sweep.said_fd);
+    munmap(page, sizeof(Record));
+}
+
+} // namespace
+
+std::vector<End> ends_of_start(std::vector<End> others)
+{
+    const char *no_fault_block = " (pfm): [P#][T#]Unable to set PFM TLS #\n";
+    const char *no_area = "area != STG_AREA_NULL at 'vlthread':1670\n";
+    const char *no_block = "***ABORT***  'include/tls_impl':140\n";
+    for (const End &end : {
+             // The thread's fault block and library block.
+             End{Call::allocation, no_fault_block, true},
+             End{Call::key, no_fault_block, true},
+             End{Call::allocation, no_area, true},
+             End{Call::mutex, no_area, true},
+             End{Call::allocation, no_block, true},
+             End{Call::key, no_block, true},
+             // The entry on the state list, the signal-handler thread and what it waits on.
+             End{Call::allocation, "", true},
+             End{Call::thread, "", true},
+             End{Call::eventfd, "", true},
+             // What the fault manager cannot be without.
+             End{Call::pipe, "(pfm_setup_pipe(pfm_notify_pipe, FALSE, FALSE) == 0) failed: 'lib/ks/pfm':1859\n", true},
+             End{Call::at_exit, "(atexit(pfm_atexit_handler) == 0) failed: 'lib/ks/pfm':#\n", true},
+             End{Call::allocation,
+                 "vlthread_atfork(hold_modules, release_modules, release_modules_in_child) == 0 at "
+                 "'vlthread':#\n",
+                 true},
+             End{Call::allocation,
+                 "(vlthread_atfork(pfm_thread_fork_prepare, NULL, pfm_thread_fork_child) == 0) "
+                 "failed: 'lib/ks/pfm':#\n",
+                 true},
+         })
+        others.push_back(end);
+    return others;
+}
+
+void sweep(const Scenario &scenario)
+{
+    run_sweep(scenario, Mode::warm);
+}
+
+void sweep_first_use(const Scenario &scenario)
+{
+    run_sweep(scenario, Mode::first_use);
+}
+
+void sweep_raises(const Scenario &scenario)
+{
+    run_sweep(scenario, Mode::raises);
+}
+
+void sweep_noise(const Scenario &scenario, unsigned seeds)
+{
+    run_sweep(scenario, Mode::noise, seeds);
+}
+
+int32_t take_raise()
+{
+    const int32_t status = vlthread_pending_raise(nullptr);
+    vlthread_reset_raise(nullptr);
+    pfm_flush_notify_channel();
+    return status;
+}
+
+bool has_said(const char *text)
+{
+    return std::strstr(read_said(said_to), text) != nullptr;
+}
+
+} // namespace test::fault

@@ -1,0 +1,138 @@
+// Forks of each kind while other threads lock, allocate, print and change the environment: no child
+// is stuck, and each can do all of it.
+#include "harness/child.h"
+
+#include <korvaks/evutl.h>
+#include <korvaks/imsg.h>
+#include <korvaks/ks_product.h>
+#include <korvaks/pfm.h>
+#include <korvaks/stg.h>
+#include <korvaks/vlthread.h>
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <thread>
+#include <vector>
+
+#include <fcntl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr int worker_count = 8;
+
+// How many forks of each kind; more with KORVAKS_FORKS in the environment.
+int forks_of_each_kind()
+{
+    const char *asked = getenv("KORVAKS_FORKS");
+    return asked != nullptr ? atoi(asked) : 50;
+}
+
+char trace_threads[] = "TRACE_VLTHREAD=TRUE";
+char trace_everything[] = "TRACE_SUBSYS=*";
+char trace_level[] = "TRACE_VERBOSITY=9";
+
+std::atomic<bool> stop{false};
+vlthread_mutex_t shared_mutex = VLTHREAD_MUTEX_INITIALIZER;
+stg_area *shared_area = STG_AREA_NULL;
+
+bool use_everything(unsigned round)
+{
+    stg_area *area = stg_create_area(128);
+    const bool allocated = stg_alloc(area, 64) != nullptr && stg_alloc(shared_area, 16) != nullptr;
+    stg_delete_area(&area);
+    vlthread_mutex_lock(&shared_mutex);
+    vlthread_mutex_unlock(&shared_mutex);
+    char value[64];
+    const bool read = getenv_safe("PATH", value, sizeof value, 0) != nullptr;
+    return imsg_print(0, &_imsg_ks_msg_table, 14) == 0 && read && allocated &&
+           (round % 32 != 0 || imsg_print(4, &_ks_ks_msg_table, 23) == 0);
+}
+
+void work()
+{
+    for (unsigned round = 0; !stop; ++round) {
+        if (!use_everything(round))
+            abort();
+        if (round % 1000 == 0)
+            stg_free_area(shared_area, 1);
+    }
+}
+
+// The child's status; -1 when it had to be killed.
+int wait_for(pid_t pid)
+{
+    int status = 0;
+    for (int tries = 0; tries < 30000; ++tries) {
+        if (waitpid(pid, &status, WNOHANG) == pid)
+            return WIFEXITED(status) ? WEXITSTATUS(status) : 1000 + WTERMSIG(status);
+        usleep(tries < 100 ? 100 : 1000);
+    }
+    kill(pid, SIGKILL);
+    waitpid(pid, &status, 0);
+    return -1;
+}
+
+int fork_under_load(int kind, int forks)
+{
+    const int quiet = open("/dev/null", O_WRONLY);
+    dup2(quiet, 1);
+    dup2(quiet, 2);
+    ks_system_init();
+    shared_area = stg_create_area(4096);
+    std::vector<std::thread> workers;
+    for (int i = 0; i < worker_count; ++i)
+        workers.emplace_back(work);
+    int failed = 0;
+    for (int i = 0; i < forks && failed == 0; ++i) {
+        // The attached thread of the parent holds a counted lock and an inhibit across the fork.
+        vlthread_mutex_lock(&shared_mutex);
+        pfm_inhibit();
+        const pid_t pid = vlthread_fork(kind);
+        if (pid == 0) {
+            pfm_enable();
+            vlthread_mutex_unlock(&shared_mutex);
+            _exit(use_everything(0) && use_everything(1) ? 0 : 2);
+        }
+        pfm_enable();
+        vlthread_mutex_unlock(&shared_mutex);
+        failed = pid < 0 ? 3 : wait_for(pid);
+    }
+    stop = true;
+    for (auto &worker : workers)
+        worker.join();
+    stg_delete_area(&shared_area);
+    return failed;
+}
+
+void fork_in_each_kind(int forks, bool is_traced)
+{
+    for (const int kind : {VLTHREAD_FORK_PLAIN, VLTHREAD_FORK_EXEC, VLTHREAD_FORK_CONTINUE, VLTHREAD_FORK_CONTINUE_3}) {
+        const auto result = test::run_child(
+            [=] {
+                if (is_traced)
+                    for (char *setting : {trace_threads, trace_everything, trace_level})
+                        putenv(setting);
+                return fork_under_load(kind, forks);
+            },
+            110000);
+        EXPECT_EQ(result.exit_status, 0) << "kind " << kind;
+        EXPECT_FALSE(result.timed_out);
+    }
+}
+
+TEST(ForkLoad, NoChildOfAnyKindIsStuck)
+{
+    fork_in_each_kind(forks_of_each_kind(), false);
+}
+
+// Traces are printed under nearly every lock there is. Debug builds end on a lock out of order.
+TEST(ForkLoad, NoLockIsOutOfOrderWithEveryTraceOn)
+{
+    fork_in_each_kind(5, true);
+}
+
+} // namespace

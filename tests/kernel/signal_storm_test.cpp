@@ -1,0 +1,130 @@
+// A storm of signals on threads that lock, allocate, print and raise: no deadlock, no request to
+// stop is lost, and each reaches every thread's cleanup record once.
+#include "harness/child.h"
+
+#include <korvaks/imsg.h>
+#include <korvaks/ks_product.h>
+#include <korvaks/pfm.h>
+#include <korvaks/stg.h>
+#include <korvaks/vlthread.h>
+
+#include <gtest/gtest.h>
+
+#include <array>
+#include <atomic>
+#include <csetjmp>
+#include <csignal>
+#include <thread>
+
+#include <fcntl.h>
+#include <sched.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr int request_count = 20;
+constexpr int interrupted = 4;
+
+std::atomic<bool> stop{false};
+std::atomic<int> handled{0};
+std::atomic<std::size_t> armed{0}; // threads that have a record: without one a raise ends a thread
+vlthread_mutex_t shared_mutex = VLTHREAD_MUTEX_INITIALIZER;
+stg_area *shared_area = STG_AREA_NULL;
+
+// How often a thread's record was tripped.
+using Trips = std::atomic<int>;
+std::array<Trips, 5> all_trips; // the first is the attached thread's
+
+void work_once()
+{
+    vlthread_mutex_lock(&shared_mutex);
+    (void)stg_alloc(shared_area, 16);
+    imsg_print(0, &_imsg_ks_msg_table, 14); // under a lock no raise comes
+    vlthread_mutex_unlock(&shared_mutex);
+    imsg_print(4, &_ks_ks_msg_table, 23); // here one may
+    pfm_test_raise(nullptr);
+}
+
+// Works until the end; every raise goes to the record and the work goes on.
+void work_protected(Trips &trips)
+{
+    pfm_cleanup_rec record = {};
+    record.status = sigsetjmp(record.jump, 1);
+    if (pfm_cleanup_start(&record, 0) != 0) {
+        ++trips;
+        pfm_cleanup_reset(&record);
+    } else {
+        ++armed;
+    }
+    while (!stop)
+        work_once();
+    pfm_cleanup_rls(&record);
+}
+
+bool have_all_tripped(int times)
+{
+    for (const Trips &trips : all_trips)
+        if (trips != times)
+            return false;
+    return true;
+}
+
+// Answers each request with a "." on descriptor 2 once every thread has met it.
+void answer_requests()
+{
+    pfm_cleanup_rec record = {};
+    record.status = sigsetjmp(record.jump, 1);
+    if (const int32_t status = pfm_cleanup_start(&record, 0); status != 0) {
+        all_trips[0] += status == interrupted ? 1 : 1000;
+        pfm_cleanup_reset(&record);
+    }
+    while (armed != all_trips.size() - 1 || !have_all_tripped(all_trips[0]))
+        sched_yield();
+    (void)!write(3, ".", 1);
+    while (all_trips[0] < request_count) {
+        timeval second = {1, 0};
+        pfm_inhibit();
+        (void)pfm_select_inhibited(0, nullptr, nullptr, nullptr, &second);
+        pfm_enable();
+    }
+    pfm_cleanup_rls(&record);
+}
+
+int live_through_storm()
+{
+    dup2(STDERR_FILENO, 3); // what the answers go to
+    const int quiet = open("/dev/null", O_WRONLY);
+    dup2(quiet, STDOUT_FILENO);
+    dup2(quiet, STDERR_FILENO);
+    ks_system_init();
+    for (const int sig : {SIGUSR1, SIGUSR2, SIGALRM})
+        pfm_signal(sig, [](int) { ++handled; });
+    shared_area = stg_create_area(65536);
+    std::array<std::thread, all_trips.size() - 1> threads;
+    for (std::size_t i = 0; i < threads.size(); ++i)
+        threads[i] = std::thread(work_protected, std::ref(all_trips[i + 1]));
+    answer_requests();
+    stop = true;
+    for (std::thread &thread : threads)
+        thread.join();
+    stg_delete_area(&shared_area);
+    return have_all_tripped(request_count) && handled > 0 ? 0 : 1;
+}
+
+TEST(SignalStorm, EveryRequestReachesEveryRecordOnce)
+{
+    test::Child child(live_through_storm);
+    std::string answers;
+    for (int request = 0; request < request_count; ++request) {
+        answers += ".";
+        ASSERT_TRUE(child.wait_for_output(answers)) << "request " << request << " is not answered";
+        for (int i = 0; i < 25; ++i)
+            for (const int sig : {SIGUSR1, SIGUSR2, SIGALRM})
+                kill(child.pid(), sig);
+        kill(child.pid(), SIGINT);
+    }
+    const test::ChildResult result = child.finish();
+    EXPECT_EQ(result.exit_status, 0) << result.err;
+}
+
+} // namespace

@@ -1,0 +1,189 @@
+// Message lists: the collected text, the sizes of both buffers, tags and captured lines, and what is
+// done with a message that cannot be formatted.
+#include <korvaks/imsg.h>
+#include <korvaks/imsg_list.h>
+
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include <unistd.h>
+
+#include "harness/child.h"
+
+namespace {
+
+constexpr unsigned raw = static_cast<unsigned>(IMSG_RAW_FORMAT);
+
+TEST(ImsgList, GrowsInUnitsAndShrinksOnReset)
+{
+    imsg_list list;
+    imsg_list_create(&list);
+    EXPECT_EQ(list.one_msg_buf_size, 16384u);
+    std::string text;
+    constexpr struct {
+        size_t length;
+        uint32_t size; // behind it
+    } steps[] = {{0, 512}, {511, 512}, {1, 1024}, {511, 1024}, {600, 2048}, {1, 2048}};
+    EXPECT_EQ(imsg_list_add_str(&list, nullptr), 0);
+    for (const auto &step : steps) {
+        const std::string piece(step.length, static_cast<char>('a' + text.size() % 26));
+        EXPECT_EQ(imsg_list_add_str(&list, piece.c_str()), 0);
+        text += piece;
+        EXPECT_EQ(list.list_buf_size, step.size) << text.size();
+        EXPECT_EQ(list.used, text.size());
+        EXPECT_EQ(imsg_list_get_buf(&list, nullptr), text);
+    }
+    EXPECT_EQ(imsg_list_add_str(&list, list.list_buf + 1000), 0); // its own text, through a move
+    EXPECT_EQ(imsg_list_get_buf(&list, nullptr), text + text.substr(1000));
+    imsg_list_reset(&list);
+    char *fetched = nullptr;
+    EXPECT_STREQ(imsg_list_get_buf(&list, &fetched), "");
+    EXPECT_EQ(fetched, list.list_buf);
+    EXPECT_EQ(list.list_buf_size, 512u);
+    EXPECT_EQ(imsg_list_add_str(&list, "again"), 0);
+    EXPECT_STREQ(list.list_buf, "again");
+    imsg_list_destroy(&list);
+    EXPECT_TRUE(list.list_buf == nullptr && list.one_msg_buf == nullptr && list.list_buf_size == 0 && list.used == 0);
+    imsg_list_destroy(&list);
+    imsg_list_destroy(nullptr);
+}
+
+TEST(ImsgList, AddsMessagesWhole)
+{
+    const auto result = test::run_child([] {
+        imsg_list list;
+        imsg_list_create(&list, 0);
+        std::string expected;
+        for (const size_t length : {size_t{0}, size_t{5}, size_t{16383}, size_t{16384}, size_t{20000}, size_t{20000}}) {
+            const std::string text(length, 'm');
+            const char *buffer = list.one_msg_buf;
+            const bool fits = length + 1 < list.one_msg_buf_size; // the text, its "7" and a NUL
+            EXPECT_EQ(imsg_list_add_msg(&list, "%s%d", raw, text.c_str(), 7), 0);
+            expected += text + "7";
+            EXPECT_EQ(imsg_list_get_buf(&list, nullptr), expected);
+            EXPECT_EQ(list.one_msg_buf == buffer, fits) << length;
+        }
+        EXPECT_EQ(list.one_msg_buf_size, 20002u);
+        EXPECT_EQ(imsg_list_add_msg(&list, &_ks_ks_msg_table, 2, "open", "no"), 0);
+        EXPECT_EQ(imsg_list_get_buf(&list, nullptr), expected + "Operation open: no\n");
+        imsg_list_destroy(&list);
+        return testing::Test::HasFailure() ? 1 : 0;
+    });
+    EXPECT_EQ(result.exit_status, 0) << result.out;
+}
+
+TEST(ImsgList, PrintsAndWritesItsText)
+{
+    const auto result = test::run_child([] {
+        imsg_set_app_name("tool");
+        imsg_list list;
+        imsg_list_create(&list);
+        (void)imsg_list_add_str(&list, "100%s\n");
+        (void)imsg_list_add_str(&list, "two\n");
+        int failures = imsg_list_print(&list, 6) + imsg_list_fprint(&list, stdout);
+        if (imsg_list_fprint(&list, nullptr) != -1)
+            ++failures;
+        imsg_list_destroy(&list);
+        return failures;
+    });
+    EXPECT_EQ(result.exit_status, 0);
+    EXPECT_EQ(result.err, "tool: Error: 100%s\ntwo\n");
+    EXPECT_EQ(result.out, "100%s\ntwo\n");
+}
+
+TEST(ImsgList, TagsByItsMode)
+{
+    constexpr struct {
+        int mode;
+        int kept;
+        bool tagged; // with tagging off, and on
+        bool tagged_when_enabled;
+    } rows[] = {
+        {1, 1, false, false}, {2, 2, false, true}, {3, 3, true, true}, {0, 2, false, true}, {9, 2, false, true}};
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.mode);
+        const auto result = test::run_child([&row] {
+            imsg_list list;
+            imsg_list_create_taggable(row.mode, &list);
+            EXPECT_EQ(list.tag_mode, row.kept);
+            const std::string text(20000, 'x'); // formatted twice
+            for (const bool enabled : {false, true}) {
+                imsg_list_reset(&list);
+                if (enabled)
+                    imsg_ate_enable_tagging();
+                (void)imsg_list_add_msg(&list, &_ks_ks_msg_table, 2, text.c_str(), "end");
+                const bool tagged = std::strstr(list.list_buf, "TAG_ID:ks!!2!!") != nullptr;
+                EXPECT_EQ(tagged, enabled ? row.tagged_when_enabled : row.tagged);
+                EXPECT_EQ(std::strlen(list.list_buf), list.used);
+                EXPECT_GT(list.used, 20000u);
+            }
+            imsg_list_destroy(&list);
+            return testing::Test::HasFailure() ? 1 : 0;
+        });
+        EXPECT_EQ(result.exit_status, 0) << result.out;
+    }
+}
+
+TEST(ImsgList, IsCapturedOncePerMessage)
+{
+    const test::TempDir directory;
+    const std::string log = directory.file("capture");
+    const auto result = test::run_child([&log] {
+        setenv("VELLUM_IMSG_CAPTURE_LOG", log.c_str(), 1);
+        imsg_list list;
+        imsg_list_create(&list);
+        (void)imsg_list_add_msg(&list, &_ks_ks_msg_table, 2, std::string(20000, 'x').c_str(), "end");
+        (void)imsg_list_add_str(&list, "no message");
+        imsg_list_destroy(&list);
+        printf("%d", getpid());
+        return 0;
+    });
+    const std::string lines = test::read_file(log + "." + result.out);
+    const std::string line = "ks_lib : ks : ";
+    EXPECT_NE(lines.find(line), std::string::npos) << lines;
+    EXPECT_EQ(lines.find(line), lines.rfind(line)) << lines;
+}
+
+// A format that the C library refuses (a wide character that the locale lacks), and a number that the
+// table does not have.
+TEST(ImsgList, GoesOnBehindBadMessages)
+{
+    const auto result = test::run_child([] {
+        imsg_suppress_prefix(1);
+        imsg_set_trace_subsys("ks/imsg");
+        imsg_set_trace_verbosity(1);
+        imsg_list list;
+        imsg_list_create(&list);
+        (void)imsg_list_add_msg(&list, "an older text", raw);
+        EXPECT_EQ(imsg_list_add_msg(&list, "begin %ls", raw, L"\x4E00"), -1);
+        const std::string text = list.list_buf;
+        EXPECT_TRUE(text == "an older text" || text == "an older textbegin ") << text;
+        EXPECT_EQ(imsg_list_add_msg(&list, &_ks_ks_msg_table, 60000), -1);
+        EXPECT_EQ(text, list.list_buf);
+        imsg_list_destroy(&list);
+        return testing::Test::HasFailure() ? 1 : 0;
+    });
+    EXPECT_EQ(result.exit_status, 0) << result.out;
+    const std::string report = "error writing message to `one_msg_buf'. (sz: 16384).\n";
+    EXPECT_EQ(result.err.find(report), 0u) << result.err;
+    EXPECT_NE(result.err.rfind(report), 0u) << result.err;
+}
+
+TEST(ImsgList, RefusesListsThatAreNone)
+{
+    const auto result = test::run_child([] {
+        imsg_list list;
+        imsg_list_create(&list);
+        imsg_list_destroy(&list);
+        return imsg_list_add_msg(&list, "x", raw);
+    });
+    EXPECT_EQ(result.signal, SIGABRT);
+    EXPECT_NE(result.err.find("(imsg_list_p->list_buf != NULL) failed: 'lib/ks/imsg'"), std::string::npos);
+}
+
+} // namespace

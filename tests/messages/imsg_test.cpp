@@ -1,0 +1,416 @@
+// Printing: heads, streams, length, threads, procedures in the place of streams, raises.
+#include "harness/child.h"
+#include "harness/match.h"
+
+#include <korvaks/imsg.h>
+#include <korvaks/pfm.h>
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <map>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace {
+
+const char *const texts[] = {"plain\n", "%s\n", "%s=%d\n", "%.*s|%5.1f|%ld\n"};
+const uint16_t numbers[] = {1, 2, 3, 4};
+const msg_table table = {"imsg_test", "test/imsg", 77, 4, texts, numbers};
+
+using Environment = std::map<std::string, std::string>;
+
+test::ChildResult run_with(const Environment &environment, const std::function<int()> &body)
+{
+    return test::run_child([&] {
+        for (const auto &[name, value] : environment)
+            setenv(name.c_str(), value.c_str(), 1);
+        return body();
+    });
+}
+
+TEST(ImsgPrint, HeadAndStreamFollowTheKind)
+{
+    struct Case {
+        int kind;
+        bool to_stdout;
+        const char *plain, *with_subsystem, *with_ok;
+    };
+    const Case cases[] = {
+        {0, true, "", "", "prog/test/imsg: Ok: "},
+        {1, true, "", "", ""},
+        {2, true, "", "", "prog/test/imsg: "},
+        {3, true, "", "", ""},
+        {4, false, "prog: Warning: ", "prog/test/imsg: Warning: ", "prog/test/imsg: Warning: "},
+        {5, false, "", "", ""},
+        {6, false, "prog: Error: ", "prog/test/imsg: Error: ", "prog/test/imsg: Error: "},
+        {7, false, "", "", ""},
+        {9, false, "", "", ""},
+        {10, false, "", "", ""},
+    };
+    const std::pair<Environment, const char * Case::*> settings[] = {
+        {{}, &Case::plain},
+        {{{"PRINT_SUBSYS", "1"}}, &Case::with_subsystem},
+        {{{"PRINT_SUBSYS_OK", "1"}}, &Case::with_ok},
+    };
+    for (const auto &[environment, head] : settings) {
+        for (const Case &c : cases) {
+            SCOPED_TRACE(c.kind);
+            const auto result = run_with(environment, [&] {
+                imsg_set_app_name("/usr/bin/prog");
+                return imsg_print(c.kind, &table, 1, "text");
+            });
+            EXPECT_EQ(result.exit_status, 0);
+            EXPECT_EQ(c.to_stdout ? result.out : result.err, std::string(c.*head) + "text\n");
+            EXPECT_EQ(c.to_stdout ? result.err : result.out, "");
+        }
+    }
+}
+
+TEST(ImsgPrint, TraceHeadShowsTheTimeOfDay)
+{
+    const auto result = test::run_child([] {
+        imsg_print(8, &table, 0);
+        imsg_output_subsys(1);
+        imsg_print(8, &table, 0);
+        return 0;
+    });
+    const std::string time = ">>> [0-9]{2}:[0-9]{2}:[0-9]{2}\\.[0-9]{3} ";
+    EXPECT_TRUE(test::matches(result.err, time + "\\(noname\\): plain\n" + time + "\\(noname/test/imsg\\): plain\n"))
+        << result.err;
+}
+
+TEST(ImsgPrint, SubsystemAndPrefixSwitchesReturnWhatWas)
+{
+    const auto result = test::run_child([] {
+        const int before[] = {imsg_output_subsys(7), imsg_output_subsys(1), imsg_suppress_prefix(1)};
+        imsg_print(6, &table, 0);
+        const int after[] = {imsg_suppress_prefix(0), imsg_output_subsys(0)};
+        imsg_print(6, &table, 0);
+        return before[0] * 16 + before[1] * 8 + before[2] * 4 + after[0] * 2 + after[1];
+    });
+    EXPECT_EQ(result.exit_status, 8 + 2 + 1);
+    EXPECT_EQ(result.err, "plain\nnoname: Error: plain\n");
+}
+
+TEST(ImsgPrint, SharedFormTakesASubsystemOrARawFormat)
+{
+    const auto result = run_with({{"PRINT_SUBSYS", "yes"}}, [] {
+        imsg_print_shared(6, "other", &table, 0);
+        imsg_print_shared(6, nullptr, &table, 0);
+        imsg_print_shared(6, "", &table, 0);
+        imsg_print_shared(6, "other", "raw %d\n", static_cast<unsigned>(-1), 5);
+        return 0;
+    });
+    EXPECT_EQ(result.err, "noname/other: Error: plain\nnoname/test/imsg: Error: plain\nnoname: Error: plain\n"
+                          "noname: Error: raw 5\n");
+}
+
+TEST(ImsgPrint, WrongTablesNumbersAndKindsAreReported)
+{
+    const auto result = test::run_child([] {
+        const int bad_table = imsg_print(0, nullptr, 3);
+        const int bad_number = imsg_print(0, &table, 4, 1);
+        const int null_raw = imsg_print(0, nullptr, static_cast<unsigned>(-1));
+        const int low_kind = imsg_print(-1, &table, 0);
+        const int high_kind = imsg_print(11, &table, 0);
+        return bad_table == -1 && bad_number == -1 && null_raw == -1 && low_kind == 0 && high_kind == 0 ? 0 : 1;
+    });
+    EXPECT_EQ(result.exit_status, 0);
+    EXPECT_EQ(result.out, "");
+    const std::string unknown = "in file lib/ks/imsg at line [0-9]+\nSystem message: plain\n";
+    const std::string expected("noname: Error: IMSG Internal error \\(print_sharedv\\) - tbl 0, num 3\\.\n"
+                               "noname: Error: IMSG Internal error \\(vsprintf\\) - tbl [0-9]+, num 4\\.\n"
+                               "noname: Error: IMSG Internal error \\(vsprintf/NOMSG\\) - NULL Message\\.\n"
+                               "noname: Error: Unknown message type -1 " +
+                               unknown + "noname: Error: Unknown message type 11 " + unknown);
+    EXPECT_TRUE(test::matches(result.err, expected)) << result.err;
+}
+
+TEST(ImsgPrint, LongMessagesAndHeadsArePrintedWhole)
+{
+    // Around the first buffer's 16384 bytes, with the head "noname: Error: " of 15.
+    for (const size_t length : {16366U, 16367U, 16368U, 16369U, 16384U, 100000U}) {
+        SCOPED_TRACE(length);
+        const std::string text(length, 'x');
+        const auto result = test::run_child([&] {
+            imsg_print(6, &table, 1, text.c_str());
+            return imsg_print(6, &table, 0);
+        });
+        EXPECT_EQ(result.err, "noname: Error: " + text + "\nnoname: Error: plain\n");
+    }
+    const std::string name(20000, 'n');
+    const auto result = test::run_child([&] {
+        imsg_set_app_name(name.c_str());
+        return imsg_print(6, &table, 1, "text");
+    });
+    EXPECT_EQ(result.err, name + ": Error: text\n");
+}
+
+TEST(ImsgPrint, OneMessageIsOneWrite)
+{
+    const auto result = test::run_child([] {
+        for (const int fd : {1, 2}) {
+            int ends[2];
+            if (socketpair(AF_UNIX, SOCK_SEQPACKET, 0, ends) != 0)
+                return 1;
+            const int saved = dup(fd);
+            dup2(ends[1], fd);
+            imsg_print(fd == 1 ? 0 : 6, &table, 2, "name", 1);
+            imsg_print(fd == 1 ? 1 : 7, &table, 0);
+            dup2(saved, fd);
+            char packet[256];
+            const char *const expected[] = {fd == 1 ? "name=1\n" : "noname: Error: name=1\n", "plain\n"};
+            for (const char *text : expected) {
+                const ssize_t got = read(ends[0], packet, sizeof packet);
+                if (got < 0 || std::string(packet, static_cast<size_t>(got)) != text)
+                    return 2;
+            }
+            close(ends[0]);
+            close(ends[1]);
+        }
+        return 0;
+    });
+    EXPECT_EQ(result.exit_status, 0);
+}
+
+TEST(ImsgPrint, MessagesOfThreadsDoNotMix)
+{
+    constexpr int thread_count = 4;
+    constexpr int per_thread = 300;
+    const auto result = test::run_child([] {
+        std::vector<std::thread> threads;
+        for (int i = 0; i < thread_count; ++i) {
+            threads.emplace_back([i] {
+                const std::string text(static_cast<size_t>(700 + i), static_cast<char>('a' + i));
+                for (int n = 0; n < per_thread; ++n)
+                    imsg_print(6, &table, 1, text.c_str());
+            });
+        }
+        for (std::thread &thread : threads)
+            thread.join();
+        return 0;
+    });
+    std::map<std::string, int> lines;
+    std::istringstream err(result.err);
+    for (std::string line; std::getline(err, line);)
+        ++lines[line];
+    ASSERT_EQ(lines.size(), static_cast<size_t>(thread_count));
+    for (int i = 0; i < thread_count; ++i)
+        EXPECT_EQ(lines["noname: Error: " + std::string(static_cast<size_t>(700 + i), static_cast<char>('a' + i))],
+                  per_thread);
+}
+
+TEST(ImsgPrint, KeepsErrnoAndLetsTheFormatSeeIt)
+{
+    const auto result = test::run_child([] {
+        errno = ENOENT;
+        imsg_print_shared(0, nullptr, "%m\n", static_cast<unsigned>(-1));
+        const bool is_kept = errno == ENOENT;
+        close(1); // nowhere to write
+        errno = EDOM;
+        const bool is_refused = imsg_print(0, &table, 0) == -1;
+        return is_kept && is_refused && errno == EDOM ? 0 : 1;
+    });
+    EXPECT_EQ(result.exit_status, 0);
+    EXPECT_EQ(result.out, std::string(strerror(ENOENT)) + "\n");
+}
+
+TEST(ImsgPrint, TakesAPendingRaiseBeforeAnythingIsPrinted)
+{
+    const auto result = test::run_child([] {
+        pfm_init();
+        pfm_notify_vl_thread(PFM_RAISE_INTERRUPT);
+        imsg_print(0, &table, 0);
+        return 0;
+    });
+    EXPECT_EQ(result.exit_status, PFM_RAISE_INTERRUPT);
+    EXPECT_EQ(result.out, "");
+}
+
+// --- Procedures ---
+
+struct Taken {
+    std::string text;
+    int calls = 0;
+};
+
+void take(void *info, const char *text)
+{
+    auto *taken = static_cast<Taken *>(info);
+    taken->text += text;
+    ++taken->calls;
+}
+
+TEST(ImsgRedirect, EachKindHasASlotAndOutputFallsBackToOk)
+{
+    const auto result = test::run_child([] {
+        Taken taken;
+        imsg_redirect_procs procs{};
+        procs.proc[0] = take;
+        procs.proc[1] = take;
+        procs.proc[4] = take;
+        procs.proc[6] = IMSG_PROC_SUPPRESS;
+        procs.proc[8] = imsg_default_output;
+        imsg_set_redirect_procs(&procs, &taken);
+        for (const int kind : {0, 1, 2, 3, 4, 5, 6, 7})
+            imsg_print_shared(kind, nullptr, "%d\n", static_cast<unsigned>(-1), kind);
+        imsg_redirect_procs read{};
+        void *info = nullptr;
+        imsg_get_redirect_procs(&read, &info);
+        if (taken.text != "0\n1\n2\n3\nnoname: Warning: 4\n" || std::memcmp(&read, &procs, sizeof read) != 0 ||
+            info != &taken || imsg_in_gui() != 1)
+            return 1;
+        procs.proc[2] = IMSG_PROC_SUPPRESS;
+        imsg_set_redirect_procs(&procs, &taken);
+        imsg_print(2, &table, 0); // its own slot now
+        imsg_set_redirect_procs(nullptr, nullptr);
+        imsg_print(6, &table, 0);
+        return taken.calls == 5 && imsg_in_gui() == 0 ? 0 : 2;
+    });
+    EXPECT_EQ(result.exit_status, 0);
+    EXPECT_EQ(result.out, "");
+    EXPECT_EQ(result.err, "5\n7\nnoname: Error: plain\n");
+}
+
+TEST(ImsgRedirect, TwoChannelFormAndWindow)
+{
+    const auto result = test::run_child([] {
+        Taken out;
+        Taken err;
+        imsg_redirect_output(take, &out, take, &err);
+        for (int kind = 0; kind <= 10; ++kind)
+            imsg_print_shared(kind, nullptr, ".", static_cast<unsigned>(-1));
+        imsg_print(12, &table, 0); // reported, then an error itself
+        imsg_output_proc out_proc = nullptr;
+        void *err_info = nullptr;
+        imsg_get_redirect_info(&out_proc, nullptr, nullptr, &err_info);
+        if (out.calls != 4 || err.calls != 7 + 2 || out_proc != take || err_info != &err)
+            return 1;
+        const imsg_window window{take, &out};
+        imsg_use_window(&window);
+        imsg_print(6, &table, 0);
+        imsg_use_window(nullptr);
+        imsg_print(6, &table, 0);
+        return out.calls == 5 ? 0 : 2;
+    });
+    EXPECT_EQ(result.exit_status, 0);
+    EXPECT_EQ(result.err, "noname: Error: plain\n");
+}
+
+TEST(ImsgRedirect, DuplicatesToTheStreamWhenAsked)
+{
+    const std::pair<const char *, const char *> cases[] = {{"1", "plain\nplain\n"}, {"0", ""}, {"x", ""}};
+    for (const auto &[value, expected] : cases) {
+        SCOPED_TRACE(value);
+        const auto result = run_with({{"IMSG_DUP_OUTPUT", value}}, [] {
+            Taken taken;
+            imsg_redirect_output(take, &taken, IMSG_PROC_SUPPRESS, nullptr);
+            imsg_print(0, &table, 0);
+            imsg_print(1, &table, 0);
+            return taken.calls;
+        });
+        EXPECT_EQ(result.exit_status, 2);
+        EXPECT_EQ(result.out, expected);
+    }
+}
+
+void print_and_take(void *info, const char *text)
+{
+    auto *taken = static_cast<Taken *>(info);
+    if (taken->calls++ == 0)
+        imsg_print(4, &table, 1, "from the procedure"); // must not disturb `text`
+    taken->text += text;
+}
+
+TEST(ImsgRedirect, AProcedureMayPrint)
+{
+    const auto result = test::run_child([] {
+        Taken taken;
+        imsg_redirect_procs procs{};
+        procs.proc[0] = print_and_take;
+        imsg_set_redirect_procs(&procs, &taken);
+        const std::string text(5000, 'z');
+        imsg_print(0, &table, 1, text.c_str());
+        imsg_print(0, &table, 1, "short");
+        return taken.text == text + "\nshort\n" ? 0 : 1;
+    });
+    EXPECT_EQ(result.exit_status, 0);
+    EXPECT_EQ(result.err, "noname: Warning: from the procedure\n");
+}
+
+void raise_away(void *, const char *)
+{
+    pfm_raise(9);
+}
+
+// A raise that leaves the procedure goes on to the caller's record, and the next message is printed.
+TEST(ImsgRedirect, AProcedureMayRaise)
+{
+    const auto result = test::run_child([] {
+        static const std::string text(3000, 'r');
+        static volatile int caught = 0;
+        imsg_redirect_output(raise_away, nullptr, nullptr, nullptr);
+        for (static int pass = 0; pass < 3; ++pass) {
+            pfm_cleanup_rec record = {};
+            record.status = sigsetjmp(record.jump, 1);
+            if (pfm_cleanup_start(&record, 0) == 9) {
+                caught = caught + 1;
+                pfm_enable();
+                continue;
+            }
+            imsg_print(0, &table, 1, pass == 0 ? "short" : text.c_str());
+            return 1;
+        }
+        imsg_print(6, &table, 0);
+        return caught == 3 ? 0 : 2;
+    });
+    EXPECT_EQ(result.exit_status, 0);
+    EXPECT_EQ(result.err, "noname: Error: plain\n");
+}
+
+// --- Names and the clock ---
+
+TEST(ImsgAppName, IsWhatFollowsTheLastSlash)
+{
+    const auto result = test::run_child([] {
+        if (std::string(imsg_get_app_name()) != "noname")
+            return 1;
+        const std::pair<const char *, const char *> cases[] = {
+            {"/usr/bin/veltool", "veltool"}, {"veltool", "veltool"}, {"dir/", ""}, {nullptr, "noname"}};
+        for (const auto &[argv0, expected] : cases) {
+            imsg_set_app_name(argv0);
+            if (std::string(imsg_get_app_name()) != expected)
+                return 2;
+        }
+        imsg_set_app_name("first");
+        const char *own = imsg_get_app_name();
+        std::thread([] { imsg_set_app_name("second"); }).join();
+        return std::string(own) == "first" ? 0 : 3; // a copy of the thread's own
+    });
+    EXPECT_EQ(result.exit_status, 0);
+}
+
+TEST(ImsgClock, CallsTheProcedureWithItsArgument)
+{
+    const auto result = test::run_child([] {
+        int calls = 0;
+        imsg_clock();
+        imsg_set_clock_callback([](void *arg) { ++*static_cast<int *>(arg); }, &calls);
+        imsg_clock();
+        imsg_clock();
+        imsg_set_clock_callback(nullptr, nullptr);
+        imsg_clock();
+        return calls;
+    });
+    EXPECT_EQ(result.exit_status, 2);
+}
+
+} // namespace

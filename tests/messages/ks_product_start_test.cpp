@@ -1,0 +1,120 @@
+// The start of the library, each time in a process of its own.
+#include <korvaks/ks_product.h>
+
+#include <korvaks/pfm.h>
+#include <korvaks/sysutl.h>
+#include <korvaks/tls_impl.h>
+#include <korvaks/vlthread.h>
+
+#include <atomic>
+#include <clocale>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+#include <pthread.h>
+#include <sys/stat.h>
+
+#include "harness/child.h"
+
+namespace {
+
+TEST(KsSystemInit, StartsOnceAndAttachesTheCaller)
+{
+    const auto result = test::run_child([] {
+        umask(0051);
+        if (ks_system_init() != 1 || !vlthread_equal(vlthread_attached_tid(), vlthread_self()))
+            return 1;
+        umask(0);
+        if (pfm_proc() != PFM_PROCESS_ORDINARY || sysutl_get_umask() != 0051)
+            return 2;
+        if (ks_system_init() != 0 || !vlthread_equal(vlthread_attached_tid(), vlthread_self()))
+            return 3;
+        // Inside the critical section it only passes through.
+        vlthread_enter_critical_section();
+        if (ks_system_init() != 0 || pfm_inhibit_count() != 1)
+            return 4;
+        vlthread_leave_critical_section();
+        return 0;
+    });
+    EXPECT_EQ(result.exit_status, 0) << result.err;
+}
+
+TEST(KsSystemInit, AnotherThreadTakesTheAttachmentOver)
+{
+    const auto result = test::run_child([] {
+        if (ks_system_init() != 1)
+            return 1;
+        int wrong = 0;
+        std::thread other(
+            [&wrong] { wrong = ks_system_init() != 0 || !vlthread_equal(vlthread_attached_tid(), vlthread_self()); });
+        other.join();
+        return wrong;
+    });
+    EXPECT_EQ(result.exit_status, 0) << result.err;
+}
+
+// However starts meet, none fails and exactly one is the first.
+TEST(KsSystemInit, ConcurrentStarts)
+{
+    constexpr unsigned thread_count = 8;
+    constexpr int rounds = 40;
+    for (int round = 0; round < rounds; ++round) {
+        const auto result = test::run_child([] {
+            pthread_barrier_t barrier;
+            pthread_barrier_init(&barrier, nullptr, thread_count);
+            std::atomic<uint32_t> first{0};
+            std::vector<std::thread> threads;
+            for (unsigned i = 0; i < thread_count; ++i)
+                threads.emplace_back([&] {
+                    pthread_barrier_wait(&barrier);
+                    for (int call = 0; call < 50; ++call)
+                        first += ks_system_init();
+                });
+            for (auto &thread : threads)
+                thread.join();
+            return static_cast<int>(first);
+        });
+        ASSERT_EQ(result.exit_status, 1) << "signal " << result.signal << ": " << result.err;
+    }
+}
+
+TEST(KsSystemInit, UsersLocaleUnlessTheProgramChoseOne)
+{
+    const std::pair<const char *, const char *> cases[] = {{nullptr, "C.UTF-8"}, {"POSIX", "C.UTF-8"}};
+    for (const auto &[chosen, expected] : cases) {
+        const auto result = test::run_child([chosen = chosen] {
+            setenv("LC_ALL", "C.UTF-8", 1);
+            if (chosen != nullptr)
+                setlocale(LC_ALL, chosen);
+            ks_system_init();
+            puts(setlocale(LC_ALL, nullptr));
+            return 0;
+        });
+        EXPECT_EQ(result.out, std::string(expected) + "\n");
+    }
+    const auto kept = test::run_child([] {
+        setenv("LC_ALL", "C", 1);
+        setlocale(LC_ALL, "C.UTF-8");
+        ks_system_init();
+        puts(setlocale(LC_ALL, nullptr));
+        return 0;
+    });
+    EXPECT_EQ(kept.out, "C.UTF-8\n");
+}
+
+TEST(KsInitialized, OnceAnyThreadHasItsBlock)
+{
+    const auto result = test::run_child([] {
+        if (ks_initialized() != 0)
+            return 1;
+        std::thread([] { (void)ks_tls_get(); }).join();
+        return ks_initialized() != 0 ? 0 : 2;
+    });
+    EXPECT_EQ(result.exit_status, 0) << result.err;
+}
+
+} // namespace

@@ -1,0 +1,288 @@
+#include <korvaks/ks_product.h>
+
+#include <korvaks/evutl.h>
+#include <korvaks/imsg.h>
+#include <korvaks/pfm.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <string>
+
+#include <gtest/gtest.h>
+#include <sys/auxv.h>
+#include <unistd.h>
+
+#include "harness/child.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr int refused = 77; // the machine does not let a child do what the test needs
+
+void set_or_unset(const char *name, const char *value)
+{
+    if (value != nullptr)
+        setenv(name, value, 1);
+    else
+        unsetenv(name);
+}
+
+// exit() would run the test program's own handlers in the child.
+void leave_at_once(int status)
+{
+    fflush(nullptr);
+    _exit(status);
+}
+
+struct ProductCase {
+    const char *vellumhome; // NULL: unset
+    const char *korvahome;
+    std::string directory;
+};
+
+TEST(KsProductDir, FirstVariableThatIsSetEvenToNothing)
+{
+    const std::string large(KS_PATH_SIZE + 100, 'l');
+    const ProductCase cases[] = {{"/v", "/k", "/v"},
+                                 {nullptr, "/k", "/k"},
+                                 {"", "/k", ""},
+                                 {nullptr, nullptr, "/opt/vellum"},
+                                 {large.c_str(), nullptr, large.substr(0, KS_PATH_SIZE - 1)}};
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.directory);
+        const auto result = test::run_child([&c] {
+            set_or_unset("VELLUMHOME", c.vellumhome);
+            set_or_unset("KORVAHOME", c.korvahome);
+            char path[KS_PATH_SIZE];
+            puts(ks_product_dir(path, nullptr));
+            set_or_unset("VELLUMHOME", "/later");
+            puts(ks_product_dir(path, nullptr));
+            return 0;
+        });
+        EXPECT_EQ(result.out, c.directory + "\n" + c.directory + "\n");
+    }
+}
+
+TEST(KsProductDir, PathsBelowIt)
+{
+    const auto result = test::run_child([] {
+        setenv("VELLUMHOME", "/p", 1);
+        char path[KS_PATH_SIZE];
+        puts(ks_product_dir(path, "sub"));
+        puts(ks_product_dir(path, ""));
+        puts(ks_product_tool_dir(path, "x"));
+        puts(ks_product_tool_dir(path, nullptr));
+        puts(ks_product_tool_dir_quoted(path, "x y"));
+        // A path of exactly the buffer's size is whole, the next one is cut.
+        for (const size_t length : {KS_PATH_SIZE - 4u, KS_PATH_SIZE - 3u}) {
+            const std::string sub(length, 's');
+            char bounded[KS_PATH_SIZE + 1];
+            bounded[KS_PATH_SIZE] = '#';
+            printf("%zu%c\n", strlen(ks_product_dir(bounded, sub.c_str())), bounded[KS_PATH_SIZE]);
+        }
+        return path[0] == '"' ? 0 : 1;
+    });
+    EXPECT_EQ(result.exit_status, 0);
+    EXPECT_EQ(result.out, "/p/sub\n/p/\n/p/bin/x\n/p/bin\n\"/p/bin/x y\"\n1023#\n1023#\n");
+}
+
+TEST(KsProductDir, TrustsTheEnvironmentUnlessPrivileged)
+{
+    const bool is_privileged = getauxval(AT_SECURE) != 0;
+    const auto result = test::run_child([] {
+        setenv("VELLUMHOME", "/from/environment", 1);
+        char path[KS_PATH_SIZE];
+        const char *secure = getenv_safe("VELLUMHOME", path, sizeof path, EVUTL_GETENV_SECURE);
+        puts(secure != nullptr ? secure : "(unset)");
+        puts(getenv_safe("VELLUMHOME", path, sizeof path, 0));
+        puts(ks_product_dir(path, nullptr));
+        return 0;
+    });
+    EXPECT_EQ(result.out, is_privileged ? "(unset)\n/from/environment\n/opt/vellum\n"
+                                        : "/from/environment\n/from/environment\n/from/environment\n");
+    printf("privileged: %d\n", is_privileged);
+}
+
+// The test above in a process that is.
+TEST(KsProductDir, SetUserIdProcessIsPrivileged)
+{
+    if (geteuid() != 0)
+        GTEST_SKIP() << "only root can make a program set-user-ID to another user";
+    const test::TempDir dir;
+    const std::string program = dir.file("program");
+    constexpr uid_t nobody = 65534;
+    fs::permissions(dir.path(), fs::perms(0755));
+    fs::copy_file("/proc/self/exe", program);
+    ASSERT_EQ(chown(program.c_str(), nobody, nobody), 0);
+    fs::permissions(program, fs::perms(04755));
+    const auto result = test::run_child([&program] {
+        execl(program.c_str(), "program", "--gtest_filter=*TrustsTheEnvironmentUnlessPrivileged", nullptr);
+        return refused;
+    });
+    // Its status is that of the leak checker, where there is one: it cannot trace such a process.
+    for (const char *line : {"privileged: 1\n", "[  PASSED  ] 1 test."})
+        EXPECT_NE(result.out.find(line), std::string::npos) << result.out << result.err;
+}
+
+// Runs `body` with a new root in which the given directories exist.
+test::ChildResult run_in_root(const test::TempDir &root, const std::vector<std::string> &directories,
+                              const std::function<int()> &body)
+{
+    for (const auto &directory : directories)
+        fs::create_directories(root.path() + directory);
+    return test::run_child([&] {
+        if (chroot(root.path().c_str()) != 0 || chdir("/") != 0)
+            return refused;
+        setenv("VELM_HOSTDATA_DIR", "/other", 1);
+        (void)pfm_set_exit(leave_at_once);
+        return body();
+    });
+}
+
+TEST(KsHostdataDir, FirstThatExistsAndIsKept)
+{
+    const std::pair<std::vector<std::string>, std::string> cases[] = {
+        {{"/var/adm/vellum", "/var/adm/korva", "/other"}, "/var/adm/vellum"},
+        {{"/var/adm/korva", "/other"}, "/var/adm/korva"},
+        {{"/other"}, "/other"},
+    };
+    for (const auto &[directories, expected] : cases) {
+        SCOPED_TRACE(expected);
+        const test::TempDir root;
+        const auto result = run_in_root(root, directories, [] {
+            char path[KS_PATH_SIZE];
+            puts(ks_hostdata_dir(path, nullptr, nullptr));
+            setenv("VELM_HOSTDATA_DIR", "/gone", 1);
+            fs::remove_all("/var");
+            puts(ks_hostdata_dir(path, "a", nullptr));
+            puts(ks_hostdata_dir(path, nullptr, "b"));
+            puts(ks_hostdata_dir(path, "a", "b"));
+            puts(ks_host_config_dir(path, "a"));
+            puts(ks_host_config_dir(path, nullptr));
+            return 0;
+        });
+        if (result.exit_status == refused)
+            GTEST_SKIP() << "chroot is not permitted here";
+        EXPECT_EQ(result.out, expected + "\n" + expected + "/a\n" + expected + "/b\n" + expected + "/a/b\n" + expected +
+                                  "/config/a\n" + expected + "/config\n");
+    }
+}
+
+TEST(KsHostdataDir, WithoutAnyTheProcessEnds)
+{
+    const test::TempDir root;
+    const auto result = run_in_root(root, {}, [] {
+        char path[KS_PATH_SIZE];
+        puts(ks_hostdata_dir(path, nullptr, nullptr));
+        return 0;
+    });
+    if (result.exit_status == refused)
+        GTEST_SKIP() << "chroot is not permitted here";
+    EXPECT_EQ(result.exit_status, 2);
+    EXPECT_EQ(result.out, "");
+    const auto first = result.err.find("This product is not installed correctly.");
+    const auto second = result.err.find("Can't find host data directory, tried: \"/var/adm/vellum\".\n");
+    const auto third = result.err.find("Can't find host data directory, tried: \"/var/adm/korva\".\n");
+    EXPECT_LT(first, second) << result.err;
+    EXPECT_LT(second, third) << result.err;
+    EXPECT_NE(third, std::string::npos) << result.err;
+    EXPECT_EQ(result.err.find("will exit"), std::string::npos);
+}
+
+extern "C" void show_on_output(void *, const char *text)
+{
+    fputs(text, stdout);
+}
+
+// A front end is told that the program ends; where the exit returns, the path is empty.
+TEST(KsHostdataDir, AFrontEndIsTold)
+{
+    const test::TempDir root;
+    const auto result = run_in_root(root, {}, [] {
+        imsg_redirect_output(show_on_output, nullptr, show_on_output, nullptr);
+        (void)pfm_set_exit([](int status) { printf("exit %d\n", status); });
+        char path[KS_PATH_SIZE] = "unchanged";
+        printf("\"%s\"\n", ks_host_config_dir(path, "a"));
+        return 0;
+    });
+    if (result.exit_status == refused)
+        GTEST_SKIP() << "chroot is not permitted here";
+    const std::string end = "The application will exit ... exit 2\n\"\"\n";
+    EXPECT_TRUE(result.out.size() > end.size() && result.out.ends_with(end)) << result.out;
+}
+
+struct SwitchCase {
+    const char *velm; // NULL: unset
+    const char *korva;
+    int on;
+    int no_bold;
+};
+
+TEST(KsSwitch, FirstVariableUnlessEmptyAndAnyValueButANumberOfZero)
+{
+    const struct {
+        int (*query)(void);
+        std::string name;
+    } switches[] = {{ks_force_gui, "FORCE_GUI"},
+                    {ks_web_gui, "WEB_GUI"},
+                    {ks_cte_dynamic, "CTE_DYNAMIC"},
+                    {ks_web_velprompt, "WEB_VELPROMPT"},
+                    {ks_no_bold, "NO_BOLD"}};
+    const SwitchCase cases[] = {{nullptr, nullptr, 0, 0},
+                                {"0", "1", 0, 0},
+                                {"", "yes", 1, 1},
+                                {"", "0", 0, 0},
+                                {nullptr, "", 0, 1},
+                                {"", "", 0, 1},
+                                {"no", nullptr, 1, 1},
+                                {"000", "1", 0, 0},
+                                {"0x1", nullptr, 0, 0},
+                                {"00012", "0", 1, 1},
+                                {"-0", nullptr, 1, 1},
+                                {" 0", nullptr, 1, 1},
+                                {"99999999999999999999999", nullptr, 1, 1}};
+    for (const auto &s : switches) {
+        for (const auto &c : cases) {
+            SCOPED_TRACE(s.name + ": " + (c.velm ? c.velm : "(unset)") + ", " + (c.korva ? c.korva : "(unset)"));
+            const auto result = test::run_child([&] {
+                set_or_unset(("VELM_" + s.name).c_str(), c.velm);
+                set_or_unset(("KORVA_" + s.name).c_str(), c.korva);
+                return s.query();
+            });
+            EXPECT_EQ(result.exit_status, s.query == ks_no_bold ? c.no_bold : c.on);
+        }
+    }
+}
+
+TEST(KsSwitch, SettersReachTheEnvironmentAndNotTheAnswerGiven)
+{
+    const struct {
+        int (*query)(void);
+        int (*set)(int);
+        std::string name;
+    } switches[] = {{ks_force_gui, ks_set_force_gui, "FORCE_GUI"},
+                    {ks_web_gui, ks_set_web_gui, "WEB_GUI"},
+                    {ks_cte_dynamic, ks_set_cte_dynamic, "CTE_DYNAMIC"},
+                    {ks_web_velprompt, ks_set_web_velprompt, "WEB_VELPROMPT"}};
+    for (const auto &s : switches) {
+        SCOPED_TRACE(s.name);
+        const auto both_are = [&s](const char *value) {
+            const char *velm = getenv(("VELM_" + s.name).c_str());
+            const char *korva = getenv(("KORVA_" + s.name).c_str());
+            return velm != nullptr && korva != nullptr && strcmp(velm, value) == 0 && strcmp(korva, value) == 0;
+        };
+        const auto answered = test::run_child([&] {
+            if (s.query() != 0 || s.set(1) != 0 || !both_are("1") || s.query() != 0)
+                return 1;
+            return s.set(0) == 0 && both_are("") ? 0 : 2;
+        });
+        EXPECT_EQ(answered.exit_status, 0);
+        const auto unanswered = test::run_child([&] { return s.set(0) == 0 && s.set(7) == 0 ? s.query() : 2; });
+        EXPECT_EQ(unanswered.exit_status, 1);
+    }
+}
+
+} // namespace

@@ -1,0 +1,436 @@
+// The block compressor against a slow model of its format, and against hostile blocks.
+#include <korvaks/compress.h>
+#include <korvaks/imsg.h>
+#include <korvaks/pfm.h>
+#include <korvaks/stg.h>
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <deque>
+#include <map>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "harness/child.h"
+
+namespace {
+
+using Bytes = std::vector<unsigned char>;
+
+// The compressor as its description reads, with nodes on real chains and bits in a text.
+class Model {
+  public:
+    explicit Model(const Bytes &data) : data_(data)
+    {
+        std::size_t p = 0;
+        while (data.size() - p >= 3)
+            p += token(p);
+        for (; p < data.size(); ++p)
+            literal(data[p]);
+    }
+
+    Bytes block() const
+    {
+        Bytes out = {1};
+        for (int shift = 24; shift >= 0; shift -= 8)
+            out.push_back(static_cast<unsigned char>(data_.size() >> shift));
+        std::string bits = bits_ + "0000000";
+        for (std::size_t at = 0; at + 8 <= bits.size(); at += 8)
+            out.push_back(static_cast<unsigned char>(std::stoi(bits.substr(at, 8), nullptr, 2)));
+        return out;
+    }
+
+  private:
+    struct Node {
+        std::size_t position;
+        Node *next;
+    };
+
+    std::size_t token(std::size_t p)
+    {
+        const unsigned b0 = data_[p];
+        const unsigned hash = (data_[p + 2] * 64 + data_[p + 1] * 8 + b0) * b0 % 8091;
+        Node *&head = heads_[hash];
+        const std::size_t longest = std::min<std::size_t>(34, data_.size() - p);
+        std::size_t best = 0;
+        std::size_t distance = 0;
+        int looked_at = 0;
+        for (Node *node = head; node != nullptr && looked_at < 11 && p - node->position <= 4096; node = node->next) {
+            ++looked_at;
+            std::size_t length = 0;
+            while (length < longest && data_[node->position + length] == data_[p + length])
+                ++length;
+            if (length > best) {
+                best = length;
+                distance = p - node->position;
+            }
+            if (best == longest)
+                break;
+        }
+        if (head != nullptr && p - head->position > 4096) {
+            head->position = p;
+        } else {
+            nodes_.push_back({p, head});
+            head = &nodes_.back();
+        }
+        if (best < 3) {
+            literal(data_[p]);
+            return 1;
+        }
+        bits_ += "10";
+        number(distance - 1, 12);
+        number(best - 3, 5);
+        return best;
+    }
+
+    void literal(unsigned char byte)
+    {
+        if (byte >= 0x80)
+            bits_ += '1';
+        number(byte, 8);
+    }
+
+    void number(std::size_t value, int count)
+    {
+        while (count-- > 0)
+            bits_ += (value >> count & 1) != 0 ? '1' : '0';
+    }
+
+    const Bytes &data_;
+    std::map<unsigned, Node *> heads_;
+    std::deque<Node> nodes_;
+    std::string bits_;
+};
+
+// The decoder in the same manner; false for a block that is cut short or copies from nowhere.
+bool model_decode(const Bytes &block, Bytes &out)
+{
+    out.clear();
+    if (block.size() < 5 || block[0] != 1)
+        return false;
+    const std::size_t length =
+        std::size_t{block[1]} << 24 | std::size_t{block[2]} << 16 | std::size_t{block[3]} << 8 | block[4];
+    std::size_t at = 40;
+    auto bit = [&] { return at / 8 < block.size() ? block[at / 8] >> (7 - at % 8) & 1u : 0u; };
+    auto bits = [&](int count) {
+        unsigned value = 0;
+        for (; count > 0; --count, ++at)
+            value = value << 1 | bit();
+        return value;
+    };
+    while (out.size() < length) {
+        const unsigned first = bits(1);
+        if (first == 0) {
+            out.push_back(static_cast<unsigned char>(bits(7)));
+        } else if (bit() == 1) {
+            out.push_back(static_cast<unsigned char>(bits(8)));
+        } else {
+            (void)bits(1);
+            const std::size_t distance = bits(12) + 1;
+            const std::size_t count = bits(5) + 3;
+            if (distance > out.size() || count > length - out.size())
+                return false;
+            for (std::size_t i = 0; i < count; ++i)
+                out.push_back(out[out.size() - distance]);
+        }
+        if (at > 8 * block.size())
+            return false;
+    }
+    return true;
+}
+
+Bytes compress(const Bytes &data)
+{
+    std::size_t size = 0;
+    // A copy of exactly the right size, so that a read beyond the data is noticed.
+    unsigned char *block = compress_compress(data.size(), data.empty() ? nullptr : data.data(), &size);
+    Bytes result(block, block + size);
+    stg_free(block);
+    return result;
+}
+
+// What a block gives; false when it is refused.
+bool uncompress(const Bytes &block, Bytes &out)
+{
+    std::size_t size = 99;
+    unsigned char *data = compress_uncompress(block.size(), block.data(), &size);
+    if (data == nullptr) {
+        EXPECT_EQ(size, 0u);
+        return false;
+    }
+    out.assign(data, data + size);
+    stg_free(data);
+    return true;
+}
+
+void expect_same_as_model(const Bytes &data)
+{
+    const Bytes block = compress(data);
+    ASSERT_EQ(block, Model(data).block());
+    Bytes restored;
+    ASSERT_TRUE(uncompress(block, restored));
+    ASSERT_EQ(restored, data);
+}
+
+Bytes random_bytes(std::size_t size, unsigned first, unsigned values, unsigned seed)
+{
+    std::minstd_rand random(seed);
+    Bytes data(size);
+    for (unsigned char &byte : data)
+        byte = static_cast<unsigned char>(first + random() % values);
+    return data;
+}
+
+Bytes operator+(Bytes a, const Bytes &b)
+{
+    a.insert(a.end(), b.begin(), b.end());
+    return a;
+}
+
+// Words of a small language, with some bytes above 0x80.
+Bytes text_like(std::size_t size, unsigned seed)
+{
+    std::minstd_rand random(seed);
+    std::vector<Bytes> words(300);
+    for (Bytes &word : words)
+        word = random_bytes(2 + random() % 9, 'a', 26, static_cast<unsigned>(random())) +
+               (random() % 9 == 0 ? Bytes{0xC3, 0xA9, ' '} : Bytes{' '});
+    Bytes text;
+    while (text.size() < size)
+        text = std::move(text) + words[random() % words.size() * (random() % 3 + 1) / 3];
+    text.resize(size);
+    return text;
+}
+
+TEST(Compress, BlocksHaveTheFixedBytes)
+{
+    struct Case {
+        Bytes data;
+        Bytes block;
+    };
+    const Case cases[] = {
+        {{}, {1, 0, 0, 0, 0}},
+        {{'A'}, {1, 0, 0, 0, 1, 'A'}},
+        {{'A', 'z'}, {1, 0, 0, 0, 2, 'A', 'z'}},
+        {{0x80}, {1, 0, 0, 0, 1, 0xC0, 0x00}},
+        {{0xFF, 0x7F}, {1, 0, 0, 0, 2, 0xFF, 0xBF, 0x80}},
+        // a, then 34 bytes at distance 1, 34 and 31 bytes at distance 34:
+        // 01100001 10 000000000000 11111 10 000000100001 11111 10 000000100001 11100
+        {Bytes(100, 'a'), {1, 0, 0, 0, 100, 0x61, 0x80, 0x03, 0xF0, 0x10, 0xFE, 0x02, 0x1E, 0x00}},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.data.size());
+        Bytes restored;
+        EXPECT_EQ(compress(c.data), c.block);
+        EXPECT_TRUE(uncompress(c.block, restored));
+        EXPECT_EQ(restored, c.data);
+    }
+}
+
+TEST(Compress, AgreesWithTheModelOnShortData)
+{
+    for (std::size_t size = 0; size <= 110; ++size) {
+        SCOPED_TRACE(size);
+        expect_same_as_model(Bytes(size, 0));
+        expect_same_as_model(Bytes(size, 0xFE));
+        for (unsigned seed = 0; seed < 8; ++seed) {
+            expect_same_as_model(random_bytes(size, 'a', 2, seed));
+            expect_same_as_model(random_bytes(size, 0x7E, 4, seed));
+            expect_same_as_model(random_bytes(size, 0, 256, seed));
+        }
+    }
+}
+
+// Everything with three kinds of bytes up to length 7: hashes that agree for different bytes,
+// and the hash of a zero byte, are among them.
+TEST(Compress, AgreesWithTheModelOnAllSmallWords)
+{
+    const unsigned char letters[] = {0, 8, 0x80};
+    for (unsigned length = 3, words = 27; length <= 7; ++length, words *= 3) {
+        for (unsigned code = 0; code < words; ++code) {
+            Bytes data;
+            for (unsigned i = 0, rest = code; i < length; ++i, rest /= 3)
+                data.push_back(letters[rest % 3]);
+            expect_same_as_model(data + data + data);
+        }
+    }
+}
+
+// The window ends at 4096, heads and chains of positions beyond it are stepped over, and positions
+// grow past 16 bits.
+TEST(Compress, AgreesWithTheModelAcrossTheWindow)
+{
+    const Bytes mark = {'M', 'a', 'r', 'k', 'e', 'r', 0x81, 'x'};
+    for (std::size_t gap = 4080; gap <= 4100; ++gap) {
+        SCOPED_TRACE(gap);
+        expect_same_as_model(mark + random_bytes(gap, 0, 256, 1) + mark + random_bytes(gap, 0, 256, 2) + mark);
+        // The same hash again just before: the chain's first node is near, its second beyond.
+        expect_same_as_model(mark + random_bytes(gap - 5, 0, 256, 1) + Bytes{'M', 'a', 'r', '-', '-'} + mark);
+    }
+    for (const std::size_t size : {4095u, 4096u, 4097u, 65500u, 70000u, 200000u, 400000u}) {
+        SCOPED_TRACE(size);
+        expect_same_as_model(text_like(size, 3));
+        expect_same_as_model(random_bytes(size, 'a', 3, 4));
+        expect_same_as_model(random_bytes(size, 0, 256, 5));
+        expect_same_as_model(random_bytes(4000, 0, 256, 6) + Bytes(size, 'r') + random_bytes(4000, 0, 256, 6));
+    }
+}
+
+// A better match stands behind 10, 11 and 12 nearer nodes of the same chain; the eleventh is the
+// last that is looked at.
+TEST(Compress, LooksAtElevenNodes)
+{
+    for (int nearer = 8; nearer <= 13; ++nearer) {
+        SCOPED_TRACE(nearer);
+        Bytes data = {'a', 'b', 'c', 'L', 'O', 'N', 'G'};
+        for (int i = 0; i < nearer; ++i)
+            data = std::move(data) +
+                   Bytes{'a', 'b', 'c', static_cast<unsigned char>(0x90 + i), static_cast<unsigned char>(i)};
+        data = std::move(data) + Bytes{'a', 'b', 'c', 'L', 'O', 'N', 'G'};
+        expect_same_as_model(data);
+        // Found, the last token is one match, of the same size as that for the first 3 bytes alone.
+        const std::size_t size_of_short = compress(Bytes(data.begin(), data.end() - 4)).size();
+        EXPECT_EQ(compress(data).size() == size_of_short, nearer <= 10);
+    }
+}
+
+// Blocks that no compressor writes but the format allows: every distance with every length.
+TEST(Compress, DecodesEveryMatch)
+{
+    const Bytes prefix = random_bytes(4096, 0, 128, 7);
+    for (unsigned d = 0; d < 4096; d += d < 40 ? 1 : 507) {
+        for (unsigned l = 0; l < 32; ++l) {
+            Bytes block = {1, 0, 0, 0x10, 0};
+            block = std::move(block) + prefix;
+            std::uint64_t bits = 0;
+            for (int i = 0; i < 3; ++i)
+                bits = bits << 19 | 2u << 17 | d << 5 | l;
+            bits <<= 7;
+            for (int shift = 56; shift >= 0; shift -= 8)
+                block.push_back(static_cast<unsigned char>(bits >> shift));
+            const std::size_t length = 4096 + 3 * (l + 3) + 100;
+            block[3] = static_cast<unsigned char>(length >> 8);
+            block[4] = static_cast<unsigned char>(length);
+            block = std::move(block) + Bytes(110, 'z');
+            Bytes expected;
+            Bytes restored;
+            ASSERT_TRUE(model_decode(block, expected));
+            ASSERT_TRUE(uncompress(block, restored));
+            ASSERT_EQ(restored, expected) << "distance " << d + 1 << " length " << l + 3;
+        }
+    }
+}
+
+// Hostile blocks give what the model gives, or are refused where it refuses them.
+TEST(Compress, DamageIsRefusedOrGivesTheDeclaredLength)
+{
+    const test::ChildResult result = test::run_child([] {
+        for (const Bytes &data : {text_like(700, 1), random_bytes(500, 0, 256, 2), Bytes(3000, 9)}) {
+            const Bytes block = compress(data);
+            Bytes restored;
+            for (std::size_t size = 0; size < block.size(); ++size) {
+                if (uncompress(Bytes(block.begin(), block.begin() + static_cast<std::ptrdiff_t>(size)), restored))
+                    return 1;
+            }
+            if (!uncompress(block + Bytes{1, 2, 3}, restored) || restored != data)
+                return 2;
+            std::minstd_rand random(3);
+            for (int round = 0; round < 4000; ++round) {
+                Bytes damaged = block;
+                for (auto flips = 1 + random() % 3; flips > 0; --flips)
+                    damaged[2 + random() % (block.size() - 2)] ^= static_cast<unsigned char>(1u << random() % 8);
+                Bytes expected;
+                const bool is_good = model_decode(damaged, expected);
+                if (uncompress(damaged, restored) != is_good || (is_good && restored != expected))
+                    return 3;
+            }
+        }
+        return 0;
+    });
+    EXPECT_EQ(result.exit_status, 0);
+    EXPECT_EQ(result.signal, 0);
+}
+
+TEST(Compress, RefusedBlocksAreReported)
+{
+    const Bytes blocks[] = {
+        {},
+        {1, 0, 0, 0},
+        {2, 0, 0, 0, 1, 'A'},
+        {0, 0, 0, 0, 0},
+        {1, 0, 0, 0, 1},                   // no token
+        {1, 0, 0, 0, 1, 0xC0},             // a literal of 9 bits in 8
+        {1, 0, 0, 0, 3, 0x80, 0x00, 0x00}, // a match with nothing in front of it
+        {1, 0, 0, 0, 3, 'A', 0x80, 0, 0},  // a match beyond the declared length
+        {1, 0xFF, 0xFF, 0xFF, 0xFF, 'A'},  // 4 GiB from one byte
+    };
+    for (const Bytes &block : blocks) {
+        SCOPED_TRACE(testing::PrintToString(block));
+        const test::ChildResult result = test::run_child([&] {
+            std::size_t size = 99;
+            const bool is_refused = compress_uncompress(block.size(), block.data(), &size) == nullptr && size == 0;
+            return is_refused ? 0 : 1;
+        });
+        EXPECT_EQ(result.exit_status, 0);
+        EXPECT_NE(result.err.find("Bad format number for \"compressed data\"\n"), std::string::npos) << result.err;
+    }
+}
+
+// Storage traces, taken by a procedure that asks for a raise at one of them.
+struct TraceWatch {
+    int raise_at;
+    int traces = 0;
+    int areas = 0;
+};
+
+void watch_trace(void *info, const char *text)
+{
+    auto &watch = *static_cast<TraceWatch *>(info);
+    const std::string trace = text;
+    watch.areas += trace.find("created area") != std::string::npos;
+    watch.areas -= trace.find("deleting area") != std::string::npos;
+    if (++watch.traces == watch.raise_at)
+        pfm_notify_vl_thread(PFM_RAISE_INTERRUPT);
+}
+
+// The status of the raise that ended a compression, or 0.
+int compress_under_watch(TraceWatch &watch)
+{
+    pfm_cleanup_rec rec{};
+    rec.status = sigsetjmp(rec.jump, 1);
+    const int32_t status = pfm_cleanup_start(&rec, 0);
+    if (status == 0) {
+        imsg_redirect_output(nullptr, nullptr, watch_trace, &watch);
+        (void)compress({'a', 'b', 'c', 'd'});
+        pfm_test_raise(nullptr); // one that came after the last check
+    }
+    imsg_redirect_output(nullptr, nullptr, nullptr, nullptr);
+    if (status != 0)
+        pfm_cleanup_reset(&rec);
+    pfm_cleanup_rls(&rec);
+    return status;
+}
+
+TEST(Compress, RaiseAtAnyPointLeavesNoArea)
+{
+    const test::ChildResult result = test::run_child([] {
+        pfm_init();
+        imsg_set_trace_subsys("ks/stg");
+        imsg_set_trace_verbosity(5);
+        int raises = 0;
+        for (TraceWatch watch{1};; watch = TraceWatch{watch.raise_at + 1}) {
+            const int status = compress_under_watch(watch);
+            if (watch.areas != 0)
+                return 1;
+            raises += status == PFM_RAISE_INTERRUPT;
+            if (watch.traces < watch.raise_at)
+                return raises > 5 ? 0 : 2;
+        }
+    });
+    EXPECT_EQ(result.exit_status, 0) << result.err;
+}
+
+} // namespace

@@ -1,0 +1,257 @@
+// The report language: what a directive hands over, tabulation, escapes, errors with their place, and
+// the two kinds of buffers with every size against the text in full.
+#include <korvaks/imsg.h>
+#include <korvaks/stg.h>
+#include <korvaks/strfmt.h>
+
+#include <gtest/gtest.h>
+
+#include <climits>
+#include <cstdio>
+#include <cstring>
+#include <string>
+
+#include "harness/child.h"
+#include "harness/locale.h"
+
+namespace {
+
+// Renders "x" as all that is handed over, "s" as the text in the width, "c" as "(text)" cut as
+// snprintf() cuts, and rejects "r".
+int render(void *client, char *out, size_t space, const strfmt_directive *directive)
+{
+    ++*static_cast<int *>(client);
+    int length = 0;
+    const char *text = directive->text;
+    switch (directive->conversion) {
+    case 'x':
+        length = snprintf(out, space, "<%d|%d|%s|%s|%s>", directive->width, directive->precision, text,
+                          directive->argument, directive->modifiers);
+        break;
+    case 's':
+        length = snprintf(out, space, "%*s", directive->width == STRFMT_NONE ? 0 : directive->width, text);
+        break;
+    case 'c':
+        return snprintf(out, space, "(%s)", text) < 0 ? 1 : 0;
+    default:
+        (void)snprintf(out, space, "half a value");
+        return -1;
+    }
+    return static_cast<size_t>(length) >= space ? STRFMT_FULL : 0;
+}
+
+struct Outcome {
+    std::string text;
+    int result = 0;
+    int calls = 0;
+};
+
+Outcome format(const std::string &control, size_t size = 4000)
+{
+    Outcome outcome;
+    std::string buffer(size + 8, '#');
+    outcome.result = strfmt_gsprintf(buffer.data(), size, "xscr", control.c_str(), &outcome.calls, render);
+    outcome.text = buffer.c_str();
+    EXPECT_EQ(buffer.substr(size), "########") << control;
+    return outcome;
+}
+
+Outcome format_growing(const std::string &control, size_t size)
+{
+    Outcome outcome;
+    char *buffer = size == 0 ? nullptr : static_cast<char *>(stg_malloc(size));
+    outcome.result = strfmt_gsprintf_fmt(&buffer, size, "xscr", control.c_str(), &outcome.calls, render);
+    outcome.text = buffer;
+    stg_free(buffer);
+    return outcome;
+}
+
+std::string blanks(size_t count)
+{
+    return std::string(count, ' ');
+}
+
+TEST(Strfmt, HandsOverDirectives)
+{
+    const std::string none = std::to_string(STRFMT_NONE);
+    const std::string longest(STRFMT_BRACKET_MAX, 'b');
+    const struct {
+        std::string control;
+        std::string text;
+    } rows[] = {
+        {"", ""},
+        {"%%%x%%", "%<" + none + "|" + none + "|||>%"},
+        {"%-10[name]x", "<-10|" + none + "|name||>"},
+        {"%5.2x %.x %-.-x %-x",
+         "<5|2|||> <" + none + "|" + none + "|||> <" + none + "|" + none + "|||> <" + none + "|" + none + "|||>"},
+        {"%05.-3lq#x", "<5|-3|||lq#>"},
+        {"%2147483647.-2147483647x", "<" + none + "|" + none + "|||>"},
+        {"%-2147483646x", "<-2147483646|" + none + "|||>"},
+        {"%[a:b:c]x", "<" + none + "|" + none + "|a|b:c|>"},
+        {"%[a [b] c:]l[]x", "<" + none + "|" + none + "|||l>"},
+        {"%[a [b] %x]qx", "<" + none + "|" + none + "|a [b] %x||q>"},
+        {"%[" + longest + ":" + longest + "]x", "<" + none + "|" + none + "|" + longest + "|" + longest + "|>"},
+        {"a\\tb\\n\\r\\101\\1011\\7\\q\\\\\\%x\\8", "a\tb\n\rAA1\aq\\%x8"},
+        {"end\\", "end\\"},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.control);
+        const Outcome outcome = format(row.control);
+        EXPECT_EQ(outcome.text, row.text);
+        EXPECT_EQ(outcome.result, 0);
+        EXPECT_EQ(format_growing(row.control, 0).text, row.text);
+    }
+    EXPECT_EQ(format("a\\0b").text, "a"); // a NUL ends what a C caller sees
+    EXPECT_EQ(format("%x%s%[y]c").calls, 3);
+}
+
+TEST(Strfmt, Tabulates)
+{
+    const std::string x29(29, 'x');
+    const std::string x40(40, 'x');
+    const struct {
+        std::string control;
+        std::string text;
+    } rows[] = {
+        {x29 + "%[30]t|", x29 + "|"},
+        {x29 + "%S[30]t|", x29 + " |"},
+        {x29 + "%T[30]t|", x29 + "\t|"},
+        {x29 + "%N[30]t|", x29 + "\n" + blanks(29) + "|"},
+        {"12345%[10]t|", "12345" + blanks(4) + "|"},
+        {"12345%N[10]t|", "12345" + blanks(4) + "|"},
+        {x40 + "%N[10]t|", x40 + "\n" + blanks(9) + "|"},
+        {x40 + "%[10]t|", x40 + "|"},
+        {x40 + "%NTS[10]t%NT[10]t|", x40 + " \t|"},
+        {"\t%[10]t|", "\t " + blanks(0) + "|"},
+        {"long line\n\tx%[12]t|", "long line\n\tx" + blanks(2) + "|"},
+        {"%[value]s%[8]t|", "value" + blanks(2) + "|"},
+        {"%[0]t%N[0]t|", "\n|"},
+        {"%[1]t%N[1]t|", "\n|"},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.control);
+        EXPECT_EQ(format(row.control).text, row.text);
+        EXPECT_EQ(format_growing(row.control, 1).text, row.text);
+    }
+    for (const char *reserved : {"t", "xt"}) { // built in, whatever the caller's letters are
+        char out[8];
+        EXPECT_EQ(strfmt_gsprintf(out, sizeof out, reserved, "%[3]t|", nullptr, nullptr), 0);
+        EXPECT_STREQ(out, "  |");
+    }
+}
+
+// `character` has two bytes; what is cut holds no part of one.
+int check_characters(const std::string &character)
+{
+    imsg_suppress_prefix(1);
+    EXPECT_EQ(format(character + "\\" + character + "%[" + character + "]c").text,
+              character + character + "(" + character + ")");
+    EXPECT_EQ(format("%" + character + "x").text,
+              "<" + std::to_string(STRFMT_NONE) + "|" + std::to_string(STRFMT_NONE) + "|||" + character + ">");
+    EXPECT_EQ(format(character + character, 4).text, character);
+    return testing::Test::HasFailure() ? 1 : 0;
+}
+
+TEST(Strfmt, StepsByCharacters)
+{
+    const auto utf8 = test::run_child([] {
+        const test::ScopedLocale locale("C.UTF-8");
+        return check_characters("\xC3\xA4");
+    });
+    EXPECT_EQ(utf8.exit_status, 0) << utf8.out;
+    const auto shift_jis = test::run_child([] {
+        const test::CompiledLocale locale("ja_JP", "SHIFT_JIS");
+        // The second byte is a backslash, or a bracket.
+        return locale.is_there() ? check_characters("\x83\x5C") + check_characters("\x83\x5B") : 0;
+    });
+    EXPECT_EQ(shift_jis.exit_status, 0) << shift_jis.out;
+}
+
+// Every size of a fixed buffer holds the beginning of the whole text and says that it is too small;
+// a growing one of any size at first holds all of it.
+TEST(Strfmt, CutsOrGrows)
+{
+    const auto result = test::run_child([] {
+        imsg_suppress_prefix(1);
+        const std::string control = "text %12[value]s%[30]t\\n%3.4[a:b]mx%N[4]t%[cut]c%[20]t.";
+        const Outcome whole = format(control);
+        EXPECT_EQ(whole.result, 0);
+        for (size_t size = 1; size <= whole.text.size() + 1; ++size) {
+            SCOPED_TRACE(size);
+            const Outcome cut = format(control, size);
+            EXPECT_EQ(cut.text.compare(0, size, whole.text, 0, cut.text.size()), 0);
+            EXPECT_EQ(cut.result, size <= whole.text.size() ? 1 : 0);
+            const Outcome grown = format_growing(control, size);
+            EXPECT_EQ(grown.text, whole.text);
+            EXPECT_EQ(grown.result, 0);
+        }
+        return testing::Test::HasFailure() ? 1 : 0;
+    });
+    EXPECT_EQ(result.exit_status, 0) << result.out;
+    EXPECT_EQ(result.err.find("Supplied buffer too small.\nSupplied buffer too small.\n"), 0u);
+    EXPECT_EQ(strfmt_gsprintf(nullptr, 10, "x", "%x", nullptr, render), 0);
+    char byte = 'b';
+    EXPECT_EQ(strfmt_gsprintf(&byte, 0, "x", "%x", nullptr, render), 0);
+    EXPECT_EQ(byte, 'b');
+    EXPECT_EQ(strfmt_gsprintf(&byte, 1, nullptr, nullptr, nullptr, nullptr), 0);
+    EXPECT_EQ(byte, '\0');
+    EXPECT_EQ(strfmt_gsprintf_fmt(nullptr, 1, "x", "%x", nullptr, render), 0);
+}
+
+TEST(Strfmt, GrowsPastLongValues)
+{
+    std::string control = "%[v]c";
+    for (int i = 0; i < 10; ++i)
+        control += "%20000s%[40000]t\\n"; // blanks of the procedure's, then of the tab
+    const Outcome outcome = format_growing(control, 3);
+    EXPECT_EQ(outcome.result, 0);
+    EXPECT_EQ(outcome.text.size(), 3u + 20000 + (39999 - 20003) + 1 + 9 * 40000);
+}
+
+TEST(Strfmt, ReportsTheBadPlace)
+{
+    const std::string too_long(STRFMT_BRACKET_MAX + 1, 'b');
+    const struct {
+        std::string control;
+        std::string text; // before it
+        std::string rest; // from it on
+    } rows[] = {
+        {"a%5 d", "a", " d"},
+        {"%", "", "%"},
+        {"ab%-5.2ll", "ab", "%-5.2ll"},
+        {"%5[abx", "", "[abx"},
+        {"%[a[b]x", "", "[a[b]x"},
+        {"%[" + too_long + "]x", "", "[" + too_long + "]x"},
+        {"%[:" + too_long + "]x", "", "[:" + too_long + "]x"},
+        {"%" + too_long + "x", "", "bx"},
+        {"%2147483648x", "", "8x"},
+        {"%1.99999999999x", "", "9x"},
+        {"<%[a]r>", "<", "%[a]r>"},
+        {"%t", "", "%t"},
+        {"%[]t", "", "%[]t"},
+        {"%[3a]t", "", "%[3a]t"},
+        {"%[3:4]t", "", "%[3:4]t"},
+        {"%[-3]t", "", "%[-3]t"},
+        {"%[99999999999]t", "", "%[99999999999]t"},
+        {"x\\400y", "x", "\\400y"},
+        {"%\tx", "", "\tx"},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.control);
+        const auto result = test::run_child([&row] {
+            imsg_suppress_prefix(1);
+            const Outcome outcome = format(row.control);
+            fputs(outcome.text.c_str(), stdout);
+            return outcome.result;
+        });
+        EXPECT_EQ(result.exit_status, 1);
+        EXPECT_EQ(result.out, row.text);
+        const std::string &at = row.rest;
+        const std::string tail = at + "\".\n";
+        ASSERT_GE(result.err.size(), tail.size());
+        EXPECT_EQ(result.err.find("Bad format in control string at or near \""), 0u);
+        EXPECT_EQ(result.err.substr(result.err.size() - tail.size()), tail);
+    }
+}
+
+} // namespace

@@ -1,0 +1,324 @@
+// Expansion of words into names of files.
+#include <korvaks/stg.h>
+#include <korvaks/wild.h>
+
+#include "harness/child.h"
+#include "harness/wild_model.h"
+
+#include <algorithm>
+#include <filesystem>
+#include <random>
+#include <set>
+
+#include <gtest/gtest.h>
+#include <fcntl.h>
+#include <pthread.h>
+#include <pwd.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+namespace fs = std::filesystem;
+using Paths = std::vector<std::string>;
+
+// The list, or the result code as text.
+std::string glob(const std::string &words, const std::string &dir, const char *root = nullptr, int split = 1)
+{
+    char *list = const_cast<char *>("untouched");
+    const int result = wild_glob_ext(words.c_str(), dir.c_str(), root, split, &list);
+    if (result != 0) {
+        EXPECT_EQ(list, nullptr);
+        return std::to_string(result);
+    }
+    std::string text = list;
+    stg_free(list);
+    return text;
+}
+
+// Files are names of one file, which is quicker than files of their own; a directory ends in '/'.
+void make(const test::TempDir &dir, const Paths &paths)
+{
+    constexpr std::size_t links_max = 30000;
+    std::string parent;
+    std::string file;
+    for (std::size_t i = 0; i < paths.size(); ++i) {
+        const std::string path = dir.file(paths[i]);
+        const std::string above = path.substr(0, path.rfind('/') + 1);
+        if (std::exchange(parent, above) != above)
+            fs::create_directories(above);
+        if (path.ends_with('/'))
+            continue;
+        if (i % links_max == 0)
+            test::write_file(file = path, "");
+        else
+            ASSERT_EQ(link(file.c_str(), path.c_str()), 0) << path;
+    }
+}
+
+TEST(WildGlob, CutsWords)
+{
+    const struct {
+        const char *words;
+        const char *expected;
+        int split = 1;
+    } rows[] = {
+        {"", ""},
+        {" \t\n", ""},
+        {" \t one\ttwo\n three ", "one two three"},
+        {" a b ", "a b ", 0},
+        {"\"a b\" 'c\td' e", "\"a b\" 'c\td' e"},
+        {R"(a\ b c)", R"(a\ b c)"},
+        {R"("a\" b" c)", R"("a\" b" c)"},
+        {R"('it\\' c)", R"('it\\' c)"},
+        {"'*' \"[\" x\\*", "'*' \"[\" x\\*"},
+        {"a\"b c\"", "a\"b c\""},
+        {"'open to the end", "'open to the end"},
+        {"no [such", "-1"},
+        {"*.none", "-6"},
+        {"missing/file", "missing/file"},
+        {"missing/*", "-5"},
+        {"... x", "@ x"},
+    };
+    const test::TempDir dir;
+    for (const auto &row : rows) {
+        std::string expected = row.expected;
+        if (expected[0] == '@')
+            expected.replace(0, 1, dir.path());
+        EXPECT_EQ(glob(row.words, dir.path(), nullptr, row.split), expected) << row.words;
+    }
+}
+
+TEST(WildGlob, HomeDirectories)
+{
+    passwd *self = getpwuid(getuid());
+    ASSERT_NE(self, nullptr);
+    const std::string home = self->pw_dir;
+    EXPECT_EQ(glob("~ ~/x/y a~", "."), home + " " + home + "/x/y a~");
+    EXPECT_EQ(glob(std::string("~") + self->pw_name, "."), home);
+    EXPECT_EQ(glob("~no-such-user/x", "."), "-4");
+    EXPECT_EQ(glob("~" + std::string(255, 'u'), "."), "-4");
+    EXPECT_EQ(glob("~" + std::string(256, 'u') + "/x", "."), "-3");
+}
+
+TEST(WildGlob, FindsFiles)
+{
+    const test::TempDir dir;
+    make(dir, {"b.c", "a.c", ".hid.c", "d/x.c", "d/e/x.c", ".h/x.c", "sp ace/q\"t.c", "d*r/y.c", "x\xFF.c"});
+    fs::create_directory_symlink("..", dir.file("d/up"));
+    fs::create_symlink("nowhere", dir.file("dangling"));
+    ASSERT_EQ(chdir(dir.path().c_str()), 0);
+    const struct {
+        const char *words;
+        const char *expected;
+    } rows[] = {
+        {"*.c", "a.c b.c x\xFF.c"},
+        {".*.c", ".hid.c"},
+        {"./*.c", "./a.c ./b.c ./x\xFF.c"},
+        {"d*", "d d*r dangling"},
+        {"d*/", "d/ d*r/"},
+        {"d\\*r/*", "d*r/y.c"},
+        {"[dx]*/.../x.c", "d/x.c d/e/x.c"},
+        {"sp*/*", "\"sp ace/q\\\"t.c\""},
+        {".../x.c", "d/x.c d/e/x.c"},
+        {".../[ab].c", "a.c b.c d/up/a.c d/up/b.c"},
+        {"d/...", "d d/e d/up"},
+        {"d/.../", "d/ d/e/ d/up/"},
+        {"*/x.c */none d", "d/x.c -6"},
+        {".h/*", ".h/x.c"},
+        {"d//*//x.c", "d/e/x.c"},
+    };
+    for (const auto &row : rows) {
+        const std::string expected = std::string(row.expected).ends_with("-6") ? "-6" : row.expected;
+        EXPECT_EQ(glob(row.words, "."), expected) << row.words;
+    }
+    EXPECT_EQ(glob("/d/*.c", "ignored", dir.path().c_str()), dir.file("d/x.c"));
+    EXPECT_EQ(glob(dir.path() + "/a*", "ignored"), dir.file("a.c"));
+    EXPECT_EQ(glob("/de[v]/nul[l]", "ignored", ""), "/dev/null");
+    EXPECT_EQ(glob("*.c", dir.path() + "/d"), dir.file("d/x.c"));
+}
+
+TEST(WildGlob, LimitsAndRefusals)
+{
+    const test::TempDir dir;
+    Paths many;
+    for (int i = 0; i < 4096; ++i)
+        many.push_back("many/" + std::to_string(i));
+    make(dir, many);
+    make(dir, {"z/1"});
+    EXPECT_EQ(glob("*", dir.file("many")), "-3");
+    EXPECT_EQ(glob(".../1", dir.path()), dir.file("many/1") + " " + dir.file("z/1"));
+    EXPECT_EQ(glob("*/*", dir.path()), dir.file("z/1")); // the other one is passed over
+    fs::remove(dir.file("many/0"));
+    const std::string all = glob("many/*", dir.path());
+    EXPECT_EQ(std::count(all.begin(), all.end(), ' '), 4094);
+
+    EXPECT_EQ(glob("*" + std::string(2041, 'n'), dir.path()), "-6");
+    EXPECT_EQ(glob("*" + std::string(2042, 'n'), dir.path()), "-3");
+    EXPECT_EQ(glob(std::string(5000, 'n') + "/*", dir.path()), "-5");
+    std::string levels;
+    for (int i = 0; i < 1025; ++i)
+        levels += ".../";
+    EXPECT_EQ(glob(levels.substr(4) + "1", dir.file("z")).substr(0, 2), dir.path().substr(0, 2));
+    EXPECT_EQ(glob(levels + "1", dir.file("z")), "-3");
+    if (getuid() != 0) {
+        chmod(dir.file("many").c_str(), 0);
+        EXPECT_EQ(glob("*/1", dir.path()), dir.file("z/1"));
+        EXPECT_EQ(glob("many/*", dir.path()), "-5");
+        chmod(dir.file("many").c_str(), 0700);
+    }
+}
+
+#ifdef __SANITIZE_THREAD__ // whose frames are many times as large
+constexpr std::size_t worker_stack_bytes = std::size_t{16} << 20;
+#else
+constexpr std::size_t worker_stack_bytes = std::size_t{1} << 20;
+#endif
+
+// Deeper than there are descriptors, and on the stack of a worker thread.
+TEST(WildGlob, WalksDeepTreesOnSmallStacks)
+{
+    const test::TempDir dir;
+    const int here = open(".", O_RDONLY | O_CLOEXEC);
+    ASSERT_EQ(chdir(dir.path().c_str()), 0);
+    int depth = 0;
+    for (; depth < 1900; ++depth)
+        ASSERT_TRUE(mkdir("d", 0700) == 0 && chdir("d") == 0);
+    test::write_file("f", "");
+    ASSERT_EQ(fchdir(here), 0);
+    close(here);
+    std::string found;
+    pthread_attr_t attributes;
+    pthread_attr_init(&attributes);
+    pthread_attr_setstacksize(&attributes, worker_stack_bytes);
+    const auto walk = [&] { found = glob(".../f", dir.path()); };
+    pthread_t thread;
+    ASSERT_EQ(pthread_create(
+                  &thread, &attributes,
+                  [](void *work) -> void * {
+                      (*static_cast<decltype(walk) *>(work))();
+                      return nullptr;
+                  },
+                  const_cast<void *>(static_cast<const void *>(&walk))),
+              0);
+    pthread_join(thread, nullptr);
+    EXPECT_EQ(found.size(), dir.path().size() + 2 * static_cast<std::size_t>(depth) + 2);
+}
+
+// --- Against a slow walk ---
+
+struct Walk {
+    bool is_slash_last;
+    Paths found;
+    bool is_start = true;
+    bool is_refused = false;
+
+    void add(const std::string &path)
+    {
+        if (is_slash_last ? fs::is_directory(path) : fs::exists(fs::symlink_status(path)))
+            found.push_back(is_slash_last ? path + "/" : path);
+    }
+
+    void run(const std::string &dir, Paths components)
+    {
+        std::string path = dir;
+        while (!components.empty() && components[0].find_first_of("*?[") == std::string::npos &&
+               components[0] != "...") {
+            path += "/" + components[0];
+            components.erase(components.begin());
+        }
+        if (components.empty())
+            return fs::exists(path) ? add(path) : void();
+        if (std::exchange(is_start, false) && !fs::is_directory(path))
+            is_refused = true;
+        const std::string first = components[0];
+        const Paths rest(components.begin() + 1, components.end());
+        if (first == "...")
+            run(path, rest);
+        std::set<std::string> names;
+        std::error_code ignored;
+        for (const auto &entry : fs::directory_iterator(path, ignored))
+            names.insert(entry.path().filename());
+        for (const std::string &name : names) {
+            const std::string below = path + "/" + name;
+            if (name[0] == '.' && first[0] != '.')
+                continue;
+            if (first == "...") {
+                if (fs::is_directory(below) && name[0] != '.')
+                    run(below, fs::is_symlink(below) ? rest : components);
+            } else if (test::wild::Model(*test::wild::parse(first, false), name, true, false).matches()) {
+                rest.empty() ? add(below) : fs::is_directory(below) ? run(below, rest) : void();
+            }
+        }
+    }
+};
+
+std::string transformed(const std::string &path)
+{
+    char *made = transform_string(path.c_str());
+    std::string text = made;
+    stg_free(made);
+    return text;
+}
+
+TEST(WildGlob, AgreesWithASlowWalk)
+{
+    std::mt19937 random(7);
+    const auto any = [&](const Paths &of) { return of[random() % of.size()]; };
+    const Paths names{"a", "b", "ab", ".h", "b c", "q\"", "aab"};
+    const Paths parts{"*", "a*", "?", "...", "[ab]", ".*", "a", "*b", "ab", "b c", "*[!a]*"};
+    long found = 0;
+    for (int trees = 0; trees < 12; ++trees) {
+        const test::TempDir dir;
+        const std::string top = dir.file("top"); // so that its ".." is the test's as well
+        fs::create_directory(top);
+        Paths directories{top};
+        for (int i = 0; i < 40; ++i) {
+            const std::string path = any(directories) + "/" + any(names);
+            std::error_code ignored;
+            if (random() % 2 == 0 && fs::create_directory(path, ignored))
+                directories.push_back(path);
+            else if (random() % 4 == 0)
+                fs::create_symlink(any({"..", any(directories), "nowhere"}), path, ignored);
+            else if (!fs::exists(path))
+                test::write_file(path, "");
+        }
+        for (int words = 0; words < 150; ++words) {
+            Paths components{any(parts)};
+            while (random() % 2 == 0 && components.size() < 4)
+                components.push_back(any(parts));
+            Walk walk{random() % 4 == 0, {}};
+            std::string word;
+            for (const std::string &component : components)
+                word += (word.empty() ? "" : "/") + component;
+            word += walk.is_slash_last ? "/" : "";
+            walk.run(top, components);
+            std::string expected;
+            for (const std::string &path : walk.found)
+                expected += (expected.empty() ? "" : " ") + transformed(path);
+            if (word.find_first_of("*?[") == std::string::npos && word.find("...") == std::string::npos)
+                expected = word;
+            else if (walk.is_refused || expected.empty())
+                expected = walk.is_refused ? "-5" : "-6";
+            ASSERT_EQ(glob(word, top, nullptr, 0), expected) << word;
+            found += static_cast<long>(walk.found.size());
+        }
+    }
+    EXPECT_GT(found, 3000);
+}
+
+TEST(WildGlob, ManyFiles)
+{
+    const test::TempDir dir;
+    Paths paths;
+    for (int i = 0; i < 100000; ++i)
+        paths.push_back(std::to_string(i / 10000) + "/" + std::to_string(i / 1000 % 10) + "/" + std::to_string(i));
+    make(dir, paths);
+    (void)glob("*", dir.path()); // from now on the library has its own open
+    const int descriptors = test::open_descriptor_count();
+    const std::string list = glob(".../*7", dir.path());
+    EXPECT_EQ(std::count(list.begin(), list.end(), ' '), 10010); // and two levels of directories
+    EXPECT_EQ(test::open_descriptor_count(), descriptors);
+}
+
+} // namespace

@@ -1,0 +1,241 @@
+// Patterns: compiling and matching.
+#include <korvaks/stg.h>
+#include <korvaks/wild.h>
+
+#include "harness/locale.h"
+#include "harness/wild_model.h"
+
+#include <cerrno>
+#include <climits>
+#include <ctime>
+#include <random>
+
+#include <gtest/gtest.h>
+
+namespace {
+
+using test::wild::Model;
+using test::wild::parse;
+
+std::string compiled(const std::string &pattern, int *out_has_wild = nullptr)
+{
+    std::string buf(2 * pattern.size() + 5, 'x');
+    const int length = wild_compile_pattern(pattern.c_str(), buf.size(), buf.data(), out_has_wild);
+    EXPECT_GT(length, 0) << pattern;
+    buf.resize(length > 0 ? static_cast<std::size_t>(length) - 1 : 0);
+    return buf;
+}
+
+bool matches(const std::string &pattern, const std::string &string, bool is_path)
+{
+    return wild_match(compiled(pattern).c_str(), string.c_str(), is_path ? 1 : 0) == 1;
+}
+
+TEST(WildCompile, Items)
+{
+    const struct {
+        const char *pattern;
+        std::string expected;
+        int has_wild;
+    } rows[] = {
+        {"", "", 0},
+        {"plain.c", "plain.c", 0},
+        {"*?", "\1\2\1\3", 1},
+        {"[a*?]b", "\1\4a*?\1b", 1},
+        {"[]", "\1\4\1", 1},
+        {"[\\]\\[/]", "\1\4][/\1", 1},
+        {R"(\*\?\[\]\a\\\/)", R"(*?[]a\/)", 0},
+        {"end\\", "end\\", 0},
+        {"\1", "\1\1", 0},
+        {"\\\1", "\1\1", 0},
+        {"...", "\1\5", 1},
+        {".../x/...", "\1\5/x/\1\5", 1},
+        {"\\/...", "/\1\5", 1},
+        {"\\.../x", ".../x", 0},
+        {"/\\...", "/...", 0},
+        {"..../a...", "..../a...", 0},
+        {"//...//", "//\1\5//", 1},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.pattern);
+        int has_wild = 7;
+        EXPECT_EQ(compiled(row.pattern, &has_wild), row.expected);
+        EXPECT_EQ(has_wild, row.has_wild);
+    }
+    char buf[64];
+    int untouched = 7;
+    for (const char *bad : {"[ab", "ab]", "[a[b]", "[", "]", "a[b\\]", "[\1]", "[a\\\1]"})
+        EXPECT_EQ(wild_compile_pattern(bad, sizeof buf, buf, &untouched), WILD_MALFORMED) << bad;
+    EXPECT_EQ(untouched, 7);
+    // In some encodings a byte of a character looks like one of ours.
+    const test::CompiledLocale sjis("ja_JP", "SHIFT_JIS");
+    if (sjis.is_there()) {
+        EXPECT_EQ(compiled("\x83\x5C*"), "\x83\x5C\1\2");
+        EXPECT_TRUE(matches("?[\x83\x5B]", "\x83\x5C\x83\x5B", true));
+        EXPECT_EQ(wild_contains_wildcard_symbols("\x83\x5B"), 0);
+    }
+}
+
+TEST(WildCompile, WritesNothingBeyondTheSizeLessFour)
+{
+    for (const char *pattern : {"", "abc", "*?[a]\1", "a/...", "\xC3\xA9\xC3\xA9"}) {
+        SCOPED_TRACE(pattern);
+        const std::size_t length = compiled(pattern).size() + 1;
+        for (std::size_t size = 0; size <= length + 6; ++size) {
+            std::string buf(64, '#');
+            const int result = wild_compile_pattern(pattern, size, buf.data(), nullptr);
+            EXPECT_EQ(result, size >= length + 4 ? static_cast<int>(length) : WILD_LIMIT) << size;
+            EXPECT_EQ(buf.find_first_not_of('#', size > 4 ? size - 4 : 0), std::string::npos) << size;
+        }
+        EXPECT_EQ(wild_compile_pattern(pattern, static_cast<std::size_t>(-1), nullptr, nullptr), WILD_LIMIT);
+    }
+}
+
+TEST(WildMatch, Rules)
+{
+    const struct {
+        const char *pattern;
+        const char *string;
+        bool as_string;
+        bool as_path;
+    } rows[] = {
+        {"a/*", "a/", true, false},      {"a/*", "a", false, false},       {"a", "a//", false, true},
+        {"a//b", "a/b", false, true},    {"a/b", "a//b", false, true},     {"*", "a/b", true, false},
+        {"*", "", true, true},           {"*/*", "a/", true, false},       {".../x", "x", true, true},
+        {".../x", "p/q/x", true, true},  {".../x", "p/qx", false, false},  {".../*", "", false, false},
+        {"a?b", "a/b", true, true},      {"a[/]b", "a/b", true, true},     {"a*/", "ab", false, true},
+        {"[a-]", "a", true, true},       {"[a-]", "-", false, false},      {"[-a]", "-", true, true},
+        {"[!a]", "!", true, true},       {"[!a]", "b", false, false},      {"[^a]", "^", true, true},
+        {"[]", "a", false, false},       {"[a-c-e]", "d", true, true},     {"[b-a]", "a", true, true},
+        {"*?*b", "a/b", true, true},     {"*?*?*c", "a/b/c", true, true},  {"*?a*?b", "x/a/b", true, true},
+        {"a/.../*", "a/", false, false}, {"a/.../b", "a/b", true, true},   {"a/...", "a/b", false, false},
+        {"a/...", "a", false, true},     {"[\x80-a]", "\x90", true, true}, {"[a-\xF0]", "\x90", false, false},
+    };
+    for (const auto &row : rows) {
+        EXPECT_EQ(matches(row.pattern, row.string, false), row.as_string) << row.pattern << " " << row.string;
+        EXPECT_EQ(matches(row.pattern, row.string, true), row.as_path) << row.pattern << " " << row.string;
+    }
+    EXPECT_EQ(wild_is_any_pat("\1\2"), 1);
+    for (const char *other : {"", "\1", "\1\2\1\2", "\1\3", "*"})
+        EXPECT_EQ(wild_is_any_pat(other), 0);
+    for (const char *text : {"a[", "?", "\\*", "a~", "x...y"})
+        EXPECT_EQ(wild_contains_wildcard_symbols(text), 1) << text;
+    EXPECT_EQ(wild_contains_wildcard_symbols("a..]b"), 0);
+    EXPECT_EQ(wild_contains_wildcard_symbols(nullptr), 0);
+}
+
+// Each row stands at the end of an allocation of its own, so that a sanitizer sees a byte beyond it.
+TEST(WildMatch, PatternsThatWereNotCompiledHere)
+{
+    for (const std::string bad :
+         {"\1", "\1\4", "\1\4a-", "\1\4ab", "a\1", "\1\6", "\1x", "\1\4-", "\1\2\1", "\1\5\1"}) {
+        const std::vector<char> exact(bad.c_str(), bad.c_str() + bad.size() + 1);
+        for (const char *string : {"a", "a/b", "ab", "\1"})
+            EXPECT_EQ(wild_match(exact.data(), string, 1), 0) << testing::PrintToString(bad) << string;
+    }
+}
+
+using Words = std::vector<std::string>;
+
+std::string any_text(std::mt19937 &random, const Words &words, unsigned most)
+{
+    std::string text;
+    for (unsigned left = static_cast<unsigned>(random() % (most + 1)); left > 0; --left)
+        text += words[random() % words.size()];
+    return text;
+}
+
+void compare_with_model(const Words &parts, const Words &letters, unsigned most, bool is_utf8, long rounds)
+{
+    std::mt19937 random(20240911);
+    long matched = 0;
+    for (long round = 0; round < rounds; ++round) {
+        const std::string pattern = any_text(random, parts, most);
+        char buf[256];
+        const auto items = parse(pattern, is_utf8);
+        const int length = wild_compile_pattern(pattern.c_str(), sizeof buf, buf, nullptr);
+        ASSERT_EQ(length == WILD_MALFORMED, !items.has_value()) << pattern;
+        for (int tries = 0; items && tries < 4; ++tries) {
+            const std::string string = any_text(random, letters, most);
+            for (const bool is_path : {false, true}) {
+                const bool expected = Model(*items, string, is_path, is_utf8).matches();
+                ASSERT_EQ(wild_match(buf, string.c_str(), is_path ? 1 : 0) == 1, expected)
+                    << '\'' << pattern << "' '" << string << (is_path ? "' as path" : "'");
+                matched += expected ? 1 : 0;
+            }
+        }
+    }
+    EXPECT_GT(matched, rounds / 50);
+}
+
+TEST(WildMatch, AgreesWithTheModel)
+{
+    const Words marks{"a", "b", "/", ".", "*", "?", "[", "]", "-"};
+    const Words items{"a", "b", "/", "*", "?", "[ab]", "[a-]", "[-b]", "[b/]", "[a--]", "...", "/.../", "\\", "\1"};
+    const Words letters{"a", "b", "/", ".", "-"};
+    compare_with_model(marks, letters, 9, false, 200000);
+    compare_with_model(items, letters, 9, false, 150000);
+    compare_with_model({"*", "?", "/", "a", "*?", "[a/]", "/..."}, {"a", "/"}, 14, false, 60000);
+    const test::ScopedLocale utf8("C.utf8");
+    const Words wide{"a", "*", "?", "/", "\xC3", "\xA9", "\xC3\xA9", "[\xC3\xA9]", "[a-\xC3\xA9]", "[\xA9-]", "..."};
+    compare_with_model(wide, {"a", "/", "b", "\xC3", "\xA9", "\xC3\xA9"}, 7, true, 80000);
+}
+
+double cpu_ms()
+{
+    return 1000.0 * static_cast<double>(clock()) / CLOCKS_PER_SEC;
+}
+
+std::string repeated(const std::string &text, int count)
+{
+    std::string all;
+    for (; count > 0; --count)
+        all += text;
+    return all;
+}
+
+// Anything exponential takes longer than the universe has; the bounds leave room for slow machines.
+TEST(WildMatch, TakesNoExponentialTime)
+{
+    const std::string path = repeated("ab/", 1365) + "c";
+    const struct {
+        std::string pattern;
+        std::string string;
+    } rows[] = {
+        {repeated("*a", 64) + "b", std::string(4096, 'a')},
+        {repeated("*?", 64) + "b", std::string(4096, 'a')},
+        {repeated("*?", 64) + "x", path},
+        {repeated("*?*a[b/]", 64) + "x", path},
+        {repeated("*?*?a*b*[b/]/", 64) + "x", path},
+        {repeated("*[a/]*b", 2000) + "x", path},
+        {repeated(".../", 32) + "x", repeated("dir/", 256)},
+        {repeated(".../*?*/a*/", 32) + "x", repeated("ab/", 256)},
+    };
+    for (const auto &row : rows) {
+        for (const bool is_path : {false, true}) {
+            const double start = cpu_ms();
+            EXPECT_FALSE(matches(row.pattern, row.string, is_path));
+            EXPECT_LT(cpu_ms() - start, 2000) << row.pattern.substr(0, 20) << is_path;
+        }
+    }
+    EXPECT_TRUE(matches(repeated("*?", 64), repeated("ab/", 60) + "c", true));
+    EXPECT_FALSE(matches(repeated("*?", 64), repeated("ab/", 129) + "c", true));
+}
+
+TEST(WildTransform, QuotesAndEscapes)
+{
+    const struct {
+        const char *from;
+        const char *to;
+    } rows[] = {
+        {"", ""},       {"plain", "plain"},         {"a b\"c", "\"a b\\\"c\""}, {"\"", "\\\""},
+        {" ", "\" \""}, {"tab\there", "tab\there"}, {"a\\'b", "a\\'b"},
+    };
+    for (const auto &row : rows) {
+        char *made = transform_string(row.from);
+        EXPECT_STREQ(made, row.to);
+        stg_free(made);
+    }
+}
+
+} // namespace

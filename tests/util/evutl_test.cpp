@@ -1,0 +1,156 @@
+#include <korvaks/evutl.h>
+
+#include <cerrno>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "util/evutl_impl.h"
+
+namespace {
+
+using Strings = std::vector<std::string>;
+
+Strings entries_of(evutl_env *env)
+{
+    Strings entries;
+    for (char **entry = evutl_env2environ(env); *entry != nullptr; ++entry)
+        entries.emplace_back(*entry);
+    return entries;
+}
+
+// Each test runs with an environment on the heap and one in an area.
+class EvutlPrivate : public testing::TestWithParam<bool> {
+  protected:
+    EvutlPrivate() : area(GetParam() ? STG_AREA_HEAP : stg_create_area(64)) { evutl_alloc(area, &env); }
+    ~EvutlPrivate() override
+    {
+        evutl_free(env);
+        if (area != STG_AREA_HEAP)
+            stg_delete_area(&area);
+    }
+
+    stg_area *area;
+    evutl_env *env = nullptr;
+};
+
+INSTANTIATE_TEST_SUITE_P(Storage, EvutlPrivate, testing::Bool(),
+                         [](const auto &storage) { return storage.param ? "Heap" : "Area"; });
+
+TEST_P(EvutlPrivate, NamesMatchUpToTheirEqualsSign)
+{
+    EXPECT_EQ(evutl_getenv(env, "A"), nullptr);
+    for (const char *name : {"PATHX", "PATH", "PAT"})
+        EXPECT_EQ(evutl_setenv(env, name, name), 0);
+    EXPECT_EQ(evutl_setenv(env, "PATH", "a=b"), 0);
+    EXPECT_EQ(evutl_setenv2(env, "PAT="), 0);
+    EXPECT_EQ(entries_of(env), (Strings{"PATHX=PATHX", "PATH=a=b", "PAT="}));
+    EXPECT_STREQ(evutl_getenv(env, "PATH"), "a=b");
+    EXPECT_STREQ(evutl_getenv(env, "PAT"), "");
+    EXPECT_EQ(evutl_getenv(env, "PATH=a"), nullptr);
+    EXPECT_EQ(evutl_getenv(env, ""), nullptr);
+}
+
+TEST_P(EvutlPrivate, AValueMayComeFromTheEnvironmentItself)
+{
+    EXPECT_EQ(evutl_setenv(env, "A", "value of some length"), 0);
+    EXPECT_EQ(evutl_setenv(env, "A", evutl_getenv(env, "A") + 9), 0);
+    EXPECT_EQ(evutl_setenv2(env, entries_of(env)[0].c_str()), 0);
+    EXPECT_EQ(entries_of(env), Strings{"A=some length"});
+}
+
+TEST_P(EvutlPrivate, WrongNamesChangeNothing)
+{
+    EXPECT_EQ(evutl_setenv(env, "A", "1"), 0);
+    const auto refuses = [](int result) { return result == 1 && errno == EINVAL; };
+    for (const char *name : {"", "=", "A=", "A=B"}) {
+        SCOPED_TRACE(name);
+        errno = 0;
+        EXPECT_TRUE(refuses(evutl_setenv(env, name, "2")));
+        errno = 0;
+        EXPECT_TRUE(refuses(evutl_unsetenv(env, name)));
+    }
+    for (const char *entry : {"", "A", "=2"})
+        EXPECT_TRUE(refuses(evutl_setenv2(env, entry)));
+    EXPECT_EQ(entries_of(env), Strings{"A=1"});
+}
+
+// From 32 entries on the array doubles whenever the closing NULL has no room left.
+TEST_P(EvutlPrivate, ArrayDoublesAndStaysClosed)
+{
+    const auto *header = [](evutl_env *of) { return reinterpret_cast<ks::evutl::ArrayHeader *>(of->vars) - 1; }(env);
+    EXPECT_EQ(header->element_size, 8u);
+    EXPECT_EQ(header->area, area);
+    EXPECT_EQ(env->exported, 0u);
+    Strings expected;
+    for (const auto &[entries, capacity] : {std::pair{31u, 32u}, {32u, 64u}, {63u, 64u}, {64u, 128u}, {1000u, 1024u}}) {
+        SCOPED_TRACE(entries);
+        while (expected.size() < entries) {
+            const std::string name = "N" + std::to_string(expected.size());
+            ASSERT_EQ(evutl_setenv(env, name.c_str(), "v"), 0);
+            expected.push_back(name + "=v");
+        }
+        header = reinterpret_cast<ks::evutl::ArrayHeader *>(env->vars) - 1;
+        EXPECT_EQ(header->capacity, capacity);
+        EXPECT_EQ(env->count, entries + 1);
+        EXPECT_EQ(entries_of(env), expected);
+    }
+    EXPECT_EQ(env->exported, 1u);
+}
+
+TEST_P(EvutlPrivate, CopiesKeepOrderAndUnsetTakesEveryEntry)
+{
+    char texts[][8] = {"B=1", "A=1", "odd", "B=2", "A=2"};
+    char *envp[] = {texts[0], texts[1], texts[2], texts[3], texts[4], nullptr};
+    evutl_env *copy = nullptr;
+    ASSERT_EQ(evutl_copy_environ(area, envp, &copy), 0);
+    texts[0][2] = '9';
+    EXPECT_EQ(entries_of(copy), (Strings{"B=1", "A=1", "odd", "B=2", "A=2"}));
+    EXPECT_STREQ(evutl_getenv(copy, "A"), "1");
+    EXPECT_EQ(evutl_unsetenv(copy, "B"), 0);
+    EXPECT_EQ(evutl_unsetenv(copy, "absent"), 0);
+    EXPECT_EQ(entries_of(copy), (Strings{"A=1", "odd", "A=2"}));
+    EXPECT_EQ(evutl_unsetenv(copy, "A"), 0);
+    EXPECT_EQ(evutl_setenv(copy, "C", "3"), 0);
+    EXPECT_EQ(entries_of(copy), (Strings{"odd", "C=3"}));
+    evutl_free(copy);
+
+    ASSERT_EQ(evutl_copy_environ(area, nullptr, &copy), 0);
+    EXPECT_EQ(entries_of(copy), Strings{});
+    evutl_free(copy);
+    evutl_free(nullptr);
+}
+
+TEST_P(EvutlPrivate, ThreadsShareOne)
+{
+    constexpr int names_each = 200;
+    std::vector<std::thread> threads;
+    for (int number = 0; number < 4; ++number)
+        threads.emplace_back([this, number] {
+            for (int i = 0; i < names_each; ++i) {
+                const std::string name = std::to_string(number) + "_" + std::to_string(i);
+                evutl_setenv(env, name.c_str(), name.c_str());
+                evutl_setenv(env, "shared", name.c_str());
+                if (i % 2 == 0)
+                    evutl_unsetenv(env, name.c_str());
+            }
+        });
+    for (auto &thread : threads)
+        thread.join();
+    EXPECT_EQ(entries_of(env).size(), 4u * names_each / 2 + 1);
+    EXPECT_STREQ(evutl_getenv(env, "3_199"), "3_199");
+    EXPECT_EQ(evutl_getenv(env, "3_198"), nullptr);
+}
+
+TEST(EvutlMisuseDeathTest, EndsTheProcess)
+{
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_DEATH(evutl_getenv(nullptr, "A"), "PFM_ASSERT:\\(env != NULL\\) failed: 'lib/ks/evutl':");
+    evutl_env *env = nullptr;
+    EXPECT_DEATH(evutl_alloc(STG_AREA_NULL, &env), "area != STG_AREA_NULL");
+    EXPECT_DEATH(evutl_unlock_environ(), "'lib/ks/evutl':");
+}
+
+} // namespace

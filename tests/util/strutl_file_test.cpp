@@ -1,0 +1,195 @@
+// Whole files as strings, and lists of strings. Each test runs in a process of its own.
+#include <korvaks/list.h>
+#include <korvaks/pfm.h>
+#include <korvaks/strutl.h>
+
+#include "harness/child.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <thread>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+namespace {
+
+// Reads in a child, on the heap and in an area, and gives what both read or "errno n".
+test::ChildResult read_in_child(const std::string &path, int quiet, int missing_ok)
+{
+    return test::run_child([&] {
+        pfm_init(); // which opens descriptors of its own
+        stg_area *area = stg_create_area(100);
+        const int descriptors = test::open_descriptor_count();
+        char *on_heap = strutl_read(STG_AREA_HEAP, path.c_str(), nullptr, quiet, missing_ok);
+        const int error = errno;
+        char *in_area = strutl_read(area, path.c_str(), nullptr, 1, missing_ok);
+        if ((on_heap == nullptr) != (in_area == nullptr) || test::open_descriptor_count() != descriptors)
+            return 1;
+        if (on_heap == nullptr)
+            std::printf("errno %d", error);
+        else if (std::strcmp(on_heap, in_area) == 0)
+            std::printf("%s", on_heap);
+        stg_free(on_heap);
+        return 0;
+    });
+}
+
+TEST(StrutlFile, ReadsWhatIsThere)
+{
+    const test::TempDir dir;
+    const std::string path = dir.file("f");
+    for (const std::string &content : {std::string(), std::string("\n"), std::string("no end"), std::string("a\nb\n"),
+                                       std::string(8191, 'x'), std::string(8192, 'x'), std::string(100000, '\n')}) {
+        SCOPED_TRACE(content.size());
+        test::write_file(path, content);
+        const test::ChildResult child = read_in_child(path, 0, 0);
+        EXPECT_EQ(child.exit_status, 0);
+        EXPECT_EQ(child.out, content);
+        EXPECT_EQ(child.err, "");
+    }
+}
+
+TEST(StrutlFile, ReadingFailsWithAMessage)
+{
+    const test::TempDir dir;
+    const std::string missing = dir.file("missing");
+    const struct {
+        std::string path;
+        int quiet;
+        int missing_ok;
+        int error;
+        std::string message;
+    } cases[] = {
+        {missing, 0, 0, ENOENT, "Unable to open " + missing + ": No such file or directory\n"},
+        {missing, 1, 0, ENOENT, ""},
+        {missing, 0, 1, 0, ""},
+        {dir.path(), 0, 0, EISDIR, "Operation read: Is a directory\n"},
+        {dir.path(), 1, 0, EISDIR, ""},
+        // Its size is 0 and yet it holds something: as a file that grows.
+        {"/proc/self/status", 0, 0, EFBIG, "File \"/proc/self/status\" changed size during read.\n"},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.path);
+        const test::ChildResult child = read_in_child(c.path, c.quiet, c.missing_ok);
+        EXPECT_EQ(child.exit_status, 0);
+        EXPECT_EQ(child.out, c.error == 0 ? "" : "errno " + std::to_string(c.error));
+        EXPECT_NE(child.err.find(c.message), std::string::npos) << child.err;
+        EXPECT_EQ(child.err.empty(), c.message.empty()) << child.err;
+    }
+}
+
+std::string read_stream(const std::string &content, size_t hint)
+{
+    const test::ChildResult child = test::run_child([&] {
+        FILE *fp = fmemopen(const_cast<char *>(content.data()), content.size(), "r");
+        int overflow = 9;
+        char *text = strutl_read_fp(STG_AREA_HEAP, hint, fp, 0, &overflow);
+        std::fclose(fp);
+        if (text == nullptr)
+            return 1;
+        std::printf("%d:%s", overflow, text);
+        stg_free(text);
+        return 0;
+    });
+    EXPECT_EQ(child.exit_status, 0);
+    return child.out;
+}
+
+TEST(StrutlFile, StreamsWithAndWithoutAHint)
+{
+    EXPECT_EQ(read_stream("abc\nde", 0), "0:abc\nde");
+    EXPECT_EQ(read_stream("abc\nde", 8), "0:abc\nde");
+    EXPECT_EQ(read_stream("abc\nde", 7), "1:abc\nde");
+    EXPECT_EQ(read_stream("abc\nde", 4), "1:abc");
+    EXPECT_EQ(read_stream("abc\nde", 1), "1:");
+    const std::string large(50001, 'z');
+    EXPECT_EQ(read_stream(large, 0), "0:" + large);
+    EXPECT_EQ(read_stream(std::string("a\0b\nc\n", 6), 0), "0:ac\n");
+}
+
+TEST(StrutlFile, WritesAndReportsWhatFailed)
+{
+    const test::TempDir dir;
+    const std::string path = dir.file("f");
+    const std::string nowhere = dir.file("no/f");
+    const test::ChildResult child = test::run_child([&] {
+        pfm_init();
+        const int descriptors = test::open_descriptor_count();
+        const bool written = strutl_write("old and longer", path.c_str(), nullptr, 0) == 0 &&
+                             strutl_write("line\n", path.c_str(), nullptr, 0) == 0 &&
+                             strutl_write(nullptr, nowhere.c_str(), nullptr, 0) == 0;
+        const bool unopened = strutl_write("x", nowhere.c_str(), nullptr, 0) == 1 && errno == ENOENT;
+        const bool quiet = strutl_write("x", nowhere.c_str(), nullptr, 1) == 1;
+        const bool full = strutl_write("x", "/dev/full", nullptr, 0) == 1 && errno == ENOSPC;
+        const bool closed = test::open_descriptor_count() == descriptors;
+        return written && unopened && quiet && full && closed ? 0 : 1;
+    });
+    EXPECT_EQ(child.exit_status, 0);
+    EXPECT_EQ(test::read_file(path), "line\n");
+    const std::string unopened = "Unable to open " + nowhere + ": No such file or directory\n";
+    EXPECT_NE(child.err.find(unopened), std::string::npos) << child.err;
+    EXPECT_EQ(child.err.find(unopened, child.err.find(unopened) + 1), std::string::npos) << child.err;
+    EXPECT_NE(child.err.find("Operation write, /dev/full: No space left on device\n"), std::string::npos) << child.err;
+}
+
+// A stop that is requested while the file is open comes when it is closed again.
+TEST(StrutlFile, RaiseWaitsUntilTheFileIsClosed)
+{
+    const test::TempDir dir;
+    const std::string path = dir.file("fifo");
+    ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+    const test::ChildResult child = test::run_child([&] {
+        pfm_init();
+        const int descriptors = test::open_descriptor_count();
+        // Its open returns when the reader's does.
+        std::thread writer([&path] {
+            const int fd = open(path.c_str(), O_WRONLY);
+            pfm_notify_vl_thread(PFM_RAISE_INTERRUPT);
+            [[maybe_unused]] const ssize_t written = write(fd, "x", 1);
+            close(fd);
+        });
+        pfm_cleanup_rec rec{};
+        rec.status = sigsetjmp(rec.jump, 1);
+        const int status = pfm_cleanup_start(&rec, 0);
+        if (status == 0) {
+            stg_free(strutl_read(STG_AREA_HEAP, path.c_str(), nullptr, 1, 0));
+            return 1;
+        }
+        writer.join();
+        return status == PFM_RAISE_INTERRUPT && test::open_descriptor_count() == descriptors ? 0 : 2;
+    });
+    EXPECT_EQ(child.exit_status, 0) << child.err;
+}
+
+TEST(StrutlList, PrintsLinesAndFindsStrings)
+{
+    const test::ChildResult child = test::run_child([] {
+        list_record *list = list_create(STG_AREA_HEAP, 0);
+        char first[] = "one %d";
+        char second[] = "two";
+        list_append(list, first);
+        list_append(list, second);
+        strutl_list_print(list);
+        strutl_list_print(nullptr);
+        strutl_list_trace_print(list);
+        std::string text;
+        strutl_list_trace_print_redirect(
+            list, [](void *info, const char *piece) { *static_cast<std::string *>(info) += piece; }, &text);
+        const bool found = strutl_str_in_list("two", list) == 1 && strutl_str_in_list("tw", list) == 0 &&
+                           strutl_str_in_list("two", nullptr) == 0;
+        list_destroy(list);
+        return found && text == "one %d\ntwo\n\n" ? 0 : 1;
+    });
+    EXPECT_EQ(child.exit_status, 0);
+    EXPECT_EQ(child.out, "one %d\ntwo\n\n");
+    EXPECT_NE(child.err.find("one %d\n"), std::string::npos);
+    EXPECT_NE(child.err.find("two\n\n"), std::string::npos);
+}
+
+} // namespace

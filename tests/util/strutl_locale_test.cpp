@@ -1,0 +1,212 @@
+// Encodings in which a trail byte looks like an ASCII character: every routine against a plain model
+// that works on a list of characters.
+#include <korvaks/strutl.h>
+
+#include "harness/locale.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <random>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+namespace {
+
+using Characters = std::vector<std::string>;
+
+std::string join(const Characters &characters)
+{
+    std::string joined;
+    for (const std::string &character : characters)
+        joined += character;
+    return joined;
+}
+
+constexpr size_t none = static_cast<size_t>(-1);
+
+// Byte offset of the first occurrence, or `none`.
+size_t model_find(const Characters &text, const Characters &sub)
+{
+    size_t offset = 0;
+    for (size_t at = 0; at + sub.size() <= text.size(); ++at) {
+        if (std::equal(sub.begin(), sub.end(), text.begin() + static_cast<long>(at)))
+            return offset;
+        offset += text[at].size();
+    }
+    return none;
+}
+
+size_t model_find_last(const Characters &text, const std::string &character)
+{
+    size_t found = none;
+    size_t offset = 0;
+    for (const std::string &at : text) {
+        if (at == character)
+            found = offset;
+        offset += at.size();
+    }
+    return found;
+}
+
+size_t model_common(const Characters &a, const Characters &b)
+{
+    size_t length = 0;
+    for (size_t i = 0; i < std::min(a.size(), b.size()) && a[i] == b[i]; ++i)
+        length += a[i].size();
+    return length;
+}
+
+Characters model_tokens(const Characters &text, const std::string &delimiter)
+{
+    Characters tokens;
+    bool open = false;
+    for (const std::string &character : text) {
+        if (character == delimiter) {
+            open = false;
+            continue;
+        }
+        if (!open)
+            tokens.emplace_back();
+        open = true;
+        tokens.back() += character;
+    }
+    return tokens;
+}
+
+class Model {
+  public:
+    explicit Model(Characters alphabet) : alphabet_(std::move(alphabet)) {}
+
+    Characters draw(size_t most)
+    {
+        Characters drawn(random_() % (most + 1));
+        for (std::string &character : drawn)
+            character = alphabet_[random_() % alphabet_.size()];
+        return drawn;
+    }
+
+  private:
+    Characters alphabet_;
+    std::mt19937 random_{7};
+};
+
+void check_against_model(Model &model, const std::string &delimiter)
+{
+    const Characters text = model.draw(12);
+    const Characters sub = model.draw(4);
+    const std::string str = join(text);
+    SCOPED_TRACE(testing::PrintToString(str) + " " + testing::PrintToString(join(sub)));
+
+    size_t pos = none;
+    (void)strutl_find_str(str.c_str(), 0, join(sub).c_str(), &pos);
+    EXPECT_EQ(pos, model_find(text, sub));
+    pos = none;
+    (void)strutl_find_char(str.c_str(), delimiter[0], &pos);
+    EXPECT_EQ(pos, model_find(text, {delimiter}));
+    pos = none;
+    (void)strutl_find_char_from(str.c_str(), 0, delimiter.c_str(), &pos, nullptr);
+    EXPECT_EQ(pos, model_find(text, {delimiter}));
+    const size_t last = model_find_last(text, delimiter);
+    EXPECT_EQ(strutl_strrpbrk(str.c_str(), delimiter.c_str()), last == none ? nullptr : str.c_str() + last);
+    EXPECT_EQ(strutl_right_char(str.c_str(), delimiter[0]), last == none ? nullptr : str.c_str() + last);
+    EXPECT_EQ(strutl_match_last_char(str.c_str(), delimiter[0]), last + 1 == str.size() && !str.empty() ? 0U : 1U);
+    EXPECT_EQ(strutl_mb_strlen(str.c_str()), text.size());
+    const Characters other = model.draw(12);
+    (void)strutl_match_prefix(str.c_str(), join(other).c_str(), &pos);
+    EXPECT_EQ(pos, model_common(text, other));
+
+    Characters tokens;
+    std::string cut = str;
+    for (char *at = cut.data(); (at = strutl_tokenize(at, delimiter.c_str())) != nullptr; at = nullptr)
+        tokens.emplace_back(at);
+    EXPECT_EQ(tokens, model_tokens(text, delimiter));
+
+    // Every cut is a whole number of characters, and the most that fit.
+    char dst[8];
+    (void)strutl_cpy_buf(dst, str.c_str(), sizeof dst);
+    std::string fits;
+    for (size_t i = 0; i < text.size() && fits.size() + text[i].size() < sizeof dst; ++i)
+        fits += text[i];
+    EXPECT_EQ(std::string(dst), fits);
+}
+
+// In Shift-JIS the second byte of "ソ" is a backslash, that of "ポ" a bar.
+TEST(StrutlShiftJis, TrailBytesAreNoCharacters)
+{
+    const test::CompiledLocale locale("ja_JP", "SHIFT_JIS");
+    ASSERT_TRUE(locale.is_there()) << "localedef of package locales is needed";
+    Model model({"\\", "a", "\x83\x5C", "\x83\x83", "\x83\x7C", "\x5C"});
+    for (int round = 0; round < 3000 && !testing::Test::HasFailure(); ++round)
+        check_against_model(model, "\\");
+
+    const char *trail_backslash = "\x83\x5C";
+    char buf[16];
+    EXPECT_EQ(strutl_xlate_pname_sep(trail_backslash, "\\", '/', buf, sizeof buf, nullptr), 0U);
+    EXPECT_STREQ(buf, trail_backslash);
+    char *out = nullptr;
+    ASSERT_EQ(strutl_cstr_to_str("\"\x83\x5C\"", 1, &out), 0U);
+    EXPECT_STREQ(out, trail_backslash);
+    stg_free(out);
+    EXPECT_EQ(strutl_is_ok_name(trail_backslash, nullptr, nullptr), 1U);
+    EXPECT_EQ(strutl_is_ok_name("\x83", nullptr, nullptr), 0U);
+    size_t pos = none;
+    EXPECT_EQ(strutl_find_end_delim("[\x83\x5D]", 0, '[', ']', &pos), 0U);
+    EXPECT_EQ(pos, 3U);
+}
+
+// A description of GB18030 with the ASCII characters only, which compiles at once; the conversion
+// itself is the C library's and knows them all.
+std::string small_gb18030()
+{
+    std::string charmap = "<code_set_name> GB18030\n<escape_char> /\n<mb_cur_min> 1\n<mb_cur_max> 4\nCHARMAP\n";
+    for (int c = 0; c < 128; ++c) {
+        char line[32];
+        std::snprintf(line, sizeof line, "<U%04X> /x%02x\n", c, c);
+        charmap += line;
+    }
+    return charmap + "END CHARMAP\n";
+}
+
+// GB18030 has characters of one, two and four bytes, with digits inside.
+TEST(StrutlGb18030, TrailBytesAreNoCharacters)
+{
+    const test::TempDir dir;
+    test::write_file(dir.file("GB18030"), small_gb18030());
+    const test::CompiledLocale locale("POSIX", dir.file("GB18030"));
+    ASSERT_TRUE(locale.is_there()) << "localedef of package locales is needed";
+    ASSERT_EQ(MB_CUR_MAX, 4U);
+    Model model({"0", "|", "\x81\x7C", "\x81\x30\x81\x30", "\x81\x40"});
+    for (int round = 0; round < 3000 && !testing::Test::HasFailure(); ++round)
+        check_against_model(model, "|");
+}
+
+TEST(StrutlUtf8, AgainstTheModel)
+{
+    const test::ScopedLocale locale("C.UTF-8");
+    Model model({"/", "a", "\xC3\xA9", "\xE2\x82\xAC", "\xF0\x9F\x98\x80", "\xFF"});
+    for (int round = 0; round < 3000 && !testing::Test::HasFailure(); ++round)
+        check_against_model(model, "/");
+}
+
+// A text of lead bytes makes every byte a false start; it must not cost the square of its length.
+TEST(StrutlShiftJis, HostileTextIsSearchedInOnePass)
+{
+    const test::CompiledLocale locale("ja_JP", "SHIFT_JIS");
+    ASSERT_TRUE(locale.is_there()) << "localedef of package locales is needed";
+    std::string text;
+    for (int i = 0; i < 200000; ++i)
+        text += "\x83\x5C";
+    std::string sub = "\x5C";
+    for (int i = 0; i < 400; ++i)
+        sub += "\x83\x5C";
+    size_t pos = none;
+    EXPECT_EQ(strutl_find_str(text.c_str(), 0, sub.c_str(), &pos), 1U);
+    text += "\x5C" + sub;
+    EXPECT_EQ(strutl_find_str(text.c_str(), 0, sub.c_str(), &pos), 0U);
+    EXPECT_EQ(pos, 400001U);
+}
+
+} // namespace

@@ -1,0 +1,393 @@
+// Numbers, tokens, flag sets, the hash and printf directives.
+#include <korvaks/strutl.h>
+
+#include "harness/child.h"
+#include "harness/locale.h"
+
+#include <cerrno>
+#include <climits>
+#include <cmath>
+#include <cstring>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+namespace {
+
+TEST(StrutlNumber, ConversionsFailClearly)
+{
+    const struct {
+        const char *str;
+        int base;
+        unsigned extended_failed;
+        unsigned failed;
+        long value;
+        size_t end;
+    } cases[] = {
+        {"12", 10, 0, 0, 12, 2},  {" -12", 10, 0, 0, -12, 4},
+        {"12x", 10, 0, 1, 12, 2}, {"0", 10, 0, 0, 0, 1},
+        {"", 10, 1, 1, 0, 0},     {"x", 10, 1, 1, 0, 0},
+        {"ff", 16, 0, 0, 255, 2}, {"1", 99, 1, 1, 0, 0},
+        {"0x", 16, 0, 1, 0, 1},   {"99999999999999999999", 10, 1, 1, 0, 20},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.str);
+        long value = 7;
+        char *end = nullptr;
+        errno = EPERM;
+        EXPECT_EQ(strutl_strtol_extended(c.str, c.base, &value, &end), c.extended_failed);
+        EXPECT_EQ(value, c.extended_failed != 0 ? 0 : c.value);
+        EXPECT_EQ(end, c.str + c.end);
+        if (c.extended_failed == 0) {
+            EXPECT_EQ(errno, EPERM);
+        }
+        EXPECT_EQ(strutl_strtol(c.str, c.base, &value), c.failed);
+        EXPECT_EQ(value, c.failed != 0 ? 0 : c.value);
+    }
+    unsigned long unsigned_value = 7;
+    EXPECT_EQ(strutl_strtoul("18446744073709551615", 10, &unsigned_value), 0U);
+    EXPECT_EQ(unsigned_value, ULONG_MAX);
+    EXPECT_EQ(strutl_strtoul("18446744073709551616", 10, &unsigned_value), 1U);
+    EXPECT_EQ(unsigned_value, 0U);
+    double real = 7;
+    EXPECT_EQ(strutl_strtod("1.5e2", &real), 0U);
+    EXPECT_EQ(real, 150);
+    EXPECT_EQ(strutl_strtod("1e999", &real), 1U);
+    EXPECT_EQ(real, 0);
+    EXPECT_EQ(strutl_strtod("1.5.", &real), 1U);
+}
+
+TEST(StrutlNumber, SizesWithASuffix)
+{
+    constexpr unsigned long failed = ULONG_MAX;
+    const struct {
+        const char *str;
+        unsigned long kilobytes;
+        unsigned long bytes;
+    } cases[] = {
+        {"1", 1, 1},
+        {"2048", 2, 2048},
+        {"100", 1, 100},
+        {"0", 0, 0},
+        {"1k", 1, 1024},
+        {"1K", 1, 1024},
+        {"1m", 1024, 1048576},
+        {"1M", 1024, 1048576},
+        {"2g", 2097152, 2147483648},
+        {"1G", 1048576, 1073741824},
+        {"1.5k", 1, 1536},
+        {"3000", 2, 3000},
+        {"0.1", 1, 1},
+        {"nan", 1, 1},
+        {"-0.5", 1, 1},
+        {"1kb", failed, failed},
+        {"1t", failed, failed},
+        {"", failed, failed},
+        {"k", failed, failed},
+        {"1 k", failed, failed},
+        {"-2g", failed, failed},
+        {"inf", failed, failed},
+        {"1e30", failed, failed},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.str);
+        unsigned long size = failed;
+        EXPECT_EQ(strutl_kstr_to_long(c.str, &size), c.kilobytes == failed ? 1U : 0U);
+        EXPECT_EQ(size, c.kilobytes);
+        size = failed;
+        EXPECT_EQ(strutl_kstr_or_str_to_long(c.str, &size), c.bytes == failed ? 1U : 0U);
+        EXPECT_EQ(size, c.bytes);
+    }
+}
+
+TEST(StrutlNumber, ParametersWithinLimits)
+{
+    const struct {
+        const char *str;
+        long value;
+    } cases[] = {{nullptr, 5}, {"", 5}, {"7x", 5}, {"7", 7}, {"0", 1}, {"11", 10}, {"1", 1}, {"10", 10}, {"0x8", 5}};
+    for (const auto &c : cases)
+        EXPECT_EQ(strutl_process_long_param(c.str, 5, 1, 10), c.value) << (c.str == nullptr ? "NULL" : c.str);
+    EXPECT_EQ(strutl_match_numeric_string("0123456789"), 0U);
+    EXPECT_EQ(strutl_match_numeric_string("12a"), 1U);
+    EXPECT_EQ(strutl_match_numeric_string("-1"), 1U);
+    EXPECT_EQ(strutl_match_numeric_string(""), 1U);
+    EXPECT_EQ(strutl_match_numeric_string(nullptr), 1U);
+}
+
+TEST(StrutlNumber, DigitsInABase)
+{
+    const struct {
+        unsigned long value;
+        int base;
+        int width;
+        const char *digits;
+    } cases[] = {
+        {255, 16, -1, "ff"},
+        {0, 10, -1, "0"},
+        {255, 16, 4, "00ff"},
+        {0x12345, 16, 2, "45"},
+        {35, 36, -1, "z"},
+        {7, 10, 0, ""},
+        {255, 16, -9, "ff"},
+        {5, 2, 99, "00000000000000000000000000000101"},
+        {ULONG_MAX, 16, -1, "ffffffffffffffff"},
+        {ULONG_MAX, 2, -1, "11111111111111111111111111111111"},
+    };
+    for (const auto &c : cases)
+        EXPECT_STREQ(strutl_u32tostr(c.value, c.base, c.width), c.digits);
+    EXPECT_EQ(strutl_u32tostr(1, 1, -1), nullptr);
+    EXPECT_EQ(strutl_u32tostr(1, 37, -1), nullptr);
+}
+
+std::vector<std::string> tokens(std::string text, const char *delims)
+{
+    std::vector<std::string> found;
+    for (char *token = strutl_tokenize(text.data(), delims); token != nullptr; token = strutl_tokenize(nullptr, delims))
+        found.emplace_back(token);
+    EXPECT_EQ(strutl_tokenize(nullptr, delims), nullptr);
+    return found;
+}
+
+TEST(StrutlTokenize, CutsLikeStrtok)
+{
+    using Tokens = std::vector<std::string>;
+    for (const char *name : {"C", "C.UTF-8"}) {
+        const test::ScopedLocale locale(name);
+        EXPECT_EQ(tokens("  a b,c ", " ,"), (Tokens{"a", "b", "c"}));
+        EXPECT_EQ(tokens("", " "), Tokens{});
+        EXPECT_EQ(tokens(" , ", " ,"), Tokens{});
+        EXPECT_EQ(tokens("abc", ""), Tokens{"abc"});
+        EXPECT_EQ(tokens("a\xC3\xA9 \xFF", " "), (Tokens{"a\xC3\xA9", "\xFF"}));
+    }
+    // A delimiter byte inside a character does not cut it.
+    const test::ScopedLocale locale("C.UTF-8");
+    EXPECT_EQ(tokens("a\xC3\xA9"
+                     "b\xA9"
+                     "c",
+                     "\xA9"),
+              (Tokens{"a\xC3\xA9"
+                      "b",
+                      "c"}));
+}
+
+TEST(StrutlTokenize, PlaceIsTheThreads)
+{
+    char mine[] = "1 2 3";
+    EXPECT_STREQ(strutl_tokenize(mine, " "), "1");
+    std::thread([] {
+        EXPECT_EQ(strutl_tokenize(nullptr, " "), nullptr);
+        char other[] = "a b";
+        EXPECT_STREQ(strutl_tokenize(other, " "), "a");
+    }).join();
+    EXPECT_STREQ(strutl_tokenize(nullptr, " "), "2");
+}
+
+const strutl_flag_item_t rows[] = {{"A", 1}, {"B", 6}};
+
+TEST(StrutlFlags, ToText)
+{
+    const struct {
+        unsigned flags;
+        const char *sep;
+        int count;
+        const char *text;
+    } cases[] = {
+        {7, nullptr, 2, "A B"},
+        {7, "", 2, "A B"},
+        {7, ", ", 2, "A, B"},
+        {2, ",", 2, "B"},
+        {0, ",", 2, ""},
+        {9, ",", 2, "A UNKNOWN(0x8)"},
+        {8, ",", 2, " UNKNOWN(0x8)"},
+        {5, ",", 0, " UNKNOWN(0x5)"},
+        {0, ",", -1, ""},
+    };
+    for (const auto &c : cases)
+        EXPECT_STREQ(strutl_flags_to_str(c.flags, c.sep, rows, c.count), c.text);
+}
+
+TEST(StrutlFlags, LongTextIsCut)
+{
+    const std::string name(600, 'n');
+    const strutl_flag_item_t long_rows[] = {{name.c_str(), 1}, {name.c_str(), 2}};
+    const char *text = strutl_flags_to_str(7, nullptr, long_rows, 2);
+    EXPECT_EQ(std::string(text), (name + " " + name).substr(0, 1023));
+}
+
+// Returns the names in one string, or how it failed.
+std::string name_list(unsigned flags, const strutl_flag_item_t *items, int count)
+{
+    char **names = nullptr;
+    int n = -1;
+    if (strutl_flags_to_str_list(flags, items, count, &names, &n) != 0 || names == nullptr)
+        return "failed";
+    std::string joined;
+    for (int i = 0; i < n; ++i) {
+        joined += std::string("[") + names[i] + "]";
+        stg_free(names[i]);
+    }
+    stg_free(names);
+    return joined;
+}
+
+TEST(StrutlFlags, ToAListOfWholeRows)
+{
+    const test::ChildResult child = test::run_child([] {
+        std::printf("%s\n", name_list(3, rows, 2).c_str());
+        std::printf("%s\n", name_list(7, rows, 2).c_str());
+        std::printf("%s\n", name_list(8 + 1, rows, 2).c_str());
+        std::printf("%s\n", name_list(0, rows, 2).c_str());
+        std::vector<strutl_flag_item_t> many(20, {"x", 0});
+        for (size_t i = 0; i < many.size(); ++i)
+            many[i].value = 1UL << i;
+        std::printf("%zu\n", name_list(0x3FFFFF, many.data(), 20).size());
+        return 0;
+    });
+    EXPECT_EQ(child.out, "[A]\n[A][B]\n[A][ UNKNOWN(0x8)]\n\n" + std::to_string(20 * 3 + 20) + "\n");
+}
+
+TEST(StrutlFlags, FromText)
+{
+    const strutl_flag_item_t items[] = {{"read", 1}, {"write", 2}, {"all", 0x80000007}};
+    constexpr size_t good = static_cast<size_t>(-1);
+    const struct {
+        const char *text;
+        int case_sensitive;
+        const char *sep;
+        size_t count;
+        unsigned flags;
+        size_t bad;
+    } cases[] = {
+        {"read write", 1, nullptr, 3, 3, good},
+        {"read,write,", 1, ",", 3, 3, good},
+        {"all", 1, "", 3, 0x80000007, good},
+        {"", 1, ",", 3, 0, good},
+        {"Read", 1, ",", 3, 0, 0},
+        {"Read,WRITE", 0, ",", 3, 3, good},
+        {"read,,write", 1, ",", 3, 0, 5},
+        {",read", 1, ",", 3, 0, 0},
+        {"read,x", 1, ",", 3, 0, 5},
+        {"read--write", 1, "--", 3, 3, good},
+        {"read", 1, ",", 0, 0, 0},
+        {"read,,", 1, ",", 3, 0, 5},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.text);
+        const char *bad = "unset";
+        EXPECT_EQ(strutl_flags_from_str(c.text, c.case_sensitive, c.sep, items, c.count, &bad), c.flags);
+        EXPECT_EQ(bad, c.bad == good ? nullptr : c.text + c.bad);
+    }
+    // Only 1023 bytes are read: the word that stands at their end is cut there.
+    std::string text;
+    while (text.size() < 1020)
+        text += "read ";
+    EXPECT_EQ(strutl_flags_from_str((text + "all").c_str(), 1, nullptr, items, 3, nullptr), 0x80000007U);
+    const std::string cut = text + "write";
+    const char *bad = nullptr;
+    EXPECT_EQ(strutl_flags_from_str(cut.c_str(), 1, nullptr, items, 3, &bad), 0U);
+    EXPECT_EQ(bad, cut.c_str() + 1020);
+}
+
+TEST(StrutlHash, RotatesAndAdds)
+{
+    EXPECT_EQ(strutl_str_to_hash32(17, ""), 17U);
+    EXPECT_EQ(strutl_str_to_hash32(0, "a"), 97U);
+    EXPECT_EQ(strutl_str_to_hash32(0, "ab"), 97U * 32 + 98);
+    EXPECT_EQ(strutl_str_to_hash32(0x80000000U, "\xFF"), 0x10U + 0xFF);
+    EXPECT_EQ(strutl_str_to_hash32(0xFFFFFFFFU, "\x01"), 0U);
+}
+
+struct Scan {
+    unsigned found;
+    std::string text;
+    size_t next;
+    int kind;
+    int star_width;
+    int star_precision;
+};
+
+Scan scan(const char *format, size_t start)
+{
+    char dir[32] = "untouched";
+    size_t next = 999;
+    strutl_printf_kind kind = strutl_printf_kind_end_marker;
+    int star_width = 9;
+    int star_precision = 9;
+    const unsigned found =
+        strutl_find_printf_directive(format, start, sizeof dir, dir, &next, &kind, &star_width, &star_precision);
+    return {found, dir, next, kind, star_width, star_precision};
+}
+
+TEST(StrutlPrintf, KindsOfDirectives)
+{
+    const struct {
+        const char *directive;
+        int kind;
+    } cases[] = {
+        {"%%", 2},     {"%p", 3},    {"%s", 4},       {"%ls", 4},   {"%e", 5},    {"%E", 5},    {"%f", 5},
+        {"%g", 5},     {"%G", 5},    {"%-08.3lf", 5}, {"%d", 6},    {"%i", 6},    {"%hd", 6},   {"%-5d", 6},
+        {"%05.3d", 6}, {"%'d", 6},   {"%o", 7},       {"%u", 7},    {"%#x", 7},   {"%X", 7},    {"%c", 7},
+        {"%ld", 8},    {"%li", 8},   {"%lo", 9},      {"%lu", 9},   {"%lx", 9},   {"%lX", 9},   {"%lc", 9},
+        {"%lld", 10},  {"%lli", 10}, {"%llo", 11},    {"%llu", 11}, {"%llx", 11}, {"%llX", 11}, {"%llc", 11},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.directive);
+        const std::string format = std::string("ab") + c.directive + "d";
+        const Scan s = scan(format.c_str(), 0);
+        EXPECT_EQ(s.found, 1U);
+        EXPECT_EQ(s.text, c.directive);
+        EXPECT_EQ(s.next, format.size() - 1);
+        EXPECT_EQ(s.kind, c.kind);
+        EXPECT_EQ(s.star_width + s.star_precision, 0);
+    }
+}
+
+TEST(StrutlPrintf, MalformedOrMissing)
+{
+    const struct {
+        const char *format;
+        size_t next;
+    } cases[] = {
+        {"", 0},   {"plain", 5}, {"ab%", 2}, {"%+-5d", 0}, {"a%5", 1},   {"%.d", 0},
+        {"%y", 0}, {"%hhd", 0},  {"%l", 0},  {"%zu", 0},   {"%.-1f", 0}, {"%**d", 0},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.format);
+        const Scan s = scan(c.format, 0);
+        EXPECT_EQ(s.found, 0U);
+        EXPECT_EQ(s.next, c.next);
+        EXPECT_EQ(s.kind, strutl_printf_kind_null);
+        EXPECT_EQ(s.text, "untouched");
+        EXPECT_EQ(s.star_width + s.star_precision, 0);
+    }
+}
+
+TEST(StrutlPrintf, StarsStartAndCutText)
+{
+    const Scan both = scan("%s %-*.*f", 2);
+    EXPECT_EQ(both.text, "%-*.*f");
+    EXPECT_EQ(both.star_width, 1);
+    EXPECT_EQ(both.star_precision, 1);
+    char dir[4];
+    size_t next = 0;
+    strutl_printf_kind kind = strutl_printf_kind_null;
+    int star = 0;
+    EXPECT_EQ(strutl_find_printf_directive("%123456d", 0, sizeof dir, dir, &next, &kind, &star, &star), 1U);
+    EXPECT_STREQ(dir, "%12");
+    EXPECT_EQ(next, 8U);
+    EXPECT_EQ(strutl_find_printf_directive("%d", 0, 0, nullptr, &next, &kind, &star, &star), 1U);
+    EXPECT_EQ(next, 2U);
+}
+
+TEST(StrutlPrintf, FormattingIsBounded)
+{
+    char buf[4];
+    EXPECT_EQ(strutl_snprintf(buf, sizeof buf, "%d", 12345), 5);
+    EXPECT_STREQ(buf, "123");
+    EXPECT_EQ(strutl_snprintf(nullptr, 0, "%s", "abc"), 3);
+}
+
+} // namespace

@@ -1,0 +1,456 @@
+// Searching, copying, changing and comparing strings, in the C locale and in UTF-8.
+#include <korvaks/strutl.h>
+
+#include "harness/child.h"
+#include "harness/locale.h"
+
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+namespace {
+
+constexpr size_t none = static_cast<size_t>(-1);
+
+size_t find_str(const char *str, size_t start, const char *sub)
+{
+    size_t pos = none;
+    const unsigned failed = strutl_find_str(str, start, sub, &pos);
+    EXPECT_EQ(failed, pos == none ? 1U : 0U);
+    return pos;
+}
+
+TEST(StrutlFind, StringsFromAPosition)
+{
+    const struct {
+        const char *str;
+        size_t start;
+        const char *sub;
+        size_t pos;
+    } cases[] = {
+        {"abcabc", 0, "bc", 1}, {"abcabc", 2, "bc", 4}, {"abcabc", 5, "bc", none}, {"abc", 3, "a", none},
+        {"abc", 3, "", 3},      {"", 0, "", 0},         {"aaab", 0, "aab", 1},     {"ab", 0, "abc", none},
+    };
+    for (const char *name : {"C", "C.UTF-8"}) {
+        const test::ScopedLocale locale(name);
+        for (const auto &c : cases) {
+            SCOPED_TRACE(std::string(name) + ": " + c.sub + " in " + c.str);
+            EXPECT_EQ(find_str(c.str, c.start, c.sub), c.pos);
+        }
+    }
+}
+
+TEST(StrutlFind, RangesEndBeforeTheirEnd)
+{
+    size_t pos = none;
+    EXPECT_EQ(strutl_find_str_range("xabcx", 1, 4, "abc", &pos), 0U);
+    EXPECT_EQ(pos, 1U);
+    EXPECT_EQ(strutl_find_str_range("xabcx", 1, 3, "abc", &pos), 1U);
+    EXPECT_EQ(strutl_find_str_range("xabcx", 2, 99, "abc", &pos), 1U);
+    EXPECT_EQ(strutl_find_str_range("xabcx", 2, 99, "cx", &pos), 0U);
+    EXPECT_EQ(pos, 3U);
+    EXPECT_EQ(strutl_find_str_range("xabcx", 3, 2, "", &pos), 1U);
+}
+
+// A byte of one character is no character: the continuation byte of an "é" is not found in it.
+TEST(StrutlFind, BytesInsideACharacterAreNotFound)
+{
+    const test::ScopedLocale locale("C.UTF-8");
+    EXPECT_EQ(find_str("\xC3\xA9\xA9", 0, "\xA9"), 2U);
+    EXPECT_EQ(find_str("a\xC3\xA9", 0, "a\xC3"), none);
+    EXPECT_EQ(find_str("a\xC3\xC3\xA9", 0, "a\xC3"), 0U);
+    size_t pos = none;
+    EXPECT_EQ(strutl_find_char("\xC3\xA9\xA9", 0xA9, &pos), 0U);
+    EXPECT_EQ(pos, 2U);
+    EXPECT_EQ(strutl_find_last_char("\xA9\xC3\xA9", 0xA9, &pos), 0U);
+    EXPECT_EQ(pos, 0U);
+    EXPECT_EQ(strutl_match_last_char("\xC3\xA9", 0xA9), 1U);
+}
+
+TEST(StrutlFind, CharactersOfASet)
+{
+    const test::ScopedLocale locale("C.UTF-8");
+    const struct {
+        const char *str;
+        size_t start;
+        const char *set;
+        size_t pos;
+        size_t which;
+    } cases[] = {
+        {"path/to:x", 0, ":/", 4, 1},        {"path/to:x", 5, ":/", 7, 0},
+        {"path", 0, ":/", none, none},       {"", 0, ":/", none, none},
+        {"abc", 0, "", none, none},          {"caf\xC3\xA9/x", 0, "/\xC3\xA9", 3, 1},
+        {"\xC3\xA8/", 0, "/\xC3\xA9", 2, 0}, {"\xC3\xA8", 0, "\xC3\xA9", none, none},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.str);
+        size_t pos = none;
+        size_t which = none;
+        EXPECT_EQ(strutl_find_char_from(c.str, c.start, c.set, &pos, &which), c.pos == none ? 1U : 0U);
+        EXPECT_EQ(pos, c.pos);
+        EXPECT_EQ(which, c.which);
+    }
+    const char *text = "a\xC3\xA9/\xC3\xA8";
+    EXPECT_EQ(strutl_strrpbrk(text, "/a"), text + 3);
+    EXPECT_EQ(strutl_strrpbrk(text, "\xC3\xA9"), text + 1);
+    EXPECT_EQ(strutl_strrpbrk(text, "x"), nullptr);
+    EXPECT_EQ(strutl_right_char("a/b/c", '/')[1], 'c');
+    EXPECT_EQ(strutl_right_char("abc", '\0'), nullptr);
+    EXPECT_EQ(strutl_match_last_char("", 'x'), 1U);
+    EXPECT_EQ(strutl_match_last_char("a/", '/'), 0U);
+}
+
+TEST(StrutlFind, ClosingDelimiters)
+{
+    const struct {
+        const char *str;
+        size_t start;
+        char open;
+        char close;
+        size_t pos;
+    } cases[] = {
+        {"f(a(b)c)d", 1, '(', ')', 7}, {"f(a(b)c)d", 3, '(', ')', 5}, {"f(a(b)c", 1, '(', ')', none},
+        {"()", 0, '(', ')', 1},        {"x()", 0, '(', ')', none},    {"'a'b'", 0, '\'', '\'', 2},
+        {"(", 0, '(', ')', none},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.str);
+        size_t pos = none;
+        EXPECT_EQ(strutl_find_end_delim(c.str, c.start, c.open, c.close, &pos), c.pos == none ? 1U : 0U);
+        EXPECT_EQ(pos, c.pos);
+    }
+}
+
+TEST(StrutlCopy, CutsAtTheSizeAndSaysSo)
+{
+    for (size_t size = 0; size <= 8; ++size) {
+        SCOPED_TRACE(size);
+        char dst[8];
+        std::memset(dst, '#', sizeof dst);
+        EXPECT_EQ(strutl_cpy_buf(dst, "abcdef", size), size < 7 ? 1U : 0U);
+        if (size > 0) {
+            EXPECT_EQ(std::string(dst), std::string("abcdef").substr(0, size - 1));
+        }
+        if (size < sizeof dst) {
+            EXPECT_EQ(dst[std::max<size_t>(size, 0)], '#');
+        }
+    }
+}
+
+TEST(StrutlCopy, NeverCutsACharacter)
+{
+    const test::ScopedLocale locale("C.UTF-8");
+    char dst[16];
+    const char *text = "a\xE2\x82\xAC"
+                       "b"; // a, the euro sign, b
+    const size_t kept[] = {0, 0, 1, 1, 1, 4, 5};
+    for (size_t size = 1; size <= 6; ++size) {
+        SCOPED_TRACE(size);
+        EXPECT_EQ(strutl_cpy_buf(dst, text, size), size < 6 ? 1U : 0U);
+        EXPECT_EQ(std::string(dst), std::string(text).substr(0, kept[size]));
+    }
+    // Bytes that are no characters are cut anywhere.
+    EXPECT_EQ(strutl_cpy_buf(dst, "\x82\x82\x82\x82\x82\x82", 5), 1U);
+    EXPECT_EQ(std::strlen(dst), 4U);
+}
+
+TEST(StrutlCopy, CountedCopiesReadNoFurther)
+{
+    const char unterminated[3] = {'a', 'b', 'c'};
+    char dst[16];
+    EXPECT_EQ(strutl_ncpy_buf(dst, unterminated, 3, sizeof dst), 0U);
+    EXPECT_STREQ(dst, "abc");
+    EXPECT_EQ(strutl_ncpy_buf(dst, unterminated, 3, 3), 1U);
+    EXPECT_STREQ(dst, "ab");
+    EXPECT_EQ(strutl_ncpy(dst, "abc", 2), 1U);
+    EXPECT_STREQ(dst, "ab");
+    EXPECT_EQ(strutl_ncpy(dst, "abc", 3), 0U);
+    EXPECT_STREQ(dst, "abc");
+    EXPECT_EQ(strutl_ccpy_buf(dst, "key=value", '=', sizeof dst), 0U);
+    EXPECT_STREQ(dst, "key");
+    EXPECT_EQ(strutl_ccpy_buf(dst, "key=value", '=', 3), 1U);
+    EXPECT_STREQ(dst, "ke");
+    EXPECT_EQ(strutl_ccpy_buf(dst, "plain", '=', sizeof dst), 0U);
+    EXPECT_STREQ(dst, "plain");
+}
+
+TEST(StrutlCopy, PrependAndAdvance)
+{
+    char buf[8] = "def";
+    EXPECT_EQ(strutl_prepend(buf, 6, "abc"), 1U);
+    EXPECT_STREQ(buf, "def");
+    EXPECT_EQ(strutl_prepend(buf, 7, "abc"), 0U);
+    EXPECT_STREQ(buf, "abcdef");
+    char *at = buf;
+    size_t left = sizeof buf;
+    EXPECT_EQ(strutl_cpy_and_advance(&at, &left, "abc"), 0U);
+    EXPECT_EQ(strutl_cpy_and_advance(&at, &left, "defg"), 0U);
+    EXPECT_EQ(left, 1U);
+    EXPECT_EQ(strutl_cpy_and_advance(&at, &left, ""), 0U);
+    EXPECT_EQ(strutl_cpy_and_advance(&at, &left, "h"), 1U);
+    EXPECT_STREQ(buf, "abcdefg");
+}
+
+TEST(StrutlConcat, JoinsCutsAndKeepsItself)
+{
+    char buf[8] = "abc";
+    EXPECT_EQ(strutl_concat(buf, sizeof buf, 3, buf, "-", "def"), 0U);
+    EXPECT_STREQ(buf, "abc-def");
+    EXPECT_EQ(strutl_concat(buf, sizeof buf, 2, buf, "!"), 1U);
+    EXPECT_STREQ(buf, "abc-def");
+    EXPECT_EQ(strutl_concat(buf, 3, 2, "abcd", "e"), 1U);
+    EXPECT_STREQ(buf, "ab");
+    EXPECT_EQ(strutl_concat(buf, sizeof buf, 0), 0U);
+    EXPECT_STREQ(buf, "");
+    EXPECT_EQ(strutl_concat(buf, 0, 1, "x"), 1U);
+}
+
+#define TEN "1", "2", "3", "4", "5", "6", "7", "8", "9", "0"
+
+TEST(StrutlConcat, NewStringsFromAtMostThirtyTwo)
+{
+    char *joined = strutl_concat_heap(32, TEN, TEN, TEN, "x", "y");
+    ASSERT_NE(joined, nullptr);
+    EXPECT_STREQ(joined, "123456789012345678901234567890xy");
+    stg_free(joined);
+    EXPECT_EQ(strutl_concat_heap(33, TEN, TEN, TEN, "x", "y", "z"), nullptr);
+    stg_area *area = stg_create_area(100);
+    EXPECT_STREQ(strutl_concat_area(area, 0), "");
+    EXPECT_STREQ(strutl_concat_area(area, 2, "a", "b"), "ab");
+    stg_delete_area(&area);
+}
+
+TEST(StrutlEdit, StripsBothEnds)
+{
+    const test::ScopedLocale locale("C.UTF-8");
+    const struct {
+        const char *str;
+        const char *stripped;
+    } cases[] = {
+        {" \t a b \n", "a b"}, {"", ""}, {"   ", ""}, {"ab", "ab"}, {"\xE3\x80\x80x\xE3\x80\x80", "x"},
+    };
+    for (const auto &c : cases) {
+        std::string str = c.str;
+        EXPECT_STREQ(strutl_strip_whitespace(str.data()), c.stripped);
+    }
+}
+
+TEST(StrutlEdit, SlidesTheTail)
+{
+    char buf[16] = "abcdef";
+    strutl_slide_tail(buf, 3, 2);
+    EXPECT_EQ(std::string(buf), "abcdedef");
+    strutl_slide_tail(buf, 5, -2);
+    EXPECT_STREQ(buf, "abcdef");
+    strutl_slide_tail(buf, 6, -6);
+    EXPECT_STREQ(buf, "");
+}
+
+TEST(StrutlEdit, ReplacesWhenItFits)
+{
+    const test::ChildResult child = test::run_child([] {
+        char buf[10] = "abcdef";
+        const bool fits = strutl_replace_substr(buf, 1, 8, 2, "xyz") == 0 && std::strcmp(buf, "axyzdef") == 0;
+        const bool refused = strutl_replace_substr(buf, 7, 8, 0, "!") == 1 && std::strcmp(buf, "axyzdef") == 0;
+        size_t next = 0;
+        const bool found =
+            strutl_find_replace_substr(buf, 2, 8, "z", "", &next) == 0 && next == 3 && std::strcmp(buf, "axydef") == 0;
+        const bool missing = strutl_find_replace_substr(buf, 2, 8, "a", "b", &next) == 1 && next == 3;
+        const bool empty = strutl_find_replace_substr(buf, 0, 8, "", "b", &next) == 1;
+        return fits && refused && found && missing && empty ? 0 : 1;
+    });
+    EXPECT_EQ(child.exit_status, 0);
+    EXPECT_NE(child.err.find("Supplied buffer too small.\n"), std::string::npos);
+    EXPECT_EQ(child.err.find("Supplied", child.err.find("Supplied") + 1), std::string::npos);
+}
+
+TEST(StrutlEditDeathTest, MisuseEndsTheProcess)
+{
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    char buf[8] = "abc";
+    EXPECT_DEATH(strutl_slide_tail(buf, 1, -2), "pos \\+ delta >= 0.*lib/ks/strutl");
+    EXPECT_DEATH(strutl_replace_substr(buf, 2, sizeof buf, 2, ""), "pos \\+ old_len <= strlen.*lib/ks/strutl");
+}
+
+TEST(StrutlEdit, TranslatesSeparatorsInPlace)
+{
+    char buf[8] = "a\\b/c";
+    int changed = 9;
+    EXPECT_EQ(strutl_xlate_pname_sep(buf, "\\/", ':', buf, sizeof buf, &changed), 0U);
+    EXPECT_STREQ(buf, "a:b:c");
+    EXPECT_EQ(changed, 1);
+    EXPECT_EQ(strutl_xlate_pname_sep("abc", "/", ':', buf, 4, &changed), 0U);
+    EXPECT_EQ(changed, 0);
+    EXPECT_EQ(strutl_xlate_pname_sep("a/cd", "/", ':', buf, 4, &changed), 1U);
+    EXPECT_STREQ(buf, "a:c");
+}
+
+TEST(StrutlEdit, TranslatesCharactersToStrings)
+{
+    const test::ScopedLocale locale("C.UTF-8");
+    const char *replacements[] = {"&amp;", "e", ""};
+    char dst[32];
+    const size_t length = strutl_xlate_chars_to_strings(dst, "a&caf\xC3\xA9<", "&\xC3\xA9<", replacements);
+    EXPECT_STREQ(dst, "a&amp;cafe");
+    EXPECT_EQ(length, 10U);
+    EXPECT_EQ(strutl_xlate_chars_to_strings(nullptr, "&&", "&", replacements), 10U);
+}
+
+TEST(StrutlCompare, WhiteSpaceDoesNotCount)
+{
+    const test::ScopedLocale locale("C.UTF-8");
+    const struct {
+        const char *a;
+        const char *b;
+        unsigned differs;
+    } cases[] = {
+        {"a b", " a \t\n b ", 0},
+        {"", " ", 0},
+        {"a b", "ab", 1},
+        {"ab", "a", 1},
+        {"a", "a b", 1},
+        {"a ", "a b", 1},
+        {"a\xE3\x80\x80"
+         "b",
+         "a b", 0},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(std::string(c.a) + "|" + c.b);
+        EXPECT_EQ(strutl_cmp_ignore_whitespace(c.a, c.b), c.differs);
+        EXPECT_EQ(strutl_cmp_ignore_whitespace(c.b, c.a), c.differs);
+    }
+}
+
+TEST(StrutlCompare, CollationIgnoresCase)
+{
+    for (const char *name : {"C", "C.UTF-8"}) {
+        const test::ScopedLocale locale(name);
+        EXPECT_EQ(strutl_stricoll("Read", "rEAD"), 0);
+        EXPECT_LT(strutl_stricoll("Apple", "banana"), 0);
+        EXPECT_GT(strutl_stricoll("b", "A"), 0);
+        const std::string long_text(3000, 'A');
+        EXPECT_EQ(strutl_stricoll(long_text.c_str(), std::string(3000, 'a').c_str()), 0);
+    }
+    const test::ScopedLocale locale("C.UTF-8");
+    EXPECT_EQ(strutl_stricoll("\xC3\x89", "\xC3\xA9"), 0);
+}
+
+TEST(StrutlCompare, CommonPrefixInWholeCharacters)
+{
+    const test::ScopedLocale locale("C.UTF-8");
+    const struct {
+        const char *a;
+        const char *b;
+        unsigned differs;
+        size_t length;
+    } cases[] = {
+        {"abc", "abc", 0, 3}, {"abc", "abd", 1, 2}, {"abc", "ab", 1, 2},
+        {"", "", 0, 0},       {"", "a", 1, 0},      {"x\xC3\xA9", "x\xC3\xA8", 1, 1},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(std::string(c.a) + "|" + c.b);
+        size_t length = 99;
+        EXPECT_EQ(strutl_match_prefix(c.a, c.b, &length), c.differs);
+        EXPECT_EQ(length, c.length);
+    }
+}
+
+TEST(StrutlName, Acceptable)
+{
+    const test::ScopedLocale locale("C.UTF-8");
+    const struct {
+        const char *name;
+        const char *bad_first;
+        const char *extra_ok;
+        unsigned ok;
+    } cases[] = {
+        {nullptr, nullptr, nullptr, 0},
+        {"", nullptr, nullptr, 0},
+        {"name1", nullptr, nullptr, 1},
+        {"a.b", nullptr, nullptr, 0},
+        {"a.b", nullptr, ".", 1},
+        {".a", ".", ".", 0},
+        {"a b", nullptr, nullptr, 0},
+        {"a b", nullptr, " ", 1},
+        {"a\tb", nullptr, nullptr, 0},
+        {"caf\xC3\xA9", nullptr, nullptr, 1},
+        {"\xC3\xA9x", "\xC3\xA9", nullptr, 0},
+        {"\xC3\xA8x", "\xC3\xA9", nullptr, 1},
+        {"a\xC3", nullptr, "\xC3", 0},
+        {"a\x7F", nullptr, nullptr, 0},
+        {"a\xE3\x80\x80", nullptr, nullptr, 0},
+        {"1a", "0123456789", nullptr, 0},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.name == nullptr ? "NULL" : c.name);
+        EXPECT_EQ(strutl_is_ok_name(c.name, c.bad_first, c.extra_ok), c.ok);
+    }
+}
+
+TEST(StrutlCharacter, LengthsAndClasses)
+{
+    const test::ScopedLocale locale("C.UTF-8");
+    EXPECT_EQ(strutl_mblen("\xC3\xA9", 2), 2);
+    EXPECT_EQ(strutl_mblen("\xC3\xA9", 1), 1);
+    EXPECT_EQ(strutl_mblen("", 1), 0);
+    EXPECT_EQ(strutl_mblen("a", 0), 0);
+    EXPECT_EQ(strutl_mb_strlen("a\xC3\xA9\xC3z"), 4U);
+    EXPECT_EQ(strutl_get_sys_char_type(), 2U);
+    wchar_t code = 0;
+    EXPECT_EQ(strutl_mb_char_from_str("\xC3\xA9", &code), 2U);
+    EXPECT_EQ(code, 0xE9);
+    EXPECT_EQ(strutl_mb_char_from_str("\xA9", &code), 1U);
+    EXPECT_EQ(code, 0xA9);
+    size_t length = 9;
+    EXPECT_EQ(strutl_test_char("\xC3\xA9", 2, STRUTL_ALPHA | STRUTL_LOWER, &length), 1U);
+    EXPECT_EQ(length, 2U);
+    EXPECT_EQ(strutl_test_char("\xC3\xA9", 2, STRUTL_ALPHA | STRUTL_UPPER, &length), 0U);
+    EXPECT_EQ(strutl_test_char("\xC3", 1, STRUTL_ALPHA, &length), 0U);
+    EXPECT_EQ(length, 1U);
+    EXPECT_EQ(strutl_test_char("", 1, 0, &length), 0U);
+    EXPECT_EQ(length, 0U);
+    const test::ScopedLocale c_locale("C");
+    EXPECT_EQ(strutl_get_sys_char_type(), 1U);
+    EXPECT_EQ(strutl_mb_strlen("\xC3\xA9"), 2U);
+}
+
+// Every class bit is the class of its name, for every ASCII character.
+TEST(StrutlCharacter, ClassBits)
+{
+    int (*const of_ctype[])(int) = {isalpha, isupper, islower, isdigit, isxdigit,
+                                    isalnum, isspace, ispunct, isprint, isgraph};
+    for (const char *name : {"C", "C.UTF-8"}) {
+        const test::ScopedLocale locale(name);
+        for (int c = 1; c < 128; ++c) {
+            const char text[2] = {static_cast<char>(c), '\0'};
+            for (unsigned bit = 0; bit < 10; ++bit) {
+                ASSERT_EQ(strutl_test_char(text, 1, 1U << bit, nullptr), of_ctype[bit](c) != 0 ? 1U : 0U)
+                    << name << " character " << c << " bit " << bit;
+            }
+        }
+    }
+}
+
+TEST(StrutlCase, StringsThatFitAndThatDoNot)
+{
+    const test::ScopedLocale locale("C.UTF-8");
+    char out[16];
+    EXPECT_EQ(strutl_cvt_case_string("Caf\xC3\xA9 1", 1, sizeof out, out), 1U);
+    EXPECT_STREQ(out, "CAF\xC3\x89 1");
+    EXPECT_EQ(strutl_cvt_case_string("CAF\xC3\x89\xFF", 0, sizeof out, out), 1U);
+    EXPECT_STREQ(out, "caf\xC3\xA9\xFF");
+    EXPECT_EQ(strutl_cvt_case_string("CAF\xC3\x89", 0, 5, out), 0U);
+    EXPECT_STREQ(out, "caf");
+    EXPECT_EQ(strutl_cvt_case_string("abc", 1, 4, out), 1U);
+    EXPECT_EQ(strutl_cvt_case_string("abc", 1, 1, out), 0U);
+    EXPECT_STREQ(out, "");
+    EXPECT_EQ(strutl_cvt_case_string("", 1, 1, out), 1U);
+    EXPECT_EQ(strutl_cvt_case_string("", 1, 0, out), 0U);
+    // Lower case may be longer: U+023A has two bytes, U+2C65 three.
+    EXPECT_EQ(strutl_cvt_case_string("\xC8\xBA", 0, 4, out), 1U);
+    EXPECT_STREQ(out, "\xE2\xB1\xA5");
+}
+
+} // namespace
