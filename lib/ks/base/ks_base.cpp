@@ -6,6 +6,8 @@
 #include <climits>
 #include <ctime>
 
+#include <fcntl.h>
+
 namespace ks {
 
 constinit std::atomic<long> desired_verbosity{SHRT_MAX};
@@ -15,6 +17,14 @@ namespace {
 constexpr long usec_per_sec = 1000000;
 
 } // namespace
+
+int above_stdio(int fd)
+{
+    if (fd < 0 || fd > STDERR_FILENO)
+        return fd;
+    const UniqueFd low(fd);
+    return fcntl(fd, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+}
 
 timeval wall_clock()
 {

@@ -79,6 +79,10 @@ class UniqueFd {
     int fd_ = -1;
 };
 
+// A descriptor of the library's own, moved above the standard ones: in a program that was started with
+// those closed, they are for what it opens itself. The old number is closed. -1 with errno, also for -1.
+[[nodiscard]] int above_stdio(int fd);
+
 // `bytes` rounded up to a multiple of 8; false on overflow.
 [[nodiscard]] inline bool round_up_8(std::size_t bytes, std::size_t &out_rounded)
 {

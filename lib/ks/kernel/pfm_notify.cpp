@@ -5,9 +5,13 @@
 #include "kernel/pfm_msg.h"
 
 #include <algorithm>
+#include <cstdlib>
 #include <cstring>
+#include <initializer_list>
+#include <memory>
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/select.h>
 
 namespace ks::fault {
@@ -39,7 +43,11 @@ int setup_pipe()
     int fds[2];
     if (pipe2(fds, O_CLOEXEC | O_NONBLOCK) != 0)
         return -1;
-    store_ends(fds[0], fds[1]);
+    UniqueFd read_fd(above_stdio(fds[0]));
+    UniqueFd write_fd(above_stdio(fds[1]));
+    if (!read_fd || !write_fd)
+        return -1;
+    store_ends(read_fd.release(), write_fd.release());
     return 0;
 }
 
@@ -57,7 +65,7 @@ void warn_of_failure(ssize_t written, int error)
 {
     if (pfm_exiting.load(std::memory_order_acquire))
         return;
-    ks::RaiseHold hold;
+    const ks::RaiseHold hold;
     // A notice from the way out of a signal: that it cannot be printed changes nothing.
     if (written < 0)
         (void)imsg_print(ks::msg_warning, &_pfm_ks_msg_table, ks::pfm_msg_notify_failed, error, strerror(error));
@@ -80,14 +88,92 @@ int interrupted()
     return -1;
 }
 
+// What select() does, over poll(), for a channel whose number no set holds. -1 with errno: EINTR when the
+// channel is readable, EBADF, ENOMEM, and poll()'s own.
+class PolledSets {
+  public:
+    PolledSets(int nfds, ks_fd_set *readfds, ks_fd_set *writefds, ks_fd_set *exceptfds)
+        : sets_{{{readfds, POLLIN, POLLIN | POLLHUP | POLLERR},
+                 {writefds, POLLOUT, POLLOUT | POLLERR},
+                 {exceptfds, POLLPRI, POLLPRI}}},
+          nfds_(std::clamp(nfds, 0, KS_FD_MAX + 1))
+    {
+    }
+
+    int wait(int channel, const timeval *timeout)
+    {
+        std::unique_ptr<pollfd[], decltype(&std::free)> fds(
+            static_cast<pollfd *>(std::malloc((static_cast<std::size_t>(nfds_) + 1) * sizeof(pollfd))), std::free);
+        if (fds == nullptr) {
+            errno = ENOMEM;
+            return -1;
+        }
+        fds[0] = {channel, POLLIN, 0};
+        const nfds_t count = add_members(fds.get() + 1) + 1;
+        const timespec duration = timeout != nullptr ? timespec{timeout->tv_sec, timeout->tv_usec * 1000} : timespec{};
+        const int ready = ppoll(fds.get(), count, timeout != nullptr ? &duration : nullptr, nullptr);
+        if (ready < 0)
+            return -1;
+        if (fds[0].revents != 0)
+            return interrupted();
+        return take_results({fds.get() + 1, count - 1});
+    }
+
+  private:
+    struct Set {
+        ks_fd_set *members; // may be NULL
+        short asked;
+        short ready;
+    };
+
+    nfds_t add_members(pollfd *out) const
+    {
+        nfds_t count = 0;
+        for (int fd = 0; fd < nfds_; ++fd) {
+            short asked = 0;
+            for (const Set &set : sets_)
+                asked =
+                    static_cast<short>(asked | (set.members != nullptr && ks_fd_has(set.members, fd) ? set.asked : 0));
+            if (asked != 0)
+                out[count++] = {fd, asked, 0};
+        }
+        return count;
+    }
+
+    int take_results(std::span<const pollfd> fds)
+    {
+        if (std::any_of(fds.begin(), fds.end(), [](const pollfd &fd) { return (fd.revents & POLLNVAL) != 0; })) {
+            errno = EBADF;
+            return -1;
+        }
+        int bits = 0;
+        for (const Set &set : sets_) {
+            for (const pollfd &fd : fds) {
+                if (set.members == nullptr || (fd.events & set.asked) == 0)
+                    continue;
+                if ((fd.revents & set.ready) != 0)
+                    ++bits;
+                else
+                    ks_fd_remove(set.members, fd.fd);
+            }
+        }
+        return bits;
+    }
+
+    std::array<Set, 3> sets_;
+    int nfds_;
+};
+
 int select_with_channel(int nfds, ks_fd_set *readfds, ks_fd_set *writefds, ks_fd_set *exceptfds, timeval *timeout)
 {
+    const int channel = pfm_get_notify_channel();
+    if (channel > KS_FD_MAX)
+        return PolledSets(nfds, readfds, writefds, exceptfds).wait(channel, timeout);
     ks_fd_set own;
     if (readfds == nullptr) {
         ks_fd_zero(&own);
         readfds = &own;
     }
-    const int channel = pfm_get_notify_channel();
     ks_fd_add(readfds, channel);
     const int ready = call_select(std::max(nfds, channel + 1), readfds, writefds, exceptfds, timeout);
     if (ready > 0 && ks_fd_has(readfds, channel))
@@ -131,7 +217,7 @@ int pfm_get_notify_channel(void)
 {
     if (fault::read_end() != PFM_INVALID_CHANNEL && fault::write_end() != PFM_INVALID_CHANNEL) [[likely]]
         return fault::read_end();
-    ks::LockGuard lock(ks::pfm_crit);
+    const ks::LockGuard lock(ks::pfm_crit);
     if (fault::read_end() != PFM_INVALID_CHANNEL && fault::write_end() != PFM_INVALID_CHANNEL)
         return fault::read_end();
     fault::here.require(fault::read_end() == PFM_INVALID_CHANNEL && fault::write_end() == PFM_INVALID_CHANNEL,
@@ -148,7 +234,7 @@ void pfm_flush_notify_channel(void)
 
 void pfm_close_notify_channel(void)
 {
-    ks::LockGuard lock(ks::pfm_crit);
+    const ks::LockGuard lock(ks::pfm_crit);
     if (fault::read_end() == PFM_INVALID_CHANNEL && fault::write_end() == PFM_INVALID_CHANNEL)
         return;
     fault::here.require(fault::read_end() != PFM_INVALID_CHANNEL && fault::write_end() != PFM_INVALID_CHANNEL,
@@ -163,6 +249,7 @@ void pfm_notify_vl_thread(int32_t status)
 {
     if (!fault::pfm_inited.load(std::memory_order_acquire))
         return;
+    fault::here.require(status > 0, "status > 0");
     vlthread_notify_raise(status);
     fault::write_notify_channel(status);
 }
