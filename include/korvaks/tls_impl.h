@@ -22,6 +22,12 @@ struct vlthread_state {
     llist_link link;
 };
 
+/* An area whose mutex a thread holds or waits for; on the thread's stack. */
+struct stg_area_hold {
+    struct stg_area_hold *outer;
+    stg_area *area;
+};
+
 /* The fault block: what threads, locks and raises need of the calling thread. */
 struct pfm_fault_block {
     struct vlthread_state *state;   /* the thread's entry on the state list, cached */
@@ -31,6 +37,11 @@ struct pfm_fault_block {
     int32_t pfm_inh_susp;           /* suspension inhibits */
     int32_t susp_share;             /* this thread's share of the process-wide count of inhibits */
     int32_t asserting;              /* an assertion is being reported: a second one must not print */
+    int32_t stopping;               /* the thread performs a held stop */
+    uint32_t inside_area;           /* 1: an area is being changed, a fork waits (vlthread_gate.h) */
+    uint32_t read_holds;            /* read/write locks held for reading */
+    struct stg_area_hold *area_holds; /* innermost first; read by the child of a fork */
+    llist_link all_link;            /* on the list of all blocks (pfm_tls.cpp) */
 };
 
 /* Something to do with a module's section when the thread ends. */

@@ -98,6 +98,7 @@ typedef struct vlthread_mutex {
 typedef struct vlthread_rwlock {
     pthread_rwlock_t lock;
     int32_t raise_mode; /**< VLTHREAD_RAISE_COUNTED counts in the holder's inhibit count */
+    uint32_t fork_generation; /**< private: under which generation of forks it was last used */
     vlthread_t writer;
 } vlthread_rwlock_t;
 
@@ -325,6 +326,12 @@ KS_API int vlthread_atfork(vlthread_fork_fn prepare, vlthread_fork_fn parent, vl
  * Raises: no, once started.
  */
 KS_API pid_t vlthread_fork(int kind);
+
+/**
+ * Called first in a child that starts as a program of its own: drops the cleanup records and on-exit
+ * handlers that it has from its parent.
+ */
+KS_API void vlthread_fork_begin_clean(void);
 
 /** Traces the fork handlers. */
 KS_API void vlthread_dump_fork_handlers(void);

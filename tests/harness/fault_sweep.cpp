@@ -125,15 +125,10 @@ bool is_free(const vlthread_mutex_t &mutex)
 // What the calling thread or the process holds that it should not, or NULL.
 const char *held()
 {
-    for (const vlthread_mutex_t *lock : ks::module_locks()) {
+    for (const vlthread_mutex_t *lock : ks::process_locks()) {
         if (!is_free(*lock))
-            return "a module's lock is held";
+            return "a process-wide lock is held";
     }
-    if (!is_free(ks::pfm_crit) || !is_free(ks::pfm_exit_crit) || !is_free(ks::pfm_inh_susp_crit) ||
-        !is_free(ks::pfm_libc_handler_crit))
-        return "a lock of the fault manager is held";
-    if (!is_free(ks::vlthread_lock) || !is_free(ks::vlthread_critical_section_mutex))
-        return "a lock of the thread layer is held";
     const pfm_fault_block *block = pfm_tls_get();
     if (block->pfm_inh_count != 0 || block->pfm_inh_susp != 0 || block->susp_share != 0)
         return "raises are held off";

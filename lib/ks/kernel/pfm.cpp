@@ -17,17 +17,7 @@ namespace ks::fault {
 namespace {
 
 // What is registered with the process survives a stop and a new start.
-constinit bool registered_locks = false;    // guarded by pfm_crit
 constinit bool registered_handlers = false; // guarded by pfm_crit
-
-// The library's own locks are registered first, so that they are taken after every other prepare
-// handler ran and are free again before any other handler of parent or child.
-void register_locks_with_fork()
-{
-    if (!registered_locks)
-        ks::register_library_fork_handlers();
-    registered_locks = true;
-}
 
 void register_with_process()
 {
@@ -56,13 +46,13 @@ void start()
         start_signal_handler_thread();
     record_current_handlers();
     reset_exit_routine();
-    register_locks_with_fork();
     if (type() == PFM_PROCESS_SAFE)
         return;
     install_catchers();
     pfm_proc_init(PFM_PROCESS_ORDINARY);
     register_with_process();
-    here.require(vlthread_try_attach_lib() == 0, "vlthread_try_attach_lib() == 0", 1734);
+    // A thread that is in the start of the library at this moment is attached, or will be.
+    here.require(vlthread_try_attach_lib() == 0 || has_library_start_begun(), "vlthread_try_attach_lib() == 0", 1734);
 }
 
 // Reports the end of the process once; a failure while that is reported writes one line.
@@ -93,7 +83,7 @@ void pfm_init(void)
 {
     if (fault::pfm_ready.load(std::memory_order_acquire) || fault::pfm_stopped.load(std::memory_order_acquire))
         return;
-    ks::LockGuard lock(ks::pfm_crit);
+    const ks::LockGuard lock(ks::pfm_crit);
     if (fault::pfm_inited.load(std::memory_order_relaxed))
         return;
     fault::pfm_inited.store(true, std::memory_order_relaxed);
@@ -107,8 +97,10 @@ void pfm_proc_init(pfm_proc_type proc_type)
     pfm_proc_type unset = PFM_PROCESS_INVALID;
     if (proc_type == PFM_PROCESS_SAFE && fault::type() == PFM_PROCESS_INVALID)
         fault::here.require(!fault::pfm_inited.load(std::memory_order_relaxed), "pfm_inited == 0", 1581);
-    if (fault::pfm_type.compare_exchange_strong(unset, proc_type))
-        pfm_init();
+    if (!fault::pfm_type.compare_exchange_strong(unset, proc_type))
+        return;
+    fault::pfm_call_libc.store(proc_type == PFM_PROCESS_CHAINING, std::memory_order_relaxed);
+    pfm_init();
 }
 
 pfm_proc_type pfm_external_proc_init(void)

@@ -18,19 +18,41 @@ constinit pfm_exit_routine saved_exit_routine = exit; // guarded by pfm_crit
 
 pfm_exit_routine exit_routine()
 {
-    ks::LockGuard lock(ks::pfm_crit);
+    const ks::LockGuard lock(ks::pfm_crit);
     return saved_exit_routine;
 }
 
-// Each handler is taken off before it runs, so a handler that exits goes on with the next.
+// Takes the newest handler off.
+on_exit_entry pop_on_exit_handler()
+{
+    const on_exit_entry entry = *on_exit_list;
+    std::free(on_exit_list);
+    on_exit_list = entry.next;
+    return entry;
+}
+
+// Each handler is taken off before it runs, so a handler that exits goes on with the next. A handler may
+// enter the critical section, which stands above pfm_crit: so it is entered first, if nobody is inside.
 void run_on_exit_handlers(int status)
 {
-    ks::LockGuard lock(ks::pfm_crit);
-    while (on_exit_list != nullptr) {
-        const on_exit_entry entry = *on_exit_list;
-        free(on_exit_list);
-        on_exit_list = entry.next;
-        entry.fn(status, entry.arg);
+    const bool is_inside = vlthread_mutex_trylock(&ks::vlthread_critical_section_mutex) == 0;
+    {
+        const ks::LockGuard lock(ks::pfm_crit);
+        while (on_exit_list != nullptr) {
+            const on_exit_entry entry = pop_on_exit_handler();
+            entry.fn(status, entry.arg);
+        }
+    }
+    if (is_inside)
+        (void)vlthread_mutex_unlock(&ks::vlthread_critical_section_mutex); // or an exit in a handler left it
+}
+
+// A handler that exits comes here with pfm_crit held, which a signal handler may be waiting for while
+// its thread is waited for.
+void leave_pfm_crit()
+{
+    while (vlthread_mutex_unlock(&ks::pfm_crit) == 0) {
+        // once for each level
     }
 }
 
@@ -43,6 +65,7 @@ bool returns_to_caller(pfm_exit_routine routine)
 void reset_manager()
 {
     pfm_type.store(PFM_PROCESS_INVALID, std::memory_order_relaxed);
+    pfm_call_libc.store(false, std::memory_order_relaxed);
     pfm_ready.store(false, std::memory_order_release);
     pfm_inited.store(false, std::memory_order_release);
     vlthread_reset_raise(nullptr);
@@ -52,16 +75,17 @@ void exit_attached(int status)
 {
     run_on_exit_handlers(status);
     post_exit(status);
-    if (type() == PFM_PROCESS_CHAINING) {
+    if (type() == PFM_PROCESS_CHAINING)
         restore_pre_library_handlers();
+    if (pfm_call_libc.load(std::memory_order_relaxed))
         call_owed_handlers();
-    }
     const pfm_exit_routine routine = exit_routine();
     if (returns_to_caller(routine)) {
         detach_signal_handler_thread();
         return;
     }
     vlthread_release_critical_section();
+    leave_pfm_crit();
     if (type() != PFM_PROCESS_FORK_CHILD)
         join_signal_handler_thread();
     pfm_close_notify_channel();
@@ -82,7 +106,7 @@ extern "C" void pfm_atexit_handler(void)
 
 void reset_exit_routine()
 {
-    ks::LockGuard lock(ks::pfm_crit);
+    const ks::LockGuard lock(ks::pfm_crit);
     saved_exit_routine = exit;
 }
 
@@ -90,14 +114,21 @@ void reset_exit_routine()
 
 namespace fault = ks::fault;
 
+void ks::forget_on_exit_handlers()
+{
+    const LockGuard lock(pfm_crit);
+    while (fault::on_exit_list != nullptr)
+        (void)fault::pop_on_exit_handler();
+}
+
 extern "C" {
 
 void pfm_on_exit(pfm_on_exit_fn fn, void *arg)
 {
     fault::ensure_started();
-    ks::LockGuard lock(ks::pfm_crit);
+    const ks::LockGuard lock(ks::pfm_crit);
     // malloc: this list lies below the storage module.
-    auto *entry = static_cast<fault::on_exit_entry *>(malloc(sizeof(fault::on_exit_entry)));
+    auto *entry = static_cast<fault::on_exit_entry *>(std::malloc(sizeof(fault::on_exit_entry)));
     fault::here.require(entry != nullptr,
                         "(new = (struct on_exit_entry *)malloc(sizeof(struct on_exit_entry))) != NULL", 801);
     *entry = {fault::on_exit_list, fn, arg};
@@ -107,7 +138,7 @@ void pfm_on_exit(pfm_on_exit_fn fn, void *arg)
 pfm_exit_routine pfm_set_exit(pfm_exit_routine routine)
 {
     fault::ensure_started();
-    ks::LockGuard lock(ks::pfm_crit);
+    const ks::LockGuard lock(ks::pfm_crit);
     const pfm_exit_routine previous = fault::saved_exit_routine;
     fault::saved_exit_routine = routine;
     return previous;

@@ -5,8 +5,8 @@ namespace ks::fault {
 
 namespace {
 
-// The forking thread owned the innermost cleanup record. Written and read across one fork, under
-// pfm_crit.
+// The forking thread owned the innermost cleanup record. Written and read across one fork, and forks
+// follow each other.
 constinit bool pfm_cleanup_thread = false;
 
 bool continues_as_full_process(int kind)
@@ -40,8 +40,6 @@ extern "C" void pfm_thread_fork_child(int kind)
         drop_inherited_notify_channel();
         return;
     }
-    if (type() == PFM_PROCESS_ORDINARY)
-        pfm_proc_asignals(SIG_BLOCK);
     renew_notify_channel();
     if (type() != PFM_PROCESS_FORK_CHILD)
         start_signal_handler_thread();

@@ -29,6 +29,9 @@ inline constinit std::atomic<bool> pfm_stopped{false};
 inline constinit std::atomic<bool> pfm_exiting{false};
 inline constinit std::atomic<int> pfm_exit_status{0};
 inline constinit std::atomic<pfm_proc_type> pfm_type{PFM_PROCESS_INVALID};
+// Handlers from before the library run as well: of a chaining process, and of its children whatever
+// their type is.
+inline constinit std::atomic<bool> pfm_call_libc{false};
 inline constinit std::atomic<vlthread_t> pfm_signal_handler_tid{VLTHREAD_INVALID_TID};
 
 inline pfm_proc_type type()
@@ -79,6 +82,8 @@ inline void check_delivery(pfm_fault_block *block)
 void add_inhibit(pfm_fault_block *block);
 void remove_inhibit(pfm_fault_block *block);
 void adjust_inhibits(pfm_fault_block *block, int32_t change);
+// The share of a thread that ends.
+void give_back_inhibits(pfm_fault_block *block);
 bool is_stop_held();
 // True: the caller performs the stop now. False: inhibits hold it back.
 bool may_stop_now(int sig);
@@ -96,12 +101,15 @@ void record_current_handlers();
 void install_catchers();
 void restore_pre_library_handlers();
 void call_owed_handlers();
-pfm_signal_t registered_handler(int sig);
-// Calls the registered handler of the stop signal, whatever it is by now.
-void perform_stop(int sig);
+// Whether a procedure handles the signal, and not the system.
+bool has_registered_handler(int sig);
+// Calls the registered handler of a signal; the system takes it where there is none by now.
+void handle(int sig);
 
 // pfm_thread.cpp: the signal-handler thread.
 void start_signal_handler_thread();
+// In safe mode it takes only signals that have a handler: one was registered.
+void renew_wait_mask();
 void forget_signal_handler_thread();
 void join_signal_handler_thread();
 // Lets the ending thread go without waiting for it: the caller may hold what it waits for.

@@ -21,6 +21,8 @@ constinit sigset_t all_async_signals{};
 // The handler each signal had before the library started, and the one it dispatches to.
 constinit std::array<std::atomic<pfm_signal_t>, signal_count> pre_handler_sigvec{};
 constinit std::array<std::atomic<pfm_signal_t>, signal_count> handler_sigvec{};
+// Changes of the table so far, counted when one begins and when it ends.
+constinit std::atomic<uint32_t> registrations{0};
 // Signals whose earlier handlers are owed a call, as a set of bits, and the kind of deferral.
 constinit std::atomic<uint64_t> libc_deferred_signals{0};
 constinit std::atomic<int> libc_deferred_sigtype{deferral_none};
@@ -62,6 +64,11 @@ class SignalMask {
     sigset_t before_;
 };
 
+pfm_signal_t registered_handler(int sig)
+{
+    return handler_sigvec[static_cast<std::size_t>(sig - 1)].load();
+}
+
 bool install(int sig, pfm_signal_t handler)
 {
     struct sigaction action = {};
@@ -70,17 +77,56 @@ bool install(int sig, pfm_signal_t handler)
     return sigaction(sig, &action, nullptr) == 0;
 }
 
+// Whoever handles the signal in the system's eyes now gets it at once.
+void raise_unblocked(int sig)
+{
+    const SignalMask unblocked(SIG_UNBLOCK, sig);
+    (void)raise(sig); // delivered before it returns
+}
+
 extern "C" void pfm_signal_handler(int sig);
+
+// A change of the table, under pfm_crit.
+class Registration {
+  public:
+    Registration() { registrations.fetch_add(1); }
+    ~Registration() { registrations.fetch_add(1); }
+    Registration(const Registration &) = delete;
+    Registration &operator=(const Registration &) = delete;
+};
+
+// Who handles the signal in the operating system's eyes.
+pfm_signal_t system_handler_for(int sig, pfm_signal_t handler)
+{
+    return is_real_handler(handler) && handler != pre_handler(sig) ? pfm_signal_handler : handler;
+}
+
+// Installs what the table says; a registration that comes in between is seen here, or finds what was
+// installed here and puts it right.
+void install_registered(int sig)
+{
+    for (;;) {
+        const pfm_signal_t handler = registered_handler(sig);
+        (void)install(sig, system_handler_for(sig, handler)); // was installed before, so it is valid
+        if (registered_handler(sig) == handler)
+            return;
+    }
+}
+
+pfm_signal_t current_handler(int sig)
+{
+    struct sigaction action = {};
+    if (sigaction(sig, nullptr, &action) != 0 || (action.sa_flags & SA_SIGINFO) != 0)
+        return SIG_DFL;
+    return action.sa_handler;
+}
 
 // The handler in front of which the library stands gets the signal at once.
 void pass_to_pre_library_handler(int sig)
 {
     (void)install(sig, pre_handler(sig)); // was installed before, so it is valid
-    {
-        SignalMask unblocked(SIG_UNBLOCK, sig);
-        (void)raise(sig); // delivered before it returns
-    }
-    (void)install(sig, pfm_signal_handler);
+    raise_unblocked(sig);
+    install_registered(sig);
 }
 
 // Notes that the signal's earlier handler is owed a call.
@@ -104,11 +150,11 @@ void dispatch(int sig)
 {
     if (sig == SIGTSTP) {
         if (may_stop_now(sig))
-            perform_stop(sig);
+            handle(sig);
         return;
     }
-    registered_handler(sig)(sig);
-    if (type() == PFM_PROCESS_CHAINING)
+    handle(sig);
+    if (pfm_call_libc.load(std::memory_order_relaxed))
         call_owed_handlers();
 }
 
@@ -142,7 +188,7 @@ extern "C" void *handle_on_own_thread(void *argument)
 {
     (void)vlthread_pending_raise(nullptr); // puts the thread on the state list
     pfm_signal_handler_int(static_cast<int>(reinterpret_cast<intptr_t>(argument)));
-    vlthread_exit(nullptr);
+    return nullptr; // pthread_exit() would need memory to unwind the thread
 }
 
 // Only the new thread takes locks of the library: the interrupted one may hold any of them.
@@ -154,18 +200,32 @@ void start_thread_for(int sig)
         pthread_attr_init(&attr) == 0 && pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED) == 0 &&
         pthread_create(&thread, &attr, handle_on_own_thread, reinterpret_cast<void *>(intptr_t{sig})) == 0;
     if (!started)
-        abort();
+        std::abort();
     (void)pthread_attr_destroy(&attr); // always succeeds for an initialised attribute
+}
+
+// A signal that comes here has a handler of the program's. One that was taken out while this delivery
+// was on its way has not: then the system does not come here any more either.
+void require_handler(int sig)
+{
+    const uint32_t before = registrations.load();
+    const pfm_signal_t handler = registered_handler(sig);
+    if (is_real_handler(handler) || current_handler(sig) != pfm_signal_handler) [[likely]]
+        return;
+    const bool is_changing = before % 2 != 0 || registrations.load() != before;
+    if (is_changing)
+        return;
+    here.require(handler != SIG_DFL, "handler_sigvec[sig-1] != (pfm_signal_t)SIG_DFL", 651);
+    here.require(handler != SIG_IGN, "handler_sigvec[sig-1] != (pfm_signal_t)SIG_IGN", 652);
 }
 
 // Installed for every signal that the library dispatches. The system blocks the signal meanwhile.
 extern "C" void pfm_signal_handler(int sig)
 {
-    ks::ErrnoSaver saver;
+    const ks::ErrnoSaver saver;
     here.require(type() != PFM_PROCESS_SAFE || is_safemode_signal(sig),
                  "!pfm_in_safe_mode() || pfm_is_safemode_signal(sig)", 650);
-    here.require(registered_handler(sig) != SIG_DFL, "handler_sigvec[sig-1] != (pfm_signal_t)SIG_DFL", 651);
-    here.require(registered_handler(sig) != SIG_IGN, "handler_sigvec[sig-1] != (pfm_signal_t)SIG_IGN", 652);
+    require_handler(sig);
     if (type() == PFM_PROCESS_FORK_CHILD)
         start_thread_for(sig);
     else
@@ -184,14 +244,6 @@ extern "C" void pfm_suspend_signal_catcher(int sig)
     pass_to_pre_library_handler(sig);
 }
 
-pfm_signal_t current_handler(int sig)
-{
-    struct sigaction action = {};
-    if (sigaction(sig, nullptr, &action) != 0 || (action.sa_flags & SA_SIGINFO) != 0)
-        return SIG_DFL;
-    return action.sa_handler;
-}
-
 void catch_unless_ignored(int sig)
 {
     if (current_handler(sig) != SIG_IGN)
@@ -207,12 +259,6 @@ void restore_child_default()
     action.sa_handler = SIG_DFL;
     action.sa_flags = 0;
     (void)sigaction(SIGCHLD, &action, nullptr); // valid signal and action
-}
-
-// Who handles the signal in the operating system's eyes.
-pfm_signal_t system_handler_for(int sig, pfm_signal_t handler)
-{
-    return is_real_handler(handler) && handler != pre_handler(sig) ? pfm_signal_handler : handler;
 }
 
 } // namespace
@@ -234,6 +280,8 @@ void record_current_handlers()
     for (int sig = 1; sig <= signal_count; ++sig) {
         const auto i = static_cast<std::size_t>(sig - 1);
         const pfm_signal_t handler = current_handler(sig);
+        if (handler == pfm_signal_handler) // of an earlier start: what it stands for is known
+            continue;
         pre_handler_sigvec[i].store(handler, std::memory_order_release);
         handler_sigvec[i].store(handler, std::memory_order_release);
     }
@@ -255,21 +303,18 @@ void restore_pre_library_handlers()
         (void)install(sig, pre_handler(sig)); // fails only for signals that cannot be caught
 }
 
-pfm_signal_t registered_handler(int sig)
+bool has_registered_handler(int sig)
 {
-    return handler_sigvec[static_cast<std::size_t>(sig - 1)].load(std::memory_order_acquire);
+    return is_real_handler(registered_handler(sig));
 }
 
-void perform_stop(int sig)
+void handle(int sig)
 {
     const pfm_signal_t handler = registered_handler(sig);
-    if (is_real_handler(handler)) {
+    if (is_real_handler(handler))
         handler(sig);
-    } else {
-        // Registered anew while the stop was held back: the system knows what to do.
-        SignalMask unblocked(SIG_UNBLOCK, sig);
-        (void)raise(sig);
-    }
+    else
+        raise_unblocked(sig); // put back while it was on its way: the system knows what to do
 }
 
 void call_owed_handlers()
@@ -283,7 +328,7 @@ void call_owed_handlers()
         const uint64_t bit = uint64_t{1} << (sig - 1);
         bool owed = false;
         {
-            ks::LockGuard lock(ks::pfm_libc_handler_crit); // let go for the call
+            const ks::LockGuard lock(ks::pfm_libc_handler_crit); // let go for the call
             owed = (libc_deferred_signals.fetch_and(~bit) & bit) != 0;
         }
         if (owed)
@@ -306,18 +351,24 @@ pfm_signal_t pfm_signal(int sig, pfm_signal_t handler)
         errno = EINVAL;
         return SIG_ERR;
     }
-    ks::LockGuard lock(ks::pfm_crit);
-    fault::SignalMask blocked(SIG_BLOCK, sig);
+    const ks::LockGuard lock(ks::pfm_crit);
+    const fault::SignalMask blocked(SIG_BLOCK, sig);
+    const fault::Registration registration;
     const pfm_signal_t previous = fault::registered_handler(sig);
     auto &entry = fault::handler_sigvec[static_cast<std::size_t>(sig - 1)];
     // While the library's handler is installed the table must hold a real one.
     if (fault::is_real_handler(handler))
-        entry.store(handler, std::memory_order_release);
+        entry.store(handler);
     if (!fault::install(sig, fault::system_handler_for(sig, handler))) {
-        entry.store(previous, std::memory_order_release);
+        entry.store(previous);
         return SIG_ERR;
     }
-    entry.store(handler, std::memory_order_release);
+    entry.store(handler);
+    // A delivery that was passing the signal to its earlier handler may have put the library's back.
+    if (fault::current_handler(sig) != fault::system_handler_for(sig, handler))
+        fault::install_registered(sig);
+    if (fault::type() == PFM_PROCESS_SAFE)
+        fault::renew_wait_mask();
     return previous;
 }
 

@@ -31,7 +31,7 @@ bool is_last_inhibit(int64_t word)
 // Clears the held signal and lets the threads go that wait for it.
 void release_waiters()
 {
-    ks::LockGuard lock(ks::pfm_inh_susp_crit);
+    const ks::LockGuard lock(ks::pfm_inh_susp_crit);
     (void)suspend_word.fetch_and(~held_bit);
     (void)pthread_cond_broadcast(&pfm_susp_cond); // cannot fail
 }
@@ -39,7 +39,7 @@ void release_waiters()
 // A thread that holds nothing back any more waits until those that do let the stop happen.
 void wait_for_stop()
 {
-    ks::LockGuard lock(ks::pfm_inh_susp_crit);
+    const ks::LockGuard lock(ks::pfm_inh_susp_crit);
     while (is_held(suspend_word.load(std::memory_order_relaxed)))
         (void)vlthread_cond_wait(&pfm_susp_cond, &ks::pfm_inh_susp_crit); // always 0
 }
@@ -57,24 +57,50 @@ void add_inhibit(pfm_fault_block *block)
     adjust_inhibits(block, 1);
 }
 
-void remove_inhibit(pfm_fault_block *block)
+namespace {
+
+// The handler of the stop may inhibit and enable like any other code: it must not wait for itself.
+void perform_held_stop(pfm_fault_block *block)
+{
+    ++block->stopping;
+    handle(SIGTSTP);
+    --block->stopping;
+    release_waiters();
+}
+
+// Takes one of the caller's inhibits off the process-wide count; the last performs a held stop. True
+// when a stop is held by others.
+bool drop_inhibit(pfm_fault_block *block)
 {
     --block->susp_share;
     int64_t word = suspend_word.load(std::memory_order_relaxed);
     for (;;) {
         if (is_last_inhibit(word)) [[unlikely]] {
-            perform_stop(SIGTSTP);
-            release_waiters();
+            perform_held_stop(block);
             word = suspend_word.load(std::memory_order_relaxed);
             continue;
         }
         if (suspend_word.compare_exchange_weak(word, word - one_inhibit, std::memory_order_acq_rel))
-            break;
+            return is_held(word);
     }
-    if (is_held(word)) [[unlikely]] {
-        if (block->pfm_inh_count == 0 && block->pfm_inh_susp == 0)
-            wait_for_stop();
-    }
+}
+
+} // namespace
+
+void remove_inhibit(pfm_fault_block *block)
+{
+    const bool is_stop_held_by_others = drop_inhibit(block);
+    if (is_stop_held_by_others && block->pfm_inh_count == 0 && block->pfm_inh_susp == 0 && block->stopping == 0)
+        [[unlikely]]
+        wait_for_stop();
+}
+
+void give_back_inhibits(pfm_fault_block *block)
+{
+    while (block->susp_share > 0)
+        (void)drop_inhibit(block); // an ending thread does not wait for the stop
+    if (block->susp_share < 0)
+        adjust_inhibits(block, -block->susp_share);
 }
 
 bool is_stop_held()
@@ -90,7 +116,8 @@ bool may_stop_now(int sig)
             return true;
         if (is_held(word)) {
             char text[64];
-            const int formatted = snprintf(text, sizeof text, "pfm_signal_handler: got signal %d, inhibited\n", sig);
+            const int formatted =
+                std::snprintf(text, sizeof text, "pfm_signal_handler: got signal %d, inhibited\n", sig);
             (void)!write(STDERR_FILENO, text, static_cast<std::size_t>(formatted)); // only a notice
             return false;
         }

@@ -7,6 +7,7 @@
 // condition variable.
 #include "kernel/pfm_impl.h"
 
+#include <cstdio>
 #include <cstdlib>
 
 #include <poll.h>
@@ -26,9 +27,13 @@ constinit int pfm_sig_blk_req_mask = no_request;
 constinit int pfm_sig_blk_req_sig = 0;
 constinit int block_total = 0;
 constinit bool thread_runs = false; // guarded by pfm_exit_crit
+// In a child every signal is blocked while the thread is started; what it takes is its parent's choice.
+constinit bool is_restarted_by_fork = false;
 
 // What the thread blocks while it waits. Touched by the thread alone.
 constinit sigset_t wait_mask{};
+// What the thread that started it had blocked.
+constinit sigset_t starters_mask{};
 
 bool is_handler_thread()
 {
@@ -73,11 +78,14 @@ void wait_for_wake_up()
     (void)!read(wake.fd, &count, sizeof count); // readable, and nobody else reads it
 }
 
+// The thread is there to receive signals. In safe mode the process belongs to a host, which may have
+// blocked some on purpose: those are left blocked unless the library was given a handler for them.
 void make_wait_mask()
 {
-    (void)pthread_sigmask(SIG_SETMASK, nullptr, &wait_mask); // cannot fail for a valid address
+    wait_mask = starters_mask;
     for (int sig = 1; sig <= signal_count; ++sig) {
-        if (sigismember(&async_signals(), sig) == 1)
+        const bool is_taken = type() != PFM_PROCESS_SAFE || has_registered_handler(sig);
+        if (is_taken && sigismember(&async_signals(), sig) == 1)
             sigdelset(&wait_mask, sig);
     }
 }
@@ -89,12 +97,24 @@ extern "C" void *run_signal_handler_thread(void *)
     make_wait_mask();
     for (bool exiting = false; !exiting;) {
         wait_for_wake_up();
-        ks::LockGuard lock(ks::pfm_exit_crit);
+        if (type() == PFM_PROCESS_SAFE)
+            make_wait_mask();
+        const ks::LockGuard lock(ks::pfm_exit_crit);
         apply_posted_request();
         exiting = pfm_exiting.load(std::memory_order_relaxed);
         thread_runs = !exiting;
     }
-    vlthread_exit(reinterpret_cast<void *>(intptr_t{pfm_exit_status.load(std::memory_order_relaxed)}));
+    // Returned, since pthread_exit() would need memory to unwind the thread.
+    return reinterpret_cast<void *>(intptr_t{pfm_exit_status.load(std::memory_order_relaxed)});
+}
+
+// A process that cannot have the thread says so itself: messages need what is missing.
+[[noreturn]] void end_without(const char *what)
+{
+    char text[128];
+    const int formatted = std::snprintf(text, sizeof text, "pfm: cannot start: no %s (error %d)\n", what, errno);
+    (void)!write(STDERR_FILENO, text, static_cast<std::size_t>(formatted)); // the process ends either way
+    std::abort();
 }
 
 void close_wake_fd()
@@ -126,25 +146,34 @@ void change_in_caller(int how, int sig)
 
 void start_signal_handler_thread()
 {
-    wake_fd.store(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK), std::memory_order_release);
+    wake_fd.store(ks::above_stdio(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)), std::memory_order_release);
     if (wake_fd.load(std::memory_order_relaxed) < 0)
-        abort();
+        end_without("descriptor for the signal-handler thread");
     // Started with everything blocked, whatever the creator's mask: see the top of the file.
     sigset_t before;
     (void)pthread_sigmask(SIG_BLOCK, &async_signals(), &before); // cannot fail for a valid `how`
+    if (!is_restarted_by_fork)
+        starters_mask = before;
     vlthread_t thread = VLTHREAD_INVALID_TID;
     {
-        ks::LockGuard lock(ks::pfm_exit_crit);
+        const ks::LockGuard lock(ks::pfm_exit_crit);
         thread_runs = true;
     }
-    if (vlthread_create(&thread, nullptr, run_signal_handler_thread, nullptr) != 0)
-        abort();
+    errno = vlthread_create(&thread, nullptr, run_signal_handler_thread, nullptr);
+    if (errno != 0)
+        end_without("signal-handler thread");
     pfm_signal_handler_tid.store(thread, std::memory_order_release);
     (void)pthread_sigmask(SIG_SETMASK, &before, nullptr); // cannot fail for a valid `how`
 }
 
+void renew_wait_mask()
+{
+    wake_thread();
+}
+
 void forget_signal_handler_thread()
 {
+    is_restarted_by_fork = true;
     close_wake_fd();
     pfm_signal_handler_tid.store(VLTHREAD_INVALID_TID, std::memory_order_release);
     pfm_chg_sig_block_cond = VLTHREAD_COND_INITIALIZER;
@@ -172,7 +201,7 @@ void detach_signal_handler_thread()
 void post_exit(int status)
 {
     {
-        ks::LockGuard lock(ks::pfm_exit_crit);
+        const ks::LockGuard lock(ks::pfm_exit_crit);
         pfm_exit_status.store(status, std::memory_order_relaxed);
         pfm_exiting.store(true, std::memory_order_release);
     }
@@ -196,7 +225,7 @@ void pfm_signal_handler_chg_block_sig(int how, int sig)
         fault::change_in_caller(how, sig);
         return;
     }
-    ks::LockGuard lock(ks::pfm_exit_crit);
+    const ks::LockGuard lock(ks::pfm_exit_crit);
     // Kept exactly: a request that only nests stays posted, for the next one to replace.
     fault::pfm_sig_blk_req_mask = how;
     fault::pfm_sig_blk_req_sig = sig;
@@ -214,7 +243,7 @@ void pfm_signal_handler_chg_block_sig(int how, int sig)
 void pfm_init_block_total(void)
 {
     fault::ensure_started();
-    ks::LockGuard lock(ks::pfm_exit_crit);
+    const ks::LockGuard lock(ks::pfm_exit_crit);
     fault::block_total = 0;
     fault::change_in_caller(SIG_UNBLOCK, SIGCHLD);
 }

@@ -3,10 +3,11 @@
 
 #include "kernel/ks_guard.h"
 #include "kernel/ks_locks.h"
-#include "kernel/stg_resident.h"
 
 #include <algorithm>
 #include <cstring>
+
+#include <sched.h>
 
 namespace {
 
@@ -32,17 +33,7 @@ struct Registry {
     std::size_t words;
 };
 
-constinit Registry registry{};    // guarded by stg_area_crit
-constinit llist_link all_areas{}; // guarded by stg_area_crit; every area, for forks
-
-// While a fork collects the areas, threads that hold nothing wait here.
-constinit vlthread_mutex_t fork_gate = VLTHREAD_MUTEX_INITIALIZER_NORAISE;
-constinit std::atomic<bool> fork_gate_closed{false};
-
-bool is_traced_at(long level)
-{
-    return ks::is_traced(ks::stg_subsystem, level);
-}
+constinit Registry registry{}; // guarded by stg_area_crit
 
 void require_area(const stg_area *area)
 {
@@ -50,30 +41,37 @@ void require_area(const stg_area *area)
     here.require(area != STG_AREA_HEAP, "area != STG_AREA_HEAP");
 }
 
-void wait_at_fork_gate()
-{
-    // A thread that holds a counted lock must go on: the fork may be waiting for that lock.
-    if (ks::fault_block_of_caller()->pfm_inh_count != 0)
-        return;
-    ks::LockGuard wait(fork_gate);
-}
-
-// Every area operation runs under the area's mutex, but for the resident's short way.
+// Every area operation runs under the area's mutex and with the area marked busy; an allocation
+// that finds its room at once has the mark alone. An output procedure that is called for a trace of
+// the area may come back to it: then mutex and mark are its own already.
 class AreaLock {
   public:
-    explicit AreaLock(stg_area *area) : area_(area)
+    explicit AreaLock(stg_area *area) : block_(ks::fault_block_of_caller()), hold_{block_->area_holds, area}
     {
-        if (fork_gate_closed.load(std::memory_order_acquire)) [[unlikely]]
-            wait_at_fork_gate();
-        (void)vlthread_mutex_lock(&area_->lock);
-        ks::stg_end_foreign_residence(area_);
+        ks::wait_before_area_lock(block_);
+        // Known before it is taken: the child of a fork must find every area that may be locked.
+        __atomic_store_n(&block_->area_holds, &hold_, __ATOMIC_RELEASE);
+        (void)vlthread_mutex_lock(&area->lock);
+        ks::enter_area(block_);
+        while (is_outermost() && __atomic_exchange_n(&area->busy, 1, __ATOMIC_ACQUIRE) != 0)
+            (void)sched_yield(); // the other thread is a few instructions from the end
     }
-    ~AreaLock() { (void)vlthread_mutex_unlock(&area_->lock); }
+    ~AreaLock()
+    {
+        if (is_outermost())
+            __atomic_store_n(&hold_.area->busy, 0, __ATOMIC_RELEASE);
+        ks::leave_area(block_);
+        (void)vlthread_mutex_unlock(&hold_.area->lock);
+        __atomic_store_n(&block_->area_holds, hold_.outer, __ATOMIC_RELEASE);
+    }
     AreaLock(const AreaLock &) = delete;
     AreaLock &operator=(const AreaLock &) = delete;
 
   private:
-    stg_area *area_;
+    bool is_outermost() const { return hold_.area->lock.recursion_count == 1; }
+
+    pfm_fault_block *block_;
+    stg_area_hold hold_;
 };
 
 int fill_value(const stg_area *area)
@@ -148,12 +146,11 @@ StgChunk *add_chunk(stg_area *area, std::size_t request, int quiet)
     if (area->chunks != nullptr || area->incr_set == 0)
         area->desired += wanted;
     chunk->fill = fill_value(area);
-    if (quiet == 0 && is_traced_at(area_trace_level))
+    if (quiet == 0 && ks::stg_is_traced(area_trace_level))
         ks::stg_print(ks::msg_trace, ks::stg_msg_chunk_created, address_number(area), address_number(chunk),
                       static_cast<unsigned>(size));
     chunk->next = area->chunks;
     area->chunks = chunk;
-    ks::stg_settle(area);
     return chunk;
 }
 
@@ -183,7 +180,7 @@ void check_fill(const stg_area *area, const StgChunk *chunk, std::size_t request
 {
     const auto fill = static_cast<unsigned char>(fill_value(area));
     const char *from = chunk->data + chunk->used;
-    const char *end = is_traced_at(whole_chunk_check_level) ? chunk->data + chunk->size : from + request;
+    const char *end = ks::stg_is_traced(whole_chunk_check_level) ? chunk->data + chunk->size : from + request;
     for (; from < end; ++from) {
         if (static_cast<unsigned char>(*from) != fill) {
             ks::stg_print(ks::msg_error, ks::stg_msg_area_corrupted, address_number(area), address_number(from));
@@ -206,23 +203,24 @@ char *take_room(StgChunk *chunk, std::size_t request)
     return result;
 }
 
-// The short way: nothing to lock, check or trace. NULL when the caller is not the resident or the
-// newest chunk is full.
-[[gnu::always_inline]] inline void *allocate_as_resident(stg_area *area, std::size_t request)
+// The short way: nothing to wait for, check or trace. NULL when another thread is inside, a fork is
+// under way, or the newest chunk has no room that is filled.
+[[gnu::always_inline]] inline void *allocate_at_once(stg_area *area, std::size_t request)
 {
-    if (!ks::stg_enter_as_resident(area))
+    pfm_fault_block *const block = ks::fault_block_of_caller();
+    if (!ks::try_enter_area(block, area->busy))
         return nullptr;
     StgChunk *const chunk = area->chunks;
     const bool is_ready = chunk != nullptr && request <= chunk->filled - chunk->used;
     void *const result = is_ready ? take_room(chunk, request) : nullptr;
-    ks::stg_leave_as_resident(area);
+    ks::leave_area(block, area->busy);
     return result;
 }
 
 // Kept out of line, so that it does not weigh on the short way.
 [[gnu::noinline]] void *allocate_locked(stg_area *area, std::size_t request, int quiet)
 {
-    AreaLock lock(area);
+    const AreaLock lock(area);
     StgChunk *chunk = find_room(area, request);
     if (chunk == nullptr) {
         chunk = add_chunk(area, request, quiet);
@@ -235,7 +233,7 @@ char *take_room(StgChunk *chunk, std::size_t request)
     }
     fill_up_to(chunk, chunk->used + request);
     char *const result = take_room(chunk, request);
-    if (quiet == 0 && is_traced_at(alloc_trace_level)) [[unlikely]]
+    if (quiet == 0 && ks::stg_is_traced(alloc_trace_level)) [[unlikely]]
         ks::stg_print(ks::msg_trace, ks::stg_msg_area_allocated, address_number(area), address_number(result),
                       static_cast<unsigned>(request));
     return result;
@@ -247,7 +245,7 @@ char *take_room(StgChunk *chunk, std::size_t request)
     if (!ks::round_up_8(size, request)) [[unlikely]]
         return exhausted();
     if (quiet != 0 || !ks::may_be_traced(1)) [[likely]] {
-        if (void *const result = allocate_as_resident(area, request); result != nullptr) [[likely]]
+        if (void *const result = allocate_at_once(area, request); result != nullptr) [[likely]]
             return result;
     }
     return allocate_locked(area, request, quiet);
@@ -267,7 +265,7 @@ void reset_kept_chunk(stg_area *area, StgChunk *chunk)
 
 void clear(stg_area *area, int keep_first, int quiet)
 {
-    const bool traced = quiet == 0 && is_traced_at(area_trace_level);
+    const bool traced = quiet == 0 && ks::stg_is_traced(area_trace_level);
     if (traced)
         ks::stg_print(ks::msg_trace, ks::stg_msg_area_clearing, address_number(area));
     StgChunk *chunk = area->chunks;
@@ -305,7 +303,6 @@ bool make_registry()
     std::memset(areas, 0, registry_slots_initial * sizeof(stg_area *));
     std::memset(in_use, 0, words * sizeof(uint32_t));
     registry = {areas, registry_slots_initial, in_use, words};
-    ks::stg_prepare_residence();
     return true;
 }
 
@@ -351,7 +348,7 @@ bool widen_bitmap()
 // slot 0 and the registry forgets it at once. stg_dump() relies on finding nothing.
 bool enter_in_registry(stg_area *area)
 {
-    ks::LockGuard lock(ks::stg_area_crit);
+    const ks::LockGuard lock(ks::stg_area_crit);
     if (!make_registry())
         return false;
     const uint32_t slot = next_slot();
@@ -362,16 +359,19 @@ bool enter_in_registry(stg_area *area)
     area->slot = slot;
     registry.areas[slot] = area;
     registry.in_use[slot / word_bits] &= uint32_t{1} << (slot % word_bits);
-    llist_d_insert(&all_areas, area, &area->all_link, LLIST_AT_TAIL);
     return true;
 }
 
 void leave_registry(stg_area *area)
 {
-    ks::LockGuard lock(ks::stg_area_crit);
+    const ks::LockGuard lock(ks::stg_area_crit);
     registry.areas[area->slot] = nullptr;
     registry.in_use[area->slot / word_bits] &= ~(uint32_t{1} << (area->slot % word_bits));
-    (void)llist_d_remove(&area->all_link); // the owner is the area
+}
+
+[[nodiscard]] bool make_area_lock(stg_area *area)
+{
+    return vlthread_mutex_init_full(&area->lock, 0, ks::lock_level_area, 0, ks::lock_order()) == 0;
 }
 
 stg_area *create(uint64_t first_size, int quiet)
@@ -382,13 +382,12 @@ stg_area *create(uint64_t first_size, int quiet)
     *area = {};
     area->first_size = first_size;
     area->incr = first_size;
-    if (vlthread_mutex_init_full(&area->lock, 0, ks::lock_level_area, 0, ks::lock_order()) != 0 ||
-        !enter_in_registry(area)) {
+    if (!make_area_lock(area) || !enter_in_registry(area)) {
         stg_free_int(area, quiet);
         errno = ENOMEM;
         return STG_AREA_NULL;
     }
-    if (quiet == 0 && is_traced_at(area_trace_level))
+    if (quiet == 0 && ks::stg_is_traced(area_trace_level))
         ks::stg_print(ks::msg_trace, ks::stg_msg_area_created, address_number(area));
     return area;
 }
@@ -397,12 +396,11 @@ void destroy(stg_area **handle, int quiet)
 {
     stg_area *area = *handle;
     require_area(area);
-    if (quiet == 0 && is_traced_at(area_trace_level))
+    if (quiet == 0 && ks::stg_is_traced(area_trace_level))
         ks::stg_print(ks::msg_trace, ks::stg_msg_area_deleting, address_number(area));
     leave_registry(area);
-    area->resident = VLTHREAD_INVALID_TID; // whoever deletes an area is its only user by now
     {
-        AreaLock lock(area);
+        const AreaLock lock(area);
         clear(area, 0, quiet);
     }
     (void)vlthread_mutex_destroy(&area->lock); // free: its last user was this call
@@ -414,7 +412,7 @@ void destroy(stg_area **handle, int quiet)
 
 void dump(stg_area *area)
 {
-    AreaLock lock(area);
+    const AreaLock lock(area);
     unsigned long allocated = 0;
     unsigned long used = 0;
     int count = 0;
@@ -431,65 +429,16 @@ void dump(stg_area *area)
                       address_number(chunk->data), address_number(chunk->next));
 }
 
-// Fork -----------------------------------------------------------------------------------------
-
-// Unlocks the areas from the list's head up to `end`.
-void unlock_areas_before(const llist_link *end)
-{
-    for (llist_link *link = all_areas.next; link != end; link = link->next)
-        (void)vlthread_mutex_unlock(&static_cast<stg_area *>(link->owner)->lock); // held since the try
-}
-
 } // namespace
 
 namespace ks {
 
-bool stg_try_hold_all_areas()
+void stg_free_foreign_area_lock(stg_area *area)
 {
-    if (vlthread_mutex_trylock(&stg_area_crit) != 0)
-        return false;
-    if (all_areas.next == nullptr)
-        return true;
-    for (llist_link *link = all_areas.next; link != &all_areas; link = link->next) {
-        if (vlthread_mutex_trylock(&static_cast<stg_area *>(link->owner)->lock) != 0) {
-            unlock_areas_before(link);
-            (void)vlthread_mutex_unlock(&stg_area_crit); // just taken
-            return false;
-        }
-    }
-    return true;
-}
-
-void stg_release_all_areas()
-{
-    if (all_areas.next != nullptr)
-        unlock_areas_before(&all_areas);
-    (void)vlthread_mutex_unlock(&stg_area_crit); // held since the try
-}
-
-void stg_forget_foreign_residents()
-{
-    if (all_areas.next == nullptr)
+    if (is_held_by_caller(&area->lock))
         return;
-    for (llist_link *link = all_areas.next; link != &all_areas; link = link->next) {
-        auto *const area = static_cast<stg_area *>(link->owner);
-        if (area->resident == self())
-            continue;
-        area->resident = VLTHREAD_INVALID_TID;
-        area->resident_inside = 0;
-    }
-}
-
-void stg_close_fork_gate()
-{
-    (void)vlthread_mutex_lock(&fork_gate);
-    fork_gate_closed.store(true, std::memory_order_release);
-}
-
-void stg_open_fork_gate()
-{
-    fork_gate_closed.store(false, std::memory_order_release);
-    (void)vlthread_mutex_unlock(&fork_gate); // held by the closer
+    (void)make_area_lock(area); // it could be made once, in the parent
+    area->busy = 0;
 }
 
 } // namespace ks
@@ -536,7 +485,7 @@ char *stg_area_strdup(stg_area *area, const char *s)
 void stg_set_growth(stg_area *area, double factor)
 {
     require_area(area);
-    AreaLock lock(area);
+    const AreaLock lock(area);
     if (factor > 1.0)
         area->growth = static_cast<float>(factor);
 }
@@ -544,7 +493,7 @@ void stg_set_growth(stg_area *area, double factor)
 void stg_set_incr(stg_area *area, uint64_t bytes)
 {
     require_area(area);
-    AreaLock lock(area);
+    const AreaLock lock(area);
     area->incr = bytes;
     area->incr_set = 1;
 }
@@ -552,21 +501,21 @@ void stg_set_incr(stg_area *area, uint64_t bytes)
 void stg_set_zero(stg_area *area)
 {
     require_area(area);
-    AreaLock lock(area);
+    const AreaLock lock(area);
     area->zero = 1;
 }
 
 void stg_free_area(stg_area *area, int keep_first)
 {
     require_area(area);
-    AreaLock lock(area);
+    const AreaLock lock(area);
     clear(area, keep_first, 0);
 }
 
 void stg_free_area_nr(stg_area *area, int keep_first)
 {
     require_area(area);
-    AreaLock lock(area);
+    const AreaLock lock(area);
     clear(area, keep_first, 1);
 }
 
@@ -588,8 +537,8 @@ void stg_dump_area(stg_area *area)
 
 void stg_dump(void)
 {
-    ks::InhibitGuard inhibit;
-    ks::LockGuard lock(ks::stg_area_crit);
+    const ks::InhibitGuard inhibit;
+    const ks::LockGuard lock(ks::stg_area_crit);
     for (std::size_t slot = 0; slot < registry.words * word_bits; ++slot) {
         if ((registry.in_use[slot / word_bits] >> (slot % word_bits) & 1) != 0)
             dump(registry.areas[slot]);

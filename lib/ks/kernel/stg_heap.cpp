@@ -1,7 +1,10 @@
 // The heap level: malloc, and a checking heap while "ks/stg" is traced.
 //
 // A checked block is an 8-byte header with the requested size, the caller's bytes, and 8 to 15
-// guard bytes. The mode is decided afresh at each call and nothing of it is stored.
+// guard bytes. Whether a new block is checked is decided afresh at each call. Of a block that exists,
+// its address says how it was made: malloc's blocks begin at multiples of 16, so the caller's bytes
+// of a checked block begin 8 behind one. So tracing may be switched while blocks are out, those of the
+// library's own structures among them.
 #include "kernel/stg_impl.h"
 
 #include "kernel/ks_heap.h"
@@ -12,6 +15,8 @@
 namespace {
 
 constexpr std::size_t header_bytes = 8;
+constexpr std::size_t malloc_alignment = 16;
+static_assert(alignof(std::max_align_t) == malloc_alignment);
 constexpr std::size_t overhead_bytes = 16;
 constexpr unsigned char fresh_fill = 0xFF;
 constexpr unsigned char guard_fill = 0xAA;
@@ -27,7 +32,7 @@ void *report_exhaustion()
 
 template <typename... Args> void trace_block(int quiet, ks::StgMsg message, Args... args)
 {
-    if (quiet == 0 && ks::is_traced(ks::stg_subsystem, block_trace_level))
+    if (quiet == 0 && ks::stg_is_traced(block_trace_level))
         ks::stg_print(ks::msg_trace, message, args...);
 }
 
@@ -35,6 +40,17 @@ template <typename... Args> void trace_block(int quiet, ks::StgMsg message, Args
 bool checked_size(std::size_t size, std::size_t &out_total)
 {
     return ks::round_up_8(size, out_total) && !__builtin_add_overflow(out_total, overhead_bytes, &out_total);
+}
+
+bool is_checked(const void *ptr)
+{
+    return ks::address_number(ptr) % malloc_alignment == header_bytes;
+}
+
+// Some allocators align blocks below 16 bytes to 8 only.
+std::size_t plain_size(std::size_t size)
+{
+    return size < malloc_alignment ? malloc_alignment : size;
 }
 
 std::size_t &requested_size(char *block)
@@ -52,7 +68,7 @@ void check_guard(char *block, int quiet)
 {
     const std::size_t size = requested_size(block);
     std::size_t total = 0;
-    if (quiet != 0 || !checked_size(size, total))
+    if (quiet != 0 || !ks::stg_is_checking() || !checked_size(size, total))
         return;
     for (std::size_t i = header_bytes + size; i < total; ++i) {
         if (static_cast<unsigned char>(block[i]) != guard_fill) {
@@ -66,7 +82,7 @@ void check_guard(char *block, int quiet)
 void *checked_malloc(std::size_t size)
 {
     std::size_t total = 0;
-    auto *block = checked_size(size, total) ? static_cast<char *>(malloc(total)) : nullptr;
+    auto *block = checked_size(size, total) ? static_cast<char *>(std::malloc(total)) : nullptr;
     if (block == nullptr)
         return nullptr;
     requested_size(block) = size;
@@ -80,7 +96,7 @@ void *checked_realloc(void *ptr, std::size_t size, int quiet)
     char *block = static_cast<char *>(ptr) - header_bytes;
     check_guard(block, quiet);
     std::size_t total = 0;
-    auto *moved = checked_size(size, total) ? static_cast<char *>(realloc(block, total)) : nullptr;
+    auto *moved = checked_size(size, total) ? static_cast<char *>(std::realloc(block, total)) : nullptr;
     if (moved == nullptr)
         return nullptr;
     requested_size(moved) = size;
@@ -102,7 +118,7 @@ void checked_free(void *ptr, int quiet)
     char *block = static_cast<char *>(ptr) - header_bytes;
     check_guard(block, quiet);
     poison(block);
-    free(block);
+    std::free(block);
 }
 
 } // namespace
@@ -113,7 +129,7 @@ void *heap_try_malloc(std::size_t size)
 {
     if (size == 0)
         size = 1;
-    return stg_is_checking() ? checked_malloc(size) : malloc(size);
+    return stg_is_checking() ? checked_malloc(size) : std::malloc(plain_size(size));
 }
 
 } // namespace ks
@@ -141,7 +157,7 @@ void *stg_realloc_int(void *ptr, size_t size, int quiet)
     if (size == 0)
         size = 1;
     const unsigned long old_address = ks::address_number(ptr);
-    void *block = ks::stg_is_checking() ? checked_realloc(ptr, size, quiet) : realloc(ptr, size);
+    void *block = is_checked(ptr) ? checked_realloc(ptr, size, quiet) : std::realloc(ptr, plain_size(size));
     if (block == nullptr)
         return report_exhaustion();
     trace_block(quiet, ks::stg_msg_block_reallocated, old_address, ks::address_number(block),
@@ -159,10 +175,10 @@ void stg_free_int(void *ptr, int quiet)
     if (ptr == nullptr)
         return;
     trace_block(quiet, ks::stg_msg_block_freeing, ks::address_number(ptr));
-    if (ks::stg_is_checking())
+    if (is_checked(ptr))
         checked_free(ptr, quiet);
     else
-        free(ptr);
+        std::free(ptr);
 }
 
 void stg_free(void *ptr)

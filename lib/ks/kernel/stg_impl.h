@@ -1,10 +1,11 @@
-// Private to the kernel: records of areas and chunks, and what a fork does with all areas.
+// Private to the storage module: records of areas and chunks, and how it reports.
 #pragma once
 
 #include "base/ks_base.h"
 #include "base/msg_port.h"
-#include "kernel/stg_msg.h"
 #include "kernel/kernel.h"
+#include "kernel/stg_msg.h"
+#include "kernel/vlthread_gate.h"
 
 #include <korvaks/llist.h>
 #include <korvaks/stg.h>
@@ -14,10 +15,41 @@ namespace ks {
 
 inline constexpr const char *stg_subsystem = "ks/stg";
 
+// Outside of the area that the caller may be inside of, for as long as it asks or tells the message
+// modules something: they take locks and may wait for a reader of what they print. Areas are whole
+// wherever they do that.
+class AreaPause {
+  public:
+    AreaPause() : block_(fault_block_of_caller()), was_inside_(block_->inside_area != 0)
+    {
+        if (was_inside_)
+            leave_area(block_);
+    }
+    ~AreaPause()
+    {
+        if (was_inside_)
+            enter_area(block_);
+    }
+    AreaPause(const AreaPause &) = delete;
+    AreaPause &operator=(const AreaPause &) = delete;
+
+  private:
+    pfm_fault_block *block_;
+    bool was_inside_;
+};
+
+inline bool stg_is_traced(long level)
+{
+    if (!may_be_traced(level)) [[likely]]
+        return false;
+    const AreaPause pause;
+    return imsg_should_trace(stg_subsystem, level) != 0;
+}
+
 // Whether heap and areas check what they hold.
 inline bool stg_is_checking()
 {
-    return is_traced(stg_subsystem, 1);
+    return stg_is_traced(1);
 }
 
 inline unsigned long address_number(const void *address)
@@ -29,7 +61,8 @@ inline unsigned long address_number(const void *address)
 // between its making and its return.
 template <typename... Args> void stg_print(MsgKind kind, StgMsg message, Args... args)
 {
-    RaiseHold hold;
+    const RaiseHold hold;
+    const AreaPause pause;
     (void)imsg_print(kind, &_stg_ks_msg_table, message, args...); // there is no other way to report
 }
 
@@ -43,18 +76,6 @@ struct StgChunk {
     int fill;        // with what
 };
 
-// Holds every area still across a fork. A caller that does not get them all at once gets none
-// and tries again: an area's holder may be waiting for a lock the caller has.
-[[nodiscard]] bool stg_try_hold_all_areas();
-void stg_release_all_areas();
-// In the child of a fork, whose areas are held: no other thread is inside any of them.
-void stg_forget_foreign_residents();
-
-// While the gate is closed, threads that hold no lock wait before they take an area, so that a
-// fork gets all of them in bounded time. The closer also opens it, in parent and child.
-void stg_close_fork_gate();
-void stg_open_fork_gate();
-
 } // namespace ks
 
 struct stg_area {
@@ -67,9 +88,6 @@ struct stg_area {
     uint32_t slot;        // index in the registry
     uint32_t zero;        // fresh chunks hold 0 instead of 0xFF
     uint32_t incr_set;    // stg_set_incr() was called
+    uint32_t busy;        // 1: some thread is changing the area
     vlthread_mutex_t lock;
-    llist_link all_link;      // on the list of all areas; guarded by stg_area_crit
-    bool had_resident;        // guarded by lock
-    uint32_t resident_inside; // the resident is allocating; written by it alone
-    vlthread_t resident;      // who may allocate without the lock (stg_resident.h), 0 for nobody
 };

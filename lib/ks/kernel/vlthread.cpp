@@ -32,7 +32,7 @@ void init_layer()
         ks::vlthread_set_mode(ks::vlthread_mode_trace);
     pfm_tls_init();
     ks::require_no_threads();
-    (void)ks::add_thread_to_process(pthread_self()); // the entry is cached on first use
+    ks::fault_block_of_caller()->state = ks::add_thread_to_process(pthread_self());
     vlthread_inited.store(true, std::memory_order_release);
 }
 
@@ -60,27 +60,20 @@ struct ThreadStart {
     void *arg;
 };
 
-// What every way out of a thread does: off the state list and out of the critical section.
-void leave_process()
-{
-    ks::remove_thread_from_process(pthread_self());
-    if (ks::vlthread_lib_attached_tid.load(std::memory_order_relaxed) == pthread_self())
-        vlthread_release_critical_section();
-}
-
-// First function of a thread. A thread that returns leaves the process as one that calls
-// vlthread_exit(): an entry that outlived its thread would hand its raise status to the next
-// thread with the same id.
+// First function of a thread. Whichever way the thread ends, its fault block takes it off the state
+// list: an entry that outlived its thread would hand its raise status to the next thread with the
+// same id.
 void *run_thread(void *argument)
 {
     const ThreadStart start = *static_cast<ThreadStart *>(argument);
     free(argument);
+    ks::adopt_own_state();
     void *value = start.start(start.arg);
-    leave_process();
+    ks::leave_process(ks::fault_block_of_caller());
     return value;
 }
 
-int raise_stack_size(pthread_attr_t *attr)
+int widen_stack(pthread_attr_t *attr)
 {
     std::size_t stack_bytes = 0;
     if (pthread_attr_getstacksize(attr, &stack_bytes) == 0 && stack_bytes >= stack_bytes_min)
@@ -97,7 +90,7 @@ int trace_create_failure(const char *function, int error)
 
 int create_with_attr(vlthread_t *out_thread, pthread_attr_t *attr, ThreadStart *start)
 {
-    int error = raise_stack_size(attr);
+    int error = widen_stack(attr);
     if (error != 0)
         return trace_create_failure("pthread_attr_setstacksize", error);
     (void)vlthread_mutex_lock(&ks::vlthread_lock);
@@ -183,7 +176,8 @@ int vlthread_create(vlthread_t *out_thread, vlthread_attr_t *attr, void *(*start
 
 void vlthread_exit(void *value)
 {
-    leave_process();
+    ks::remove_thread_from_process(pthread_self());
+    ks::leave_process(ks::fault_block_of_caller());
     pthread_exit(value);
 }
 

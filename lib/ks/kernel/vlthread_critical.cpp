@@ -9,6 +9,8 @@ constinit std::atomic<vlthread_t> vlthread_lib_attached_tid{VLTHREAD_INVALID_TID
 
 namespace {
 
+constinit std::atomic<bool> library_start_begun{false};
+
 using ks::vlthread_critical_section_mutex;
 using ks::vlthread_lib_attached_tid;
 
@@ -51,24 +53,40 @@ void let_go()
 
 namespace ks {
 
+void enter_critical_section_to_start()
+{
+    library_start_begun.store(true, std::memory_order_release); // before the caller is seen attached
+    vlthread_enter_critical_section();
+}
+
 int leave_critical_section_attached()
 {
     require_inside();
-    int attached = 0;
-    if (vlthread_critical_section_mutex.recursion_count == 1) {
-        detach();
-        attached = vlthread_try_attach_lib();
-    }
+    // The caller is attached, and stays so: there is no moment in which it is not.
+    const int attached = vlthread_try_attach_lib();
     let_go();
     return attached;
+}
+
+bool has_library_start_begun()
+{
+    return library_start_begun.load(std::memory_order_acquire);
+}
+
+void abandon_critical_section()
+{
+    while (is_held_by_caller(&vlthread_critical_section_mutex))
+        let_go();
+    vlthread_t attached = self();
+    (void)vlthread_lib_attached_tid.compare_exchange_strong(attached, VLTHREAD_INVALID_TID); // or it was another
 }
 
 void drop_foreign_critical_section()
 {
     if (!is_held_by_caller(&vlthread_critical_section_mutex))
-        (void)vlthread_mutex_init(&vlthread_critical_section_mutex); // no attribute, so it cannot fail
-    if (vlthread_lib_attached_tid.load(std::memory_order_relaxed) != pthread_self())
-        vlthread_lib_attached_tid.store(VLTHREAD_INVALID_TID, std::memory_order_relaxed);
+        (void)vlthread_mutex_init_full(&vlthread_critical_section_mutex, 0, lock_level_vlthread_critical_section_mutex,
+                                       0, lock_order()); // no attribute that could be refused
+    (void)vlthread_force_attach_lib();                   // always 0: the child's only thread is its attached one
 }
 
 } // namespace ks

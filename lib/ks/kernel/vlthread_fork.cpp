@@ -1,16 +1,11 @@
-// Fork handlers and fork.
-//
-// A child has one thread. Whatever another thread of the parent had locked would stay locked in
-// the child for ever, so the forking thread holds every process-wide lock and every storage area
-// across the fork. Locks that may be held while another of them is waited for cannot be taken
-// one after the other by waiting: all of that group are taken at once or not at all.
+// Fork handlers and fork. What holds the library still meanwhile is vlthread_gate.cpp.
 #include "kernel/kernel.h"
+#include "kernel/vlthread_gate.h"
 
-#include "kernel/stg_impl.h"
+#include <korvaks/pfm.h>
 
+#include <csignal>
 #include <cstdlib>
-
-#include <sched.h>
 
 namespace {
 
@@ -24,10 +19,16 @@ constinit pthread_mutex_t vlthread_fork_mutex = PTHREAD_MUTEX_INITIALIZER;
 constinit llist_link vlthread_fork_prepare_list{}; // guarded by vlthread_fork_mutex
 constinit llist_link vlthread_fork_parent_list{};  // guarded by vlthread_fork_mutex
 constinit llist_link vlthread_fork_child_list{};   // guarded by vlthread_fork_mutex
+constinit bool is_fork_child = false;              // set once, while there is one thread
 
 bool keeps_ownership(int kind)
 {
     return kind >= VLTHREAD_FORK_EXEC && kind <= VLTHREAD_FORK_CONTINUE_3;
+}
+
+bool is_short_lived(int kind)
+{
+    return kind == VLTHREAD_FORK_PLAIN || kind == VLTHREAD_FORK_EXEC;
 }
 
 // False on exhaustion. No handler, no node.
@@ -37,7 +38,7 @@ bool make_node(vlthread_fork_fn fn, ForkHandler *&out_node)
     if (fn == nullptr)
         return true;
     // malloc: the thread layer lies below the storage module.
-    out_node = static_cast<ForkHandler *>(malloc(sizeof(ForkHandler)));
+    out_node = static_cast<ForkHandler *>(std::malloc(sizeof(ForkHandler)));
     if (out_node == nullptr)
         return false;
     *out_node = {fn, {}};
@@ -81,69 +82,41 @@ void dump_list(const char *title, const llist_link *list)
                        static_cast<unsigned>(reinterpret_cast<uintptr_t>(handler_at(link)->fn)));
 }
 
-// Takes the modules' locks and all areas, or none of them. The message lock is waited for, since
-// printing threads may keep it busy for ever; its holders may need any of the others.
-bool try_hold_modules()
+// Until a child knows what it is, a signal would be sent to a thread that it does not have.
+sigset_t block_signals()
 {
-    (void)vlthread_mutex_lock(&ks::ks_product_crit);
-    std::size_t held = 0;
-    for (vlthread_mutex_t *lock : ks::module_locks()) {
-        if (vlthread_mutex_trylock(lock) != 0)
-            break;
-        ++held;
-    }
-    if (held == ks::module_locks().size() && ks::stg_try_hold_all_areas())
-        return true;
-    while (held > 0)
-        (void)vlthread_mutex_unlock(ks::module_locks()[--held]); // taken above
-    (void)vlthread_mutex_unlock(&ks::ks_product_crit);
-    return false;
+    sigset_t all;
+    sigset_t before;
+    sigfillset(&all);
+    (void)pthread_sigmask(SIG_SETMASK, &all, &before); // cannot fail for a valid `how`
+    return before;
 }
 
-extern "C" void hold_modules(int)
+void restore_signals(const sigset_t &before)
 {
-    ks::stg_close_fork_gate();
-    while (!try_hold_modules())
-        (void)sched_yield();
+    (void)pthread_sigmask(SIG_SETMASK, &before, nullptr); // cannot fail for a valid `how`
 }
 
-extern "C" void release_modules(int)
+// The signals of a child are its own once its handlers have run.
+void restore_signals_in_child(const sigset_t &before, int kind)
 {
-    ks::stg_release_all_areas();
-    for (std::size_t i = ks::module_locks().size(); i > 0; --i)
-        (void)vlthread_mutex_unlock(ks::module_locks()[i - 1]); // held since the prepare handler
-    (void)vlthread_mutex_unlock(&ks::ks_product_crit);
-    ks::stg_open_fork_gate();
+    restore_signals(before);
+    if (is_short_lived(kind))
+        pfm_proc_asignals(SIG_UNBLOCK);
+    else if (pfm_proc() == PFM_PROCESS_ORDINARY)
+        pfm_proc_asignals(SIG_BLOCK);
 }
 
-extern "C" void release_modules_in_child(int kind)
+void settle_in_child(int kind)
 {
-    ks::stg_forget_foreign_residents();
-    release_modules(kind);
-}
-
-void run_in_child(int kind)
-{
+    is_fork_child = true;
     if (keeps_ownership(kind))
         ks::adopt_fork_ownership();
-    ks::drop_foreign_critical_section();
-    ks::forget_other_threads();
-    run_in_order(&vlthread_fork_child_list, kind);
-    if (kind == VLTHREAD_FORK_PLAIN || kind == VLTHREAD_FORK_EXEC)
-        pfm_proc_asignals(SIG_UNBLOCK);
+    ks::settle_library_in_child();
+    ks::begin_fork_generation();
 }
 
 } // namespace
-
-namespace ks {
-
-void register_library_fork_handlers()
-{
-    vlthread_require(vlthread_atfork(hold_modules, release_modules, release_modules_in_child) == 0,
-                     "vlthread_atfork(hold_modules, release_modules, release_modules_in_child) == 0");
-}
-
-} // namespace ks
 
 extern "C" {
 
@@ -152,7 +125,7 @@ int vlthread_atfork(vlthread_fork_fn prepare, vlthread_fork_fn parent, vlthread_
     ForkHandler *nodes[3] = {};
     if (!make_node(prepare, nodes[0]) || !make_node(parent, nodes[1]) || !make_node(child, nodes[2])) {
         for (ForkHandler *node : nodes)
-            free(node);
+            std::free(node);
         return ENOMEM;
     }
     (void)pthread_mutex_lock(&vlthread_fork_mutex); // cannot fail for a plain mutex
@@ -163,34 +136,43 @@ int vlthread_atfork(vlthread_fork_fn prepare, vlthread_fork_fn parent, vlthread_
     return 0;
 }
 
+// The handlers of the program run with no lock of the library held but the one that makes forks
+// follow each other: they may lock what other threads hold while they call the library.
 pid_t vlthread_fork(int kind)
 {
     pfm_init();
-    // Taken first, and so in the same order as by a start of the fault manager, which registers
-    // its fork handlers under it.
-    (void)vlthread_mutex_lock(&ks::pfm_crit);
     (void)pthread_mutex_lock(&vlthread_fork_mutex); // cannot fail for a plain mutex
     run_newest_first(&vlthread_fork_prepare_list, kind);
     if (keeps_ownership(kind))
         ks::begin_fork_ownership();
-    pfm_collect_all_locks();
-    (void)vlthread_mutex_lock(&ks::vlthread_lock);
+    ks::hold_library();
+    const sigset_t before = block_signals();
 
     const pid_t child = fork();
     const int fork_errno = errno;
     if (child < 0 && ks::is_tracing())
         vlthread_trace("vlthread_fork() fails to create child process\n");
     if (child == 0)
-        run_in_child(kind);
-    else // also after a failure: what the prepare handlers took must be given back
+        settle_in_child(kind);
+    ks::release_library();
+    if (child == 0) {
+        run_in_order(&vlthread_fork_child_list, kind);
+        restore_signals_in_child(before, kind);
+    } else { // also after a failure: what the prepare handlers took must be given back
+        restore_signals(before);
         run_in_order(&vlthread_fork_parent_list, kind);
+    }
 
-    (void)vlthread_mutex_unlock(&ks::vlthread_lock);
-    pfm_release_all_locks();
     (void)pthread_mutex_unlock(&vlthread_fork_mutex);
-    (void)vlthread_mutex_unlock(&ks::pfm_crit);
     errno = fork_errno;
     return child;
+}
+
+void vlthread_fork_begin_clean(void)
+{
+    ks::vlthread_require(is_fork_child, "is_fork_child");
+    ks::fault_block_of_caller()->cl_rec_root = nullptr;
+    ks::forget_on_exit_handlers();
 }
 
 void vlthread_dump_fork_handlers(void)

@@ -1,8 +1,10 @@
 // Library mutexes and condition waits.
 #include "kernel/kernel.h"
+#include "kernel/vlthread_gate.h"
 
 #include <cstddef>
 #include <cstring>
+#include <limits>
 #include <type_traits>
 
 static_assert(std::is_standard_layout_v<vlthread_mutex_t> && std::is_trivially_copyable_v<vlthread_mutex_t>);
@@ -42,34 +44,18 @@ void add_time_since(timeval &sum, const timeval &start)
     sum = ks::time_sum(sum, ks::time_difference(ks::wall_clock(), start));
 }
 
-// How a mutex is taken and left. Nearly every call goes the short way: nothing is traced, timed,
-// ordered or handed over, and the code for that is left out of it.
-enum class Way { with_all, plain };
-
-Way way_of(const vlthread_mutex_t *mutex)
+// Nearly every mutex is taken and left the short way, which is written out in lock, trylock and unlock
+// below: nothing is traced, timed, ordered, handed over or held back by a fork.
+bool is_plain(const vlthread_mutex_t *mutex)
 {
-    const bool is_plain = !ks::vlthread_has_any_mode() && mutex->order_class == nullptr && mutex->flags == 0;
-    return is_plain ? Way::plain : Way::with_all;
-}
-
-template <Way way> [[gnu::always_inline]] inline bool is_tracing()
-{
-    return way == Way::with_all && ks::is_tracing();
-}
-
-template <Way way> [[gnu::always_inline]] inline int reenter(vlthread_mutex_t *mutex)
-{
-    ++mutex->recursion_count;
-    if (is_tracing<way>())
-        vlthread_trace("Mutex %p is locked for %d times\n", static_cast<void *>(mutex), mutex->recursion_count);
-    return 0;
+    return !ks::vlthread_has_any_mode() && mutex->order_class == nullptr && mutex->flags == 0;
 }
 
 // Reports each held mutex of the same class that should have been taken later.
 void check_order(vlthread_mutex_t *mutex, const pfm_fault_block *fault)
 {
     const llist_link *head = &fault->held_ordered;
-    if (head->next == nullptr)
+    if (mutex->order_class == nullptr || head->next == nullptr)
         return;
     for (const llist_link *link = head->next; link != head; link = link->next) {
         auto *held = static_cast<vlthread_mutex_t *>(link->owner);
@@ -78,26 +64,40 @@ void check_order(vlthread_mutex_t *mutex, const pfm_fault_block *fault)
     }
 }
 
+// Counted before the wait: a raise must not be delivered between taking a lock and counting it.
+void count(const vlthread_mutex_t *mutex, int32_t change)
+{
+    if (is_counted(mutex)) [[likely]]
+        ks::fault_block_of_caller()->pfm_inh_count += change;
+}
+
 // The caller has the POSIX lock and becomes the owner.
-template <Way way>
-[[gnu::always_inline]] inline void take_ownership(vlthread_mutex_t *mutex, pfm_fault_block *fault, void *locker)
+void take_ownership(vlthread_mutex_t *mutex)
 {
     ++mutex->lock_count;
     mutex->recursion_count = 1;
     ks::set_owner(mutex, ks::self());
-    if (way == Way::with_all && mutex->order_class != nullptr) {
-        mutex->locker = locker;
-        llist_d_insert(&fault->held_ordered, mutex, &mutex->order_link, LLIST_AT_TAIL);
-    }
 }
 
 // The opposite, with the POSIX lock still held.
-template <Way way> [[gnu::always_inline]] inline void give_up_ownership(vlthread_mutex_t *mutex)
+void give_up_ownership(vlthread_mutex_t *mutex)
 {
     mutex->recursion_count = 0;
     ks::set_owner(mutex, VLTHREAD_INVALID_TID);
-    if (way == Way::plain)
+}
+
+void take_ownership_in_full(vlthread_mutex_t *mutex, void *locker)
+{
+    take_ownership(mutex);
+    if (mutex->order_class == nullptr)
         return;
+    mutex->locker = locker;
+    llist_d_insert(&ks::fault_block_of_caller()->held_ordered, mutex, &mutex->order_link, LLIST_AT_TAIL);
+}
+
+void give_up_ownership_in_full(vlthread_mutex_t *mutex)
+{
+    give_up_ownership(mutex);
     if (mutex->order_class != nullptr) {
         (void)llist_d_remove(&mutex->order_link); // the owner is this mutex
         mutex->locker = nullptr;
@@ -108,150 +108,136 @@ template <Way way> [[gnu::always_inline]] inline void give_up_ownership(vlthread
     }
 }
 
-int lock_timed(vlthread_mutex_t *mutex)
+// How the POSIX lock is taken, and under which name a failure is traced.
+struct Taking {
+    int (*take)(pthread_mutex_t *lock, const timespec *deadline);
+    const char *name;
+    bool is_wait;
+};
+constexpr Taking waiting{[](pthread_mutex_t *lock, const timespec *) { return pthread_mutex_lock(lock); },
+                         "pthread_mutex_lock", true};
+constexpr Taking trying{[](pthread_mutex_t *lock, const timespec *) { return pthread_mutex_trylock(lock); },
+                        "pthread_mutex_trylock", false};
+constexpr Taking waiting_until{[](pthread_mutex_t *lock, const timespec *deadline) {
+                                   return pthread_mutex_clocklock(lock, CLOCK_MONOTONIC, deadline);
+                               },
+                               "pthread_mutex_clocklock", true};
+
+int take_timed(vlthread_mutex_t *mutex, const Taking &taking, const timespec *deadline)
 {
-    const timeval started = ks::wall_clock();
-    const int error = pthread_mutex_lock(&mutex->lock);
-    if (error == 0) {
-        mutex->locked_at = ks::wall_clock();
+    const timeval started = is_timed(mutex) ? ks::wall_clock() : timeval{};
+    const int error = taking.take(&mutex->lock, deadline);
+    if (error != 0 || !is_timed(mutex))
+        return error;
+    mutex->locked_at = ks::wall_clock();
+    if (taking.is_wait)
         mutex->wait_time = ks::time_sum(mutex->wait_time, ks::time_difference(mutex->locked_at, started));
+    return 0;
+}
+
+[[gnu::noinline]] int lock_in_full(vlthread_mutex_t *mutex, const Taking &taking, void *locker,
+                                   const timespec *deadline = nullptr)
+{
+    if (!taking.is_wait && ks::is_tracing())
+        vlthread_trace("pthread_mutex_trylock mutex %p\n", static_cast<void *>(mutex));
+    hand_over_if_forked(mutex);
+    if (ks::is_held_by_caller(mutex)) {
+        ++mutex->recursion_count;
+        if (ks::is_tracing())
+            vlthread_trace("Mutex %p is locked for %d times\n", static_cast<void *>(mutex), mutex->recursion_count);
+        return 0;
     }
-    return error;
-}
-
-int try_lock_timed(vlthread_mutex_t *mutex)
-{
-    const int error = pthread_mutex_trylock(&mutex->lock);
-    if (error == 0)
-        mutex->locked_at = ks::wall_clock();
-    return error;
-}
-
-// What lock and trylock share once the POSIX lock was tried.
-template <Way way> [[gnu::always_inline]] inline int finish_locking(vlthread_mutex_t *mutex, pfm_fault_block *fault,
-                                                                    int error, const char *function, void *locker)
-{
+    if (taking.is_wait && deadline == nullptr)
+        check_order(mutex, ks::fault_block_of_caller());
+    if (ks::vlthread_has_mode(ks::vlthread_mode_fork_pending))
+        ks::wait_before_process_lock(mutex);
+    count(mutex, 1);
+    const int error = take_timed(mutex, taking, deadline);
     if (error != 0) [[unlikely]] {
-        if (is_counted(mutex))
-            --fault->pfm_inh_count;
-        if (is_tracing<way>())
-            vlthread_trace("Unable to lock mutex ('%s' failed): %s\n", function, strerror(error));
+        count(mutex, -1);
+        if (ks::is_tracing())
+            vlthread_trace("Unable to lock mutex ('%s' failed): %s\n", taking.name, strerror(error));
         return error;
     }
-    take_ownership<way>(mutex, fault, locker);
-    if (is_tracing<way>())
+    take_ownership_in_full(mutex, locker);
+    if (ks::is_tracing())
         vlthread_trace("Mutex %p is locked\n", static_cast<void *>(mutex));
     return 0;
 }
 
-template <Way way> [[gnu::always_inline]] inline int lock(vlthread_mutex_t *mutex, void *locker)
+[[gnu::noinline]] int unlock_in_full(vlthread_mutex_t *mutex)
 {
-    if (way == Way::with_all)
-        hand_over_if_forked(mutex);
-    if (ks::is_held_by_caller(mutex))
-        return reenter<way>(mutex);
-    pfm_fault_block *fault = ks::fault_block_of_caller();
-    if (way == Way::with_all && mutex->order_class != nullptr)
-        check_order(mutex, fault);
-    // Counted before the wait: a raise must not be delivered between taking the lock and
-    // counting it.
-    if (is_counted(mutex)) [[likely]]
-        ++fault->pfm_inh_count;
-    const bool is_measured = way == Way::with_all && is_timed(mutex);
-    const int error = is_measured ? lock_timed(mutex) : pthread_mutex_lock(&mutex->lock);
-    return finish_locking<way>(mutex, fault, error, "pthread_mutex_lock", locker);
-}
-
-template <Way way> [[gnu::always_inline]] inline int try_lock(vlthread_mutex_t *mutex, void *locker)
-{
-    if (is_tracing<way>())
-        vlthread_trace("pthread_mutex_trylock mutex %p\n", static_cast<void *>(mutex));
-    if (way == Way::with_all)
-        hand_over_if_forked(mutex);
-    if (ks::is_held_by_caller(mutex))
-        return reenter<way>(mutex);
-    pfm_fault_block *fault = ks::fault_block_of_caller();
-    if (is_counted(mutex)) [[likely]]
-        ++fault->pfm_inh_count;
-    const bool is_measured = way == Way::with_all && is_timed(mutex);
-    const int error = is_measured ? try_lock_timed(mutex) : pthread_mutex_trylock(&mutex->lock);
-    return finish_locking<way>(mutex, fault, error, "pthread_mutex_trylock", locker);
-}
-
-template <Way way> [[gnu::always_inline]] inline int leave_once(vlthread_mutex_t *mutex)
-{
-    --mutex->recursion_count;
-    if (is_tracing<way>())
-        vlthread_trace("Mutex %p recursion count decrease to %d\n", static_cast<void *>(mutex), mutex->recursion_count);
-    return 0;
-}
-
-template <Way way> [[gnu::always_inline]] inline int unlock(vlthread_mutex_t *mutex)
-{
-    if (way == Way::with_all)
-        hand_over_if_forked(mutex);
-    if (!ks::is_held_by_caller(mutex)) [[unlikely]] {
-        if (is_tracing<way>())
+    hand_over_if_forked(mutex);
+    if (!ks::is_held_by_caller(mutex)) {
+        if (ks::is_tracing())
             vlthread_trace("Fail to unlock mutex %u, for it's not the owner\n",
                            static_cast<unsigned>(reinterpret_cast<uintptr_t>(mutex)));
         return 1;
     }
-    if (mutex->recursion_count >= 2)
-        return leave_once<way>(mutex);
+    if (mutex->recursion_count >= 2) {
+        --mutex->recursion_count;
+        if (ks::is_tracing())
+            vlthread_trace("Mutex %p recursion count decrease to %d\n", static_cast<void *>(mutex),
+                           mutex->recursion_count);
+        return 0;
+    }
     // Read before the release: afterwards the mutex may be another thread's, or gone.
     const bool counted = is_counted(mutex);
-    give_up_ownership<way>(mutex);
+    give_up_ownership_in_full(mutex);
     const int error = pthread_mutex_unlock(&mutex->lock);
     if (error != 0) [[unlikely]] {
-        if (is_tracing<way>())
+        if (ks::is_tracing())
             vlthread_trace("Unable to unlock mutex ('%s' failed): %s\n", "pthread_mutex_unlock", strerror(error));
         return error;
     }
-    if (counted) [[likely]]
+    if (counted)
         --ks::fault_block_of_caller()->pfm_inh_count;
-    if (is_tracing<way>())
+    if (ks::is_tracing())
         vlthread_trace("Mutex %p is unlocked\n", static_cast<void *>(mutex));
     return 0;
 }
 
-// The long ways stand apart, so that what they need does not weigh on the short ones.
-[[gnu::noinline]] int lock_with_all(vlthread_mutex_t *mutex, void *locker)
-{
-    return lock<Way::with_all>(mutex, locker);
-}
+// A condition wait gives the mutex up without releasing the POSIX lock, which the wait itself releases
+// and takes again.
+struct CondWait {
+    vlthread_mutex_t *mutex;
+    void *locker;
+    timeval started;
+};
 
-[[gnu::noinline]] int try_lock_with_all(vlthread_mutex_t *mutex, void *locker)
-{
-    return try_lock<Way::with_all>(mutex, locker);
-}
-
-[[gnu::noinline]] int unlock_with_all(vlthread_mutex_t *mutex)
-{
-    return unlock<Way::with_all>(mutex);
-}
-
-// A condition wait gives the mutex up around `wait` without releasing the POSIX lock, which the
-// wait itself releases and takes again.
-template <typename Wait> int wait_without_ownership(vlthread_cond_t *cond, vlthread_mutex_t *mutex, Wait wait)
+CondWait begin_cond_wait(vlthread_cond_t *cond, vlthread_mutex_t *mutex)
 {
     if (ks::is_tracing())
         vlthread_trace("Waiting for condition %u\n", static_cast<unsigned>(reinterpret_cast<uintptr_t>(cond)));
-    pfm_fault_block *fault = ks::fault_block_of_caller();
-    void *locker = mutex->locker;
-    give_up_ownership<Way::with_all>(mutex);
-    if (is_counted(mutex))
-        --fault->pfm_inh_count;
-    const timeval started = is_timed(mutex) ? ks::wall_clock() : timeval{};
+    void *const locker = mutex->locker;
+    give_up_ownership_in_full(mutex);
+    count(mutex, -1);
+    return {mutex, locker, is_timed(mutex) ? ks::wall_clock() : timeval{}};
+}
 
-    const int result = wait();
-
+// Also what a cancelled wait does before the program's own cleanup, which finds the mutex as its
+// own and unlocks it.
+void end_cond_wait(void *argument)
+{
+    const auto *wait = static_cast<const CondWait *>(argument);
+    vlthread_mutex_t *const mutex = wait->mutex;
     if (is_timed(mutex)) {
         mutex->locked_at = ks::wall_clock();
-        mutex->cond_time = ks::time_sum(mutex->cond_time, ks::time_difference(mutex->locked_at, started));
+        mutex->cond_time = ks::time_sum(mutex->cond_time, ks::time_difference(mutex->locked_at, wait->started));
     }
-    if (is_counted(mutex))
-        ++fault->pfm_inh_count;
-    take_ownership<Way::with_all>(mutex, fault, locker);
+    count(mutex, 1);
+    take_ownership_in_full(mutex, wait->locker);
+}
+
+// The wait itself, absolute until `deadline` if there is one.
+int wait_on_cond(vlthread_cond_t *cond, vlthread_mutex_t *mutex, const timespec *deadline)
+{
+    CondWait wait = begin_cond_wait(cond, mutex);
+    int result = 0;
+    pthread_cleanup_push(end_cond_wait, &wait);
+    result = deadline == nullptr ? pthread_cond_wait(cond, &mutex->lock)
+                                 : pthread_cond_timedwait(cond, &mutex->lock, deadline);
+    pthread_cleanup_pop(1);
     if (ks::is_tracing())
         vlthread_trace("Got condition %u\n", static_cast<unsigned>(reinterpret_cast<uintptr_t>(cond)));
     return result;
@@ -286,6 +272,13 @@ int init_posix_mutex(pthread_mutex_t *lock, int kind)
 
 namespace ks {
 
+bool lock_until(vlthread_mutex_t *mutex, const timespec *deadline)
+{
+    // Without a deadline it is the plain wait; either way the order is the caller's business.
+    static constexpr timespec far_off{std::numeric_limits<time_t>::max(), 0};
+    return lock_in_full(mutex, waiting_until, nullptr, deadline != nullptr ? deadline : &far_off) == 0;
+}
+
 void begin_fork_ownership()
 {
     if (!is_handing_over())
@@ -298,8 +291,6 @@ void adopt_fork_ownership()
     if (!is_handing_over() && pthread_self() != forker)
         vlthread_set_mode(vlthread_mode_hand_over);
     vlthread_post_fork_thread_id.store(pthread_self(), std::memory_order_relaxed);
-    if (vlthread_lib_attached_tid.load(std::memory_order_relaxed) == forker)
-        (void)vlthread_force_attach_lib(); // always 0
 }
 
 } // namespace ks
@@ -354,23 +345,49 @@ int vlthread_mutex_destroy(vlthread_mutex_t *mutex)
 
 int vlthread_mutex_lock(vlthread_mutex_t *mutex)
 {
-    if (way_of(mutex) == Way::plain) [[likely]]
-        return lock<Way::plain>(mutex, nullptr);
-    return lock_with_all(mutex, __builtin_return_address(0));
+    if (!is_plain(mutex)) [[unlikely]]
+        return lock_in_full(mutex, waiting, __builtin_return_address(0));
+    if (ks::is_held_by_caller(mutex)) {
+        ++mutex->recursion_count;
+        return 0;
+    }
+    count(mutex, 1);
+    const int error = pthread_mutex_lock(&mutex->lock);
+    if (error == 0) [[likely]]
+        take_ownership(mutex);
+    else
+        count(mutex, -1);
+    return error;
 }
 
 int vlthread_mutex_trylock(vlthread_mutex_t *mutex)
 {
-    if (way_of(mutex) == Way::plain) [[likely]]
-        return try_lock<Way::plain>(mutex, nullptr);
-    return try_lock_with_all(mutex, __builtin_return_address(0));
+    if (!is_plain(mutex)) [[unlikely]]
+        return lock_in_full(mutex, trying, __builtin_return_address(0));
+    if (ks::is_held_by_caller(mutex)) {
+        ++mutex->recursion_count;
+        return 0;
+    }
+    count(mutex, 1);
+    const int error = pthread_mutex_trylock(&mutex->lock);
+    if (error == 0) [[likely]]
+        take_ownership(mutex);
+    else
+        count(mutex, -1);
+    return error;
 }
 
 int vlthread_mutex_unlock(vlthread_mutex_t *mutex)
 {
-    if (way_of(mutex) == Way::plain) [[likely]]
-        return unlock<Way::plain>(mutex);
-    return unlock_with_all(mutex);
+    if (!is_plain(mutex) || !ks::is_held_by_caller(mutex) || mutex->recursion_count >= 2) [[unlikely]]
+        return unlock_in_full(mutex);
+    // Read before the release: afterwards the mutex may be another thread's, or gone.
+    const bool counted = is_counted(mutex);
+    give_up_ownership(mutex);
+    const int error = pthread_mutex_unlock(&mutex->lock);
+    if (error == 0 && counted) [[likely]]
+        --ks::fault_block_of_caller()->pfm_inh_count;
+    return error;
 }
 
 int vlthread_cond_wait(vlthread_cond_t *cond, vlthread_mutex_t *mutex)
@@ -378,11 +395,8 @@ int vlthread_cond_wait(vlthread_cond_t *cond, vlthread_mutex_t *mutex)
     hand_over_if_forked(mutex);
     ks::vlthread_require(ks::is_held_by_caller(mutex), "mutex->owner == self", 1963);
     ks::vlthread_require(mutex->recursion_count == 1, "mutex->recursion_count == 1", 1964);
-    return wait_without_ownership(cond, mutex, [&] {
-        ks::vlthread_require(pthread_cond_wait(cond, &mutex->lock) == 0, "pthread_cond_wait(cond, &(mutex->lock)) == 0",
-                             1994);
-        return 0;
-    });
+    ks::vlthread_require(wait_on_cond(cond, mutex, nullptr) == 0, "pthread_cond_wait(cond, &(mutex->lock)) == 0", 1994);
+    return 0;
 }
 
 int vlthread_cond_timedwait(vlthread_cond_t *cond, vlthread_mutex_t *mutex, const struct timespec *deadline)
@@ -390,10 +404,8 @@ int vlthread_cond_timedwait(vlthread_cond_t *cond, vlthread_mutex_t *mutex, cons
     hand_over_if_forked(mutex);
     ks::vlthread_require(ks::is_held_by_caller(mutex), "mutex->owner == self", 2050);
     ks::vlthread_require(mutex->recursion_count == 1, "mutex->recursion_count == 1", 2051);
-    return wait_without_ownership(cond, mutex, [&] {
-        const int error = pthread_cond_timedwait(cond, &mutex->lock, deadline);
-        ks::vlthread_require(error == 0 || error == ETIMEDOUT, "err == 0 || err == ETIMEDOUT", 2094);
-        return error;
-    });
+    const int error = wait_on_cond(cond, mutex, deadline);
+    ks::vlthread_require(error == 0 || error == ETIMEDOUT, "err == 0 || err == ETIMEDOUT", 2094);
+    return error;
 }
 }

@@ -1,4 +1,9 @@
-// Read/write locks that tolerate a writer asking again.
+// Read/write locks that tolerate a writer asking again, and that a fork leaves usable.
+//
+// A child has one thread, and what other threads of the parent held would stay held for ever; a
+// lock held for writing would not even be its holder's, whom the platform knows by another number
+// there. So a lock says under which generation of forks it was last taken, and one of an earlier
+// generation is renewed before it is used.
 #include "kernel/kernel.h"
 
 #include <cstring>
@@ -7,6 +12,13 @@
 static_assert(std::is_standard_layout_v<vlthread_rwlock_t> && std::is_trivially_copyable_v<vlthread_rwlock_t>);
 
 namespace {
+
+// Forks of this process's line so far.
+constinit std::atomic<uint32_t> fork_generation{0};
+// One renewal at a time. Taken in the child of a fork only, with nothing under it.
+constinit pthread_mutex_t renewal_mutex = PTHREAD_MUTEX_INITIALIZER;
+// Read holds of the thread that forked.
+constinit uint32_t inherited_read_holds = 0;
 
 vlthread_t writer_of(const vlthread_rwlock_t *rwlock)
 {
@@ -23,10 +35,62 @@ bool is_counted(const vlthread_rwlock_t *rwlock)
     return rwlock->raise_mode == VLTHREAD_RAISE_COUNTED;
 }
 
-void count_hold(const vlthread_rwlock_t *rwlock, int change)
+bool is_of_this_process(const vlthread_rwlock_t *rwlock)
 {
+    return __atomic_load_n(&rwlock->fork_generation, __ATOMIC_ACQUIRE) ==
+           fork_generation.load(std::memory_order_relaxed);
+}
+
+void note_generation(vlthread_rwlock_t *rwlock)
+{
+    __atomic_store_n(&rwlock->fork_generation, fork_generation.load(std::memory_order_relaxed), __ATOMIC_RELEASE);
+}
+
+// Whether the lock may be held for reading by the thread that forked: then it stays as it is.
+bool may_be_read_here(vlthread_rwlock_t *rwlock)
+{
+    if (inherited_read_holds == 0 || pthread_rwlock_tryrdlock(&rwlock->lock) != 0)
+        return false;
+    (void)pthread_rwlock_unlock(&rwlock->lock); // just taken
+    return true;
+}
+
+void renew(vlthread_rwlock_t *rwlock)
+{
+    const vlthread_t writer = writer_of(rwlock);
+    if (writer == VLTHREAD_INVALID_TID && may_be_read_here(rwlock))
+        return;
+    (void)pthread_rwlock_init(&rwlock->lock, nullptr); // it could be made once, in the parent
+    if (writer == ks::self())
+        (void)pthread_rwlock_wrlock(&rwlock->lock); // free, and again its writer's
+    else
+        set_writer(rwlock, VLTHREAD_INVALID_TID);
+}
+
+void renew_after_fork(vlthread_rwlock_t *rwlock)
+{
+    (void)pthread_mutex_lock(&renewal_mutex); // cannot fail for a plain mutex
+    if (!is_of_this_process(rwlock)) {
+        renew(rwlock);
+        note_generation(rwlock);
+    }
+    (void)pthread_mutex_unlock(&renewal_mutex); // just taken
+}
+
+// What a hold adds to the counts of its thread, and an end of it takes away.
+void count_hold(const vlthread_rwlock_t *rwlock, bool writes, int change)
+{
+    pfm_fault_block *const block = ks::fault_block_of_caller();
     if (is_counted(rwlock)) [[likely]]
-        ks::fault_block_of_caller()->pfm_inh_count += change;
+        block->pfm_inh_count += change;
+    if (!writes)
+        block->read_holds += static_cast<uint32_t>(change);
+}
+
+// The usual case, in which nothing is traced and no fork has to be looked after.
+bool is_plain(const vlthread_rwlock_t *rwlock)
+{
+    return !ks::vlthread_has_any_mode() && is_of_this_process(rwlock);
 }
 
 using PosixLock = int (*)(pthread_rwlock_t *);
@@ -60,10 +124,10 @@ constexpr Access writing{"wrlock",
 // Inlined, so that `access` is known where it is used: the uncontended pair is a few nanoseconds.
 [[gnu::always_inline]] inline int take(vlthread_rwlock_t *rwlock, const Access &access, PosixLock posix_lock)
 {
-    count_hold(rwlock, 1);
+    count_hold(rwlock, access.writes, 1);
     const int error = posix_lock(&rwlock->lock);
     if (error != 0) [[unlikely]] {
-        count_hold(rwlock, -1);
+        count_hold(rwlock, access.writes, -1);
         return error;
     }
     if (access.writes)
@@ -71,13 +135,20 @@ constexpr Access writing{"wrlock",
     return 0;
 }
 
-[[gnu::noinline]] int take_traced(vlthread_rwlock_t *rwlock, const Access &access, PosixLock posix_lock,
-                                  const char *called)
+[[gnu::noinline]] int take_in_full(vlthread_rwlock_t *rwlock, const Access &access, bool may_wait)
 {
-    vlthread_trace("%s rwlock %p\n", called, static_cast<void *>(rwlock));
-    const int error = take(rwlock, access, posix_lock);
+    if (ks::is_tracing())
+        vlthread_trace("%s rwlock %p\n", may_wait ? access.blocking_name : access.trying_name,
+                       static_cast<void *>(rwlock));
+    if (!is_of_this_process(rwlock))
+        renew_after_fork(rwlock);
+    const bool waits = may_wait && writer_of(rwlock) != ks::self();
+    const int error = take(rwlock, access, waits ? access.blocking : access.trying);
+    if (!ks::is_tracing())
+        return error;
     if (error != 0)
-        vlthread_trace("Unable to %s rwlock ('%s' failed): %s\n", access.verb, access.blocking_name, strerror(error));
+        vlthread_trace("Unable to %s rwlock ('%s' failed): %s\n", access.verb, access.blocking_name,
+                       std::strerror(error));
     else
         vlthread_trace("Got %s rwlock: rwlock: %p, type %d, owner %lu\n", access.got, static_cast<void *>(rwlock),
                        rwlock->raise_mode, static_cast<unsigned long>(writer_of(rwlock)));
@@ -87,22 +158,30 @@ constexpr Access writing{"wrlock",
 // A writer that asks again must get an error, not wait for itself.
 [[gnu::always_inline]] inline int take_waiting(vlthread_rwlock_t *rwlock, const Access &access)
 {
-    const bool is_writer = writer_of(rwlock) == ks::self();
-    if (ks::is_tracing()) [[unlikely]]
-        return take_traced(rwlock, access, is_writer ? access.trying : access.blocking, access.blocking_name);
-    if (is_writer) [[unlikely]]
-        return take(rwlock, access, access.trying);
+    if (!is_plain(rwlock) || writer_of(rwlock) == ks::self()) [[unlikely]]
+        return take_in_full(rwlock, access, true);
     return take(rwlock, access, access.blocking);
 }
 
-int take_trying(vlthread_rwlock_t *rwlock, const Access &access)
+[[gnu::always_inline]] inline int take_trying(vlthread_rwlock_t *rwlock, const Access &access)
 {
-    if (ks::is_tracing()) [[unlikely]]
-        return take_traced(rwlock, access, access.trying, access.trying_name);
+    if (!is_plain(rwlock)) [[unlikely]]
+        return take_in_full(rwlock, access, false);
     return take(rwlock, access, access.trying);
 }
 
 } // namespace
+
+namespace ks {
+
+void begin_fork_generation()
+{
+    fork_generation.fetch_add(1, std::memory_order_relaxed);
+    inherited_read_holds = fault_block_of_caller()->read_holds;
+    renewal_mutex = PTHREAD_MUTEX_INITIALIZER;
+}
+
+} // namespace ks
 
 extern "C" {
 
@@ -110,9 +189,10 @@ int vlthread_rwlock_init(vlthread_rwlock_t *rwlock, int raise_mode)
 {
     rwlock->raise_mode = raise_mode;
     set_writer(rwlock, VLTHREAD_INVALID_TID);
+    note_generation(rwlock);
     const int error = pthread_rwlock_init(&rwlock->lock, nullptr);
     if (error != 0 && ks::is_tracing())
-        vlthread_trace("Unable to initialize rwlock ('%s' failed): %s\n", "pthread_rwlock_init", strerror(error));
+        vlthread_trace("Unable to initialize rwlock ('%s' failed): %s\n", "pthread_rwlock_init", std::strerror(error));
     return error;
 }
 
@@ -146,6 +226,8 @@ int vlthread_rwlock_wrlock_trylock(vlthread_rwlock_t *rwlock)
 
 int vlthread_rwlock_unlock(vlthread_rwlock_t *rwlock)
 {
+    if (!is_of_this_process(rwlock)) [[unlikely]]
+        renew_after_fork(rwlock);
     // Read before the release: afterwards the lock may be gone.
     const bool counted = is_counted(rwlock);
     // Cleared by every unlock, a reader's too, and before the release: afterwards the field may
@@ -156,12 +238,16 @@ int vlthread_rwlock_unlock(vlthread_rwlock_t *rwlock)
     const int error = pthread_rwlock_unlock(&rwlock->lock);
     if (error != 0) [[unlikely]] {
         set_writer(rwlock, writer);
-        if (ks::is_tracing()) [[unlikely]]
-            vlthread_trace("Unable to unlock rwlock ('%s' failed): %s\n", "pthread_rwlock_unlock", strerror(error));
+        if (ks::is_tracing())
+            vlthread_trace("Unable to unlock rwlock ('%s' failed): %s\n", "pthread_rwlock_unlock",
+                           std::strerror(error));
         return error;
     }
+    pfm_fault_block *const block = ks::fault_block_of_caller();
     if (counted) [[likely]]
-        --ks::fault_block_of_caller()->pfm_inh_count;
+        --block->pfm_inh_count;
+    if (writer == VLTHREAD_INVALID_TID)
+        --block->read_holds;
     if (ks::is_tracing()) [[unlikely]]
         vlthread_trace("Unlocked rwlock: %p\n", static_cast<void *>(rwlock));
     return 0;

@@ -10,14 +10,6 @@ constinit llist_link vlthread_state_list{}; // guarded by vlthread_lock
 #define VLTHREAD_LIST_FIRST(head) ((head)->next)
 #define VLTHREAD_LIST_LAST(head) ((head)->prev)
 
-class StateLock {
-  public:
-    StateLock() { (void)vlthread_mutex_lock(&ks::vlthread_lock); }
-    ~StateLock() { (void)vlthread_mutex_unlock(&ks::vlthread_lock); }
-    StateLock(const StateLock &) = delete;
-    StateLock &operator=(const StateLock &) = delete;
-};
-
 // Calls `visit(entry)` for each entry until it returns true; `visit` may unlink the entry.
 // Returns the entry it stopped at.
 template <typename Visit> vlthread_state *find_state(Visit visit)
@@ -41,19 +33,19 @@ vlthread_state *find_thread(vlthread_t tid)
 void forget(vlthread_state *entry)
 {
     (void)llist_d_remove(&entry->link); // the owner is the entry
-    free(entry);
+    std::free(entry);
 }
 
-// The caller's entry, made if absent.
-vlthread_state *own_state()
+// The entry of `tid`, and no raise pending in it: it is a thread's that ended without a word.
+vlthread_state *renew_known(vlthread_t tid)
 {
-    {
-        // A thread that is known already needs no memory to find itself.
-        StateLock lock;
-        if (vlthread_state *const known = find_thread(pthread_self()); known != nullptr)
-            return known;
-    }
-    return ks::add_thread_to_process(pthread_self());
+    vlthread_state *const known = find_thread(tid);
+    if (known == nullptr)
+        return nullptr;
+    if (ks::is_tracing())
+        vlthread_trace("thread %lu has already been in state list.\n", static_cast<unsigned long>(tid));
+    __atomic_store_n(&known->raise_status, 0, __ATOMIC_RELAXED);
+    return known;
 }
 
 } // namespace
@@ -73,30 +65,33 @@ vlthread_state *add_thread_to_process(vlthread_t tid)
     if (is_tracing())
         vlthread_trace("Adding thread %lu to process\n", static_cast<unsigned long>(tid));
     // malloc: the thread layer lies below the storage module. Obtained before the lock is taken.
-    auto *fresh = static_cast<vlthread_state *>(malloc(sizeof(vlthread_state)));
+    auto *fresh = static_cast<vlthread_state *>(std::malloc(sizeof(vlthread_state)));
     if (fresh == nullptr) {
         if (is_tracing())
             vlthread_trace("Fail to add thread %lu to process", static_cast<unsigned long>(tid));
-        abort();
+        std::abort();
     }
     *fresh = {tid, 0, {}};
-    StateLock lock;
-    vlthread_state *known = find_thread(tid);
-    if (known != nullptr) {
-        if (is_tracing())
-            vlthread_trace("thread %lu has already been in state list.\n", static_cast<unsigned long>(tid));
-        free(fresh);
+    const LockGuard lock(vlthread_lock);
+    if (vlthread_state *const known = renew_known(tid); known != nullptr) {
+        std::free(fresh);
         return known;
     }
     llist_d_insert(&vlthread_state_list, fresh, &fresh->link, LLIST_AT_TAIL);
     return fresh;
 }
 
+void adopt_own_state()
+{
+    const LockGuard lock(vlthread_lock); // the creator has it until the entry is there
+    fault_block_of_caller()->state = find_thread(self());
+}
+
 void remove_thread_from_process(vlthread_t tid)
 {
     if (tid == pthread_self() && current_fault_block != nullptr)
         current_fault_block->state = nullptr;
-    StateLock lock;
+    const LockGuard lock(vlthread_lock);
     vlthread_state *entry = find_thread(tid);
     if (entry != nullptr)
         forget(entry);
@@ -106,7 +101,7 @@ void remove_thread_from_process(vlthread_t tid)
 
 void forget_other_threads()
 {
-    StateLock lock;
+    const LockGuard lock(vlthread_lock);
     (void)find_state([self = pthread_self()](vlthread_state *entry) { // visits all: never stops
         if (entry->tid != self)
             forget(entry);
@@ -120,7 +115,7 @@ extern "C" {
 
 void vlthread_notify_raise(int32_t status)
 {
-    StateLock lock;
+    const ks::LockGuard lock(ks::vlthread_lock);
     (void)find_state([status](vlthread_state *entry) { // visits all: never stops
         __atomic_store_n(&entry->raise_status, status, __ATOMIC_RELEASE);
         return false;
@@ -142,7 +137,7 @@ int32_t vlthread_pending_raise(struct pfm_fault_block *holder)
         if (holder == nullptr)
             holder = ks::fault_block_of_caller();
         if (holder->state == nullptr)
-            holder->state = own_state();
+            holder->state = ks::add_thread_to_process(pthread_self());
     }
     return __atomic_load_n(&holder->state->raise_status, __ATOMIC_ACQUIRE);
 }
@@ -152,7 +147,7 @@ void vlthread_dump_thread(void)
     if (!ks::is_tracing())
         return;
     vlthread_trace(">>>>Start to dump thread<<<<\n");
-    StateLock lock;
+    const ks::LockGuard lock(ks::vlthread_lock);
     (void)find_state([](const vlthread_state *entry) { // visits all: never stops
         vlthread_trace("thread %u, raise status %d\n", static_cast<unsigned>(entry->tid),
                        __atomic_load_n(&entry->raise_status, __ATOMIC_RELAXED));

@@ -41,7 +41,7 @@ extern "C" {
 uint32_t ks_system_init(void)
 {
     (void)vlthread_init();
-    vlthread_enter_critical_section();
+    ks::enter_critical_section_to_start();
     sysutl_umask_init();
     const uint32_t started = start_once();
     // Leaving and attaching are one step, so that no other starting thread attaches in between.
