@@ -1,5 +1,7 @@
 #include "harness/child.h"
 
+#include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
@@ -7,14 +9,32 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <new>
 #include <sstream>
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <gtest/gtest.h>
+
 namespace test {
+
+// What failed in a child, in memory that it shares with its parent: it costs no descriptor and
+// outlasts a child that a signal ends.
+struct Failures {
+    struct Failure {
+        char file[256];
+        char text[2048];
+        int line;
+    };
+    std::atomic<std::size_t> count{0};
+    Failure list[8]; // the first ones
+
+    std::size_t kept() const { return std::min(count.load(), std::size(list)); }
+};
 
 namespace {
 
@@ -32,7 +52,7 @@ void read_available(int &fd, std::string &into)
     char buffer[4096];
     const ssize_t got = read(fd, buffer, sizeof buffer);
     if (got > 0) {
-        into.append(buffer, static_cast<size_t>(got));
+        into.append(buffer, static_cast<std::size_t>(got));
     } else if (got == 0 || (errno != EINTR && errno != EAGAIN)) {
         close(fd);
         fd = -1;
@@ -47,9 +67,58 @@ int count_entries(const char *directory)
     return count;
 }
 
+Failures *share_failures()
+{
+    void *pages = mmap(nullptr, sizeof(Failures), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    if (pages == MAP_FAILED)
+        std::abort();
+    return new (pages) Failures;
+}
+
+// Stands in a child where the printer of results stands in its parent.
+class FailureSender : public testing::EmptyTestEventListener {
+  public:
+    explicit FailureSender(Failures &failures) : failures_(failures) {}
+
+    void OnTestPartResult(const testing::TestPartResult &result) override
+    {
+        if (!result.failed())
+            return;
+        const std::size_t at = failures_.count++;
+        if (at >= std::size(failures_.list))
+            return;
+        Failures::Failure &failure = failures_.list[at];
+        std::snprintf(failure.file, sizeof failure.file, "%s", result.file_name());
+        std::snprintf(failure.text, sizeof failure.text, "%s", result.message());
+        failure.line = result.line_number();
+    }
+
+  private:
+    Failures &failures_;
+};
+
+void send_failures(Failures &failures)
+{
+    testing::TestEventListeners &listeners = testing::UnitTest::GetInstance()->listeners();
+    static testing::TestEventListener *current = listeners.default_result_printer();
+    delete listeners.Release(current); // in a child of a child: the sender to its parent
+    current = new FailureSender(failures);
+    listeners.Append(current);
+}
+
+// Empties the list.
+void report(Failures &failures)
+{
+    for (std::size_t i = 0; i < failures.kept(); ++i)
+        ADD_FAILURE_AT(failures.list[i].file, failures.list[i].line) << "in a child: " << failures.list[i].text;
+    if (failures.count > failures.kept())
+        ADD_FAILURE() << failures.count - failures.kept() << " more failures in a child";
+    failures.count = 0;
+}
+
 } // namespace
 
-Child::Child(const std::function<int()> &body)
+Child::Child(const std::function<int()> &body) : failures_(share_failures())
 {
     int out[2];
     int err[2];
@@ -67,6 +136,7 @@ Child::Child(const std::function<int()> &body)
         close(out[1]);
         close(err[0]);
         close(err[1]);
+        send_failures(*failures_);
         const int status = body();
         std::fflush(nullptr);
         _exit(status);
@@ -80,25 +150,31 @@ Child::Child(const std::function<int()> &body)
 
 Child::~Child()
 {
-    if (!reaped_) {
-        kill(-pid_, SIGKILL);
-        kill(pid_, SIGKILL);
-        waitpid(pid_, &wait_status_, 0);
-    }
+    if (!reaped_)
+        kill_and_reap();
     if (out_fd_ >= 0)
         close(out_fd_);
     if (err_fd_ >= 0)
         close(err_fd_);
+    report(*failures_);
+    munmap(failures_, sizeof *failures_);
+}
+
+void Child::kill_and_reap()
+{
+    kill(-pid_, SIGKILL);
+    kill(pid_, SIGKILL);
+    waitpid(pid_, &wait_status_, 0);
+    reaped_ = true;
 }
 
 bool Child::pump(int wait_ms)
 {
     pollfd fds[2] = {{out_fd_, POLLIN, 0}, {err_fd_, POLLIN, 0}};
-    if (poll(fds, 2, wait_ms) <= 0)
-        return out_fd_ >= 0 || err_fd_ >= 0;
-    if (fds[0].revents != 0)
+    const bool is_ready = poll(fds, 2, wait_ms) > 0;
+    if (is_ready && fds[0].revents != 0)
         read_available(out_fd_, out_);
-    if (fds[1].revents != 0)
+    if (is_ready && fds[1].revents != 0)
         read_available(err_fd_, err_);
     return out_fd_ >= 0 || err_fd_ >= 0;
 }
@@ -106,12 +182,10 @@ bool Child::pump(int wait_ms)
 bool Child::wait_for_output(const std::string &text, int deadline_ms)
 {
     const auto deadline = Clock::now() + std::chrono::milliseconds(deadline_ms);
-    for (;;) {
-        if (out_.find(text) != std::string::npos || err_.find(text) != std::string::npos)
-            return true;
-        if (milliseconds_left(deadline) == 0 || !pump(milliseconds_left(deadline)))
-            return out_.find(text) != std::string::npos || err_.find(text) != std::string::npos;
+    const auto has_come = [&] { return out_.find(text) != std::string::npos || err_.find(text) != std::string::npos; };
+    while (!has_come() && milliseconds_left(deadline) > 0 && pump(milliseconds_left(deadline))) {
     }
+    return has_come();
 }
 
 bool Child::wait_for_stop(int sig, int deadline_ms)
@@ -144,13 +218,10 @@ ChildResult Child::finish(int deadline_ms)
     }
     if (!reaped_) {
         result.timed_out = true;
-        kill(-pid_, SIGKILL);
-        kill(pid_, SIGKILL);
-        waitpid(pid_, &wait_status_, 0);
-        reaped_ = true;
+        kill_and_reap();
     }
     for (int quiet = 0; quiet < 2 && (out_fd_ >= 0 || err_fd_ >= 0);) {
-        const size_t before = out_.size() + err_.size();
+        const std::size_t before = out_.size() + err_.size();
         pump(20);
         quiet = out_.size() + err_.size() == before ? quiet + 1 : 0;
     }
@@ -161,6 +232,7 @@ ChildResult Child::finish(int deadline_ms)
         result.signal = WTERMSIG(wait_status_);
     result.out = out_;
     result.err = err_;
+    report(*failures_);
     return result;
 }
 
@@ -168,6 +240,15 @@ ChildResult run_child(const std::function<int()> &body, int deadline_ms)
 {
     Child child(body);
     return child.finish(deadline_ms);
+}
+
+void in_child(const std::function<void()> &body, const char *file, int line)
+{
+    const ChildResult result = run_child(body);
+    if (result.exit_status != 0)
+        ADD_FAILURE_AT(file, line) << "the child ended with status " << result.exit_status << ", signal "
+                                   << result.signal << (result.timed_out ? ", at the deadline" : "") << "; it said:\n"
+                                   << result.err;
 }
 
 int open_descriptor_count()

@@ -2,10 +2,15 @@
 //
 // Whatever is process-wide (signals, exit, fork, environment caches, the library's start) is
 // tested in a child; the test process itself never starts the library.
+//
+// EXPECT_... and ASSERT_... work in a child and in all that it forks: the failure is reported here,
+// with its file and line, however the child ends.
 #pragma once
 
+#include <concepts>
 #include <functional>
 #include <string>
+#include <type_traits>
 
 #include <sys/types.h>
 
@@ -41,7 +46,9 @@ class Child {
 
   private:
     bool pump(int wait_ms);
+    void kill_and_reap();
 
+    struct Failures *failures_; // shared with the child
     pid_t pid_ = -1;
     int out_fd_ = -1;
     int err_fd_ = -1;
@@ -54,6 +61,16 @@ class Child {
 // Runs `body` in a child in its own process group; its return value is the exit status, left
 // through _exit() with stdio flushed.
 ChildResult run_child(const std::function<int()> &body, int deadline_ms = 60000);
+
+// The same with a body that returns nothing and so exits with 0. ASSERT_... needs this form.
+template <std::invocable Body>
+requires std::is_void_v<std::invoke_result_t<Body &>> ChildResult run_child(Body body, int deadline_ms = 60000)
+{
+    return run_child(std::function<int()>([&body] { return body(), 0; }), deadline_ms);
+}
+
+// Runs the checks of `body` in a child, which must end by itself with status 0.
+void in_child(const std::function<void()> &body, const char *file = __builtin_FILE(), int line = __builtin_LINE());
 
 // Descriptors open in this process, and threads; a test compares before and after. A thread that
 // was joined may be counted for a moment longer, so the last form waits for the expected count.
