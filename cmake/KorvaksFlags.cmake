@@ -36,7 +36,8 @@ add_library(korvaks_library INTERFACE)
 # out of it are bound at start, so they need no table of jumps.
 target_compile_options(korvaks_library INTERFACE
   $<$<COMPILE_LANGUAGE:CXX>:-fno-exceptions -fno-rtti> -fvisibility=hidden -fno-semantic-interposition -fno-plt)
-target_link_options(korvaks_library INTERFACE -Wl,-Bsymbolic-functions)
+# The library has threads and handlers of its own, so it is never unloaded.
+target_link_options(korvaks_library INTERFACE -Wl,-Bsymbolic-functions -Wl,-z,nodelete)
 # Sanitizer runtimes are bound when the program starts; everything else must be bound at the link.
 if(NOT KORVAKS_SANITIZE)
   target_link_options(korvaks_library INTERFACE -Wl,-z,defs)

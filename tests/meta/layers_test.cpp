@@ -414,6 +414,24 @@ TEST(Layers, HeadersFormNoCircle)
     EXPECT_EQ(meta::lines_of(include_circles(library_files())), "");
 }
 
+// The page draws the locks in the order of the table that makes them.
+TEST(Locks, ThePageShowsTheirOrder)
+{
+    const std::string page = meta::read_source("docs/locks.md").text;
+    std::size_t at = 0;
+    int count = 0;
+    for (const auto &line : meta::split_lines(meta::read_source("lib/ks/kernel/ks_locks.h").text)) {
+        const auto open = line.find("    LOCK(");
+        if (open != 0)
+            continue;
+        const std::string name = line.substr(9, line.find(',') - 9);
+        at = page.find(name, at);
+        ASSERT_NE(at, std::string::npos) << name << " is not drawn where it belongs";
+        ++count;
+    }
+    EXPECT_GT(count, 10);
+}
+
 // The checks themselves, on a small tree that breaks each rule once.
 TEST(LayerChecks, FindWhatTheyLookFor)
 {

@@ -114,8 +114,8 @@ void require_no_threads();
 // Makes a thread known that is not: whatever the list holds under its id is of a thread that ended.
 vlthread_state *add_thread_to_process(vlthread_t tid);
 void remove_thread_from_process(vlthread_t tid);
-// On a thread of vlthread_create(), whose entry the creator made: keeps it in the fault block, so that
-// every way out of the thread finds it.
+// Keeps the caller's entry, if it has one, in its fault block: where every delivery check and every
+// way out of the thread finds it.
 void adopt_own_state();
 // After a fork: forgets every thread but the caller, the only one there is.
 void forget_other_threads();

@@ -19,7 +19,7 @@ void arm(pfm_cleanup_rec &record)
 } // namespace
 
 // Never inlined: the record must not share a frame with locals that the work changes.
-__attribute__((noinline)) int32_t protect_call(void (*work)(void *argument), void *argument)
+[[gnu::noinline]] int32_t protect_call(void (*work)(void *argument), void *argument)
 {
     pfm_cleanup_rec record{};
     record.status = sigsetjmp(record.jump, 1);

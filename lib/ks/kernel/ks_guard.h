@@ -10,6 +10,8 @@
 
 #include <type_traits>
 
+#include <pthread.h>
+
 namespace ks {
 
 // Holds a library mutex. While a counted mutex is held no raise is delivered, and releasing it
@@ -23,6 +25,29 @@ class LockGuard {
 
   private:
     vlthread_mutex_t &mutex_;
+};
+
+// Holds cancellation of the calling thread off: pthread_cancel() waits.
+class CancelHold {
+  public:
+    CancelHold() { (void)pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &before_); }
+    ~CancelHold() { (void)pthread_setcancelstate(before_, nullptr); }
+    CancelHold(const CancelHold &) = delete;
+    CancelHold &operator=(const CancelHold &) = delete;
+
+  private:
+    int before_ = PTHREAD_CANCEL_ENABLE;
+};
+
+// A LockGuard for a process-wide lock under which the thread reads, writes or waits: a thread that is
+// cancelled there would leave the lock behind.
+class IoLockGuard {
+  public:
+    explicit IoLockGuard(vlthread_mutex_t &mutex) : lock_(mutex) {}
+
+  private:
+    CancelHold hold_;
+    LockGuard lock_;
 };
 
 // pfm_inhibit() and pfm_enable(). Both ends are raise points, so it is the first object of its

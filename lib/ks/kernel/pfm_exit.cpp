@@ -37,7 +37,7 @@ void run_on_exit_handlers(int status)
 {
     const bool is_inside = vlthread_mutex_trylock(&ks::vlthread_critical_section_mutex) == 0;
     {
-        const ks::LockGuard lock(ks::pfm_crit);
+        const ks::IoLockGuard lock(ks::pfm_crit);
         while (on_exit_list != nullptr) {
             const on_exit_entry entry = pop_on_exit_handler();
             entry.fn(status, entry.arg);

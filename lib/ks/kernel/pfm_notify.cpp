@@ -217,7 +217,7 @@ int pfm_get_notify_channel(void)
 {
     if (fault::read_end() != PFM_INVALID_CHANNEL && fault::write_end() != PFM_INVALID_CHANNEL) [[likely]]
         return fault::read_end();
-    const ks::LockGuard lock(ks::pfm_crit);
+    const ks::IoLockGuard lock(ks::pfm_crit);
     if (fault::read_end() != PFM_INVALID_CHANNEL && fault::write_end() != PFM_INVALID_CHANNEL)
         return fault::read_end();
     fault::here.require(fault::read_end() == PFM_INVALID_CHANNEL && fault::write_end() == PFM_INVALID_CHANNEL,
@@ -234,7 +234,7 @@ void pfm_flush_notify_channel(void)
 
 void pfm_close_notify_channel(void)
 {
-    const ks::LockGuard lock(ks::pfm_crit);
+    const ks::IoLockGuard lock(ks::pfm_crit);
     if (fault::read_end() == PFM_INVALID_CHANNEL && fault::write_end() == PFM_INVALID_CHANNEL)
         return;
     fault::here.require(fault::read_end() != PFM_INVALID_CHANNEL && fault::write_end() != PFM_INVALID_CHANNEL,

@@ -39,7 +39,7 @@ void release_waiters()
 // A thread that holds nothing back any more waits until those that do let the stop happen.
 void wait_for_stop()
 {
-    const ks::LockGuard lock(ks::pfm_inh_susp_crit);
+    const ks::IoLockGuard lock(ks::pfm_inh_susp_crit);
     while (is_held(suspend_word.load(std::memory_order_relaxed)))
         (void)vlthread_cond_wait(&pfm_susp_cond, &ks::pfm_inh_susp_crit); // always 0
 }

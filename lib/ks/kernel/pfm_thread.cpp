@@ -225,7 +225,7 @@ void pfm_signal_handler_chg_block_sig(int how, int sig)
         fault::change_in_caller(how, sig);
         return;
     }
-    const ks::LockGuard lock(ks::pfm_exit_crit);
+    const ks::IoLockGuard lock(ks::pfm_exit_crit);
     // Kept exactly: a request that only nests stays posted, for the next one to replace.
     fault::pfm_sig_blk_req_mask = how;
     fault::pfm_sig_blk_req_sig = sig;

@@ -139,7 +139,8 @@ void vlthread_trace(const char *format, ...)
 {
     if (!ks::is_tracing())
         return;
-    ks::ErrnoSaver saver;
+    const ks::ErrnoSaver saver;
+    const ks::CancelHold hold; // whatever lock the caller has
     char line[trace_bytes_max];
     std::size_t length = format_trace_prefix(line, sizeof line);
     va_list args;

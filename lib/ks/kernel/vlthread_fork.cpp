@@ -141,6 +141,7 @@ int vlthread_atfork(vlthread_fork_fn prepare, vlthread_fork_fn parent, vlthread_
 pid_t vlthread_fork(int kind)
 {
     pfm_init();
+    const ks::CancelHold hold;
     (void)pthread_mutex_lock(&vlthread_fork_mutex); // cannot fail for a plain mutex
     run_newest_first(&vlthread_fork_prepare_list, kind);
     if (keeps_ownership(kind))

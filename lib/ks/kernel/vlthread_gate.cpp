@@ -1,7 +1,6 @@
 // Holding the library still for a fork, and settling it in the child.
 #include "kernel/vlthread_gate.h"
 
-
 #include <algorithm>
 #include <ctime>
 
@@ -108,7 +107,7 @@ bool try_to_hold(const timespec *patience)
 // Whoever keeps a fork waiting for long is printing, or waits for one that is.
 void wait_for_print()
 {
-    const LockGuard wait(ks_product_crit);
+    const IoLockGuard wait(ks_product_crit);
 }
 
 } // namespace

@@ -83,7 +83,7 @@ vlthread_state *add_thread_to_process(vlthread_t tid)
 
 void adopt_own_state()
 {
-    const LockGuard lock(vlthread_lock); // the creator has it until the entry is there
+    const LockGuard lock(vlthread_lock); // a creator has it until the entry is there
     fault_block_of_caller()->state = find_thread(self());
 }
 
@@ -136,6 +136,8 @@ int32_t vlthread_pending_raise(struct pfm_fault_block *holder)
         (void)vlthread_init();
         if (holder == nullptr)
             holder = ks::fault_block_of_caller();
+        if (holder->state == nullptr)
+            ks::adopt_own_state(); // a thread that is known already needs no memory to find itself
         if (holder->state == nullptr)
             holder->state = ks::add_thread_to_process(pthread_self());
     }

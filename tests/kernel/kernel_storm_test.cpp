@@ -1,0 +1,558 @@
+// What threads, forks, signals and ends do to each other at the worst moment. Each case once hung, aborted
+// or lost something; all of them run against the whole library, in children with a deadline.
+#include "harness/child.h"
+#include "harness/misuse.h"
+
+#include <korvaks/imsg.h>
+#include <korvaks/ks_product.h>
+#include <korvaks/pfm.h>
+#include <korvaks/stg.h>
+#include <korvaks/vlthread.h>
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <csignal>
+#include <cstdlib>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <fcntl.h>
+#include <sys/ioctl.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace {
+
+int status_of(pid_t child)
+{
+    int status = 0;
+    while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
+    }
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+// Threads that do one thing until they are told to stop.
+class Workers {
+  public:
+    template <typename Work> Workers(int count, Work work)
+    {
+        for (int i = 0; i < count; ++i)
+            threads_.emplace_back([this, work] {
+                while (!stop_)
+                    work();
+            });
+    }
+    ~Workers()
+    {
+        stop_ = true;
+        for (std::thread &thread : threads_)
+            thread.join();
+    }
+
+  private:
+    std::atomic<bool> stop_{false};
+    std::vector<std::thread> threads_;
+};
+
+const char *const line_text[] = {"%s"};
+const uint16_t line_number[] = {1};
+const msg_table lines = {"none", "none", 1, 1, line_text, line_number};
+
+void spin_until(const std::atomic<int> &count, int wanted)
+{
+    while (count < wanted)
+        std::this_thread::yield();
+}
+
+std::atomic<int> calls{0};
+extern "C" void count_call(int)
+{
+    ++calls;
+}
+
+// Signals ------------------------------------------------------------------------------------------
+
+TEST(KernelSignals, AHandlerMayBePutBackWhileItsSignalArrives)
+{
+    for (const bool ignores : {false, true})
+        test::in_child([ignores] {
+            pfm_init();
+            for (int i = 0; i < 400; ++i) {
+                const pfm_signal_t old = pfm_signal(SIGCHLD, count_call);
+                const pid_t child = fork();
+                if (child == 0)
+                    _exit(0);
+                (void)waitpid(child, nullptr, 0);
+                (void)pfm_signal(SIGCHLD, ignores ? SIG_IGN : old);
+            }
+        });
+}
+
+extern "C" void inhibit_in_handler(int)
+{
+    pfm_inhibit();
+    pfm_enable();
+    ++calls;
+}
+
+void wait_for_held_stop()
+{
+    timeval second;
+    do
+        second = {1, 0};
+    while (pfm_select_inhibited(0, nullptr, nullptr, nullptr, &second) != -1 || errno != EINTR);
+}
+
+TEST(KernelSignals, TheHandlerOfAHeldStopMayInhibit)
+{
+    test::in_child([] {
+        pfm_init();
+        (void)pfm_signal(SIGTSTP, inhibit_in_handler);
+        pfm_inhibit();
+        (void)kill(getpid(), SIGTSTP);
+        wait_for_held_stop();
+        pfm_enable();
+        EXPECT_EQ(calls, 1);
+    });
+}
+
+extern "C" void return_from_exit(int) {}
+
+TEST(KernelSignals, ASecondStartStillStopsTheProcess)
+{
+    test::Child child([] {
+        pfm_init();
+        (void)pfm_set_exit(return_from_exit);
+        pfm_exit(0);
+        pfm_init();
+        (void)kill(getpid(), SIGTSTP);
+        for (;;)
+            pause();
+        return 0;
+    });
+    EXPECT_TRUE(child.wait_for_stop(SIGTSTP));
+}
+
+std::atomic<int> earlier_calls{0};
+
+TEST(KernelSignals, ChildrenOfAChainingProcessOweEarlierHandlersTheirCalls)
+{
+    for (const int kind : {VLTHREAD_FORK_PLAIN, VLTHREAD_FORK_EXEC})
+        test::in_child([kind] {
+            (void)signal(SIGUSR1, [](int) { ++earlier_calls; });
+            pfm_proc_init(PFM_PROCESS_CHAINING);
+            (void)pfm_signal(SIGUSR1, count_call);
+            const pid_t child = vlthread_fork(kind);
+            if (child == 0) {
+                (void)raise(SIGUSR1);
+                spin_until(earlier_calls, 1);
+                _exit(calls == 1 ? 0 : 1);
+            }
+            EXPECT_EQ(status_of(child), 0);
+        });
+}
+
+TEST(KernelSignals, SafeModeLeavesBlockedWhatItsHostBlocked)
+{
+    test::in_child([] {
+        sigset_t usr2;
+        sigemptyset(&usr2);
+        sigaddset(&usr2, SIGUSR2);
+        (void)pthread_sigmask(SIG_BLOCK, &usr2, nullptr);
+        (void)signal(SIGUSR2, count_call);
+        (void)pfm_external_proc_init();
+        for (int i = 0; i < 300; ++i) {
+            (void)kill(getpid(), SIGUSR2);
+            int sig = 0;
+            EXPECT_EQ(sigwait(&usr2, &sig), 0); // and no thread of the library has taken it
+        }
+        EXPECT_EQ(calls, 0);
+    });
+}
+
+TEST(KernelMisuse, AStatusBelowOneIsNone)
+{
+    test::expect_misuse({{[] { pfm_raise(-5); }, "(status > 0) failed: 'lib/ks/pfm'"},
+                         {[] { pfm_raise(0); }, "(status > 0) failed: 'lib/ks/pfm'"},
+                         {[] { pfm_init(), pfm_notify_vl_thread(-5); }, "(status > 0) failed: 'lib/ks/pfm'"},
+                         {[] { vlthread_fork_begin_clean(); }, "is_fork_child at 'vlthread'"}});
+}
+
+// Starts and ends ----------------------------------------------------------------------------------
+
+TEST(KernelStart, MayHappenInManyThreadsAtOnce)
+{
+    for (int round = 0; round < 40; ++round)
+        test::in_child([] {
+            std::atomic<int> ready{0};
+            std::atomic<uint32_t> started{0};
+            const auto meet = [&] {
+                ++ready;
+                spin_until(ready, 4);
+            };
+            std::thread inhibits([&] { meet(), pfm_inhibit(), pfm_enable(); });
+            std::thread prints([&] { meet(), (void)imsg_print(2, &lines, 0, ""); });
+            std::thread starts([&] { meet(), started += ks_system_init(); });
+            meet();
+            started += ks_system_init();
+            inhibits.join();
+            prints.join();
+            starts.join();
+            EXPECT_EQ(started, 1u);
+        });
+}
+
+TEST(KernelStart, SaysWhatIsMissing)
+{
+    const auto result = test::run_child([] {
+        const rlimit limit{5, 5};
+        (void)setrlimit(RLIMIT_NOFILE, &limit);
+        for (int fd = 3; fd < 5; ++fd)
+            (void)close(fd);
+        pfm_init(); // its pipe takes the last two
+    });
+    EXPECT_EQ(result.signal, SIGABRT);
+    EXPECT_NE(result.err.find("pfm: cannot start: no descriptor"), std::string::npos) << result.err;
+}
+
+TEST(KernelStart, KeepsOutOfTheStandardDescriptors)
+{
+    test::in_child([] {
+        const int errors = fcntl(STDERR_FILENO, F_DUPFD, 100);
+        for (int fd = 0; fd <= 2; ++fd)
+            (void)close(fd);
+        pfm_init();
+        for (int fd = 0; fd <= 2; ++fd)
+            EXPECT_EQ(fcntl(fd, F_GETFD), -1) << fd;
+        (void)dup2(errors, STDERR_FILENO);
+    });
+}
+
+TEST(KernelWait, GoesOnWithAChannelThatNoSetHolds)
+{
+    test::in_child([] {
+        rlimit limit{};
+        (void)getrlimit(RLIMIT_NOFILE, &limit);
+        if (limit.rlim_max <= KS_FD_MAX + 8) {
+            std::puts("the hard limit of descriptors is too low for this test");
+            return;
+        }
+        limit.rlim_cur = limit.rlim_max;
+        (void)setrlimit(RLIMIT_NOFILE, &limit);
+        int ends[2];
+        ASSERT_EQ(pipe(ends), 0);
+        while (dup(ends[0]) < KS_FD_MAX) {
+        }
+        pfm_init();
+        ASSERT_GT(pfm_get_notify_channel(), KS_FD_MAX);
+        ks_fd_set read_set;
+        ks_fd_zero(&read_set);
+        ks_fd_add(&read_set, ends[0]);
+        ks_fd_set write_set = read_set;
+        ks_fd_add(&write_set, ends[1]);
+        timeval now{};
+        ASSERT_EQ(write(ends[1], "x", 1), 1);
+        pfm_inhibit();
+        EXPECT_EQ(pfm_select_inhibited(ends[1] + 1, &read_set, &write_set, nullptr, &now), 2);
+        EXPECT_TRUE(ks_fd_has(&read_set, ends[0]) && !ks_fd_has(&write_set, ends[0]) && ks_fd_has(&write_set, ends[1]));
+        pfm_notify_vl_thread(7);
+        EXPECT_EQ(pfm_select_inhibited(0, nullptr, nullptr, nullptr, nullptr), -1);
+        EXPECT_EQ(errno, EINTR);
+        vlthread_reset_raise(nullptr);
+        pfm_enable();
+    });
+}
+
+TEST(KernelEnd, OfAThreadLeavesNoRaiseToTheNextOfItsId)
+{
+    test::in_child([] {
+        pfm_init();
+        pfm_inhibit();
+        const auto run = [](void *(*body)(void *), void *arg) {
+            vlthread_t id{};
+            EXPECT_EQ(vlthread_create(&id, nullptr, body, arg), 0);
+            EXPECT_EQ(vlthread_join(id, nullptr), 0);
+            return id;
+        };
+        const vlthread_t first = run(
+            [](void *) -> void * {
+                vlthread_notify_raise(9);
+                pthread_exit(nullptr);
+            },
+            nullptr);
+        vlthread_reset_raise(nullptr);
+        int32_t pending = -1;
+        const vlthread_t second = run(
+            [](void *out) -> void * { return *static_cast<int32_t *>(out) = vlthread_pending_raise(nullptr), nullptr; },
+            &pending);
+        ASSERT_EQ(first, second); // the system hands the stack out again
+        EXPECT_EQ(pending, 0);
+        pfm_enable();
+    });
+}
+
+TEST(KernelEnd, OfAThreadGivesItsInhibitsBack)
+{
+    test::Child child([] {
+        pfm_init();
+        std::thread([] {
+            pfm_inhibit_suspend();
+            pfm_inhibit();
+            pthread_exit(nullptr);
+        }).join();
+        (void)kill(getpid(), SIGTSTP);
+        for (;;)
+            pause();
+        return 0;
+    });
+    EXPECT_TRUE(child.wait_for_stop(SIGTSTP));
+}
+
+vlthread_mutex_t waited_mutex = VLTHREAD_MUTEX_INITIALIZER;
+vlthread_cond_t never = VLTHREAD_COND_INITIALIZER;
+int unlock_result = -1;
+
+TEST(KernelEnd, ACancelledWaitOwnsItsMutexInTheCleanup)
+{
+    test::in_child([] {
+        vlthread_t id{};
+        std::atomic<int> waits{0};
+        EXPECT_EQ(vlthread_create(
+                      &id, nullptr,
+                      [](void *arg) -> void * {
+                          (void)vlthread_mutex_lock(&waited_mutex);
+                          ++*static_cast<std::atomic<int> *>(arg);
+                          pthread_cleanup_push([](void *) { unlock_result = vlthread_mutex_unlock(&waited_mutex); },
+                                               nullptr);
+                          for (;;)
+                              (void)vlthread_cond_wait(&never, &waited_mutex);
+                          pthread_cleanup_pop(0);
+                      },
+                      &waits),
+                  0);
+        spin_until(waits, 1);
+        (void)vlthread_mutex_lock(&waited_mutex); // it waits by now
+        (void)vlthread_mutex_unlock(&waited_mutex);
+        (void)pthread_cancel(id);
+        (void)vlthread_join(id, nullptr);
+        EXPECT_EQ(unlock_result, 0);
+        EXPECT_EQ(vlthread_mutex_trylock(&waited_mutex), 0);
+    });
+}
+
+std::atomic<int> handler_began{0};
+
+TEST(KernelEnd, AnOnExitHandlerMayExitAndEnterTheCriticalSection)
+{
+    const auto result = test::run_child([] {
+        pfm_init();
+        (void)pfm_signal(SIGUSR1, [](int) {
+            ++handler_began;
+            (void)pfm_signal(SIGUSR2, SIG_IGN); // waits for the lock under which on-exit handlers run
+        });
+        pfm_on_exit(
+            [](int, void *) {
+                vlthread_enter_critical_section();
+                (void)kill(getpid(), SIGUSR1);
+                spin_until(handler_began, 1);
+                pfm_exit(3);
+            },
+            nullptr);
+        pfm_exit(2);
+    });
+    EXPECT_TRUE(result.exited);
+    EXPECT_EQ(result.exit_status, 3) << result.err;
+}
+
+TEST(KernelHeap, TracingMayBeSwitchedWhileBlocksAreOut)
+{
+    test::in_child([] {
+        const auto trace = [](long verbosity) {
+            imsg_set_trace_subsys("ks/stg");
+            imsg_set_trace_verbosity(verbosity);
+        };
+        ks_system_init();
+        for (const long before : {0, 1}) {
+            trace(before);
+            stg_area *area = stg_create_area(100);
+            (void)stg_alloc(area, 10);
+            void *blocks[] = {stg_malloc(1), stg_malloc(100)};
+            trace(1 - before);
+            blocks[1] = stg_realloc(blocks[1], 5000);
+            (void)stg_alloc(area, 1000);
+            for (void *block : blocks)
+                stg_free(block);
+            stg_delete_area(&area);
+        }
+    });
+}
+
+// Forks --------------------------------------------------------------------------------------------
+
+std::atomic<int> allocations{0};
+
+void allocate_inhibited()
+{
+    pfm_inhibit();
+    stg_area *area = stg_create_area(1000);
+    for (int i = 0; i < 20; ++i)
+        (void)stg_alloc(area, 100);
+    stg_delete_area(&area);
+    ++allocations;
+    pfm_enable();
+}
+
+TEST(KernelFork, ComesThroughThreadsThatAllocateInhibited)
+{
+    test::in_child([] {
+        pfm_init();
+        Workers workers(16, allocate_inhibited);
+        for (int i = 0; i < 50; ++i) {
+            const pid_t child = vlthread_fork(i % 4);
+            if (child == 0) {
+                allocate_inhibited();
+                _exit(7);
+            }
+            EXPECT_EQ(status_of(child), 7);
+        }
+    });
+}
+
+pthread_mutex_t programs_mutex = PTHREAD_MUTEX_INITIALIZER;
+extern "C" void lock_programs_mutex(int)
+{
+    (void)pthread_mutex_lock(&programs_mutex);
+    (void)pfm_signal(SIGUSR2, SIG_IGN);
+    stg_free(stg_malloc(10));
+}
+extern "C" void unlock_programs_mutex(int)
+{
+    (void)pthread_mutex_unlock(&programs_mutex);
+}
+
+TEST(KernelFork, HandlersOfTheProgramMayLockWhatItsThreadsHold)
+{
+    test::in_child([] {
+        (void)vlthread_atfork(lock_programs_mutex, unlock_programs_mutex, unlock_programs_mutex); // before the start
+        pfm_init();
+        Workers workers(4, [] {
+            (void)pthread_mutex_lock(&programs_mutex);
+            (void)pfm_signal(SIGUSR1, SIG_IGN);
+            stg_area *area = stg_create_area(10);
+            stg_delete_area(&area);
+            (void)pthread_mutex_unlock(&programs_mutex);
+        });
+        for (int i = 0; i < 200; ++i) {
+            const pid_t child = vlthread_fork(VLTHREAD_FORK_EXEC);
+            if (child == 0)
+                _exit(0);
+            EXPECT_EQ(status_of(child), 0);
+        }
+    });
+}
+
+TEST(KernelFork, WaitsForABlockedPrintAndHoldsNobodyUp)
+{
+    test::in_child([] {
+        ks_system_init();
+        int ends[2];
+        ASSERT_EQ(pipe(ends), 0);
+        ASSERT_EQ(dup2(ends[1], STDOUT_FILENO), STDOUT_FILENO);
+        const std::string line(4096, 'x'); // a page, so that the pipe fills up
+        std::thread printing([&] {
+            for (int i = 0; i < 200; ++i)
+                (void)imsg_print(2, &lines, 0, line.c_str());
+        });
+        for (int waiting = 0; waiting < 65536;)
+            (void)ioctl(ends[0], FIONREAD, &waiting);
+        std::atomic<int> forked{0};
+        std::thread forking([&] {
+            const pid_t child = vlthread_fork(VLTHREAD_FORK_EXEC);
+            if (child == 0)
+                _exit(0);
+            EXPECT_EQ(status_of(child), 0);
+            ++forked;
+        });
+        for (int i = 0; i < 20000; ++i) {
+            allocate_inhibited();
+            (void)pfm_signal(SIGUSR1, i % 2 == 0 ? SIG_IGN : SIG_DFL);
+        }
+        EXPECT_EQ(forked, 0);
+        (void)fcntl(ends[0], F_SETFL, O_NONBLOCK);
+        const Workers drain(1, [&] {
+            char text[4096];
+            (void)!read(ends[0], text, sizeof text);
+        });
+        printing.join();
+        forking.join();
+    });
+}
+
+TEST(KernelFork, TheChildOfAnyThreadCanEndItself)
+{
+    for (const int kind : {0, 1, 2, 3})
+        test::in_child([kind] {
+            pfm_init();
+            std::thread([kind] {
+                const pid_t child = vlthread_fork(kind);
+                if (child == 0) {
+                    pfm_exit(5);
+                    _exit(1);
+                }
+                EXPECT_EQ(status_of(child), 5) << kind;
+            }).join();
+        });
+}
+
+TEST(KernelFork, ACleanChildRunsNothingOfItsParents)
+{
+    const auto result = test::run_child([] {
+        pfm_on_exit([](int, void *) { (void)!write(STDOUT_FILENO, "parent", 6); }, nullptr);
+        pfm_cleanup_rec rec{};
+        rec.status = sigsetjmp(rec.jump, 1);
+        if (pfm_cleanup_start(&rec, 0) != 0)
+            _exit(1); // the child came back into its parent's record
+        const pid_t child = vlthread_fork(VLTHREAD_FORK_CONTINUE);
+        if (child == 0) {
+            vlthread_fork_begin_clean();
+            pfm_raise(4);
+        }
+        EXPECT_EQ(status_of(child), 4);
+        _exit(0);
+    });
+    EXPECT_EQ(result.out, "");
+}
+
+TEST(KernelFork, ReadWriteLocksOfAChildAreUsable)
+{
+    test::in_child([] {
+        vlthread_rwlock_t own;
+        vlthread_rwlock_t others;
+        (void)vlthread_rwlock_init(&own, VLTHREAD_RAISE_COUNTED);
+        (void)vlthread_rwlock_init(&others, VLTHREAD_RAISE_COUNTED);
+        std::atomic<int> step{0};
+        std::thread other([&] {
+            (void)vlthread_rwlock_rdlock(&others);
+            ++step;
+            spin_until(step, 2);
+            (void)vlthread_rwlock_unlock(&others);
+        });
+        spin_until(step, 1);
+        (void)vlthread_rwlock_wrlock(&own);
+        const pid_t child = vlthread_fork(VLTHREAD_FORK_CONTINUE);
+        if (child == 0) {
+            const bool sound = vlthread_rwlock_rdlock(&own) != 0 && vlthread_rwlock_unlock(&own) == 0 &&
+                               vlthread_rwlock_wrlock(&own) == 0 && vlthread_rwlock_unlock(&own) == 0 &&
+                               vlthread_rwlock_wrlock_trylock(&others) == 0 && vlthread_rwlock_unlock(&others) == 0;
+            _exit(sound ? 0 : 1);
+        }
+        EXPECT_EQ(status_of(child), 0);
+        ++step;
+        other.join();
+    });
+}
+
+} // namespace
