@@ -170,6 +170,9 @@ TEST(Linking, NamesItsInterface)
     };
     EXPECT_EQ(soname(KORVAKS_LIBRARY), "libkorvaks.so.1");
     EXPECT_EQ(soname(KORVAKS_EZRPC), "libezrpc.so.1");
+    // Its threads and handlers would run in memory that is gone.
+    EXPECT_NE(line_with(meta::output_of(KORVAKS_READELF " -W -d " KORVAKS_LIBRARY), "(FLAGS_1)").find("NODELETE"),
+              std::string::npos);
 }
 
 // The sanitizers put their own in front of many functions and add constructors, so what follows
