@@ -1,8 +1,8 @@
-// Prints the gencat source of the library's message catalogue: every table, from the rows that the
-// library itself is built from, so that default texts and catalogue cannot drift apart.
+// Prints the gencat source of a message catalogue: its tables, from the rows that the library or the tool
+// itself is built from, so that default texts and catalogue cannot drift apart.
 //
 // Usage: catgen > ks_lib.msg; gencat ks_lib.cat ks_lib.msg
-#include "msg_tables.h"
+#include "catgen.h"
 
 #include <cstdio>
 #include <cstdlib>
@@ -55,7 +55,7 @@ void print_table(const msg_table &table)
 bool are_sets_rising()
 {
     unsigned previous = 0;
-    for (const msg_table *table : ks::message_tables) {
+    for (const msg_table *table : catalogue_tables) {
         if (table->set <= previous) {
             std::fprintf(stderr, "catgen: set %u of \"%s\" does not follow set %u\n", table->set, table->subsystem,
                          previous);
@@ -74,7 +74,7 @@ int main()
         return EXIT_FAILURE;
     std::printf("$ Messages of the library. To translate: keep numbers and printf directives, translate\n"
                 "$ the texts, and compile with gencat.\n");
-    for (const msg_table *table : ks::message_tables)
+    for (const msg_table *table : catalogue_tables)
         print_table(*table);
     return std::fflush(stdout) == 0 ? EXIT_SUCCESS : EXIT_FAILURE;
 }

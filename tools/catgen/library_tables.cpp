@@ -1,5 +1,5 @@
-// The one list of all message tables of the library, for whatever goes through all of them.
-#pragma once
+// The catalogue "ks_lib": all message tables of the library.
+#include "catgen.h"
 
 #include <korvaks/clp.h>
 #include <korvaks/date.h>
@@ -9,14 +9,13 @@
 #include <korvaks/stg.h>
 #include <korvaks/strutl.h>
 
-#include <array>
+namespace {
 
-namespace ks {
-
-// In the order of their catalogue sets.
-inline constexpr std::array message_tables{
+constexpr const msg_table *tables[] = {
     &_stg_ks_msg_table, &_list_ks_msg_table, &_pfm_ks_msg_table, &_strutl_ks_msg_table,
     &_ks_ks_msg_table,  &_imsg_ks_msg_table, &_clp_ks_msg_table, &_date_ks_msg_table,
 };
 
-} // namespace ks
+} // namespace
+
+constinit const std::span<const msg_table *const> catalogue_tables = tables;
