@@ -295,10 +295,16 @@ KS_API const char *clp_get_cmd_stack(uint32_t *generation);
  * "vellum_history" in the "log" directory of the host-data directory. The directory is not made here, the
  * file is, with mode 0666 less the umask. A record is one line that starts with local time and
  * milliseconds, "2026:03:05:14:03:59.042 ", and is written in one piece behind what other processes write.
- * Control characters in it are shown as '?', tabs excepted. A record that was cut by a full disk stays a
- * line of its own; empty lines mean nothing. The file is not followed through a symbolic link and must be
- * a regular one; when it cannot be opened or written, nothing is said. A host without a data directory
- * keeps no history.
+ *
+ * The file must be a regular one of that name only, owned by the caller or by root, and is not followed
+ * through a symbolic link: where several users' commands are recorded, root makes it, with mode 0666. It is
+ * locked for writing (F_OFD_SETLK) while a record is added. A record that was cut, by a full disk, a limit or
+ * the end of its process, stays a line of its own; empty lines mean nothing. Control characters are shown
+ * as '?', tabs excepted, and so are U+0080 to U+009F in UTF-8.
+ *
+ * Recording never stands in a tool's way: nothing is said when the file cannot be opened, locked within
+ * a second or written, or its path is longer than 1023 bytes, and SIGXFSZ is not raised; the record is then
+ * left out. A host without a data directory keeps no history.
  */
 /**@{*/
 

@@ -148,70 +148,6 @@ TEST(ClParseArgv, TakesFewerWordsThanACommandHas)
     }
 }
 
-TEST(ClParseLine, SplitsByBlanksQuotesAndEscapes)
-{
-    const struct {
-        const char *line;
-        Words words;
-    } cases[] = {
-        {"", {}},
-        {"\nnot read", {}},
-        {" \t ", {}},
-        {"a bc  d ", {"a", "bc", "d"}},
-        {"a\nb", {"a"}},
-        {"'a b' \"c 'd\"", {"a b", "c 'd"}},
-        {"a'b c'd", {"ab cd"}},
-        {"'' \"\" ''\"\"", {"", "", ""}},
-        {"'not closed ", {"not closed "}},
-        {"'to the\nend", {"to the"}},
-        {"a\\'b \\\\ '\\''", {"a'b", "\\", "'"}},
-        {"a\\ b", {"a", "b"}},
-        {"a\\ 'b c'", {"a", "'b", "c"}},
-        {"'a\\ b'", {"a b"}},
-        {"a\\\nb c", {"a\nb", "c"}},
-        {"\\\nlonger than what stands before the newline",
-         {"\nlonger", "than", "what", "stands", "before", "the", "newline"}},
-        {"'a\\\nb'", {"a\nb"}},
-        {"a \\", {"a"}},
-        {"\\ \\ ", {"\\"}},
-        {"\\  ", {}},
-    };
-    for (const auto &one : cases) {
-        SCOPED_TRACE(one.line);
-        EXPECT_EQ(split(one.line), one.words);
-    }
-}
-
-// Writes words in a form that must be read back as they are.
-std::string quoted(const Words &words)
-{
-    std::string line;
-    for (const std::string &word : words) {
-        line += '"';
-        for (const char c : word)
-            line += (c == '"' || c == '\\' || c == '\n') ? std::string{'\\', c} : std::string(1, c);
-        line += "\" ";
-    }
-    return line;
-}
-
-// With the sanitizers this also shows that no line is stored beyond what was allocated for it.
-TEST(ClParseLine, ReadsBackTheWordsOfEveryShortLine)
-{
-    constexpr char alphabet[] = "a \n\\'\"";
-    constexpr std::size_t letters = sizeof alphabet - 1;
-    std::size_t lines = 1;
-    for (int length = 0; length <= 6; ++length, lines *= letters) {
-        for (std::size_t number = 0; number < lines; ++number) {
-            std::string line;
-            for (std::size_t rest = number; line.size() < static_cast<std::size_t>(length); rest /= letters)
-                line += alphabet[rest % letters];
-            const Words words = split(line);
-            ASSERT_EQ(split(quoted(words)), words) << line;
-        }
-    }
-}
-
 TEST(ClParseLine, KeepsMultibyteCharactersWhole)
 {
     const test::ChildResult result = test::run_child([] {
@@ -305,28 +241,6 @@ TEST(ClErrors, EverySuccessClearsTheLastOne)
     EXPECT_EQ(cl_errno(scan), 0) << "a word that no name matches is no error of the scan";
 }
 
-TEST(ClOffset, MovesToAnyPlace)
-{
-    const Scan scan(parse_line("ab '' -cd e")); // starts at 0, 3, 4 and 8; 10 bytes
-    const struct {
-        int offset;
-        int place;
-        const char *calls;
-        Words results;
-    } cases[] = {
-        {-5, 0, "a", {"arg:ab"}}, {0, 0, "a", {"arg:ab"}},         {1, 1, "a", {"?304,,ab"}},
-        {2, 3, "a", {"arg:"}},    {3, 4, "a", {"arg:-cd"}}, // an empty word is passed over
-        {4, 4, "oo", {"c", "d"}}, {6, 6, "oa", {"d", "arg:e"}},    {7, 8, "aa", {"arg:e", "none"}},
-        {9, 10, "a", {"none"}},   {10, 10, "oa", {"end", "none"}}, {1000, 10, "a", {"none"}},
-    };
-    for (const auto &one : cases) {
-        SCOPED_TRACE(one.offset);
-        cl_setoffset(scan, one.offset);
-        EXPECT_EQ(cl_getoffset(scan), one.place);
-        EXPECT_EQ(run(scan, "cd", one.calls), one.results);
-    }
-}
-
 TEST(ClOffset, KeepsTheEndOfOptionsAndTheLettersSeen)
 {
     const Scan scan(parse_words({"-a", "--", "-b"}));
@@ -334,16 +248,6 @@ TEST(ClOffset, KeepsTheEndOfOptionsAndTheLettersSeen)
     EXPECT_EQ(run(scan, "[a]b", "oo"), (Words{"a", "end"}));
     cl_setoffset(scan, start);
     EXPECT_EQ(run(scan, "[a]b", "ooaa"), (Words{"?303,a,-a", "end", "arg:--", "arg:-b"}));
-}
-
-TEST(ClOffset, ScansTheSameOptionsAnyNumberOfTimes)
-{
-    const Scan scan(parse_line("-abc"));
-    for (int pass = 0; pass < 1000; ++pass) {
-        cl_setoffset(scan, 0);
-        ASSERT_EQ(run(scan, "abc", "ooo"), (Words{"a", "b", "c"}));
-    }
-    EXPECT_EQ(run(scan, "abc", "o"), (Words{"end"}));
 }
 
 TEST(ClMatch, AcceptsNamesCutOffBehindTheMark)

@@ -14,8 +14,10 @@
 #include <sstream>
 #include <string>
 #include <string_view>
+#include <thread>
 #include <vector>
 
+#include <fcntl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -120,6 +122,10 @@ TEST_F(ClpHistory, RecordsCommands)
          },
          "x 'a?2026:01:01:00:00:00.000 (uid=0)' '?[2J\t\xe9' in / "},
         {[] {
+             log_words({"\u0080\u009f\u00a0\xc2", "\xc2\u009b2J"});
+         },
+         "x '??\u00a0\xc2' '\xc2?2J' in / "},
+        {[] {
              clp_handle *hdl = clp_create_hdl_using_string("tool -v", nullptr, STG_AREA_NULL);
              clp_log_command("name", hdl, "t");
              clp_destroy_hdl(&hdl);
@@ -204,36 +210,81 @@ TEST_F(ClpHistory, IsNotedWhenTheProgramNameIsTraced)
 
 TEST_F(ClpHistory, GoesOnBehindARecordThatWasCut)
 {
-    const auto write_two = [] {
-        // The second does not fit any more.
+    const auto write_three = [] {
+        // The second does not fit any more, and the third not at all; neither ends the process.
         const rlimit limit{150, 150};
-        signal(SIGXFSZ, SIG_IGN);
         setrlimit(RLIMIT_FSIZE, &limit);
-        clp_collectdatas("one", std::string(60, '1').c_str());
-        clp_collectdatas("two", std::string(60, '2').c_str());
+        for (const char *tag : {"one", "two", "three"})
+            clp_collectdatas(tag, std::string(60, 'x').c_str());
+        sigset_t pending;
+        sigpending(&pending);
+        return sigismember(&pending, SIGXFSZ);
     };
-    ASSERT_EQ(test::run_child([&] { return write_two(), 0; }).exit_status, 0);
-    const std::string cut = log();
-    ASSERT_EQ(cut.size(), 150u);
-    ASSERT_EQ(test::run_child([] { return clp_collectdatas("three", "3"), 0; }).exit_status, 0);
+    ASSERT_EQ(test::run_child(write_three).exit_status, 0);
+    ASSERT_EQ(log().size(), 150u);
+    ASSERT_EQ(test::run_child([] { return clp_collectdatas("four", "4"), 0; }).exit_status, 0);
     const std::string rest = log().substr(150);
-    EXPECT_TRUE(test::matches(rest, "\n[0-9:.]+ three '3': \n")) << rest;
+    EXPECT_TRUE(test::matches(rest, "\n[0-9:.]+ four '4': \n")) << rest;
 }
 
-TEST_F(ClpHistory, TouchesNothingButARegularFile)
+// Another writer, from its look at the file's end to the end of its write.
+class Writer {
+  public:
+    explicit Writer(const std::string &path) : fd_(open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600))
+    {
+        EXPECT_EQ(set(F_WRLCK), 0);
+    }
+    ~Writer() { close(fd_); }
+    Writer(const Writer &) = delete;
+    Writer &operator=(const Writer &) = delete;
+    bool write_part(const std::string &part) { return write(fd_, part.data(), part.size()) > 0 && set(F_UNLCK) == 0; }
+
+  private:
+    int set(short type)
+    {
+        struct flock whole {};
+        whole.l_type = type;
+        return fcntl(fd_, F_OFD_SETLK, &whole);
+    }
+    int fd_;
+};
+
+TEST_F(ClpHistory, LooksAtTheEndWhenNobodyElseWrites)
+{
+    const test::ChildResult result = test::run_child([this] {
+        Writer other(log_path());
+        const int descriptors = test::open_descriptor_count();
+        std::thread one([] { clp_collectdatas("tag", "text"); });
+        while (test::open_descriptor_count() == descriptors)
+            std::this_thread::yield();
+        const bool is_cut = other.write_part("cut");
+        one.join();
+        const Writer stopped(log_path());
+        clp_collectdatas("not", "waited for");
+        return is_cut ? 0 : 1;
+    });
+    EXPECT_EQ(result.exit_status, 0);
+    EXPECT_EQ(without_stamps(log()), "cut\n@tag 'text': \n");
+}
+
+TEST_F(ClpHistory, TouchesNothingButARegularFileOfItsOwn)
 {
     const std::string target = host_.file("precious");
     test::write_file(target, "mine");
-    ASSERT_EQ(symlink(target.c_str(), log_path().c_str()), 0);
-    const auto write_one = [] { return clp_collectdatas("tag", "text"), 0; };
-    EXPECT_EQ(test::run_child(write_one).err, "");
-    EXPECT_EQ(test::read_file(target), "mine");
-    unlink(log_path().c_str());
-    ASSERT_EQ(mkfifo(log_path().c_str(), 0600), 0);
-    EXPECT_EQ(test::run_child(write_one, 10000).exit_status, 0); // neither waits nor fails
-    unlink(log_path().c_str());
-    rmdir(host_.file("log").c_str());
-    EXPECT_EQ(test::run_child(write_one).err, "");
+    const std::pair<const char *, std::function<int()>> cases[] = {
+        {"symbolic link", [&] { return symlink(target.c_str(), log_path().c_str()); }},
+        {"second name", [&] { return link(target.c_str(), log_path().c_str()); }},
+        {"pipe", [&] { return mkfifo(log_path().c_str(), 0600); }}, // neither waits nor fails
+        {"no directory", [&] { return rmdir(host_.file("log").c_str()); }},
+    };
+    for (const auto &[name, prepare] : cases) {
+        SCOPED_TRACE(name);
+        ASSERT_EQ(prepare(), 0);
+        const test::ChildResult result = test::run_child([] { return clp_collectdatas("tag", "text"), 0; }, 10000);
+        EXPECT_TRUE(result.exit_status == 0 && result.err.empty()) << result.err;
+        EXPECT_EQ(test::read_file(target), "mine");
+        unlink(log_path().c_str());
+    }
 }
 
 TEST_F(ClpHistory, RecordsOfManyProcessesStayWhole)

@@ -184,12 +184,18 @@ TEST(FaultClp, History)
     mkdir(host.file("log").c_str(), 0755);
     test::write_file(host.file("config/collect_history"), "");
     log_path = host.file("log/vellum_history");
-    test::fault::sweep({
+    const Scenario scenario{
         .name = "clp_log_cl_args",
-        .setup = [] { unlink(log_path.c_str()); },
+        .setup =
+            [] {
+                unlink(log_path.c_str());
+                (void)clp_get_command(); // starts the library
+            },
         .act = [] { clp_log_cl_args("x", 4, argv, "1 s"); },
         .check = check_log,
-    });
+    };
+    test::fault::sweep(scenario);
+    test::fault::sweep_first_use(scenario);
 }
 
 } // namespace

@@ -1,13 +1,18 @@
 // The command history: what a host's users have run, one line for each command.
 //
-// Many processes write to the same file at the same time and none may wait for another. So a record is
-// built whole and goes out with one write to a descriptor opened for appending, which the system
-// keeps in one piece.
+// Many processes write to the same file at the same time. A record is built whole and goes out with one
+// write to a descriptor opened for appending, which the system keeps in one piece. A write may still be
+// cut, by a full disk, a limit or the end of its process; so whoever writes looks first whether the last
+// record is whole, and holds a lock on the file meanwhile, or else a record that was cut after the look
+// would run together with the next one. Nobody waits long for the lock: a history that cannot be written
+// is no reason for a tool to stand still.
 #include "command/clp_impl.h"
 
 #include "kernel/ks_guard.h"
 #include "kernel/ks_heap.h"
 #include "kernel/ks_locks.h"
+#include "messages/ks_hostdata.h"
+#include "util/ks_open.h"
 
 #include <korvaks/date.h>
 #include <korvaks/fileutl.h>
@@ -16,8 +21,10 @@
 #include <korvaks/strutl.h>
 #include <korvaks/tls_impl.h>
 
+#include <algorithm>
 #include <atomic>
 #include <climits>
+#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
@@ -25,6 +32,7 @@
 #include <string_view>
 
 #include <fcntl.h>
+#include <pthread.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -38,14 +46,12 @@ static_assert(command_bytes == 257);
 
 // --- Whether history is kept ---
 
-// A host without a data directory keeps none. That is asked first: a tool that reports its command
-// line must not end where it could have done its work.
+// A host without a data directory keeps none: a tool that reports its command line must not end where it
+// could have done its work.
 bool is_history_kept()
 {
-    if (ks_has_hostdata_dir() == 0)
-        return false;
     char marker[KS_PATH_SIZE];
-    return fileutl_exists(ks_host_config_dir(marker, "collect_history")) != 0;
+    return ks::try_hostdata_dir(marker, "config", "collect_history") && fileutl_exists(marker) != 0;
 }
 
 enum class Answer : unsigned char {
@@ -61,7 +67,7 @@ constinit std::atomic<Answer> collectdatai_answer{Answer::unknown};
 bool is_history_kept_once(std::atomic<Answer> &answer, vlthread_mutex_t &lock)
 {
     if (answer.load(std::memory_order_acquire) == Answer::unknown) {
-        const bool is_kept = is_history_kept(); // not under the lock: it may print
+        const bool is_kept = is_history_kept(); // not under the lock: it may wait for a disk
         const ks::LockGuard guard(lock);
         if (answer.load(std::memory_order_relaxed) == Answer::unknown)
             answer.store(is_kept ? Answer::kept : Answer::not_kept, std::memory_order_release);
@@ -71,63 +77,114 @@ bool is_history_kept_once(std::atomic<Answer> &answer, vlthread_mutex_t &lock)
 
 // --- The file ---
 
-bool is_regular(int fd)
-{
-    struct stat st;
-    return fstat(fd, &st) == 0 && S_ISREG(st.st_mode);
-}
-
-// O_NONBLOCK: the name may be a pipe's that nobody reads.
 ks::UniqueFd open_log(const char *path)
 {
-    constexpr int flags = O_APPEND | O_CREAT | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK | O_NOCTTY;
+    constexpr int flags = O_APPEND | O_CREAT;
     constexpr mode_t mode = 0666;
-    ks::UniqueFd fd(open(path, O_RDWR | flags, mode)); // to see its last byte
+    ks::UniqueFd fd(ks::open_own_file(path, O_RDWR | flags, mode)); // to see its last byte
     if (!fd && errno == EACCES)
-        fd.reset(open(path, O_WRONLY | flags, mode));
-    if (fd && !is_regular(fd.get()))
-        fd.reset();
+        fd.reset(ks::open_own_file(path, O_WRONLY | flags, mode));
     return fd;
 }
 
-// Whether a full disk has cut the last record. While another process is writing it may look so too;
-// then an empty line comes between the records.
-bool ends_within_a_line(int fd)
+enum class Turn {
+    ours,
+    not_given, // there are no locks here
+    missed,    // somebody else's, for too long
+};
+
+Turn take_turn(int fd)
 {
-    struct stat st;
-    char last = '\n';
-    if (fstat(fd, &st) != 0 || st.st_size == 0 || pread(fd, &last, 1, st.st_size - 1) != 1)
-        return false;
-    return last != '\n';
+    constexpr long wait_max_ns = 1'000'000'000;
+    constexpr long pause_max_ns = 10'000'000;
+    flock whole_file{};
+    whole_file.l_type = F_WRLCK;
+    long waited_ns = 0;
+    for (long pause_ns = 50'000; fcntl(fd, F_OFD_SETLK, &whole_file) != 0;
+         pause_ns = std::min(2 * pause_ns, pause_max_ns)) {
+        if (errno != EAGAIN && errno != EINTR)
+            return Turn::not_given;
+        if (waited_ns >= wait_max_ns)
+            return Turn::missed;
+        const timespec pause{0, pause_ns};
+        (void)nanosleep(&pause, nullptr); // one that is interrupted only makes the wait shorter
+        waited_ns += pause_ns;
+    }
+    return Turn::ours;
 }
 
-// Nothing is written again after a short write: other processes may have gone on.
-void write_line(const char *path, const char *line_with_break, std::size_t size)
+// Closing does not end it while a child that was forked meanwhile has the file open too.
+void end_turn(int fd)
 {
-    const ks::UniqueFd fd = open_log(path);
-    if (!fd)
-        return;
-    const std::size_t skipped = ends_within_a_line(fd.get()) ? 0 : 1;
+    flock whole_file{};
+    whole_file.l_type = F_UNLCK;
+    (void)fcntl(fd, F_OFD_SETLK, &whole_file); // else closing it must do
+}
+
+bool ends_with_a_line(int fd)
+{
+    struct stat st;
+    char last = '\0';
+    return fstat(fd, &st) == 0 && (st.st_size == 0 || (pread(fd, &last, 1, st.st_size - 1) == 1 && last == '\n'));
+}
+
+// A write that goes beyond the limit on the size of files ends a process that has not provided for it
+// (SIGXFSZ). No record is worth that.
+void write_within_limits(int fd, const char *data, std::size_t size)
+{
+    sigset_t limit_signal;
+    sigset_t mask;
+    sigset_t pending;
+    (void)sigemptyset(&limit_signal);
+    (void)sigaddset(&limit_signal, SIGXFSZ);
+    (void)pthread_sigmask(SIG_BLOCK, &limit_signal, &mask);
+    (void)sigpending(&pending);
     ssize_t written;
     do
-        written = write(fd.get(), line_with_break + skipped, size - skipped);
+        written = write(fd, data, size);
     while (written < 0 && errno == EINTR);
+    // Nothing is written again after a short write: the turn ends.
+    if (written < 0 && errno == EFBIG && sigismember(&pending, SIGXFSZ) == 0) {
+        const timespec at_once{};
+        while (sigtimedwait(&limit_signal, nullptr, &at_once) < 0 && errno == EINTR) {
+        }
+    }
+    (void)pthread_sigmask(SIG_SETMASK, &mask, nullptr);
+}
+
+// The line begins with a line break that is left out where it is not needed.
+void write_line(const char *path, const char *line, std::size_t size)
+{
+    const ks::UniqueFd fd = open_log(path);
+    const Turn turn = fd ? take_turn(fd.get()) : Turn::missed;
+    if (turn == Turn::missed)
+        return;
+    const std::size_t skipped = turn == Turn::ours && ends_with_a_line(fd.get()) ? 1 : 0;
+    write_within_limits(fd.get(), line + skipped, size - skipped);
+    if (turn == Turn::ours)
+        end_turn(fd.get());
 }
 
 // --- Records ---
 
-// A line break in a word would forge a record, other controls the reader's terminal.
-char shown(char c)
+// Bytes of the control character that the text begins with, 0 for none. Those beyond ASCII are known by
+// their UTF-8 form in every locale: whoever reads the file has one of their own.
+std::size_t control_length(std::string_view text)
 {
-    const auto byte = static_cast<unsigned char>(c);
-    const bool is_control = (byte < ' ' && c != '\t') || byte == 0x7F;
-    return is_control ? '?' : c;
+    const auto byte = static_cast<unsigned char>(text[0]);
+    if (byte == 0xC2 && text.size() > 1 && (static_cast<unsigned char>(text[1]) & 0xE0U) == 0x80)
+        return 2;
+    return (byte < ' ' && byte != '\t') || byte == 0x7F ? 1 : 0;
 }
 
+// A line break in a word would forge a record, other controls the reader's terminal.
 char *append(char *to, std::string_view piece)
 {
-    for (const char c : piece)
-        *to++ = shown(c);
+    while (!piece.empty()) {
+        const std::size_t control = control_length(piece);
+        *to++ = control != 0 ? '?' : piece.front();
+        piece.remove_prefix(std::max<std::size_t>(control, 1));
+    }
     return to;
 }
 
@@ -150,7 +207,8 @@ Stamp stamp_of(const timeval &time)
 void write_record(Pieces pieces)
 {
     char path[KS_PATH_SIZE];
-    (void)ks_hostdata_dir(path, "log", "vellum_history");
+    if (!ks::try_hostdata_dir(path, "log", "vellum_history"))
+        return;
     const ks::ErrnoSaver saver;
     timeval now;
     date_get_timeval(&now);
@@ -167,8 +225,11 @@ void write_record(Pieces pieces)
     to = append(to, stamp.text);
     for (const std::string_view piece : pieces)
         to = append(to, piece);
-    *to = '\n';
-    write_line(path, line, size);
+    *to++ = '\n';
+    int cancel_state;
+    (void)pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancel_state); // a cancelled thread would keep the lock
+    write_line(path, line, static_cast<std::size_t>(to - line));
+    (void)pthread_setcancelstate(cancel_state, nullptr);
     stg_free_int(line, 1);
 }
 

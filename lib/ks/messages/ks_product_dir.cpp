@@ -5,8 +5,10 @@
 #include <korvaks/ks_product.h>
 
 #include "kernel/ks_guard.h"
+#include "kernel/ks_heap.h"
 #include "kernel/ks_locks.h"
 #include "base/ks_msg.h"
+#include "messages/ks_hostdata.h"
 #include "messages/ks_product_impl.h"
 #include "base/msg_port.h"
 
@@ -128,6 +130,22 @@ const char *settled_hostdata_dir(Path &buffer)
     return found;
 }
 
+// The same without a word, and where there is no such directory the process goes on.
+const char *settled_hostdata_dir_if_any(Path &buffer)
+{
+    if (const char *settled = hostdata_dir.load(std::memory_order_acquire); settled != nullptr)
+        return settled;
+    const char *found = find_hostdata_dir(buffer);
+    if (found == nullptr)
+        return nullptr;
+    const std::size_t size = std::strlen(found) + 1;
+    auto *const copy = static_cast<char *>(ks::heap_try_malloc(size));
+    if (copy == nullptr)
+        return found;
+    std::memcpy(copy, found, size);
+    return settle(hostdata_dir, copy);
+}
+
 // What separates `part` from the directory before it.
 const char *slash_before(const char *part)
 {
@@ -135,6 +153,18 @@ const char *slash_before(const char *part)
 }
 
 } // namespace
+
+namespace ks {
+
+bool try_hostdata_dir(char *dst, const char *sub1, const char *sub2)
+{
+    Path buffer;
+    const char *directory = settled_hostdata_dir_if_any(buffer);
+    return directory != nullptr &&
+           strutl_concat(dst, KS_PATH_SIZE, 5, directory, slash_before(sub1), sub1, slash_before(sub2), sub2) == 0;
+}
+
+} // namespace ks
 
 extern "C" {
 
