@@ -316,15 +316,25 @@ TEST_F(ClpHistory, RecordsOfManyProcessesStayWhole)
     EXPECT_EQ(whole, writers * records);
 }
 
-TEST_F(ClpHistory, IsNotKeptWhereTheHostHasNoDataDirectory)
+TEST_F(ClpHistory, IsNotKeptWithoutADataDirectoryOrRoomForItsPath)
 {
-    setenv("VELM_HOSTDATA_DIR", "/nonexistent", 1);
-    EXPECT_EQ(records_of([] {
-                  log_words({"a"});
-                  clp_collectdatas("tag", "text");
-                  clp_collectdatai("text", 1);
-              }),
-              "no log\n");
+    std::string deep = host_.path(); // of 1016 bytes: "/config" and "/log/ve" fit, what is behind them is cut off
+    while (deep.size() < 1016) {
+        deep += '/' + std::string(std::min<std::size_t>(99, 1015 - deep.size()), 'd');
+        mkdir(deep.c_str(), 0755);
+    }
+    mkdir((deep + "/config").c_str(), 0755);
+    mkdir((deep + "/log").c_str(), 0755);
+    for (const std::string &directory : {std::string("/nonexistent"), deep}) {
+        setenv("VELM_HOSTDATA_DIR", directory.c_str(), 1);
+        EXPECT_EQ(records_of([] {
+                      log_words({"a"});
+                      clp_collectdatas("tag", "text");
+                      clp_collectdatai("text", 1);
+                  }),
+                  "no log\n");
+    }
+    EXPECT_NE(access((deep + "/log/ve").c_str(), F_OK), 0);
 }
 
 } // namespace

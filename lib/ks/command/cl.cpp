@@ -177,6 +177,7 @@ extern "C" {
 cl_handle *cl_parse_argv(int argc, char *const *argv, int *err)
 {
     here.require(argc >= 0, "argc >= 0");
+    here.require(argc == 0 || argv != nullptr, "argv != NULL");
     Extent extent;
     cl_handle *const clh = measure_argv(argc, argv, extent) ? create_handle(extent) : nullptr;
     *err = clh == nullptr ? CL_OUT_OF_MEMORY : CL_NO_ERROR;
@@ -194,7 +195,7 @@ cl_handle *cl_parse_argv(int argc, char *const *argv, int *err)
 
 void cl_destroy(cl_handle **clh)
 {
-    require_handle(*clh);
+    require_handle(clh != nullptr ? *clh : nullptr);
     free_handle(*clh);
     *clh = nullptr;
 }

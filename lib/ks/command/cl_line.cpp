@@ -113,6 +113,7 @@ template <typename Words> class LineSplitter {
 
 extern "C" cl_handle *cl_parse_line(const char *line, int *err)
 {
+    ks::cl::here.require(line != nullptr, "line != NULL");
     WordMeter meter;
     LineSplitter(meter).split(line);
     cl_handle *const clh = create_handle(meter.extent());

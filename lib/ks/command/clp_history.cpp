@@ -345,6 +345,7 @@ void clp_exit_log_args(int argc, char *const *argv, const struct timeval *start)
     const char *const name = imsg_get_app_name();
     if (!is_logged_at_exit(name))
         return;
+    here.require(start != nullptr, "start != NULL");
     char took[256];
     (void)std::snprintf(took, sizeof took, " %f s", static_cast<double>(seconds_since(*start))); // fits
     clp_log_cl_args(name, argc, argv, took);
