@@ -62,13 +62,18 @@ typedef struct cl_handle cl_handle;
 /**@{*/
 
 /**
- * Makes a handle from an argument vector. Scanning starts at word 1, behind the command's name.
+ * Makes a handle from an argument vector. Scanning starts at word 1, behind the command's name; word 0 is
+ * reached with cl_setoffset() only.
  *
- * @param argc  number of words, 0 or more; 0 gives a handle without words
- * @param argv  the words, each not NULL; copied
- * @param err   receives 0, or 301
- * @return the handle, ended with cl_destroy(); NULL when memory is exhausted or the words together
- *         take more than INT_MAX bytes (*err 301, nothing left allocated).
+ * @param argc  number of words; 0 gives a handle without words. Below 0 ends the process.
+ * @param argv  the words, each not NULL; they are copied and may change or go afterwards. NULL only with an
+ *              `argc` of 0.
+ * @param err   receives 0, or 301 when there is no handle
+ * @return the handle, the caller's, ended with cl_destroy(). NULL with *err 301 when memory is exhausted
+ *         (reported by the storage module, errno ENOMEM; nothing is left allocated) or the words with a NUL
+ *         each take more than INT_MAX bytes (not reported).
+ *
+ * Threads: any. Raises: no.
  */
 KS_API cl_handle *cl_parse_argv(int argc, char *const *argv, int *err);
 
@@ -85,13 +90,21 @@ KS_API cl_handle *cl_parse_argv(int argc, char *const *argv, int *err);
  *    included. It does not protect a blank outside quotes: a, backslash, blank, b are the two words
  *    a and b, and the backslash goes on to the next character that is no blank.
  *
- * @param line  the text, not NULL; not kept
- * @param err   receives 0, or 301
- * @return as cl_parse_argv(); an empty line gives a handle without words.
+ * @param line  the text, not kept; NULL ends the process
+ * @param err   receives 0, or 301 when there is no handle
+ * @return as cl_parse_argv(). An empty line, and one that begins with a newline, give a handle without
+ *         words.
+ *
+ * Threads: any. Raises: no.
  */
 KS_API cl_handle *cl_parse_line(const char *line, int *err);
 
-/** Frees a handle and the words it delivered, and sets *clh to NULL. */
+/**
+ * Ends a handle: frees it and the words that it delivered, and sets *clh to NULL. Copies of long options are
+ * the caller's and stay. A `clh` or a handle that is NULL, and one that was destroyed already, end the process.
+ *
+ * Threads: the handle's. Raises: no.
+ */
 KS_API void cl_destroy(cl_handle **clh);
 /**@}*/
 
@@ -99,57 +112,88 @@ KS_API void cl_destroy(cl_handle **clh);
 /**@{*/
 
 /**
- * The next option letter.
+ * Takes the next option letter, in the manner of getopt (POSIX.1) but for arguments, groups and errors.
  *
- * @param optstring  letters and groups, see above; may change between calls
- * @return the letter, 1 to 255. 0 at the end of the options: no word left, a word that does not
- *         begin with "-" (it stays current), or "--" (which is passed; what follows is delivered
- *         by cl_getarg() only). '?' on an error: 302 for a letter that is not in `optstring`, 303
- *         for one whose group has been used. The scan moves past the letter on errors too.
+ * A letter is used up as it is returned, also as an error; with its last letter the word is passed. Every "-"
+ * before a letter is skipped, and a word of nothing else is dropped. Letters are bytes.
+ *
+ * @param optstring  letters and groups, see above; may change between calls. "" knows no letter.
+ * @return the letter, 1 to 255. 0 at the end of the options: no word is left, the current one does not
+ *         begin with "-" (it stays current), or it is "--" (it is passed, and words behind it are delivered
+ *         by cl_getarg() only). '?' on an error: 302 for a letter that is not in `optstring`, 303 for one of a
+ *         group that has been used, with the word as cl_estr() and the letter as cl_eopt(). An option '?'
+ *         is told from an error by cl_errno().
+ *
+ * Threads: the handle's. Raises: no.
  */
 KS_API int cl_getopt(cl_handle *clh, const char *optstring);
 
 /**
  * cl_getopt() with long options: a word that begins with "--" and is longer is one option.
  *
- * @param longopt  receives a copy of the word behind its two dashes, freed with stg_free(); the
- *                 result is then 0 and the scan at the next word. Set *longopt to NULL before each
- *                 call: it is left alone otherwise, and tells a long option from the end.
- * @return as cl_getopt(); also '?' with error 301 when there is no memory for the copy, and then
- *         the word is still to come.
+ * The word is taken whole, "name=value" too, and also when letters of it were taken by cl_getopt(). Behind a
+ * "--" there are none.
+ *
+ * @param optstring  as in cl_getopt(), for words with one "-"
+ * @param longopt    receives a copy of the word behind its two dashes, the caller's, freed with stg_free();
+ *                   the result is then 0 and the scan at the next word. Set *longopt to NULL before each
+ *                   call: it is left alone otherwise, and tells a long option from the end.
+ * @return as cl_getopt(); also '?' with error 301 when there is no memory for the copy (reported, errno
+ *         ENOMEM), and then the word is still to come.
+ *
+ * Threads: the handle's. Raises: no.
  */
 KS_API int cl_getopt_long(cl_handle *clh, const char *optstring, char **longopt);
 
 /**
- * The current word; the scan moves to the next one.
+ * Takes the current word, whatever it looks like; the scan moves to the next one.
  *
- * @return the word, which lives as long as the handle and is not to be changed. NULL without an
- *         error when no word is left. NULL with error 304 when the scan stands inside a word, as
- *         after 'a' of "-ab": an option's argument must be a word of its own.
+ * An option's argument is taken so, and must be a word of its own: asked for behind 'a' of "-ab" it is an
+ * error, and the scan stays where it is.
+ *
+ * @return the word, the handle's, as long as that lives and not to be changed; "" is a word too. NULL without
+ *         an error when no word is left. NULL with error 304, and the word as cl_estr(), when the scan
+ *         stands inside a word.
+ *
+ * Threads: the handle's. Raises: no.
  */
 KS_API char *cl_getarg(cl_handle *clh);
 
 /** cl_getarg(), for fetching the name of a command. */
 KS_API char *cl_getname(cl_handle *clh);
 
-/** cl_getarg(), but a word that begins with "-" stays and gives NULL without an error. */
+/**
+ * cl_getarg(), but a word that begins with "-" stays and gives NULL without an error, also when the scan
+ * stands inside it: for an argument that may be left out. A word behind "--" that begins with "-" stays too.
+ *
+ * Threads: the handle's. Raises: no.
+ */
 KS_API char *cl_getarg_noopt(cl_handle *clh);
 
 /**
  * Takes the next word with cl_getarg() and finds it in a list of names.
  *
- * @param count  number of names
- * @param names  names in the form of cl_match()
- * @return index of the first name that the word matches; -1 when none does (the word is consumed
- *         all the same) or cl_getarg() gave NULL.
+ * @param count  number of names; 0 and less: none
+ * @param names  names in the form of cl_match(), each not NULL; the first that matches counts
+ * @return index of the name; -1 when none matches (the word is consumed all the same, and cl_errno() is 0) or
+ *         cl_getarg() gave NULL (cl_errno() 304 inside a word, 0 at the end).
+ *
+ * Threads: the handle's. Raises: no.
  */
 KS_API int cl_get_subcommand(cl_handle *clh, int count, const char *const *names);
 
 /**
- * Tells whether a word is an acceptable spelling of a name: 1 or 0.
+ * Tells whether a word is an acceptable spelling of a name.
  *
- * Letter case does not count (by the locale). A "[" in the name marks where it may be cut off:
- * "ch[eckout]" accepts "ch", "che" and so on up to "checkout". Nothing is accepted beyond a "]".
+ * Characters are compared without regard to letter case, by the locale. A "[" in the name marks where it may
+ * be cut off: "ch[eckout]" accepts "ch", "che" and so on up to "checkout". A "]" is an ordinary character of
+ * the name: nothing but itself matches it, and what stands behind it is only reached so.
+ *
+ * @param word  not NULL; "" is accepted by "" and by a name that begins with "["
+ * @param name  not NULL
+ * @return 1 or 0.
+ *
+ * Threads: any. Raises: no.
  */
 KS_API int cl_match(const char *word, const char *name);
 /**@}*/
@@ -157,14 +201,23 @@ KS_API int cl_match(const char *word, const char *name);
 /** @name Place in the words */
 /**@{*/
 
-/** The place of the scan, in bytes from the first word's start, each word counting one byte for its end. */
+/**
+ * The place of the scan, for cl_setoffset(): bytes from the first word's start, each word counting one more for
+ * its end; 0 in a handle without words. The last error stays.
+ *
+ * Threads: the handle's. Raises: no.
+ */
 KS_API int cl_getoffset(cl_handle *clh);
 
 /**
- * Moves the scan to a place given by cl_getoffset(); other values are clamped to the words.
+ * Moves the scan to a place given by cl_getoffset(); clears the last error.
  *
  * A place at the end of a word means the start of the next one. So a place at an empty word means
- * the word behind it. Letters seen and a "--" already met stay so.
+ * the word behind it. Letters seen stay so, as far as groups are concerned, and so does a "--" already met.
+ *
+ * @param offset  any number; one below 0 is the first word, one beyond the words their end
+ *
+ * Threads: the handle's. Raises: no.
  */
 KS_API void cl_setoffset(cl_handle *clh, int offset);
 /**@}*/
@@ -172,19 +225,26 @@ KS_API void cl_setoffset(cl_handle *clh, int offset);
 /** @name The last error */
 /**@{*/
 
-/** Its number, 0 when the last call succeeded. */
+/** Its number, 0 when the last call succeeded; see above. Threads: the handle's. Raises: no. */
 KS_API int cl_errno(cl_handle *clh);
 
-/** The word it arose in, "" when none; lives as long as the handle. */
+/** The word it arose in, "" when none; lives as long as the handle. Threads: the handle's. Raises: no. */
 KS_API const char *cl_estr(cl_handle *clh);
 
-/** The option letter as a string, "" when none; changes with the next call. */
+/**
+ * The option letter it is about as a string of one byte, "" when none (as with 301 and 304). The text is the
+ * handle's own and changes with its next call. Threads: the handle's. Raises: no.
+ */
 KS_API const char *cl_eopt(cl_handle *clh);
 
 /**
- * The text of an error number, from the message catalogue: "" for 0, "Unknown error" for a number
- * that is not listed above. The texts are read once and live as long as the process.
- * Any thread. Raises: no.
+ * The text of an error number, from the message catalogue: "Out of memory", "Bad option", "Duplicate or
+ * conflicting option", "Bad argument" for 301 to 304 where no catalogue says otherwise.
+ *
+ * @return "" for 0, "Unknown error" for a number that is not one of the module's. The texts are made by the
+ *         first call, in the language of that moment, cut to 255 bytes, and live as long as the process.
+ *
+ * Threads: any. Raises: no.
  */
 KS_API const char *cl_strerror(int number);
 /**@}*/

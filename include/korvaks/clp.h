@@ -42,6 +42,9 @@
  * a flag scan without a table (9) or constraints (10), a scan without a vector (11) or at a word that is
  * NULL (12), and a table with faulty groups (0, 1) or an alias of nothing (3).
  *
+ * What is printed goes through imsg.h, as errors and warnings of the subsystem "ks/clp". errno is an answer
+ * only where memory is exhausted: ENOMEM, reported by the storage module.
+ *
  * Threads: a handle belongs to one thread at a time. The command stack and the command's text are the
  * calling thread's own.
  * Raises:  every call that prints is a raise point; none owns anything at that moment and no handle is
@@ -117,42 +120,87 @@ typedef struct clp_handle {
 } clp_handle;
 
 /**
- * Makes a handle for a vector of words. The scan starts at word 0.
+ * Makes a handle for a vector of words. The scan starts at word 0, and how obsolete flags are taken is read
+ * from VELLUM_OBSO_SYN (clp_check_obsolete()).
  *
- * @param argv         `argc` words, used in place: they must outlive the handle, and
- *                     clp_get_next_subarg() writes into them
- * @param descriptors  table of flags; NULL for a handle from which only words are pulled
+ * @param argc         words; below 0 counts as 0
+ * @param argv         used in place: the words must outlive the handle, and clp_get_next_subarg() writes into
+ *                     them
+ * @param descriptors  table of flags, which must outlive the handle; NULL for a handle from which only words
+ *                     are pulled
  * @param area         area for what the handle needs. STG_AREA_NULL or STG_AREA_HEAP: one that the
  *                     handle makes and owns
- * @return the handle, ended with clp_destroy_hdl(). NULL when two flags of the table have the same value
- *         (message 2) or memory is exhausted (reported); nothing of the handle's own is left.
+ * @return the handle, ended with clp_destroy_hdl() or with the area given. NULL when two flags of the table
+ *         have the same value (message 2) or memory is exhausted (ENOMEM); an area of the handle's own is then
+ *         gone, one that was given may hold bytes that nobody uses. A table with faulty groups (messages 0
+ *         and 1) or an alias of nothing (3) ends the process.
+ *
+ * Threads: any. Raises: when a fault is reported.
  */
 KS_API clp_handle *clp_create_hdl_using_argv(int argc, char **argv, const clp_flag_desc *descriptors, stg_area *area);
 
-/** The same for a line, split by clp_parse_string() into the handle's area; NULL also when that fails. */
+/**
+ * Makes a handle for a line, which clp_parse_string() splits into the handle's area; the line itself is not
+ * kept.
+ *
+ * @param command      the line; NULL ends the process, "" gives a handle without words
+ * @param descriptors  as in clp_create_hdl_using_argv()
+ * @param area         as in clp_create_hdl_using_argv(); the words live in it too
+ * @return as clp_create_hdl_using_argv(); NULL also for a line that cannot be split (message 4 or 17), which is
+ *         reported before the table is looked at.
+ *
+ * Threads: any; the calling thread's buffer for words is used. Raises: when a fault is reported.
+ */
 KS_API clp_handle *clp_create_hdl_using_string(const char *command, const clp_flag_desc *descriptors, stg_area *area);
 
 /**
- * Installs another table for the rest of the line, with no flag used so far. The place in the line
- * is kept, the name of the last flag is forgotten.
+ * Installs another table for the rest of the line, with no flag used so far: for a command whose subcommands
+ * have flags of their own. The place in the line is kept, the name of the last flag is forgotten.
  *
- * @param area  where to keep what the table needs; STG_AREA_NULL or STG_AREA_HEAP: the handle's own area
- * @return 1 with the handle unchanged: no area is given and the handle has none of its own (message
- *         13), two flags have the same value (message 2), memory is exhausted.
+ * @param descriptors  as in clp_create_hdl_using_argv()
+ * @param area         where to keep what the table needs, as long as the handle uses it; STG_AREA_NULL or
+ *                     STG_AREA_HEAP: the handle's own area
+ * @return 0; 1 with the handle unchanged: no area is given and the handle has none of its own (message
+ *         13), two flags have the same value (message 2), memory is exhausted (ENOMEM). Faulty groups and an
+ *         alias of nothing end the process.
+ *
+ * Threads: the handle's. Raises: when a fault is reported.
  */
 KS_API int clp_switch_flags(clp_handle *hdl, const clp_flag_desc *descriptors, stg_area *area);
 
 /**
- * Keeps the state of a scan: a copy of the handle in its area, which ends with that and is not destroyed
- * by itself. The words, and which flags have been used, are shared with the handle. NULL when memory is
- * exhausted.
+ * Keeps the state of a scan, for clp_restore_hdl().
+ *
+ * The copy lies in the handle's own area, or in that of its table when it has none, ends with the area, and
+ * is not destroyed by itself. Words, table, and which flags have been used are shared with the handle.
+ *
+ * @return the copy; NULL when memory is exhausted (ENOMEM). A handle without constraints ends the process
+ *         (message 10).
+ *
+ * Threads: the handle's. Raises: no.
  */
 KS_API clp_handle *clp_save_hdl(const clp_handle *hdl);
 
-/** Goes back to a state kept by clp_save_hdl(): all fields but the magic. Flags stay used. Gives 0. */
+/**
+ * Goes back to a state kept by clp_save_hdl(): all fields but the magic are copied, the table among them, so
+ * that a switch in between is undone. Flags used since stay used, and commas that clp_get_next_subarg() has
+ * overwritten stay so. `saved` can be used again.
+ *
+ * @return 0.
+ *
+ * Threads: the handle's. Raises: no.
+ */
 KS_API int clp_restore_hdl(clp_handle *hdl, const clp_handle *saved);
 
-/** Ends a handle with its own area, if it has one, and sets *hdl to NULL. Gives 0. */
+/**
+ * Ends a handle and sets *hdl to NULL. With an area of its own, all that lies in it goes: saved states, and the
+ * words of a line. In an area of the caller's the handle is only marked, and a later use of it ends the
+ * process. `hdl` and *hdl must not be NULL (message 8).
+ *
+ * @return 0.
+ *
+ * Threads: the handle's. Raises: no.
+ */
 KS_API int clp_destroy_hdl(clp_handle **hdl);
 /**@}*/
 
@@ -165,21 +213,39 @@ KS_API int clp_destroy_hdl(clp_handle **hdl);
  * A word matches the first entry whose name it equals, or is a beginning of, cut off no earlier than
  * at its '['. Letter case counts. "--" ends the flags: it is passed, and every later call gives 2.
  *
- * @param quiet      not 0: a word that begins with '-' and is no flag is not reported
+ * @param quiet      not 0: a word that begins with '-' and is no flag is not reported; all else is
  * @param out_value  receives the flag's value, for an alias that of its flag; (uint32_t)-1 with the
  *                   results 1 and 2
  * @return 0: the flag is passed; the word behind it is now what clp_get_next_subarg() starts on.
  *         2: no word is left, or the current one is no flag and does not begin with '-'.
  *         1: it begins with '-' and is no flag (message 14); the flag was used before and is not
  *         repeatable (5); another flag of its group was used (6); it is obsolete and that is an error (15).
- *         The word is not passed.
+ *         The word is not passed; clp_get_next_arg() takes it.
+ * A handle without table (message 9), constraints (10), vector (11) or current word (12) ends the process.
+ *
+ * Threads: the handle's. Raises: when something is reported, a warning of an obsolete flag too; the flag is then
+ * neither used nor passed.
  */
 KS_API int clp_get_next_flag_value(clp_handle *hdl, int quiet, uint32_t *out_value);
 
-/** Takes the current word, whatever it looks like. 2 with NULL at the end. */
+/**
+ * Takes the current word, whatever it looks like, "--" too: a flag's argument, or an operand.
+ *
+ * @param out_arg  receives the word, the caller's own of the vector; NULL at the end
+ * @return 0; 2 at the end. A handle without a vector (message 11) or word (12) there ends the process.
+ *
+ * Threads: the handle's. Raises: no.
+ */
 KS_API int clp_get_next_arg(clp_handle *hdl, char **out_arg);
 
-/** Steps back one word; 2 at the first one. */
+/**
+ * Steps back one word, so that it is taken again. A flag that was used and a "--" that was met stay so, and
+ * what clp_get_next_subarg() works on does not change.
+ *
+ * @return 0; 2 with nothing changed at the first word.
+ *
+ * Threads: the handle's. Raises: no.
+ */
 KS_API int clp_unget_arg(clp_handle *hdl);
 
 /**
@@ -188,35 +254,59 @@ KS_API int clp_unget_arg(clp_handle *hdl);
  * The list is the word behind the last flag; with its first piece that word is passed. The comma that
  * ends a piece is overwritten by a NUL in the caller's word. An empty piece is one too.
  *
- * @return 2 with NULL behind the last piece. Then the current word, if there is one, becomes the list,
- *         and the next call starts on it.
+ * @param out_subarg  receives the piece, which lies in the caller's word; NULL with the result 2
+ * @return 0; 2 behind the last piece. Then the current word, if there is one, becomes the list, and the next
+ *         call starts on it. A handle without a vector (message 11) or word (12) ends the process.
+ *
+ * Threads: the handle's. Raises: no.
  */
 KS_API int clp_get_next_subarg(clp_handle *hdl, char **out_subarg);
 
 /**
- * The name of the last flag that matched, as in its table.
+ * The name of the last flag that matched, also of one that was then refused, as in its table; for messages.
+ *
  * @param strip  not 0: without '[' and ']'
- * @param size   bytes of `buf`; the name is cut to size - 1. Below 1 nothing is stored.
- * @return 2 with `buf` unchanged when no flag has matched.
+ * @param size   bytes of `buf`; the name is cut to size - 1 bytes and ends with a NUL. Below 1 nothing is stored.
+ * @param buf    the caller's
+ * @return 0; 2 with `buf` unchanged when no flag of the present table has matched.
+ *
+ * Threads: the handle's. Raises: no.
  */
 KS_API int clp_get_last_flag_name(const clp_handle *hdl, int strip, int size, char *buf);
 
 /**
- * Tells whether a word is an acceptable spelling of a flag's name: 1 or 0. It equals the name without its
- * brackets, or is a beginning of it cut off at a '[' or later. Bytes are compared as they are.
+ * Tells whether a word is an acceptable spelling of a flag's name.
+ *
+ * It equals the name without its '[', or is a beginning of it cut off at the '[' or later: "-c[omment]"
+ * accepts "-c", "-co" and so on up to "-comment", and the "]" that a name may end with as well. Bytes are
+ * compared as they are: letter case counts, the locale does not.
+ *
+ * @param word  not NULL; "" is accepted by "" and by a name that begins with '['
+ * @param name  not NULL
+ * @return 1 or 0.
+ *
+ * Threads: any. Raises: no.
  */
 KS_API int clp_match(const char *word, const char *name);
 
-/** Word 0; 2 with NULL when there are no words. */
+/** Word 0, the caller's own, wherever the scan stands: 0; 2 with NULL when there are no words. Raises: no. */
 KS_API int clp_get_command_name(const clp_handle *hdl, char **out_name);
 
-/** The number of words. */
+/** The number of words as it was given, word 0 among them. Raises: no. */
 KS_API int clp_get_argc(const clp_handle *hdl);
 
 /**
- * Reports obsolete syntax that the caller itself found, as VELLUM_OBSO_SYN wants it: unset or "WARN", a
- * warning (message 16) and 0; "FAIL", an error and 1; any other value, nothing and 0. Case does not count.
- * The variable is read here and when a handle is made.
+ * Reports obsolete syntax that the caller itself found, as the environment variable VELLUM_OBSO_SYN wants it,
+ * whose case does not count:
+ *
+ *     unset, or "WARN"   a warning (message 16), and 0
+ *     "FAIL"             an error (message 16), and 1
+ *     any other value    nothing, and 0
+ *
+ * Flags that are obsolete by their table are taken by the same rule with message 15, and there the variable
+ * is read once, when the handle is made. This call reads it each time.
+ *
+ * Threads: any. Raises: when something is printed.
  */
 KS_API int clp_check_obsolete(void);
 /**@}*/
@@ -236,12 +326,16 @@ KS_API int clp_check_obsolete(void);
  *  - There are never more words than the string has runs of characters that are not white space. Words
  *    beyond that number are dropped: 'ab'cd is the one word "ab", 'a b'cd are two.
  *
- * @param area      area of the vector and of the words; with STG_AREA_HEAP each is freed with stg_free()
- * @param out_argc  receives the number of words
+ * @param command   the string, not changed and not kept; NULL ends the process
+ * @param area      area of the vector and of the words, never STG_AREA_NULL; with STG_AREA_HEAP each is freed
+ *                  with stg_free()
+ * @param out_argc  receives the number of words, 0 for a string of white space
  * @param out_argv  receives the vector, which has a NULL behind the last word
- * @return 1 with nothing stored: a quote is not closed (message 4), a word has 8192 bytes or more
- *         (message 17), no memory for the vector. When memory ends at a later word, the result is 0
- *         and the words are those before it.
+ * @return 0; 1 with nothing stored: a quote is not closed (message 4), a word has 8192 bytes or more
+ *         (message 17), no memory for the vector (ENOMEM), 2^31 - 1 words or more. When memory ends at a later word,
+ * the result is 0 and the words are those before it.
+ *
+ * Threads: any; each has a buffer of its own for the word being read. Raises: when a fault is reported.
  */
 KS_API int clp_parse_string(const char *command, stg_area *area, int *out_argc, char ***out_argv);
 
@@ -256,11 +350,15 @@ KS_API int clp_parse_string(const char *command, stg_area *area, int *out_argc, 
  * So clp_parse_string() reads the words back only where no word is empty, none holds a quote, a backslash
  * or white space but those named, and each is shorter than 8192 bytes.
  *
+ * @param argc     words; below 0 counts as 0
+ * @param argv     the words, each not NULL, else the process ends; NULL only without words
  * @param escape   a character, or 0
- * @param area     area of the string, or STG_AREA_HEAP (stg_free())
+ * @param area     area of the string, never STG_AREA_NULL; with STG_AREA_HEAP it is freed with stg_free()
  * @param out_str  receives the string, "" for no words
- * @return 1 with nothing stored: a word begins with a quote and does not end with it (message 4), or memory
- *         is exhausted.
+ * @return 0; 1 with nothing stored: a word begins with a quote and does not end with it (message 4), or memory
+ *         is exhausted (ENOMEM).
+ *
+ * Threads: any. Raises: when the fault is reported.
  */
 KS_API int clp_argv_to_string(int argc, char *const *argv, stg_area *area, int escape, char **out_str);
 /**@}*/
@@ -271,19 +369,40 @@ KS_API int clp_argv_to_string(int argc, char *const *argv, stg_area *area, int e
 /** Bytes that the text of the stack stays below. */
 #define CLP_MAX_STACK_STRING 250
 
-/** Puts a command on the stack. Only ten names are stored (not copied); further ones are counted. Gives 0. */
+/**
+ * Puts a command on the calling thread's stack, as it begins. The first ten are stored, further ones are only
+ * counted, so that as many pops as pushes lead back.
+ *
+ * @param name  not copied: it must live until it is popped. NULL ends the process.
+ * @return 0.
+ *
+ * Threads: any, each with a stack of its own. Raises: no.
+ */
 KS_API int clp_push_cmd(const char *name);
 
-/** Takes the last command off. A name goes only when no command above it is merely counted. Gives 0. */
+/**
+ * Takes the last command off the calling thread's stack, as it ends. A stored name goes only when no command
+ * above it is merely counted.
+ *
+ * A pop of an empty stack is counted too: a later stack of more than ten then loses a stored name one pop too
+ * early. So pops belong to pushes.
+ *
+ * @return 0.
+ *
+ * Threads: any. Raises: no.
+ */
 KS_API int clp_pop_cmd(void);
 
 /**
- * The stack as text, each name followed by ':', when it has changed.
+ * The calling thread's stack as text, each stored name followed by ':', when it has changed: "A:B:" for B begun
+ * within A.
  *
- * @param generation  state that the caller has seen; receives the present one
- * @return the thread's own text, until the next call; NULL when `*generation` is the present one. With an
- *         empty stack it is the text that was built last. 250 bytes of text end the process
- *         (assertion).
+ * @param generation  the state that the caller has seen, 0 at first; receives the present one
+ * @return the text, the thread's own, until its next call; NULL when `*generation` is the present one. With
+ *         an empty stack it is the text that was built last, so that a report names the command that has just
+ *         ended. A text of 250 bytes or more ends the process (assertion "ptr < CLP_MAX_STACK_STRING").
+ *
+ * Threads: any. Raises: no.
  */
 KS_API const char *clp_get_cmd_stack(uint32_t *generation);
 /**@}*/
@@ -313,36 +432,87 @@ KS_API const char *clp_get_cmd_stack(uint32_t *generation);
  *
  *     TIME (uid=1000) (pid=4711) NAME 'word' 'word' in /working/directory took TOOK
  *
- * NAME and the words have 256 bytes; words from the first that does not fit are left out.
- * @param name  NULL counts as ""
- * @param took  time taken, as text; NULL: the record ends before it
+ * NAME and the words have 256 bytes; words from the first that does not fit are left out. The user is the
+ * effective one. Whether history is kept is asked at each call.
+ *
+ * @param name  what the command is called, cut to 256 bytes; NULL counts as ""
+ * @param argc  words; below 0 counts as 0
+ * @param argv  the words, each not NULL, else the process ends; NULL only without words
+ * @param took  time taken, as text; NULL: the record ends before "took"
+ * errno is kept.
+ *
+ * Threads: any; the text is the calling thread's own. Raises: no.
  */
 KS_API void clp_log_cl_args(const char *name, int argc, char *const *argv, const char *took);
 
-/** clp_log_cl_args() with the words of a handle. */
+/**
+ * clp_log_cl_args() with all words of a handle, wherever its scan stands. Commas that clp_get_next_subarg()
+ * has overwritten end their words. A handle that is NULL (message 8) or not one (7) ends the process.
+ *
+ * Threads: the handle's. Raises: no.
+ */
 KS_API void clp_log_command(const char *name, const clp_handle *hdl, const char *took);
 
-/** The thread's last command line given to clp_log_cl_args(), until the next; "No command" without one. */
+/**
+ * The calling thread's last command line given to clp_log_cl_args(), NAME 'word' 'word', whether history is kept
+ * or not; the text is the thread's own, until its next one. "No command" without one, or when it is empty.
+ * imsg_set_app_name() gives one too while "ks/imsg" is traced.
+ *
+ * Threads: any. Raises: no.
+ */
 KS_API const char *clp_get_command(void);
 
-/** The current time, for the calls below. */
+/** The current time (date_get_timeval()), taken as a tool begins for the calls below. Threads: any. Raises: no. */
 KS_API void clp_get_starttime(struct timeval *out_time);
 
 /**
- * clp_log_cl_args() at the end of a tool, with the program's name (imsg.h) and the time since `start`. Only
- * for programs named "veltool", "spantool" or "velmake" with anything behind it.
+ * Records a tool's end: clp_log_cl_args() with the program's name (imsg_get_app_name()) and the time since
+ * `start`, as "took  0.042000 s ". Only for programs named "veltool", "spantool" or "velmake" with anything
+ * behind it; for others nothing happens, and the command is not remembered either.
+ *
+ * @param argc   as in clp_log_cl_args()
+ * @param argv   as in clp_log_cl_args()
+ * @param start  from clp_get_starttime(); NULL ends the process. The time since is counted in single
+ *               precision, so that its last digits mean little after some seconds, and is below 0 where the
+ *               clock was put back.
+ *
+ * Threads: any. Raises: no.
  */
 KS_API void clp_exit_log_args(int argc, char *const *argv, const struct timeval *start);
 
-/** clp_exit_log_args() with the words of a handle. */
+/**
+ * clp_exit_log_args() with the words of a handle. A handle that is NULL (message 8) or not one (7) ends
+ * the process, whatever the program is called.
+ *
+ * Threads: the handle's. Raises: no.
+ */
 KS_API void clp_exit_log_command(const clp_handle *hdl, const struct timeval *start);
 
-/** Writes the record "TIME TAG 'TEXT': ". Whether history is kept is asked once per process. */
+/**
+ * Writes the record "TIME TAG 'TEXT': ", of any length.
+ *
+ * Whether history is kept is asked once per process, by the first call, and apart from clp_collectdatai(). A
+ * marker that appears or goes later makes no difference; a child of fork() has its parent's answer.
+ *
+ * @param tag   NULL counts as ""
+ * @param text  NULL counts as ""
+ * errno is kept.
+ *
+ * Threads: any. Raises: no.
+ */
 KS_API void clp_collectdatas(const char *tag, const char *text);
 
 /**
- * Writes a record with `text` as tag and, as text, its first 1000 bytes and the number in 20 columns;
- * with a number of 0, its first 1024 bytes. Whether history is kept is asked once per process.
+ * Writes a record of a text and a number, "TIME TEXT 'TEXT                NUMBER': ": the whole text as tag, then its
+ * first 1000 bytes and the number in 20 columns. With a number of 0 it stands alone, its first 1024 bytes.
+ *
+ * Whether history is kept is asked once per process, by the first call, and apart from clp_collectdatas().
+ *
+ * @param text    NULL counts as ""
+ * @param number  any
+ * errno is kept.
+ *
+ * Threads: any. Raises: no.
  */
 KS_API void clp_collectdatai(const char *text, int number);
 /**@}*/

@@ -118,7 +118,9 @@ TEST(ClpArgvToString, WritesWordsByTheirForm)
     } cases[] = {
         {{}, '\\', ""},
         {{"a", "b-c"}, '\\', "a b-c"},
-        {{"a b", "x\ty", "*", "[a]", "~"}, '\\', "\"a b\" \"x\ty\" \"*\" \"[a]\" \"~\""},
+        {{" ", "\t", "\r", "\n", "?", "*", "~", "[", "]"},
+         '\\',
+         "\" \" \"\t\" \"\r\" \"\n\" \"?\" \"*\" \"~\" \"[\" \"]\""},
         {{"'a b'", "\"q\""}, '\\', "\\'a b\\' \\\"q\\\""},
         {{"'a b'", "\"q\""}, 0, "'a b' \"q\""},
         {{"'a b'"}, '^', "^'a b^'"},
@@ -132,7 +134,9 @@ TEST(ClpArgvToString, WritesWordsByTheirForm)
         char word[] = "x";
         char *argv[] = {word, nullptr};
         char *text = nullptr;
-        const bool is_empty = clp_argv_to_string(-1, nullptr, STG_AREA_HEAP, 0, &text) == 0 && *text == '\0';
+        stg_area *area = stg_create_area(100);
+        const bool is_empty =
+            clp_argv_to_string(-1, nullptr, area, 0, &text) == 0 && stg_area_strdup(area, "x") != text && *text == '\0';
         const bool is_one = clp_argv_to_string(1, argv, STG_AREA_HEAP, 0, &text) == 0 && std::strcmp(text, "x") == 0;
         return is_empty && is_one && join({"a", "'b\""}, 0) == "refused" ? 0 : 1;
     });

@@ -209,7 +209,6 @@ void write_record(Pieces pieces)
     char path[KS_PATH_SIZE];
     if (!ks::try_hostdata_dir(path, "log", "vellum_history"))
         return;
-    const ks::ErrnoSaver saver;
     timeval now;
     date_get_timeval(&now);
     const Stamp stamp = stamp_of(now);
@@ -318,6 +317,7 @@ extern "C" {
 void clp_log_cl_args(const char *name, int argc, char *const *argv, const char *took)
 {
     here.require(argc <= 0 || argv != nullptr, "argv != NULL");
+    const ks::ErrnoSaver saver;
     const char *const command = build_command(name, argc, argv);
     if (is_history_kept())
         write_command_record(command, took);
@@ -359,12 +359,14 @@ void clp_exit_log_command(const clp_handle *hdl, const struct timeval *start)
 
 void clp_collectdatas(const char *tag, const char *text)
 {
+    const ks::ErrnoSaver saver;
     if (is_history_kept_once(collectdatas_answer, ks::clp_collectdatas_crit))
         write_collected(or_empty(tag), or_empty(text));
 }
 
 void clp_collectdatai(const char *text, int number)
 {
+    const ks::ErrnoSaver saver;
     if (!is_history_kept_once(collectdatai_answer, ks::clp_collectdatai_crit))
         return;
     text = or_empty(text);
