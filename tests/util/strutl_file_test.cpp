@@ -5,6 +5,7 @@
 
 #include "harness/child.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -84,18 +85,44 @@ TEST(StrutlFile, ReadingFailsWithAMessage)
     }
 }
 
+// Gives a text in pieces of at most 100 bytes, each after an interruption.
+struct Stutter {
+    std::string text;
+    size_t at = 0;
+    bool is_interrupted = false;
+
+    FILE *open() { return fopencookie(this, "r", {.read = give, .write = nullptr, .seek = nullptr, .close = nullptr}); }
+
+    static ssize_t give(void *cookie, char *out, size_t size)
+    {
+        auto &self = *static_cast<Stutter *>(cookie);
+        self.is_interrupted = !self.is_interrupted;
+        if (self.is_interrupted) {
+            errno = EINTR;
+            return -1;
+        }
+        const size_t count = self.text.copy(out, std::min<size_t>(size, 100), self.at);
+        self.at += count;
+        return static_cast<ssize_t>(count);
+    }
+};
+
+// "overflow:text" from the heap level, and the same from an area.
 std::string read_stream(const std::string &content, size_t hint)
 {
     const test::ChildResult child = test::run_child([&] {
-        FILE *fp = fmemopen(const_cast<char *>(content.data()), content.size(), "r");
-        int overflow = 9;
-        char *text = strutl_read_fp(STG_AREA_HEAP, hint, fp, 0, &overflow);
-        std::fclose(fp);
-        if (text == nullptr)
-            return 1;
-        std::printf("%d:%s", overflow, text);
-        stg_free(text);
-        return 0;
+        stg_area *area = stg_create_area(100);
+        std::string texts[2];
+        for (stg_area *level : {STG_AREA_HEAP, area}) {
+            Stutter stutter{content};
+            FILE *fp = stutter.open();
+            int overflow = 9;
+            const char *text = strutl_read_fp(level, hint, fp, 0, &overflow);
+            texts[level == area ? 1 : 0] = text == nullptr ? "NULL" : std::to_string(overflow) + ":" + text;
+            std::fclose(fp);
+        }
+        std::printf("%s", texts[0].c_str());
+        return texts[0] == texts[1] ? 0 : 1;
     });
     EXPECT_EQ(child.exit_status, 0);
     return child.out;
@@ -103,14 +130,23 @@ std::string read_stream(const std::string &content, size_t hint)
 
 TEST(StrutlFile, StreamsWithAndWithoutAHint)
 {
-    EXPECT_EQ(read_stream("abc\nde", 0), "0:abc\nde");
-    EXPECT_EQ(read_stream("abc\nde", 8), "0:abc\nde");
-    EXPECT_EQ(read_stream("abc\nde", 7), "1:abc\nde");
-    EXPECT_EQ(read_stream("abc\nde", 4), "1:abc");
-    EXPECT_EQ(read_stream("abc\nde", 1), "1:");
-    const std::string large(50001, 'z');
-    EXPECT_EQ(read_stream(large, 0), "0:" + large);
-    EXPECT_EQ(read_stream(std::string("a\0b\nc\n", 6), 0), "0:ac\n");
+    const struct {
+        std::string content;
+        size_t hint;
+        std::string read;
+    } cases[] = {
+        {"abc\nde", 0, "0:abc\nde"},
+        {"abc\nde", 8, "0:abc\nde"},
+        {"abc\nde", 7, "1:abc\nde"},
+        {"abc\nde", 4, "1:abc"},
+        {"abc\nde", 1, "1:"},
+        {std::string(8191, 'y'), 0, "0:" + std::string(8191, 'y')},
+        {std::string(50001, 'z'), 0, "0:" + std::string(50001, 'z')},
+        {std::string("a\0b\nc\n", 6), 0, "0:ac\n"},
+        {std::string("ab\0defgh\nc", 10), 6, "1:abfgh"}, // as fgets() cuts a line: "ab" of 5 bytes, then 3 more
+    };
+    for (const auto &c : cases)
+        EXPECT_EQ(read_stream(c.content, c.hint), c.read);
 }
 
 TEST(StrutlFile, WritesAndReportsWhatFailed)

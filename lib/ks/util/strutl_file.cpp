@@ -7,8 +7,6 @@
 
 #include <korvaks/fileutl.h>
 
-#include <algorithm>
-#include <climits>
 #include <cstdio>
 
 #include <sys/stat.h>
@@ -37,7 +35,7 @@ void report_changed(bool quiet, const char *path)
     errno = EFBIG;
 }
 
-// A buffer that is filled with lines; a fixed one never grows.
+// A buffer for text; a fixed one never grows. It always ends with a NUL.
 struct Contents {
     stg_area *area = STG_AREA_NULL;
     char *data = nullptr;
@@ -52,12 +50,13 @@ struct Contents {
         if (area != STG_AREA_HEAP && used > 0)
             std::memcpy(grown, data, used);
         data = grown;
+        data[used] = '\0';
         capacity = wanted;
         return true;
     }
 
-    // Room for at least one byte and a NUL.
-    bool is_full() const { return capacity - used < 2; }
+    // Bytes that can be added in front of the NUL.
+    std::size_t room() const { return capacity - used - 1; }
 
     bool grow()
     {
@@ -94,21 +93,66 @@ enum class Outcome {
     failed,
 };
 
-// Kept exactly: lines come from fgets(), so a NUL byte hides the rest of its line.
+// An interrupted call is made again, but not when a raise waits for it to end.
+bool is_interrupted()
+{
+    return errno == EINTR && vlthread_pending_raise(nullptr) == 0;
+}
+
+// Reads up to `count` bytes; fewer only where the stream ends or fails. fgets() would lose what it had of a line
+// when it is interrupted.
+std::size_t read_bytes(FILE *fp, char *out, std::size_t count)
+{
+    std::size_t got = 0;
+    for (;;) {
+        got += std::fread(out + got, 1, count - got, fp);
+        if (got == count || std::ferror(fp) == 0 || !is_interrupted())
+            return got;
+        std::clearerr(fp);
+    }
+}
+
+// Takes `raw` bytes behind the text into it, as fgets() would take them: a NUL byte hides the rest of its line. Gives
+// how many are left over, of a line that goes on.
+std::size_t take_lines(Contents &contents, std::size_t raw, bool is_end)
+{
+    while (raw > 0) {
+        char *at = contents.data + contents.used;
+        if (std::memchr(at, '\0', raw) == nullptr) {
+            contents.used += raw;
+            break;
+        }
+        const auto *newline = static_cast<const char *>(std::memchr(at, '\n', raw));
+        if (newline == nullptr && raw < contents.room() && !is_end)
+            return raw;
+        const std::size_t line = newline == nullptr ? raw : static_cast<std::size_t>(newline + 1 - at);
+        const std::size_t shown = strnlen(at, line);
+        raw -= line;
+        std::memmove(at + shown, at + line, raw);
+        contents.used += shown;
+    }
+    contents.data[contents.used] = '\0';
+    return 0;
+}
+
+// Kept exactly: what fgets() calls with the room that is left would give.
 Outcome read_lines(FILE *fp, Contents &contents, bool grows)
 {
+    std::size_t raw = 0; // bytes read that are not part of the text yet
     for (;;) {
-        if (contents.is_full()) {
+        if (contents.room() == 0) {
             if (!grows)
                 return Outcome::overflow;
             if (!contents.grow())
                 return Outcome::no_memory;
         }
-        char *at = contents.data + contents.used;
-        const std::size_t room = std::min(contents.capacity - contents.used, std::size_t{INT_MAX});
-        if (std::fgets(at, static_cast<int>(room), fp) == nullptr)
-            return std::ferror(fp) != 0 ? Outcome::failed : Outcome::whole;
-        contents.used += std::strlen(at);
+        const std::size_t wanted = contents.room() - raw;
+        const std::size_t got = read_bytes(fp, contents.data + contents.used + raw, wanted);
+        if (std::ferror(fp) != 0)
+            return Outcome::failed;
+        raw = take_lines(contents, raw + got, got < wanted);
+        if (got < wanted)
+            return Outcome::whole;
     }
 }
 
@@ -117,17 +161,24 @@ Outcome read_stream(FILE *fp, std::size_t size_hint, bool quiet, Contents &conte
 {
     if (!contents.resize(size_hint != 0 ? size_hint : growth))
         return Outcome::no_memory;
-    *contents.data = '\0';
     const Outcome outcome = read_lines(fp, contents, size_hint == 0);
     if (outcome == Outcome::failed)
         report_errno(quiet, ks_msg_operation, "read");
     return outcome;
 }
 
+FILE *open_file(const char *path, const char *mode)
+{
+    FILE *fp = std::fopen(path, mode);
+    while (fp == nullptr && is_interrupted())
+        fp = std::fopen(path, mode);
+    return fp;
+}
+
 // Opens, reads and closes; the caller holds raises off.
 Outcome read_path(const char *path, std::size_t size, bool quiet, Contents &contents)
 {
-    FILE *fp = std::fopen(path, "r");
+    FILE *fp = open_file(path, "r");
     if (fp == nullptr) {
         report_errno(quiet, ks_msg_unable_to_open, path);
         return Outcome::failed;
@@ -141,22 +192,13 @@ Outcome read_path(const char *path, std::size_t size, bool quiet, Contents &cont
     return outcome;
 }
 
-// Reads nothing, as from a file without contents.
-Outcome make_empty(Contents &contents)
-{
-    if (!contents.resize(1))
-        return Outcome::no_memory;
-    *contents.data = '\0';
-    return Outcome::whole;
-}
-
 Outcome read_file(const char *path, bool quiet, bool missing_ok, Contents &contents)
 {
     constexpr std::size_t spare = 2; // the NUL, and a byte that shows growth
     struct stat status {};
     if (fileutl_stat(path, &status) != 0) {
         if (errno == ENOENT && missing_ok)
-            return make_empty(contents);
+            return contents.resize(1) ? Outcome::whole : Outcome::no_memory;
         report_errno(quiet, ks_msg_unable_to_open, path);
         return Outcome::failed;
     }
@@ -167,9 +209,24 @@ Outcome read_file(const char *path, bool quiet, bool missing_ok, Contents &conte
     return read_path(path, static_cast<std::size_t>(status.st_size) + spare, quiet, contents);
 }
 
+// Without a buffer, so that after an interruption it is known how much was written.
+bool write_text(FILE *fp, const char *text)
+{
+    (void)std::setvbuf(fp, nullptr, _IONBF, 0); // refused, it would cost no more than that
+    for (std::size_t left = std::strlen(text); left > 0;) {
+        const std::size_t put = std::fwrite(text, 1, left, fp);
+        text += put;
+        left -= put;
+        if (put == 0 && !is_interrupted())
+            return false;
+        std::clearerr(fp);
+    }
+    return true;
+}
+
 bool write_and_close(FILE *fp, const char *text)
 {
-    const bool written = std::fputs(text, fp) != EOF;
+    const bool written = write_text(fp, text);
     const int error = errno;
     const bool closed = std::fclose(fp) == 0;
     if (!written)
@@ -211,7 +268,7 @@ unsigned strutl_write(const char *text, const char *path, [[maybe_unused]] const
     if (text == nullptr)
         return 0;
     const ks::InhibitGuard no_raises;
-    FILE *fp = std::fopen(path, "w");
+    FILE *fp = open_file(path, "w");
     if (fp == nullptr) {
         report_errno(quiet != 0, ks_msg_unable_to_open, path);
         return 1;
