@@ -1,8 +1,8 @@
 // Characters of the locale's encoding: length, class and case.
 #include "util/strutl_impl.h"
 
+#include <algorithm>
 #include <cctype>
-#include <climits>
 #include <cwchar>
 #include <cwctype>
 
@@ -17,16 +17,12 @@ Character decode(const char *s, std::size_t available)
     const ErrnoSaver saver;
     std::mbstate_t state{};
     wchar_t code = 0;
+    available = std::min<std::size_t>(available, MB_LEN_MAX);
     const std::size_t length = std::mbrtowc(&code, s, available, &state);
     // Both failures, invalid and cut off, are values above every length.
     if (length == 0 || length > available)
         return {1, static_cast<wchar_t>(byte_of(*s)), false};
     return {length, code, true};
-}
-
-std::size_t decoded_length(const char *s, std::size_t available)
-{
-    return decode(s, available).length;
 }
 
 bool is_well_formed(const char *s)
@@ -36,7 +32,7 @@ bool is_well_formed(const char *s)
             ++s;
         if (*s == '\0')
             return true;
-        const Character character = decode(s, MB_CUR_MAX);
+        const Character character = decode(s);
         if (!character.valid)
             return false;
         s += character.length;
@@ -54,7 +50,7 @@ std::size_t offset_in_set(const char *set, const char *ch, std::size_t length)
     return npos;
 }
 
-std::size_t cut_length(const char *src, std::size_t limit)
+std::size_t cut_length(const char *src, std::size_t size, std::size_t limit)
 {
     const Encoding encoding = locale_encoding();
     if (encoding == Encoding::single_byte)
@@ -67,7 +63,7 @@ std::size_t cut_length(const char *src, std::size_t limit)
             --at;
     }
     for (;;) {
-        const std::size_t next = at + char_length(src + at);
+        const std::size_t next = at + char_length(src + at, size - at);
         if (next > limit)
             return at;
         at = next;
@@ -84,6 +80,7 @@ using ks::strutl::Character;
 using ks::strutl::decode;
 using ks::strutl::Encoding;
 using ks::strutl::is_ascii;
+using ks::strutl::is_in_classes;
 using ks::strutl::locale_encoding;
 using ks::strutl::store;
 
@@ -99,19 +96,6 @@ constexpr ClassTest class_tests[] = {
     {STRUTL_SPACE, isspace, iswspace}, {STRUTL_PUNCT, ispunct, iswpunct},    {STRUTL_PRINT, isprint, iswprint},
     {STRUTL_GRAPH, isgraph, iswgraph},
 };
-
-bool is_in_classes(const Character &character, const char *s, unsigned classes)
-{
-    const bool by_byte = character.length == 1 && (is_ascii(*s) || !character.valid || MB_CUR_MAX < 2);
-    for (const ClassTest &test : class_tests) {
-        if ((classes & test.bit) == 0)
-            continue;
-        const int holds = by_byte ? test.of_byte(byte_of(*s)) : test.of_wide(static_cast<std::wint_t>(character.code));
-        if (holds == 0)
-            return false;
-    }
-    return true;
-}
 
 char change_case(char c, int to_upper)
 {
@@ -131,6 +115,19 @@ std::size_t change_case(wchar_t code, int to_upper, char *out)
 
 } // namespace
 
+bool ks::strutl::is_in_classes(const Character &character, const char *s, unsigned classes)
+{
+    const bool by_byte = character.length == 1 && (is_ascii(*s) || !character.valid || MB_CUR_MAX < 2);
+    for (const ClassTest &test : class_tests) {
+        if ((classes & test.bit) == 0)
+            continue;
+        const int holds = by_byte ? test.of_byte(byte_of(*s)) : test.of_wide(static_cast<std::wint_t>(character.code));
+        if (holds == 0)
+            return false;
+    }
+    return true;
+}
+
 extern "C" {
 
 int strutl_mblen(const char *s, size_t n)
@@ -145,7 +142,7 @@ unsigned strutl_get_sys_char_type(void)
 
 size_t strutl_mb_char_from_str(const char *str, wchar_t *out_char)
 {
-    const Character character = decode(str, MB_CUR_MAX);
+    const Character character = decode(str);
     store(out_char, character.code);
     return character.length;
 }
@@ -182,7 +179,7 @@ unsigned strutl_test_char(const char *s, size_t n, unsigned classes, size_t *out
 
 size_t strutl_cvt_case_char(const char *src, int to_upper, char *out, size_t *out_len)
 {
-    const Character character = decode(src, MB_CUR_MAX);
+    const Character character = decode(src);
     std::size_t written = 0;
     if (character.length == 1) {
         *out = change_case(*src, to_upper);

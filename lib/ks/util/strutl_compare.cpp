@@ -10,6 +10,8 @@ using ks::strutl::char_length;
 using ks::strutl::Character;
 using ks::strutl::decode;
 using ks::strutl::is_ascii;
+using ks::strutl::is_in_classes;
+using ks::strutl::is_white_space;
 using ks::strutl::npos;
 using ks::strutl::offset_in_set;
 using ks::strutl::store;
@@ -17,7 +19,7 @@ using ks::strutl::store;
 // Walks a string as the comparison without white space sees it: without its ends, a run as a blank.
 class WhiteSpaceFolder {
   public:
-    explicit WhiteSpaceFolder(const char *s) : at_(s) { (void)skip_white_space(); }
+    explicit WhiteSpaceFolder(const char *s) : at_(s), next_(decode(s)) { (void)skip_white_space(); }
 
     struct Piece {
         const char *text;
@@ -28,22 +30,28 @@ class WhiteSpaceFolder {
     {
         if (skip_white_space() && *at_ != '\0')
             return {" ", 1};
-        const Piece piece{at_, char_length(at_)};
-        at_ += piece.length;
+        const Piece piece{at_, next_.length};
+        advance();
         return piece;
     }
 
   private:
+    void advance()
+    {
+        at_ += next_.length;
+        next_ = decode(at_);
+    }
+
     bool skip_white_space()
     {
         const char *start = at_;
-        std::size_t length = 0;
-        while (strutl_test_char(at_, MB_CUR_MAX, STRUTL_SPACE, &length) != 0)
-            at_ += length;
+        while (is_white_space(next_, at_))
+            advance();
         return at_ != start;
     }
 
     const char *at_;
+    Character next_; // at `at_`
 };
 
 bool is_in(const char *set, const char *ch, std::size_t length)
@@ -51,11 +59,10 @@ bool is_in(const char *set, const char *ch, std::size_t length)
     return set != nullptr && offset_in_set(set, ch, length) != npos;
 }
 
-bool is_plain_name_character(const char *ch, std::size_t available)
+bool is_plain_name_character(const Character &character, const char *at)
 {
-    return strutl_test_char(ch, available, STRUTL_PRINT, nullptr) != 0 &&
-           strutl_test_char(ch, available, STRUTL_SPACE, nullptr) == 0 &&
-           !(is_ascii(*ch) && strutl_test_char(ch, available, STRUTL_PUNCT, nullptr) != 0);
+    return is_in_classes(character, at, STRUTL_PRINT) && !is_white_space(character, at) &&
+           !(is_ascii(*at) && is_in_classes(character, at, STRUTL_PUNCT));
 }
 
 } // namespace
@@ -120,14 +127,13 @@ unsigned strutl_is_ok_name(const char *name, const char *bad_first, const char *
 {
     if (name == nullptr || *name == '\0')
         return 0;
-    const std::size_t longest = MB_CUR_MAX;
     if (is_in(bad_first, name, char_length(name)))
         return 0;
     while (*name != '\0') {
-        const Character character = decode(name, longest);
+        const Character character = decode(name);
         if (!character.valid)
             return 0;
-        if (!is_plain_name_character(name, longest) && !is_in(extra_ok, name, character.length))
+        if (!is_plain_name_character(character, name) && !is_in(extra_ok, name, character.length))
             return 0;
         name += character.length;
     }

@@ -22,7 +22,7 @@ Piece fit(const char *src, std::size_t limit, std::size_t room)
     const std::size_t size = strnlen(src, most);
     if (size < most || most == limit || src[size] == '\0')
         return {size, false};
-    return {cut_length(src, most), true};
+    return {cut_length(src, limit, most), true};
 }
 
 // memmove, because an in-place change copies a string onto itself.

@@ -7,7 +7,10 @@
 namespace {
 
 using ks::strutl::char_length;
+using ks::strutl::Character;
+using ks::strutl::decode;
 using ks::strutl::here;
+using ks::strutl::is_white_space;
 using ks::strutl::npos;
 using ks::strutl::offset_in_set;
 using ks::strutl::store;
@@ -16,12 +19,6 @@ unsigned report_too_small()
 {
     (void)imsg_print(ks::msg_error, &_strutl_ks_msg_table, strutl_msg_buffer_too_small);
     return 1;
-}
-
-std::size_t white_space_length(const char *s)
-{
-    std::size_t length = 0;
-    return strutl_test_char(s, MB_CUR_MAX, STRUTL_SPACE, &length) != 0 ? length : 0;
 }
 
 // Puts the replacement of the character with the given offset in the set.
@@ -39,18 +36,20 @@ extern "C" {
 
 char *strutl_strip_whitespace(char *str)
 {
-    const char *first = str;
-    while (const std::size_t length = white_space_length(first))
-        first += length;
-    const char *end = first;
-    for (const char *at = first; *at != '\0';) {
-        const std::size_t blank = white_space_length(at);
-        at += blank > 0 ? blank : char_length(at);
-        if (blank == 0)
+    const char *first = nullptr; // the first character that is no white space, and the end of the last one
+    const char *end = str;
+    Character character = decode(str);
+    for (const char *at = str; character.length > 0; character = decode(at)) {
+        const bool is_kept = !is_white_space(character, at);
+        if (is_kept && first == nullptr)
+            first = at;
+        at += character.length;
+        if (is_kept)
             end = at;
     }
-    const auto kept = static_cast<std::size_t>(end - first);
-    std::memmove(str, first, kept);
+    const auto kept = static_cast<std::size_t>(first == nullptr ? 0 : end - first);
+    if (kept > 0)
+        std::memmove(str, first, kept);
     str[kept] = '\0';
     return str;
 }

@@ -11,6 +11,7 @@
 
 #include "base/ks_base.h"
 
+#include <climits>
 #include <cstdarg>
 #include <cstddef>
 #include <cstdint>
@@ -59,22 +60,23 @@ struct Character {
     bool valid;
 };
 
-// The first character of at most `available` bytes. In a single-byte locale the code is the byte.
-Character decode(const char *s, std::size_t available);
+// The first character of at most `available` bytes; none at their end and at a NUL. In a single-byte locale the code
+// is the byte.
+Character decode(const char *s, std::size_t available = MB_LEN_MAX);
 
-// Length of the first character of at most `available` bytes, or of a NUL-terminated text.
-std::size_t decoded_length(const char *s, std::size_t available);
-
-inline std::size_t char_length(const char *s, std::size_t available)
+// Its length. Text mostly is ASCII, and answered here.
+inline std::size_t char_length(const char *s, std::size_t available = MB_LEN_MAX)
 {
-    if (available == 0 || *s == '\0')
-        return 0;
-    return is_ascii(*s) ? 1 : decoded_length(s, available);
+    const bool is_plain = available > 0 && *s != '\0' && is_ascii(*s);
+    return is_plain ? 1 : decode(s, available).length;
 }
 
-inline std::size_t char_length(const char *s)
+// The character that begins at `s` is in all of the classes (STRUTL_...).
+bool is_in_classes(const Character &character, const char *s, unsigned classes);
+
+inline bool is_white_space(const Character &character, const char *s)
 {
-    return char_length(s, MB_CUR_MAX);
+    return character.length > 0 && is_in_classes(character, s, STRUTL_SPACE);
 }
 
 // Every byte sequence of the text is a valid character.
@@ -95,8 +97,9 @@ inline bool is_searchable_as_byte(Encoding encoding, char c)
 inline constexpr std::size_t npos = static_cast<std::size_t>(-1);
 std::size_t offset_in_set(const char *set, const char *ch, std::size_t length);
 
-// Length of the longest whole-character beginning of `src` within `limit` bytes; `src` is longer.
-std::size_t cut_length(const char *src, std::size_t limit);
+// Length of the longest whole-character beginning of `src` within `limit` bytes; `src` has `size` bytes, which are
+// more.
+std::size_t cut_length(const char *src, std::size_t size, std::size_t limit);
 
 // Stores a result that the caller may not want.
 template <typename Value> void store(Value *out, Value value)
