@@ -103,11 +103,20 @@ void check_against_model(Model &model, const std::string &delimiter)
     size_t pos = none;
     (void)strutl_find_str(str.c_str(), 0, join(sub).c_str(), &pos);
     EXPECT_EQ(pos, model_find(text, sub));
+    const size_t start = text.empty() ? 0 : text[0].size(); // the second character
+    const Characters rest(text.begin() + (text.empty() ? 0 : 1), text.end());
+    const auto from_start = [&](size_t found) { return found == none ? none : start + found; };
+    pos = none;
+    const unsigned failed = strutl_find_str(str.c_str(), start, join(sub).c_str(), &pos);
+    EXPECT_EQ(failed, pos == none ? 1U : 0U);
+    EXPECT_EQ(pos, from_start(model_find(rest, sub)));
+    pos = none;
+    size_t which = none;
+    (void)strutl_find_char_from(str.c_str(), start, ("#" + delimiter).c_str(), &pos, &which);
+    EXPECT_EQ(pos, from_start(model_find(rest, {delimiter})));
+    EXPECT_EQ(which, pos == none ? none : 1U);
     pos = none;
     (void)strutl_find_char(str.c_str(), delimiter[0], &pos);
-    EXPECT_EQ(pos, model_find(text, {delimiter}));
-    pos = none;
-    (void)strutl_find_char_from(str.c_str(), 0, delimiter.c_str(), &pos, nullptr);
     EXPECT_EQ(pos, model_find(text, {delimiter}));
     const size_t last = model_find_last(text, delimiter);
     EXPECT_EQ(strutl_strrpbrk(str.c_str(), delimiter.c_str()), last == none ? nullptr : str.c_str() + last);
@@ -125,12 +134,16 @@ void check_against_model(Model &model, const std::string &delimiter)
     EXPECT_EQ(tokens, model_tokens(text, delimiter));
 
     // Every cut is a whole number of characters, and the most that fit.
-    char dst[8];
-    (void)strutl_cpy_buf(dst, str.c_str(), sizeof dst);
-    std::string fits;
-    for (size_t i = 0; i < text.size() && fits.size() + text[i].size() < sizeof dst; ++i)
-        fits += text[i];
-    EXPECT_EQ(std::string(dst), fits);
+    for (size_t size = 1; size < 8; ++size) {
+        char dst[9] = "########";
+        const unsigned is_cut = strutl_cpy_buf(dst, str.c_str(), size);
+        std::string fits;
+        for (size_t i = 0; i < text.size() && fits.size() + text[i].size() < size; ++i)
+            fits += text[i];
+        EXPECT_EQ(std::string(dst), fits);
+        EXPECT_EQ(is_cut, fits == str ? 0U : 1U);
+        EXPECT_EQ(dst[size], '#');
+    }
 }
 
 // In Shift-JIS the second byte of "ソ" is a backslash, that of "ポ" a bar.
@@ -191,22 +204,30 @@ TEST(StrutlUtf8, AgainstTheModel)
         check_against_model(model, "/");
 }
 
-// A text of lead bytes makes every byte a false start; it must not cost the square of its length.
+std::string repeated(size_t count, const std::string &text)
+{
+    std::string all;
+    while (count-- > 0)
+        all += text;
+    return all;
+}
+
+// A text of lead bytes makes every byte a false start, and a long text that nearly is there begins everywhere. Neither
+// may cost the square of its length.
 TEST(StrutlShiftJis, HostileTextIsSearchedInOnePass)
 {
     const test::CompiledLocale locale("ja_JP", "SHIFT_JIS");
     ASSERT_TRUE(locale.is_there()) << "localedef of package locales is needed";
-    std::string text;
-    for (int i = 0; i < 200000; ++i)
-        text += "\x83\x5C";
-    std::string sub = "\x5C";
-    for (int i = 0; i < 400; ++i)
-        sub += "\x83\x5C";
+    constexpr size_t count = 1000000;
+    const std::string katakana = "\x83\x5C";
+    std::string text = repeated(count, katakana);
+    std::string between = "\x5C" + repeated(count / 2, katakana);
     size_t pos = none;
-    EXPECT_EQ(strutl_find_str(text.c_str(), 0, sub.c_str(), &pos), 1U);
-    text += "\x5C" + sub;
-    EXPECT_EQ(strutl_find_str(text.c_str(), 0, sub.c_str(), &pos), 0U);
-    EXPECT_EQ(pos, 400001U);
+    EXPECT_EQ(strutl_find_str_range(text.c_str(), 0, none, between.c_str(), &pos), 1U);
+    EXPECT_EQ(strutl_find_str_range(text.c_str(), 0, none, (repeated(count / 2, katakana) + "a").c_str(), &pos), 1U);
+    text += "\x5C" + between;
+    EXPECT_EQ(strutl_find_str_range(text.c_str(), 0, none, between.c_str(), &pos), 0U);
+    EXPECT_EQ(pos, 2 * count + 1);
 }
 
 } // namespace

@@ -2,9 +2,11 @@
 #include "util/strutl_impl.h"
 
 #include <algorithm>
+#include <functional>
 
 namespace {
 
+using ks::strutl::byte_of;
 using ks::strutl::char_length;
 using ks::strutl::Encoding;
 using ks::strutl::is_ascii;
@@ -20,20 +22,55 @@ std::size_t offset(const char *from, const char *to)
     return static_cast<std::size_t>(to - from);
 }
 
-// Finds a substring where bytes do not tell where characters begin. The bytes are matched with the
-// failure function of Knuth, Morris and Pratt while a second position follows the characters, so
-// that the text is gone through once whatever it holds.
+// Where a text of bytes is cut so that it can be searched for without going back (Crochemore and Perrin, "Two-way
+// string-matching"): the start of its greatest suffix, and the period of that.
+struct Suffix {
+    std::size_t start;
+    std::size_t period;
+};
+
+template <typename Less> Suffix greatest_suffix(const char *text, std::size_t size, Less less)
+{
+    Suffix best{0, 1};
+    std::size_t matched = 0;
+    for (std::size_t rival = 1; rival + matched < size;) {
+        const unsigned char ours = byte_of(text[best.start + matched]);
+        const unsigned char theirs = byte_of(text[rival + matched]);
+        if (theirs == ours) {
+            if (++matched == best.period) {
+                rival += best.period;
+                matched = 0;
+            }
+        } else if (less(theirs, ours)) {
+            rival += matched + 1;
+            matched = 0;
+            best.period = rival - best.start;
+        } else {
+            best = {rival++, 1};
+            matched = 0;
+        }
+    }
+    return best;
+}
+
+// Finds a substring where bytes do not tell where characters begin: every occurrence of its bytes, and a second
+// position that follows the characters to it. Both go through the text once, whatever it holds, and need no memory.
 class CharacterSearch {
   public:
-    CharacterSearch(const char *needle, std::size_t size)
-        : needle_(needle), size_(size), prefix_(std::min(size, longest_prefix))
+    CharacterSearch(const char *needle, std::size_t size) : needle_(needle), size_(size)
     {
-        for (std::size_t i = 1, matched = 0; i < prefix_; ++i) {
-            matched = advance(matched, needle[i]);
-            fallback_[i] = static_cast<std::uint16_t>(matched);
+        const Suffix up = greatest_suffix(needle, size, std::less<unsigned char>());
+        const Suffix down = greatest_suffix(needle, size, std::greater<unsigned char>());
+        const Suffix cut = up.start > down.start ? up : down;
+        cut_ = cut.start;
+        if (std::memcmp(needle, needle + cut.period, cut_) == 0) {
+            step_ = cut.period;
+            overlap_ = size - cut.period;
+        } else {
+            step_ = std::max(cut_, size - cut_) + 1;
         }
         // What follows the needle's last whole characters decides where its last one ends.
-        const std::size_t near_end = size - std::min(size, MB_CUR_MAX);
+        const std::size_t near_end = size - std::min<std::size_t>(size, MB_CUR_MAX);
         while (last_part_ < near_end)
             last_part_ += char_length(needle + last_part_);
     }
@@ -41,36 +78,35 @@ class CharacterSearch {
     const char *find(const char *text, const char *end) const
     {
         const char *boundary = text;
-        std::size_t matched = 0;
-        for (const char *at = text; at < end; ++at) {
-            matched = advance(matched, *at);
-            if (matched < prefix_)
+        std::size_t known = 0; // bytes at `at` that are known to match
+        for (const char *at = text; offset(at, end) >= size_;) {
+            const std::size_t from = std::max(cut_, known);
+            const std::size_t right = from + matching(at + from, needle_ + from, size_ - from);
+            if (right < size_) {
+                at += right - cut_ + 1;
+                known = 0;
                 continue;
-            const char *start = at + 1 - prefix_;
-            while (boundary < start)
-                boundary += char_length(boundary);
-            if (boundary == start && is_match(start, end))
-                return start;
-            matched = fallback_[matched - 1];
+            }
+            if (known >= cut_ || std::memcmp(at + known, needle_ + known, cut_ - known) == 0) {
+                while (boundary < at)
+                    boundary += char_length(boundary);
+                if (boundary == at && ends_with_a_character(at))
+                    return at;
+            }
+            at += step_;
+            known = overlap_;
         }
         return nullptr;
     }
 
   private:
-    // A longer needle's rest is compared where its beginning was found.
-    static constexpr std::size_t longest_prefix = 1024;
-
-    std::size_t advance(std::size_t matched, char c) const
+    static std::size_t matching(const char *a, const char *b, std::size_t size)
     {
-        while (matched > 0 && needle_[matched] != c)
-            matched = fallback_[matched - 1];
-        return needle_[matched] == c ? matched + 1 : 0;
+        return offset(a, std::mismatch(a, a + size, b).first);
     }
 
-    bool is_match(const char *start, const char *end) const
+    bool ends_with_a_character(const char *start) const
     {
-        if (offset(start, end) < size_ || std::memcmp(start + prefix_, needle_ + prefix_, size_ - prefix_) != 0)
-            return false;
         const char *at = start + last_part_;
         while (at < start + size_)
             at += char_length(at);
@@ -79,9 +115,10 @@ class CharacterSearch {
 
     const char *needle_;
     std::size_t size_;
-    std::size_t prefix_;
+    std::size_t cut_ = 0;
+    std::size_t step_ = 0;    // from an occurrence of what follows the cut to the next possible one
+    std::size_t overlap_ = 0; // bytes that the two have in common
     std::size_t last_part_ = 0;
-    std::uint16_t fallback_[longest_prefix] = {};
 };
 
 // Ranges hold no NUL byte before their end.
