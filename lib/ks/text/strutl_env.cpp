@@ -19,10 +19,13 @@ using ks::strutl::store;
 
 constexpr std::size_t first_area_size = 1024;
 
-// Text that grows in an area.
+// How much longer than the text that it began with a result of several passes may become: each pass can multiply it.
+constexpr std::size_t growth_max = std::size_t{1} << 20;
+
+// Text that grows in an area, up to a limit.
 class AreaText {
   public:
-    explicit AreaText(stg_area *area) : area_(area) {}
+    AreaText(stg_area *area, std::size_t limit) : area_(area), limit_(limit) {}
 
     const char *data() const { return data_; }
     std::size_t size() const { return size_; }
@@ -30,13 +33,20 @@ class AreaText {
     char *end() { return data_ + size_; }
     void grow_by(std::size_t count) { size_ += count; }
 
+    int error() const { return error_; } // of what failed
+
     [[nodiscard]] bool reserve(std::size_t count)
     {
+        if (count > limit_ - size_) {
+            error_ = EINVAL;
+            return false;
+        }
         if (count <= room())
             return true;
         std::size_t wanted = 0;
         if (__builtin_add_overflow(size_, count, &wanted) || __builtin_mul_overflow(wanted, std::size_t{2}, &wanted))
             return false;
+        wanted = std::min(wanted, limit_); // the room is used without a look at the limit
         char *grown = static_cast<char *>(stg_alloc(area_, wanted));
         if (grown == nullptr)
             return false;
@@ -59,21 +69,25 @@ class AreaText {
 
   private:
     stg_area *area_;
+    std::size_t limit_;
+    int error_ = ENOMEM;
     char *data_ = nullptr;
     std::size_t size_ = 0;
     std::size_t capacity_ = 0;
 };
 
-// What a raise on the way must give back.
+// One pass, and what a raise on the way must give back.
 struct Expansion {
+    std::size_t limit = SIZE_MAX; // of the result's length
     stg_area *area = STG_AREA_NULL;
     char *result = nullptr;
     unsigned found = 0;
+    int error = ENOMEM; // when there is no result
 };
 
 bool is_name_character(const char *s, std::size_t &out_length)
 {
-    return strutl_test_char(s, MB_CUR_MAX, STRUTL_ALNUM, &out_length) != 0 || *s == '_';
+    return strutl_test_char(s, MB_LEN_MAX, STRUTL_ALNUM, &out_length) != 0 || *s == '_';
 }
 
 bool starts_reference(const char *after_dollar)
@@ -189,29 +203,48 @@ void run(const char *str, Expansion &expansion)
     expansion.area = stg_create_area(first_area_size);
     if (expansion.area == STG_AREA_NULL)
         return;
-    AreaText text(expansion.area);
+    AreaText text(expansion.area, expansion.limit);
     char *copy = stg_area_strdup(expansion.area, str);
-    if (copy != nullptr && expand(copy, text, expansion.found))
+    if (copy != nullptr && !expand(copy, text, expansion.found))
+        expansion.error = text.error();
+    else if (copy != nullptr)
         expansion.result = heap_copy(text);
     stg_delete_area(&expansion.area);
 }
 
-// Expands the last result as long as it held a reference; NULL with `out_error` set.
-void iterate(const char *str, int limit, char *&current, int &out_error)
+// The result, or NULL with errno. A raise goes on when nothing is left behind.
+char *expand_once(const char *str, Expansion &expansion)
 {
-    unsigned found = 0;
-    out_error = ENOMEM;
-    current = strutl_expand_evs_status(str, &found);
-    for (int passes = 1; current != nullptr && found != 0; ++passes) {
-        char *last = current;
-        if (passes > limit) {
-            out_error = EINVAL;
-            current = nullptr;
-        } else {
-            current = strutl_expand_evs_status(last, &found);
-        }
-        stg_free(last);
+    const int32_t raised = ks::protect([&] { run(str, expansion); });
+    if (raised != 0) {
+        if (expansion.area != STG_AREA_NULL)
+            stg_delete_area(&expansion.area);
+        stg_free(expansion.result);
+        pfm_raise(raised);
     }
+    if (expansion.result == nullptr)
+        errno = expansion.error;
+    return expansion.result;
+}
+
+// Expands the last result as long as it held a reference; NULL with `out_error` set.
+void iterate(const char *str, int passes_max, char *&current, int &out_error)
+{
+    const Expansion fresh{.limit = std::strlen(str) + growth_max};
+    Expansion pass = fresh;
+    current = expand_once(str, pass);
+    for (int passes = 1; current != nullptr && pass.found != 0; ++passes) {
+        char *last = current;
+        pass = fresh;
+        if (passes <= passes_max) {
+            current = expand_once(last, pass);
+        } else {
+            current = nullptr;
+            pass.error = EINVAL;
+        }
+        stg_free_int(last, 1); // quiet: its trace could raise before the block is gone
+    }
+    out_error = pass.error;
 }
 
 } // namespace
@@ -221,17 +254,9 @@ extern "C" {
 char *strutl_expand_evs_status(const char *str, unsigned *out_found)
 {
     Expansion expansion;
-    const int32_t raised = ks::protect([&] { run(str, expansion); });
-    if (raised != 0) {
-        if (expansion.area != STG_AREA_NULL)
-            stg_delete_area(&expansion.area);
-        stg_free(expansion.result);
-        pfm_raise(raised);
-    }
-    if (expansion.result == nullptr)
-        errno = ENOMEM;
+    char *result = expand_once(str, expansion);
     store(out_found, expansion.found);
-    return expansion.result;
+    return result;
 }
 
 char *strutl_expand_evs(const char *str)
