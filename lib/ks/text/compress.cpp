@@ -9,9 +9,11 @@
 #include <korvaks/stg.h>
 
 #include <algorithm>
+#include <cerrno>
 
 namespace {
 
+using ks::compress::check_bytes;
 using ks::compress::distance_bits;
 using ks::compress::format_number;
 using ks::compress::header_bytes;
@@ -203,15 +205,27 @@ unsigned char *put_header(unsigned char *out, std::size_t length)
     return out + header_bytes;
 }
 
-// Gives the size of the block.
+// Writes the tokens of data of which `Compare` may be asked as long as `needed` bytes are left, and looks for a raise
+// now and then; gives the position behind them.
+template <typename Compare> std::size_t put_tokens(BitWriter &writer, Chains &chains, const unsigned char *data,
+                                                   std::size_t length, std::size_t p, std::size_t needed)
+{
+    for (std::size_t next_check = p + check_bytes; length - p >= needed;) {
+        p = put_token<Compare>(writer, chains, data, p, length - p);
+        if (p >= next_check) [[unlikely]] {
+            pfm_test_raise(nullptr);
+            next_check = p + check_bytes;
+        }
+    }
+    return p;
+}
+
+// Gives the size of the block. Nothing here has a destructor, and the caller knows what a raise leaves.
 std::size_t pack(std::size_t length, const unsigned char *data, Chains chains, unsigned char *block)
 {
     BitWriter writer(put_header(block, length));
-    std::size_t p = 0;
-    while (length - p >= wide_bytes)
-        p = put_token<WideCompare>(writer, chains, data, p, length - p);
-    while (length - p >= match_min)
-        p = put_token<NarrowCompare>(writer, chains, data, p, length - p);
+    std::size_t p = put_tokens<WideCompare>(writer, chains, data, length, 0, wide_bytes);
+    p = put_tokens<NarrowCompare>(writer, chains, data, length, p, match_min);
     for (; p < length; ++p)
         writer.put_literal(data[p]);
     return static_cast<std::size_t>(writer.finish() - block);
@@ -281,6 +295,8 @@ extern "C" unsigned char *compress_compress(size_t length, const unsigned char *
         end(work);
         pfm_raise(status);
     }
+    if (work.block == nullptr)
+        errno = ENOMEM;
     *out_length = work.block_bytes;
     return work.block;
 }

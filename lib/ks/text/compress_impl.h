@@ -21,6 +21,9 @@ inline constexpr std::size_t window_bytes = std::size_t{1} << distance_bits; // 
 inline constexpr unsigned match_min = 3;
 inline constexpr unsigned match_max = match_min + (1u << length_bits) - 1;
 
+// Both directions look for a raise each time they have gone on by so many bytes of data.
+inline constexpr std::size_t check_bytes = std::size_t{1} << 20;
+
 inline std::uint64_t swap_unless(std::endian order, std::uint64_t word)
 {
     return std::endian::native == order ? word : __builtin_bswap64(word);

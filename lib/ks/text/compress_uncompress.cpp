@@ -3,16 +3,20 @@
 #include <korvaks/compress.h>
 
 #include "text/compress_impl.h"
+#include "kernel/ks_guard.h"
 #include "base/ks_msg.h"
 #include "base/msg_port.h"
 
 #include <korvaks/imsg.h>
+#include <korvaks/pfm.h>
 #include <korvaks/stg.h>
 
 #include <bit>
+#include <cerrno>
 
 namespace {
 
+using ks::compress::check_bytes;
 using ks::compress::format_number;
 using ks::compress::header_bytes;
 using ks::compress::length_bits;
@@ -171,10 +175,15 @@ class Decoder {
     bool run_wide()
     {
         bool is_good = true;
+        const unsigned char *checked = out_;
         while (is_good && has_room(reader_, out_)) {
             is_good = run_rounds<true>(sample_rounds);
             if (is_good && long_literals_ > binary_long_literals)
                 is_good = run_rounds<false>(binary_rounds);
+            if (static_cast<std::size_t>(out_ - checked) >= check_bytes) {
+                pfm_test_raise(nullptr);
+                checked = out_;
+            }
         }
         return is_good;
     }
@@ -282,9 +291,25 @@ bool can_hold(std::size_t stream_bytes, std::size_t length)
     return length / group_length <= stream_bytes / match_token_bits + 1;
 }
 
-// The result of every failure.
-unsigned char *nothing(std::size_t *out_length)
+// Whether the data was restored. Small data is restored without a look for raises.
+bool restore(const unsigned char *block, std::size_t length, unsigned char *data, std::size_t data_length)
 {
+    Decoder decoder(block + header_bytes, block + length, data, data_length);
+    if (data_length < check_bytes)
+        return decoder.run();
+    bool is_good = false;
+    const int32_t raised = ks::protect([&] { is_good = decoder.run(); });
+    if (raised != 0) {
+        stg_free_int(data, 1);
+        pfm_raise(raised);
+    }
+    return is_good;
+}
+
+// The result of every failure.
+unsigned char *nothing(int error, std::size_t *out_length)
+{
+    errno = error;
     *out_length = 0;
     return nullptr;
 }
@@ -292,7 +317,7 @@ unsigned char *nothing(std::size_t *out_length)
 unsigned char *refuse(std::size_t *out_length)
 {
     (void)imsg_print(ks::msg_error, &_ks_ks_msg_table, ks_msg_bad_format_number, "compressed data");
-    return nothing(out_length);
+    return nothing(EINVAL, out_length);
 }
 
 } // namespace
@@ -307,9 +332,9 @@ extern "C" unsigned char *compress_uncompress(size_t length, const unsigned char
     auto *data = static_cast<unsigned char *>(stg_malloc(data_length));
     if (data == nullptr) {
         (void)imsg_print(ks::msg_error, &_ks_ks_msg_table, ks_msg_no_storage);
-        return nothing(out_length);
+        return nothing(ENOMEM, out_length);
     }
-    if (!Decoder(block + header_bytes, block + length, data, data_length).run()) {
+    if (!restore(block, length, data, data_length)) {
         stg_free_int(data, 1); // quiet: its trace could raise before the buffer is gone
         return refuse(out_length);
     }
