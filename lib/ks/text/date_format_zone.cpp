@@ -172,15 +172,11 @@ bool local_fields(time_t t, date_tls &section, tm &out)
     return true;
 }
 
-bool day_at(time_t now, const Zone &zone, long &out_day)
+bool local_day(time_t now, long &out_day)
 {
     tm fields{};
-    if (zone.is_local) {
-        if (!local_fields(now, fields))
-            return false;
-    } else if (__builtin_add_overflow(now, zone.offset, &now) || gmtime_r(&now, &fields) == nullptr) {
+    if (!local_fields(now, fields))
         return false;
-    }
     out_day = day_number(fields.tm_year + 1900L, fields.tm_mon + 1, fields.tm_mday);
     return true;
 }

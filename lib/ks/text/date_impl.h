@@ -38,8 +38,8 @@ struct TimeOfDay {
 bool local_fields(time_t t, tm &out);
 bool local_fields(time_t t, date_tls &section, tm &out);
 
-// The number of the day that it is at `now`.
-bool day_at(time_t now, const Zone &zone, long &out_day);
+// The number of the day that it is at `now` in local time: the user's own today, whatever zone a text names.
+bool local_day(time_t now, long &out_day);
 
 // The moment at which a clock shows a time of a day: either one where it shows it twice; where it never does,
 // mktime(3) decides.

@@ -216,8 +216,9 @@ bool candidate(const Fields &fields, Implied implied, long today, long step, lon
     return ordinal >= 1 && ordinal <= days_in_year(year);
 }
 
-// Steps through the implied part, from the current one, until there is such a day on the right side of
-// now. The calendar repeats after 400 years: what forty decades do not have, none has.
+// Steps through the implied part until there is such a day on the right side of now: from the one behind the current
+// one, because the zone of the text may be there already. The calendar repeats after 400 years: what forty decades do
+// not have, none has.
 bool complete(const Fields &fields, const Moment &moment, int flags, time_t &out)
 {
     constexpr long steps_max = 40;
@@ -226,9 +227,9 @@ bool complete(const Fields &fields, const Moment &moment, int flags, time_t &out
     const long direction = flags == 0 ? -1 : 1;
     const time_t now = implied == Implied::nothing ? 0 : time(nullptr);
     long today = 0;
-    if (implied != Implied::nothing && !day_at(now, moment.zone, today))
+    if (implied != Implied::nothing && !local_day(now, today))
         return false;
-    for (long step = 0; step <= (is_searched ? steps_max : 0); ++step) {
+    for (long step = is_searched ? -1 : 0; step <= (is_searched ? steps_max : 0); ++step) {
         long day = 0;
         if (!candidate(fields, implied, today, step * direction, day))
             continue;
@@ -253,7 +254,7 @@ bool read_time_alone(std::string_view text, time_t &out)
 {
     Moment moment;
     long today = 0;
-    return read_time(text, moment) && day_at(time(nullptr), moment.zone, today) &&
+    return read_time(text, moment) && local_day(time(nullptr), today) &&
            moment_at(today, moment.time, moment.zone, out);
 }
 

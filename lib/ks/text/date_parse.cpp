@@ -250,7 +250,7 @@ bool read_traditional(std::string_view typed, int flags, time_t &out)
     if (parts.has_time && !read_time(parts.time, time_of_day, zone))
         return false;
     long day = 0;
-    if (!day_at(time(nullptr), zone, day) || (parts.has_day && !read_day(parts.day, flags, day, day)))
+    if (!local_day(time(nullptr), day) || (parts.has_day && !read_day(parts.day, flags, day, day)))
         return false;
     return moment_at(day, time_of_day, zone, out) && out >= 0;
 }
