@@ -4,13 +4,10 @@
 #include "harness/locale.h"
 
 #include <korvaks/date.h>
-#include <korvaks/evutl.h>
 #include <korvaks/stg.h>
-#include <korvaks/vlthread.h>
 
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
@@ -19,9 +16,6 @@
 #include <string>
 #include <thread>
 #include <vector>
-
-#include <sys/wait.h>
-#include <unistd.h>
 
 namespace {
 
@@ -365,36 +359,6 @@ TEST(DateWords, ATranslationChangesTheTraditionalStyleOnly)
     EXPECT_EQ(result.out,
               "05/Mar/24um14;03;59WZ|05/Mar/24|2024-03-05T14:03:59Z|240305-14:03|<date-time>"
               "|5/märz/24 0|jetzt 0|heute 0|now 1|today 1|14;03WZ 0|14:03UTC 1|5-apr-24 1|5/apr/24 0|monday 0|none 0");
-}
-
-TEST(DateFork, AChildCanUseDatesAtOnce)
-{
-    const auto result = test::run_child([] {
-        std::atomic<bool> stop{false};
-        std::thread busy([&] {
-            while (!stop) {
-                date_fmt_set_default_style(2);
-                (void)date_fmt_token_date_time(march_5);
-                time_t t = 0;
-                (void)date_str_to_time("5-mar-24.14:03", 0, &t);
-            }
-        });
-        int failed = 0;
-        for (int i = 0; i < 300 && failed == 0; ++i) {
-            const pid_t child = vlthread_fork(VLTHREAD_FORK_PLAIN);
-            if (child == 0) {
-                alarm(20);
-                time_t t = 0;
-                _exit(date_fmt_set_default_style(1) == 2 && date_str_to_time("now", 0, &t) == 0 ? 0 : 1);
-            }
-            int status = -1;
-            failed = waitpid(child, &status, 0) == child && status == 0 ? 0 : 1;
-        }
-        stop = true;
-        busy.join();
-        return failed;
-    });
-    EXPECT_EQ(result.exit_status, 0);
 }
 
 } // namespace

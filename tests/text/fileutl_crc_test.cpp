@@ -3,47 +3,15 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <cstdlib>
-#include <deque>
 #include <random>
 #include <string>
 #include <vector>
 
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 #include "harness/child.h"
-
-namespace {
-
-// What the next calls of read() and open() fail with; 0 and an empty queue let a call through.
-std::deque<int> read_errors;
-std::deque<int> open_errors;
-
-bool fails_with_next(std::deque<int> &errors)
-{
-    if (errors.empty())
-        return false;
-    errno = errors.front();
-    errors.pop_front();
-    return errno != 0;
-}
-
-} // namespace
-
-// The library's calls come here: a program's own functions stand before the C library's.
-extern "C" ssize_t read(int fd, void *buffer, size_t size)
-{
-    return fails_with_next(read_errors) ? -1 : syscall(SYS_read, fd, buffer, size);
-}
-
-extern "C" int open(const char *path, int flags, ...)
-{
-    return fails_with_next(open_errors) ? -1 : static_cast<int>(syscall(SYS_openat, AT_FDCWD, path, flags, 0600));
-}
 
 namespace {
 
@@ -260,40 +228,6 @@ TEST(FileutlCrcFile, FailuresStoreOnlyTheCause)
     EXPECT_EQ(error, EBADF);
     EXPECT_EQ(crc, 7u);
     EXPECT_EQ(bytes, 7u);
-}
-
-// 4 interruptions in a row are survived as often as they come, a fifth is a failure.
-TEST(FileutlCrcFile, FiveInterruptionsInARowFail)
-{
-    const test::TempDir dir;
-    const std::string path = dir.file("data");
-    test::write_file(path, std::string(20000, 'x'));
-    const std::deque<int> survived = {EINTR, EINTR, EINTR, EINTR, 0, EINTR, EINTR, EINTR, EINTR, 0, EINTR};
-    const std::deque<int> five(5, EINTR);
-    uint32_t crc = 0;
-    int error = 0;
-
-    read_errors = survived;
-    open_errors = {EINTR, EINTR, EINTR, EINTR};
-    EXPECT_EQ(fileutl_crc(path.c_str(), &crc, &error), 0);
-    EXPECT_TRUE(read_errors.empty() && open_errors.empty());
-    EXPECT_EQ(crc, crc_of(Bytes(20000, 'x')));
-
-    read_errors = {0};
-    read_errors.insert(read_errors.end(), five.begin(), five.end());
-    EXPECT_EQ(fileutl_crc(path.c_str(), &crc, &error), FILEUTL_CRC_FAILED);
-    EXPECT_EQ(error, EINTR);
-    EXPECT_TRUE(read_errors.empty());
-
-    open_errors = five;
-    EXPECT_EQ(fileutl_crc(path.c_str(), &crc, &error), FILEUTL_CRC_FAILED);
-    EXPECT_EQ(error, EINTR);
-    EXPECT_TRUE(open_errors.empty());
-
-    read_errors = {EINTR, EIO};
-    EXPECT_EQ(fileutl_crc(path.c_str(), &crc, &error), FILEUTL_CRC_FAILED);
-    EXPECT_EQ(error, EIO);
-    EXPECT_TRUE(read_errors.empty());
 }
 
 } // namespace
