@@ -95,32 +95,29 @@ TEST(DateToken, BothStylesInAllPrecisions)
 TEST(DateStyle, ReadFromTheEnvironmentOnce)
 {
     set_zone("UTC");
-    struct Case {
+    const struct {
         const char *value;
         int style;
-    };
-    for (const Case c : {Case{"0", 1}, {"", 2}, {"1", 2}, {"00", 2}, {"0 ", 2}}) {
-        const char *value = c.value;
-        const int style = c.style;
-        SCOPED_TRACE(value);
+    } cases[] = {{"0", 1}, {"", 2}, {"1", 2}, {"00", 2}, {"0 ", 2}};
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.value);
         const auto result = test::run_child([&] {
-            setenv("VELM_ISO_DATE_FMT", value, 1);
-            const std::string first = date_fmt_token_date(march_5);
-            setenv("VELM_ISO_DATE_FMT", style == 1 ? "1" : "0", 1);
-            const bool is_kept = date_fmt_get_default_date_style() == style && first == date_fmt_token_date(march_5);
-            const int previous = date_fmt_set_default_style(3 - style);
-            return is_kept && previous == style && date_fmt_get_default_date_style() == 3 - style &&
-                           first == (style == 1 ? "05-Mar-24" : "2024-03-05")
-                       ? 0
-                       : 1;
+            setenv("VELM_ISO_DATE_FMT", c.value, 1);
+            const std::string token = date_fmt_token_date(march_5);
+            setenv("VELM_ISO_DATE_FMT", c.style == 1 ? "1" : "0", 1);
+            const bool is_kept = token == date_fmt_token_date(march_5) && date_fmt_get_default_date_style() == c.style;
+            const bool is_set = date_fmt_set_default_style(3 - c.style) == c.style;
+            const bool is_right = token == (c.style == 1 ? "05-Mar-24" : "2024-03-05");
+            return is_kept && is_set && is_right && date_fmt_get_default_date_style() == 3 - c.style ? 0 : 1;
         });
         EXPECT_EQ(result.exit_status, 0);
     }
-    const auto set_first = test::run_child([] {
-        setenv("VELM_ISO_DATE_FMT", "0", 1);
-        return date_fmt_set_default_style(2) == 1 ? date_fmt_get_default_date_style() : 9;
-    });
-    EXPECT_EQ(set_first.exit_status, 2);
+    setenv("VELM_ISO_DATE_FMT", "0", 1); // a style that is set first counts, and yet what it replaced is told
+    EXPECT_EQ(test::run_child([] {
+                  return date_fmt_set_default_style(2) * 10 + date_fmt_get_default_date_style();
+              }).exit_status,
+              12);
+    unsetenv("VELM_ISO_DATE_FMT");
 }
 
 TEST(DateToken, OnePlaceInEachThread)

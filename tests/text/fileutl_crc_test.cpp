@@ -96,26 +96,6 @@ TEST(FileutlCrc, GoldenValues)
     EXPECT_EQ(fileutl_crc_buffer(nullptr, 0, nullptr), 0u);
 }
 
-TEST(FileutlCrc, CounterTakesThePlaceOfIndexZeroAndWraps)
-{
-    const struct {
-        std::size_t events;
-        uint32_t crc;
-        uint32_t counter;
-    } cases[] = {{1, 0x7FFFFFFF, 1},   {2, 0x88F8CF96, 2},   {255, 0x7CBC7E1B, 255},
-                 {256, 0x917CF48D, 0}, {257, 0x030B72FF, 1}, {1000, 0x20DE3ADB, 232}};
-    std::mt19937 random(1);
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.events);
-        const Bytes bytes = zero_index_bytes(c.events, 1.0, random);
-        uint32_t counter = 0;
-        uint32_t crc = 0;
-        EXPECT_EQ(fileutl_crc_buffer_step(bytes.data(), bytes.size(), &counter, &crc), c.crc);
-        EXPECT_EQ(crc, c.crc);
-        EXPECT_EQ(counter, c.counter);
-    }
-}
-
 // Buffers of every kind, from every state, in random pieces.
 TEST(FileutlCrc, AgreesWithTheDefinition)
 {
@@ -143,30 +123,6 @@ TEST(FileutlCrc, AgreesWithTheDefinition)
     EXPECT_GT(compared, 1000000u);
 }
 
-// Every position of one and of two index-0 events around a block of any width.
-TEST(FileutlCrc, EventsAtEveryPlace)
-{
-    std::mt19937 random(3);
-    constexpr std::size_t length = 36;
-    for (std::size_t first = 0; first < length; ++first) {
-        for (std::size_t second = first; second < length; ++second) {
-            Model model{0x12345678, 254};
-            uint32_t counter = model.counter;
-            uint32_t crc = model.crc;
-            Bytes bytes;
-            for (std::size_t i = 0; i < length; ++i) {
-                const uint32_t top = model.crc >> 24;
-                const bool is_event = i == first || i == second;
-                bytes.push_back(static_cast<unsigned char>(is_event ? top : top ^ (1 + random() % 255)));
-                model.add(bytes.back());
-            }
-            fileutl_crc_buffer_step(bytes.data(), length, &counter, &crc);
-            ASSERT_EQ(crc, model.crc) << first << " " << second;
-            ASSERT_EQ(counter, model.counter) << first << " " << second;
-        }
-    }
-}
-
 TEST(FileutlCrc, CounterCountsModulo256AndRestsWithoutData)
 {
     uint32_t counter = 0xFFFFFF00;
@@ -184,29 +140,25 @@ TEST(FileutlCrcFile, FromTheDescriptorsPositionToTheEnd)
     const std::string path = dir.file("data");
     for (const std::size_t size : {0u, 1u, 8191u, 8192u, 8193u, 100000u}) {
         SCOPED_TRACE(size);
-        std::string content(size, '\0');
         std::mt19937 random(4);
-        for (char &c : content)
-            c = static_cast<char>(random());
-        test::write_file(path, content);
-
+        const Bytes content = zero_index_bytes(size, 0.01, random);
+        test::write_file(path, std::string(content.begin(), content.end()));
         uint32_t crc = 1;
         int error = -1;
         const int before = test::open_descriptor_count();
         EXPECT_EQ(fileutl_crc(path.c_str(), &crc, &error), 0);
         EXPECT_EQ(test::open_descriptor_count(), before);
-        EXPECT_EQ(crc, fileutl_crc_buffer(content.data(), size, nullptr));
+        EXPECT_EQ(crc, crc_of(content));
 
         const int fd = open(path.c_str(), O_RDONLY);
-        const std::size_t skipped = size / 3;
-        ASSERT_EQ(lseek(fd, static_cast<off_t>(skipped), SEEK_SET), static_cast<off_t>(skipped));
-        uint64_t bytes = 1;
-        EXPECT_EQ(fileutl_crc_fd(fd, &crc, &bytes, &error), 0);
-        EXPECT_EQ(bytes, size - skipped);
-        EXPECT_EQ(crc, fileutl_crc_buffer(content.data() + skipped, size - skipped, nullptr));
-        EXPECT_EQ(fileutl_crc_fd(fd, &crc, &bytes, &error), 0);
-        EXPECT_EQ(crc, 0u);
-        EXPECT_EQ(bytes, 0u);
+        const std::size_t rest = size - size / 3;
+        EXPECT_EQ(lseek(fd, -static_cast<off_t>(rest), SEEK_END), static_cast<off_t>(size / 3));
+        for (const std::size_t expected : {rest, std::size_t{0}}) { // the second time it stands at the end
+            uint64_t bytes = 1;
+            EXPECT_EQ(fileutl_crc_fd(fd, &crc, &bytes, &error), 0);
+            EXPECT_EQ(bytes, expected);
+            EXPECT_EQ(crc, crc_of(Bytes(content.end() - static_cast<std::ptrdiff_t>(expected), content.end())));
+        }
         EXPECT_EQ(error, -1);
         close(fd);
     }

@@ -161,31 +161,6 @@ TEST(StrutlExpand, IterationBoundsTheResult)
     EXPECT_EQ(child.out, "1048576 -22 -22 1048577 ");
 }
 
-// A stop that was requested leaves the call, and what it used works again after it.
-TEST(StrutlExpand, PendingRaiseGoesToTheCallersRecord)
-{
-    const test::ChildResult child = test::run_child([] {
-        pfm_init();
-        setenv("KNOWN", "value", 1);
-        pfm_cleanup_rec rec{};
-        rec.status = sigsetjmp(rec.jump, 1);
-        const int status = pfm_cleanup_start(&rec, 0);
-        if (status == 0) {
-            pfm_notify_vl_thread(PFM_RAISE_INTERRUPT);
-            stg_free(strutl_expand_evs("$KNOWN"));
-            return 1;
-        }
-        pfm_cleanup_reset(&rec);
-        char *text = nullptr;
-        std::thread([&text] { text = strutl_expand_evs("$KNOWN"); }).join();
-        const bool works = text != nullptr && std::strcmp(text, "value") == 0;
-        stg_free(text);
-        pfm_cleanup_rls(&rec);
-        return status == PFM_RAISE_INTERRUPT && works ? 0 : 2;
-    });
-    EXPECT_EQ(child.exit_status, 0) << child.err;
-}
-
 // The value is read whole while another thread replaces it.
 TEST(StrutlExpand, ReadsUnderTheEnvironmentLock)
 {
