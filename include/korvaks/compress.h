@@ -14,9 +14,7 @@
  *       then zero bits up to a whole byte
  *
  * The same data gives the same block on every machine. A block carries no checksum: damage that
- * still decodes to the declared length is not noticed.
- *
- * Both calls work on memory of their own and may run in any thread.
+ * still decodes to the declared length is not noticed. Nothing is kept between calls.
  */
 #ifndef KORVAKS_COMPRESS_H
 #define KORVAKS_COMPRESS_H
@@ -30,33 +28,43 @@ extern "C" {
 /**
  * Compresses `length` bytes.
  *
- * The block is never longer than 9/8 of the data and 6 bytes; its memory is 5/4 of the data and 32
- * bytes. Data of 2^32 bytes or more cannot be read back with compress_uncompress(), because the
- * header holds only the low 32 bits of the length.
+ * The block is never longer than 9/8 of the data and 6 bytes; the memory that holds it is 5/4 of
+ * the data and 32 bytes, and 32000 bytes more are used during the work. Data of 2^32 bytes or more
+ * can be packed but not read back with compress_uncompress(), because the header holds only the low
+ * 32 bits of the length.
  *
- * @param length      bytes of data, 0 allowed (the block is then the header alone)
- * @param data        the data, not kept; may be NULL when `length` is 0
- * @param out_length  receives the size of the block
- * @return the block, freed with stg_free(); NULL and length 0 on exhaustion (the storage level has
- *         printed its message).
- * Raises: yes; a raise that arrives in the middle leaves nothing behind.
+ * @param length      bytes of data; 0 is allowed, and the block is then the header alone
+ * @param data        the data, which is only read, and not kept; may be NULL when `length` is 0
+ * @param out_length  receives the size of the block in bytes; 0 on failure
+ * @return the block, owned by the caller and freed with stg_free(). NULL when memory is exhausted:
+ *         errno ENOMEM, the storage level has printed its message, nothing is left behind.
+ *
+ * Threads: any.
+ * Raises:  yes: at the start, at the end, and each time about a MiB of the data has been read. The
+ *          block and the working memory are given back first, and `*out_length` is as it was.
  */
 KS_API unsigned char *compress_compress(size_t length, const unsigned char *data, size_t *out_length);
 
 /**
  * Restores what compress_compress() packed.
  *
- * Any bytes may be given: a block that is no block, that is cut short, or that copies from before
- * its start is refused without a read or write outside of it, and a length that `length` bytes
- * cannot hold is refused before memory is asked for. Bytes behind the last token are ignored.
+ * Any bytes may be given. A block that is no block, that is cut short, or that copies from before its
+ * start or past its declared length is refused, without a read or write outside of the buffers; a
+ * length that `length` bytes cannot hold (about 14 times as much) is refused before memory is asked
+ * for. Bytes behind the last token are ignored. A failure is told by a message as well:
+ * "Bad format number for \"compressed data\"\n" for every block that is refused, "Unable to allocate
+ * storage.\n" for exhaustion.
  *
  * @param length      bytes at `block`
- * @param block       the block, not kept
- * @param out_length  receives the size of the data
- * @return the data, freed with stg_free(); a block of no data gives an empty buffer, not NULL.
- *         NULL and length 0 after an error message: "Bad format number for \"compressed data\"\n"
- *         for a block that is refused, "Unable to allocate storage.\n" on exhaustion.
- * Raises: when it prints; nothing is leaked then.
+ * @param block       the block, which is only read, and not kept; may be NULL when `length` is 0
+ * @param out_length  receives the size of the data in bytes; 0 on failure
+ * @return the data, owned by the caller and freed with stg_free(); a block of no data gives an empty
+ *         buffer, not NULL. NULL on failure, with nothing left behind: errno EINVAL for a block that
+ *         is refused, ENOMEM when memory is exhausted.
+ *
+ * Threads: any.
+ * Raises:  yes: where it prints, and each time about a MiB of data has been restored. The data is
+ *          given back first, and `*out_length` is as it was.
  */
 KS_API unsigned char *compress_uncompress(size_t length, const unsigned char *block, size_t *out_length);
 

@@ -94,7 +94,7 @@ int strutl_stricoll(const char *a, const char *b)
         __builtin_mul_overflow(std::strlen(b) + 1, MB_CUR_MAX, &b_size) ||
         __builtin_add_overflow(a_size, b_size, &both))
         return std::strcoll(a, b);
-    char *folded = both <= sizeof on_stack ? on_stack : static_cast<char *>(stg_malloc(both));
+    char *folded = both <= sizeof on_stack ? on_stack : static_cast<char *>(stg_malloc_int(both, 1));
     int order = 0;
     if (folded != nullptr && strutl_cvt_case_string(a, 0, a_size, folded) != 0 &&
         strutl_cvt_case_string(b, 0, b_size, folded + a_size) != 0)
@@ -102,7 +102,7 @@ int strutl_stricoll(const char *a, const char *b)
     else
         order = std::strcoll(a, b);
     if (folded != on_stack)
-        stg_free(folded);
+        stg_free_int(folded, 1); // quiet, as its allocation: a trace could raise before it is gone
     return order;
 }
 

@@ -9,7 +9,9 @@
 
 #include <cstdio>
 
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace {
 
@@ -167,18 +169,19 @@ Outcome read_stream(FILE *fp, std::size_t size_hint, bool quiet, Contents &conte
     return outcome;
 }
 
-FILE *open_file(const char *path, const char *mode)
+// Makes a call that gives `failure` and errno again while it is interrupted.
+template <typename Result, typename Call> Result with_interruptions(Result failure, Call call)
 {
-    FILE *fp = std::fopen(path, mode);
-    while (fp == nullptr && is_interrupted())
-        fp = std::fopen(path, mode);
-    return fp;
+    Result result = call();
+    while (result == failure && is_interrupted())
+        result = call();
+    return result;
 }
 
 // Opens, reads and closes; the caller holds raises off.
 Outcome read_path(const char *path, std::size_t size, bool quiet, Contents &contents)
 {
-    FILE *fp = open_file(path, "r");
+    FILE *fp = with_interruptions<FILE *>(nullptr, [path] { return std::fopen(path, "r"); });
     if (fp == nullptr) {
         report_errno(quiet, ks_msg_unable_to_open, path);
         return Outcome::failed;
@@ -209,26 +212,23 @@ Outcome read_file(const char *path, bool quiet, bool missing_ok, Contents &conte
     return read_path(path, static_cast<std::size_t>(status.st_size) + spare, quiet, contents);
 }
 
-// Without a buffer, so that after an interruption it is known how much was written.
-bool write_text(FILE *fp, const char *text)
+bool write_text(int fd, const char *text)
 {
-    (void)std::setvbuf(fp, nullptr, _IONBF, 0); // refused, it would cost no more than that
     for (std::size_t left = std::strlen(text); left > 0;) {
-        const std::size_t put = std::fwrite(text, 1, left, fp);
-        text += put;
-        left -= put;
-        if (put == 0 && !is_interrupted())
+        const ssize_t put = with_interruptions<ssize_t>(-1, [=] { return write(fd, text, left); });
+        if (put < 0)
             return false;
-        std::clearerr(fp);
+        text += put;
+        left -= static_cast<std::size_t>(put);
     }
     return true;
 }
 
-bool write_and_close(FILE *fp, const char *text)
+bool write_and_close(int fd, const char *text)
 {
-    const bool written = write_text(fp, text);
+    const bool written = write_text(fd, text);
     const int error = errno;
-    const bool closed = std::fclose(fp) == 0;
+    const bool closed = close(fd) == 0;
     if (!written)
         errno = error;
     return written && closed;
@@ -268,12 +268,13 @@ unsigned strutl_write(const char *text, const char *path, [[maybe_unused]] const
     if (text == nullptr)
         return 0;
     const ks::InhibitGuard no_raises;
-    FILE *fp = open_file(path, "w");
-    if (fp == nullptr) {
+    constexpr int flags = O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC;
+    const int fd = with_interruptions<int>(-1, [path] { return open(path, flags, 0666); });
+    if (fd < 0) {
         report_errno(quiet != 0, ks_msg_unable_to_open, path);
         return 1;
     }
-    if (!write_and_close(fp, text)) {
+    if (!write_and_close(fd, text)) {
         report_errno(quiet != 0, ks_msg_operation_on, "write", path);
         return 1;
     }

@@ -135,6 +135,7 @@ unsigned strutl_flags_to_str_list(unsigned flags, const strutl_flag_item_t *item
     NameVector vector;
     if (!collect_names(flags, rows_of(items, count), vector)) {
         vector.free_all();
+        errno = ENOMEM;
         return 1;
     }
     *out_names = vector.names;

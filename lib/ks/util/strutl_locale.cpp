@@ -9,9 +9,10 @@
 
 namespace {
 
-template <typename... Arguments> unsigned fail(strutl_msg msg_no, Arguments... arguments)
+template <typename... Arguments> unsigned fail(int error, strutl_msg msg_no, Arguments... arguments)
 {
     (void)imsg_print(ks::msg_error, &_strutl_ks_msg_table, msg_no, arguments...);
+    errno = error;
     return 1;
 }
 
@@ -62,14 +63,14 @@ extern "C" {
 unsigned strutl_cvt_str_to_wide_str(stg_area *area, const char *src, wchar_t **out_str)
 {
     if (src == nullptr)
-        return fail(strutl_msg_null_string);
+        return fail(EINVAL, strutl_msg_null_string);
     std::size_t count = 0;
     const char *at = src;
     switch (widen(at, nullptr, count)) {
     case Outcome::invalid:
-        return fail(strutl_msg_invalid_character, at);
+        return fail(EILSEQ, strutl_msg_invalid_character, at);
     case Outcome::cut_off:
-        return fail(strutl_msg_to_wide_failed, src);
+        return fail(EILSEQ, strutl_msg_to_wide_failed, src);
     case Outcome::whole:
         break;
     }
@@ -78,7 +79,7 @@ unsigned strutl_cvt_str_to_wide_str(stg_area *area, const char *src, wchar_t **o
     if (!__builtin_mul_overflow(count + 1, sizeof *wide, &size))
         wide = static_cast<wchar_t *>(stg_alloc(area, size));
     if (wide == nullptr)
-        return fail(strutl_msg_no_memory);
+        return fail(ENOMEM, strutl_msg_no_memory);
     at = src;
     (void)widen(at, wide, count); // the same text as just measured
     wide[count] = L'\0';
@@ -89,13 +90,13 @@ unsigned strutl_cvt_str_to_wide_str(stg_area *area, const char *src, wchar_t **o
 unsigned strutl_cvt_wide_str_to_str(stg_area *area, const wchar_t *src, char **out_str)
 {
     if (src == nullptr)
-        return fail(strutl_msg_null_string);
+        return fail(EINVAL, strutl_msg_null_string);
     std::size_t count = 0;
     if (!narrow(src, nullptr, count))
-        return fail(strutl_msg_to_narrow_failed);
+        return fail(EILSEQ, strutl_msg_to_narrow_failed);
     char *text = static_cast<char *>(stg_alloc(area, count + 1));
     if (text == nullptr)
-        return fail(strutl_msg_no_memory);
+        return fail(ENOMEM, strutl_msg_no_memory);
     (void)narrow(src, text, count); // the same text as just measured
     text[count] = '\0';
     *out_str = text;
