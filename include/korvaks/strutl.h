@@ -308,12 +308,14 @@ KS_API unsigned strutl_flags_from_str(const char *text, int case_sensitive, cons
  * XDR of a flag row (RFC 4506): the name as a string without bound, the value as unsigned int, of which only
  * the low 32 bits travel.
  *
- * Decoding allocates the name with malloc() where `item->name` is NULL, for at most what the stream holds;
+ * Decoding allocates the name with malloc(), for what the stream really holds and not for what it announces;
  * XDR_FREE frees it.
  *
  * @param xdrs  stream of the platform's XDR, for encoding, decoding or freeing
- * @param item  the row
- * @return 1; 0 when the stream ends or refuses, or memory is exhausted.
+ * @param item  the row. For decoding its name is NULL: the room behind an address is not known, and one is refused.
+ *              For encoding it is not NULL
+ * @return 1; 0 when the stream ends or refuses, or memory is exhausted. A name that was decoded before stays in the
+ *         row, to be freed.
  *
  * Threads: any, with a stream of its own.
  * Raises:  no.
