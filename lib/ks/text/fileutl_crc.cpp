@@ -147,16 +147,15 @@ unsigned bytes_before_zero(uint64_t word)
 }
 
 // Goes on to behind the first index that is 0; returns the number of bytes that took. The checksum
-// before that byte is made of the four indexes before it, and of the block's start where there are
-// fewer: linear_table[0] is 0.
+// before that byte is made of the indexes before it, of which the last three still count in the next
+// one, and of the block's start where there are fewer: linear_table[0] is 0.
 std::size_t step_behind_zero(State &state, uint64_t indexes)
 {
     const unsigned before = bytes_before_zero(indexes);
     const uint64_t passed = indexes >> 8 >> (56 - 8 * before);
     const uint64_t start = static_cast<uint64_t>(state.crc) << (8 * before);
     const uint32_t crc = static_cast<uint32_t>(start) ^ linear_table[passed & 0xFF] ^
-                         linear_table[passed >> 8 & 0xFF] << 8 ^ linear_table[passed >> 16 & 0xFF] << 16 ^
-                         linear_table[passed >> 24 & 0xFF] << 24;
+                         linear_table[passed >> 8 & 0xFF] << 8 ^ linear_table[passed >> 16 & 0xFF] << 16;
     state.crc = crc << 8 ^ crctab[next_counter(state)];
     return before + 1;
 }
