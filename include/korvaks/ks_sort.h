@@ -26,17 +26,36 @@ extern "C" {
 typedef int (*ks_compare_fn)(const void *a, const void *b, void *ctx);
 
 /**
- * Sorts `count` elements of `size` bytes in ascending order of compare(a, b, ctx).
+ * Sorts an array in place, in ascending order of compare(a, b, ctx).
  *
- * Elements that compare equal end up in any order (the sort is not stable). Fewer than 2 elements
- * make no comparison; 2 or 3 are sorted by insertion, more by ks_quick_sort(). The array needs no
- * alignment beyond what the comparison asks for. A `size` of 0 does nothing.
+ * Elements that compare equal end up in any order (the sort is not stable). 2 or 3 elements are sorted by
+ * insertion with at most 3 comparisons, more by ks_quick_sort().
  *
- * Threads: any, one array at a time. Raises: only if the comparison does.
+ * @param base     first element; needs no alignment beyond what the comparison asks for, and may be NULL
+ *                 when there is no element
+ * @param count    elements; fewer than 2 make no comparison
+ * @param size     bytes of an element; 0 does nothing
+ * @param compare  called with pointers into the array. It may read every element and must change none.
+ * @param ctx      handed to every call of the comparison
+ *
+ * Nothing is allocated, so nothing can fail.
+ *
+ * Threads: any, one array at a time.
+ * Raises:  only if the comparison does; the array then holds the elements it was given, in some order.
  */
 KS_API void ks_qsort(void *base, size_t count, size_t size, ks_compare_fn compare, void *ctx);
 
-/** The quicksort that ks_qsort() uses for more than 3 elements; it sorts fewer as well. */
+/**
+ * The quicksort by which ks_qsort() sorts more than 3 elements; of fewer it makes the same order. It is
+ * exported for callers who name the method; others call ks_qsort().
+ *
+ * @param base, count, size, compare, ctx  as for ks_qsort()
+ *
+ * Its worst case is O(n log n) comparisons and at most 24 KiB of stack, whatever the comparison answers.
+ *
+ * Threads: any, one array at a time.
+ * Raises:  only if the comparison does; the array then holds the elements it was given, in some order.
+ */
 KS_API void ks_quick_sort(void *base, size_t count, size_t size, ks_compare_fn compare, void *ctx);
 
 #ifdef __cplusplus

@@ -40,24 +40,56 @@ typedef int (*llist_compare_fn)(void *owner, void *existing_owner);
  * Puts a link on a list.
  *
  * @param head   the list; a zero-initialised head is made an empty list first
- * @param owner  structure that contains `link`, given back by llist_d_remove()
- * @param link   the link, not on any list
- * @param where  LLIST_AT_TAIL, LLIST_AT_FRONT, or a comparison: the link goes before the first
- *               element for which it returns less than 1 (so before its equals), else at the tail
+ * @param owner  structure that contains `link`; it is handed to comparisons and given back by
+ *               llist_d_remove(). The list does not look into it.
+ * @param link   the link, which is on no list: what it holds is overwritten
+ * @param where  LLIST_AT_TAIL or LLIST_AT_FRONT, in constant time; or a comparison, which is called as
+ *               where(owner, existing_owner) from the first element on. Elements for which it returns 1 or
+ *               more are passed; the link goes before the first for which it returns less, so before its
+ *               equals, or at the tail. It must not change the list.
+ *
+ * No pointer may be NULL but the owner, which only comparisons and the caller use.
+ *
+ * Threads: whoever holds the list's lock; signal handlers as far as that allows.
+ * Raises:  no, unless the comparison does, and then the link is not on the list.
  */
 KS_API void llist_d_insert(llist_link *head, void *owner, llist_link *link, llist_compare_fn where);
 
-/** Puts a link on a list straight before `position`; `position` may be the head (tail of the list). */
+/**
+ * Puts a link on a list straight before another, in constant time.
+ *
+ * @param head      the list; a zero-initialised head is made an empty list first
+ * @param owner     structure that contains `link`, given back by llist_d_remove()
+ * @param link      the link, which is on no list: what it holds is overwritten
+ * @param position  a link that is on this list, or the head itself, which stands for the tail
+ *
+ * Threads: whoever holds the list's lock.
+ * Raises:  no.
+ */
 KS_API void llist_d_insert_before(llist_link *head, void *owner, llist_link *link, llist_link *position);
 
 /**
- * Takes a link off its list and clears it.
- * @return the link's owner. A link that is on no list ends the process with the assertion
- *         "elem->next != NULL && elem->prev != NULL".
+ * Takes a link off its list and clears it, in constant time; the list need not be named. The structure
+ * stays with its owner and may go on a list again.
+ *
+ * @param link  a link that is on a list. One that is on none (zero-initialised, or removed before) ends the
+ *              process with the assertion "elem->next != NULL && elem->prev != NULL".
+ * @return the owner that the link was inserted with.
+ *
+ * Threads: whoever holds the list's lock.
+ * Raises:  no.
  */
 KS_API void *llist_d_remove(llist_link *link);
 
-/** Takes every element off a list; each link is cleared, the head is left an empty list. */
+/**
+ * Takes every element off a list, first to last; each link is cleared, and the head is left an empty list.
+ * The structures stay with their owners.
+ *
+ * @param head  the list; a zero-initialised head becomes an empty list
+ *
+ * Threads: whoever holds the list's lock.
+ * Raises:  no.
+ */
 KS_API void llist_d_remove_list(llist_link *head);
 
 #ifdef __cplusplus

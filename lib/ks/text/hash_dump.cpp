@@ -42,13 +42,13 @@ class Line {
     std::size_t used_ = 0;
 };
 
-const char *keytype_name(std::uint32_t keytype)
+const char *keytype_name(uint32_t keytype)
 {
     constexpr const char *names[] = {"HASH_KEY_INT", "HASH_KEY_STR", "HASH_KEY_FLEN"};
     return keytype < std::size(names) ? names[keytype] : "*unknown*";
 }
 
-char flag(std::uint32_t is_set)
+char flag(uint32_t is_set)
 {
     return is_set != 0 ? 'T' : 'F';
 }
@@ -104,7 +104,7 @@ void hash_dump(const hash_ht *ht)
 {
     require_table(ht);
     dump_record(ht);
-    for (std::uint64_t bucket = 0; bucket < ht->nbkts; ++bucket) {
+    for (uint64_t bucket = 0; bucket < ht->nbkts; ++bucket) {
         if (ht->bkts[bucket] == nullptr)
             continue;
         print("bucket %lu:\n", bucket);
@@ -118,7 +118,7 @@ void hash_dump_stats(const hash_ht *ht)
     require_table(ht);
     print("-------------------------- Hash Table Statistics ------------------------------\n");
     std::array<int, histogram_slots> buckets_of_length{};
-    for (std::uint64_t bucket = 0; bucket < ht->nbkts; ++bucket) {
+    for (uint64_t bucket = 0; bucket < ht->nbkts; ++bucket) {
         const int length = chain_length(ht->bkts[bucket]);
         if (length != 0)
             print("bucket %lu: %d\n", bucket, length);

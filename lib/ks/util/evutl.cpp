@@ -95,7 +95,7 @@ char **find(const evutl_env *env, const char *name, std::size_t name_length)
 // Takes over `entry`, whose name has `name_length` bytes; on failure it is given back.
 int store(evutl_env *env, char *entry, std::size_t name_length)
 {
-    ks::LockGuard lock(env->lock);
+    const ks::LockGuard lock(env->lock);
     char **place = find(env, entry, name_length);
     if (place != nullptr) {
         char *replaced = *place;
@@ -194,7 +194,7 @@ const char *evutl_getenv(evutl_env *env, const char *name)
     std::size_t name_length = 0;
     if (!measure_name(name, name_length))
         return nullptr;
-    ks::LockGuard lock(env->lock);
+    const ks::LockGuard lock(env->lock);
     char **place = find(env, name, name_length);
     return place != nullptr ? *place + name_length + 1 : nullptr;
 }
@@ -227,7 +227,7 @@ int evutl_unsetenv(evutl_env *env, const char *name)
     std::size_t name_length = 0;
     if (!measure_name(name, name_length))
         return refuse();
-    ks::LockGuard lock(env->lock);
+    const ks::LockGuard lock(env->lock);
     char **kept = env->vars;
     for (char **place = env->vars; *place != nullptr; ++place) {
         if (is_entry_of(*place, name, name_length))
@@ -243,7 +243,7 @@ int evutl_unsetenv(evutl_env *env, const char *name)
 char **evutl_env2environ(evutl_env *env)
 {
     require_env(env);
-    ks::LockGuard lock(env->lock);
+    const ks::LockGuard lock(env->lock);
     env->exported = 1;
     return env->vars;
 }

@@ -78,7 +78,7 @@ template <typename Use> bool with_room_for(std::size_t (*measure)(char *const *e
     std::size_t room = 0;
     for (;;) {
         {
-            ks::LockGuard lock(ks::evutl_environ_crit);
+            const ks::LockGuard lock(ks::evutl_environ_crit);
             const std::size_t needed = measure(process_entries());
             if (needed <= room) {
                 use(block);
@@ -112,7 +112,7 @@ namespace ks::evutl {
 
 char **pack_entries(evutl_env *env)
 {
-    ks::LockGuard lock(env->lock);
+    const ks::LockGuard lock(env->lock);
     auto **block = static_cast<char **>(stg_malloc(packed_bytes(env->vars)));
     if (block != nullptr)
         pack_into(block, env->vars);
@@ -133,13 +133,13 @@ void evutl_unlock_environ(void)
     here.require(vlthread_mutex_unlock(&ks::evutl_environ_crit) == 0, "environ lock is held by the caller");
 }
 
-char *getenv_safe(const char *name, char *buffer, size_t size, unsigned flags)
+char *getenv_safe(const char *name, char *buffer, std::size_t size, unsigned flags)
 {
     here.require(name != nullptr, "name != NULL");
     if ((flags & EVUTL_GETENV_SECURE) != 0 && getauxval(AT_SECURE) != 0)
         return nullptr;
-    ks::LockGuard lock(ks::evutl_environ_crit);
-    const char *value = getenv(name);
+    const ks::LockGuard lock(ks::evutl_environ_crit);
+    const char *value = std::getenv(name);
     if (value == nullptr || ((flags & EVUTL_GETENV_NONEMPTY) != 0 && *value == '\0'))
         return nullptr;
     const std::size_t length = std::strlen(value);
@@ -156,7 +156,7 @@ char *getenv_safe(const char *name, char *buffer, size_t size, unsigned flags)
 int putenv_safe(char *string)
 {
     here.require(string != nullptr, "string != NULL");
-    ks::LockGuard lock(ks::evutl_environ_crit);
+    const ks::LockGuard lock(ks::evutl_environ_crit);
     return putenv(string);
 }
 
@@ -194,7 +194,7 @@ int evutl_restore_default_environ(void)
     Override *ended = nullptr;
     char **unused_array = nullptr;
     {
-        ks::LockGuard lock(ks::evutl_environ_crit);
+        const ks::LockGuard lock(ks::evutl_environ_crit);
         ended = newest_override;
         if (ended == nullptr) {
             errno = EINVAL;
@@ -214,7 +214,7 @@ int evutl_restore_default_environ(void)
 int evutl_unsetenv_default_environ(const char *name)
 {
     here.require(name != nullptr, "name != NULL");
-    ks::LockGuard lock(ks::evutl_environ_crit);
+    const ks::LockGuard lock(ks::evutl_environ_crit);
     return unsetenv(name) == 0 ? 0 : 1;
 }
 }

@@ -8,7 +8,7 @@
 namespace {
 
 // What a string needs beside the bytes of a file.
-constexpr std::int64_t string_extra_bytes = 2;
+constexpr int64_t string_extra_bytes = 2;
 
 } // namespace
 
@@ -28,7 +28,7 @@ int fileutl_stat(const char *path, struct stat *out)
 
 int fileutl_exists(const char *path)
 {
-    ks::ErrnoSaver saver;
+    const ks::ErrnoSaver saver;
     struct stat ignored;
     return fileutl_stat(path, &ignored) == 0 ? 1 : 0;
 }

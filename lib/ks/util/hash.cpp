@@ -34,21 +34,21 @@ namespace {
 using ks::hash::here;
 using ks::hash::Table;
 
-constexpr std::uint64_t bucket_count_max = 1048573;
+constexpr uint64_t bucket_count_max = 1048573;
 constexpr std::size_t primes_searched = 29; // the last one is never chosen
 constexpr double area_growth = 1.5;
 
 // What a factor makes of a bucket count; more cells than can be counted never come.
-std::uint64_t cell_limit(std::uint64_t factor, std::uint64_t nbkts)
+uint64_t cell_limit(uint64_t factor, uint64_t nbkts)
 {
-    std::uint64_t limit;
+    uint64_t limit;
     return __builtin_mul_overflow(factor, nbkts, &limit) ? UINT64_MAX : limit;
 }
 
 // From a cell to the copy of its key; false when no memory could hold one cell.
-bool key_offset_for(std::uint64_t dbytes, std::uint64_t key_bytes, std::uint64_t &out_offset)
+bool key_offset_for(uint64_t dbytes, uint64_t key_bytes, uint64_t &out_offset)
 {
-    std::uint64_t largest;
+    uint64_t largest;
     return !__builtin_add_overflow(dbytes, ks::hash::cell_bytes, &out_offset) &&
            ks::round_up_8(out_offset, out_offset) &&
            !__builtin_add_overflow(out_offset, sizeof(hash_cell_links), &largest) &&
@@ -56,7 +56,7 @@ bool key_offset_for(std::uint64_t dbytes, std::uint64_t key_bytes, std::uint64_t
 }
 
 // The area with the table's record in it, all zero; NULL on exhaustion, with nothing left.
-Table *make_table(std::uint64_t first_size)
+Table *make_table(uint64_t first_size)
 {
     stg_area *area = stg_create_area(first_size);
     if (area == STG_AREA_NULL)
@@ -73,12 +73,12 @@ Table *make_table(std::uint64_t first_size)
 }
 
 // The table with its buckets; NULL on exhaustion, with nothing left.
-Table *make_table_with_buckets(std::uint64_t nbkts_wanted)
+Table *make_table_with_buckets(uint64_t nbkts_wanted)
 {
     Table *table = make_table(ks::hash::prime_for(nbkts_wanted) * sizeof(hash_cell *));
     if (table == nullptr)
         return nullptr;
-    const std::uint64_t nbkts = ks::hash::bucket_count_for(nbkts_wanted);
+    const uint64_t nbkts = ks::hash::bucket_count_for(nbkts_wanted);
     table->record.bkts = ks::hash::make_buckets(nbkts);
     if (table->record.bkts == nullptr) {
         stg_area *area = table->record.area; // which the table lies in
@@ -98,7 +98,7 @@ struct Functions {
     bool operator==(const Functions &) const = default;
 };
 
-Functions built_in_functions(std::uint32_t keytype)
+Functions built_in_functions(uint32_t keytype)
 {
     switch (keytype) {
     case HASH_KEY_INT:
@@ -121,9 +121,9 @@ void set_functions(Table &table, Functions wanted)
 }
 
 // Each cell goes to the head of its new chain, in the order in which its old one held them.
-void move_cells(const Table &table, hash_cell **old_bkts, std::uint64_t old_nbkts)
+void move_cells(const Table &table, hash_cell **old_bkts, uint64_t old_nbkts)
 {
-    for (std::uint64_t bucket = 0; bucket < old_nbkts; ++bucket) {
+    for (uint64_t bucket = 0; bucket < old_nbkts; ++bucket) {
         hash_cell *cell = old_bkts[bucket];
         while (cell != nullptr) {
             hash_cell *next = cell->next;
@@ -145,22 +145,21 @@ void report_exhaustion()
     (void)imsg_print(msg_error, &_ks_ks_msg_table, ks_msg_out_of_memory);
 }
 
-std::uint64_t prime_for(std::uint64_t nbkts_wanted)
+uint64_t prime_for(uint64_t nbkts_wanted)
 {
     const auto *end = std::begin(hash_prime_sizes) + primes_searched;
     const auto *found =
-        std::lower_bound(std::begin(hash_prime_sizes), end, nbkts_wanted, [](std::int32_t prime, std::uint64_t wanted) {
-            return static_cast<std::uint64_t>(prime) < wanted;
-        });
-    return static_cast<std::uint64_t>(found == end ? end[-1] : *found);
+        std::lower_bound(std::begin(hash_prime_sizes), end, nbkts_wanted,
+                         [](int32_t prime, uint64_t wanted) { return static_cast<uint64_t>(prime) < wanted; });
+    return static_cast<uint64_t>(found == end ? end[-1] : *found);
 }
 
-std::uint64_t bucket_count_for(std::uint64_t nbkts_wanted)
+uint64_t bucket_count_for(uint64_t nbkts_wanted)
 {
     return std::min(prime_for(nbkts_wanted), bucket_count_max);
 }
 
-hash_cell **make_buckets(std::uint64_t nbkts)
+hash_cell **make_buckets(uint64_t nbkts)
 {
     const std::size_t bytes = nbkts * sizeof(hash_cell *); // nbkts is at most bucket_count_max
     auto **buckets = static_cast<hash_cell **>(stg_malloc(bytes));
@@ -169,7 +168,7 @@ hash_cell **make_buckets(std::uint64_t nbkts)
     return buckets;
 }
 
-void set_bucket_count(Table &table, std::uint64_t nbkts)
+void set_bucket_count(Table &table, uint64_t nbkts)
 {
     table.record.nbkts = nbkts;
     table.record.climit = cell_limit(table.record.limit, nbkts);
@@ -181,8 +180,8 @@ void resize(Table &table)
     hash_ht &ht = table.record;
     if (ht.nbkts >= bucket_count_max - 1)
         return;
-    const std::uint64_t old_nbkts = ht.nbkts;
-    const std::uint64_t nbkts = bucket_count_for(old_nbkts + 1);
+    const uint64_t old_nbkts = ht.nbkts;
+    const uint64_t nbkts = bucket_count_for(old_nbkts + 1);
     hash_cell **bkts = make_buckets(nbkts);
     if (bkts == nullptr)
         return; // longer chains, and another attempt at the next new key
@@ -200,7 +199,7 @@ extern "C" {
 hash_ht *hash_create_ht(uint64_t nbkts_wanted, uint64_t dbytes, uint32_t keytype, uint32_t copyk, uint64_t key_bytes,
                         hash_key_fn hash_fn, hash_compare_fn compare_fn)
 {
-    std::uint64_t key_offset;
+    uint64_t key_offset;
     Table *table = key_offset_for(dbytes, key_bytes, key_offset) ? make_table_with_buckets(nbkts_wanted) : nullptr;
     if (table == nullptr) {
         ks::hash::report_exhaustion();
@@ -239,6 +238,7 @@ hash_ht *hash_flen_create_with_fns(uint64_t nbkts_wanted, uint64_t dbytes, uint3
 
 void hash_delete_ht(hash_ht **ht)
 {
+    here.require(ht != nullptr, "ht != NULL");
     if (*ht == nullptr)
         return;
     stg_area *area = (*ht)->area; // which the record lies in

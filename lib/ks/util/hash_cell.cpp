@@ -24,22 +24,22 @@ using ks::hash::table_of;
 
 template <bool is_plain> class IntKey {
   public:
-    static constexpr std::uint32_t keytype = HASH_KEY_INT;
-    using Stored = const std::int64_t *;
+    static constexpr uint32_t keytype = HASH_KEY_INT;
+    using Stored = const int64_t *;
 
-    explicit IntKey(std::int64_t value) : value_(value) {}
+    explicit IntKey(int64_t value) : value_(value) {}
 
-    std::uint32_t hval(const hash_ht &ht) const
+    uint32_t hval(const hash_ht &ht) const
     {
         if constexpr (is_plain)
-            return static_cast<std::uint32_t>(value_ >> 2);
+            return static_cast<uint32_t>(value_ >> 2);
         else
             return ht.hash_fn(&value_);
     }
 
     // Kept exactly: every cell of the chain is compared, whatever its hash value. A comparison of the
     // caller's may find integers equal that have different values.
-    bool matches(const hash_ht &ht, const hash_cell &cell, std::uint32_t) const
+    bool matches(const hash_ht &ht, const hash_cell &cell, uint32_t) const
     {
         if constexpr (is_plain)
             return value_ == cell.key.integer;
@@ -53,17 +53,17 @@ template <bool is_plain> class IntKey {
     static Stored stored(const hash_cell *cell) { return &cell->key.integer; }
 
   private:
-    std::int64_t value_;
+    int64_t value_;
 };
 
 template <bool is_plain> class StrKey {
   public:
-    static constexpr std::uint32_t keytype = HASH_KEY_STR;
+    static constexpr uint32_t keytype = HASH_KEY_STR;
     using Stored = const char *;
 
     explicit StrKey(const char *string) : string_(string), length_(string == nullptr ? 0 : std::strlen(string)) {}
 
-    std::uint32_t hval(const hash_ht &ht) const
+    uint32_t hval(const hash_ht &ht) const
     {
         if constexpr (is_plain)
             return ks::hash::mix<signed char>(string_, length_);
@@ -71,7 +71,7 @@ template <bool is_plain> class StrKey {
             return string_ == nullptr ? 0 : ht.hash_fn(string_);
     }
 
-    bool matches(const hash_ht &ht, const hash_cell &cell, std::uint32_t hval) const
+    bool matches(const hash_ht &ht, const hash_cell &cell, uint32_t hval) const
     {
         if (cell.hval != hval)
             return false;
@@ -107,12 +107,12 @@ template <bool is_plain> class StrKey {
 
 template <bool is_plain> class FlenKey {
   public:
-    static constexpr std::uint32_t keytype = HASH_KEY_FLEN;
+    static constexpr uint32_t keytype = HASH_KEY_FLEN;
     using Stored = const void *;
 
     explicit FlenKey(const void *bytes) : bytes_(bytes) {}
 
-    std::uint32_t hval(const hash_ht &ht) const
+    uint32_t hval(const hash_ht &ht) const
     {
         if (bytes_ == nullptr)
             return 0;
@@ -121,7 +121,7 @@ template <bool is_plain> class FlenKey {
         return ht.hash_fn(bytes_);
     }
 
-    bool matches(const hash_ht &ht, const hash_cell &cell, std::uint32_t hval) const
+    bool matches(const hash_ht &ht, const hash_cell &cell, uint32_t hval) const
     {
         if (cell.hval != hval)
             return false;
@@ -158,7 +158,7 @@ template <bool is_plain> class FlenKey {
 // The cell that holds a key, or NULL. Compiled into every operation: a look-up is shorter than the
 // calls it would otherwise be made of.
 template <typename Key>
-[[gnu::always_inline]] inline hash_cell *find_cell(const Table &table, const Key &key, std::uint32_t hval)
+[[gnu::always_inline]] inline hash_cell *find_cell(const Table &table, const Key &key, uint32_t hval)
 {
     hash_cell *cell = table.record.bkts[bucket_of(table, hval)];
     while (cell != nullptr && !key.matches(table.record, *cell, hval))
@@ -211,7 +211,7 @@ void remove_from_order(hash_ht &ht, hash_cell *cell)
     (links.order == nullptr ? ht.last_cell : links_of(links.order).back) = links.back;
 }
 
-void link_cell(Table &table, hash_cell *cell, std::uint32_t hval)
+void link_cell(Table &table, hash_cell *cell, uint32_t hval)
 {
     hash_ht &ht = table.record;
     if (ht.order != 0)
@@ -262,7 +262,7 @@ struct Lookup {
 struct Enter {
     template <typename Key> static int run(Table &table, const Key &key, typename Key::Stored *key_out, void **data_out)
     {
-        const std::uint32_t hval = key.hval(table.record);
+        const uint32_t hval = key.hval(table.record);
         if (hash_cell *cell = find_cell(table, key, hval); cell != nullptr)
             return give<Key>(cell, key_out, data_out);
         hash_cell *cell = table.record.free_cells != nullptr ? reuse_cell(table, key) : carve_cell(table, key);
@@ -321,16 +321,22 @@ hash_cell *next_by_bucket(const Table &table, const hash_cell *cell)
 {
     if (cell != nullptr && cell->next != nullptr)
         return cell->next;
-    std::uint64_t bucket = cell == nullptr ? 0 : bucket_of(table, cell->hval) + 1;
+    uint64_t bucket = cell == nullptr ? 0 : bucket_of(table, cell->hval) + 1;
     while (bucket < table.record.nbkts && table.record.bkts[bucket] == nullptr)
         ++bucket;
     return bucket < table.record.nbkts ? table.record.bkts[bucket] : nullptr;
+}
+
+void require_cursor(hash_cursor *const *cursor, int line = __builtin_LINE())
+{
+    ks::hash::here.require(cursor != nullptr, "cursor != NULL", line);
 }
 
 template <typename Key>
 int next(const hash_ht *ht, hash_cursor **cursor, typename Key::Stored *key_out, void **data_out)
 {
     ks::hash::require_keytype(ht, Key::keytype);
+    require_cursor(cursor);
     hash_cell *cell = next_by_bucket(table_of(ht), cell_of(*cursor));
     *cursor = reinterpret_cast<hash_cursor *>(cell);
     return give<Key>(cell, key_out, data_out);
@@ -341,6 +347,7 @@ int next_in_order(const hash_ht *ht, hash_cursor **cursor, typename Key::Stored 
 {
     ks::hash::require_keytype(ht, Key::keytype);
     ks::hash::here.require(ht->order != 0, "ht->order");
+    require_cursor(cursor);
     hash_cell *cell = *cursor == nullptr ? ht->first_cell : links_of(cell_of(*cursor)).order;
     *cursor = reinterpret_cast<hash_cursor *>(cell);
     return give<Key>(cell, key_out, data_out);
@@ -451,6 +458,7 @@ int hash_flen_next_in_order(const hash_ht *ht, hash_cursor **cursor, const void 
 
 void hash_term_scan(hash_cursor **cursor)
 {
+    require_cursor(cursor);
     *cursor = nullptr;
 }
 }

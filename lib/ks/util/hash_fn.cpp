@@ -8,9 +8,9 @@
 
 namespace {
 
-std::int64_t integer_at(const void *key)
+int64_t integer_at(const void *key)
 {
-    return *static_cast<const std::int64_t *>(key);
+    return *static_cast<const int64_t *>(key);
 }
 
 } // namespace

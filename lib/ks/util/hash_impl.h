@@ -16,14 +16,14 @@ inline constexpr AssertPath here{"lib/ks/hash"};
 // Where a cell's data begin.
 inline constexpr std::size_t cell_bytes = sizeof(hash_cell);
 
-inline constexpr std::uint32_t not_plain = UINT32_MAX;
+inline constexpr uint32_t not_plain = UINT32_MAX;
 
 // A table as it lies in its area. The record comes first, because its address is the handle.
 struct Table {
     hash_ht record;
-    std::uint64_t multiplier;    // reciprocal of `nbkts`, see bucket_of()
-    std::uint64_t key_offset;    // from a cell to the copy of its key, made with it
-    std::uint32_t plain_keytype; // the kind of key when both functions are its built-in ones, else not_plain
+    uint64_t multiplier;    // reciprocal of `nbkts`, see bucket_of()
+    uint64_t key_offset;    // from a cell to the copy of its key, made with it
+    uint32_t plain_keytype; // the kind of key when both functions are its built-in ones, else not_plain
 };
 
 inline Table &table_of(hash_ht *ht)
@@ -37,17 +37,17 @@ inline const Table &table_of(const hash_ht *ht)
 }
 
 // The reciprocal that bucket_of() needs: 2^64 / nbkts, rounded up; 0 for 1.
-constexpr std::uint64_t multiplier_of(std::uint64_t nbkts)
+constexpr uint64_t multiplier_of(uint64_t nbkts)
 {
     return UINT64_MAX / nbkts + 1;
 }
 
 // hval % nbkts without a division. The product's low half is the fraction hval / nbkts leaves, in
 // units of 2^-64; times nbkts it is the remainder. Exact while both numbers are below 2^32.
-inline std::uint64_t bucket_of(const Table &table, std::uint32_t hval)
+inline uint64_t bucket_of(const Table &table, uint32_t hval)
 {
-    const std::uint64_t fraction = table.multiplier * hval;
-    return static_cast<std::uint64_t>(static_cast<unsigned __int128>(fraction) * table.record.nbkts >> 64);
+    const uint64_t fraction = table.multiplier * hval;
+    return static_cast<uint64_t>(static_cast<unsigned __int128>(fraction) * table.record.nbkts >> 64);
 }
 
 inline void *data_of(hash_cell *cell)
@@ -66,7 +66,7 @@ inline void require_table(const hash_ht *ht)
     here.require(ht != nullptr, "ht != NULL");
 }
 
-inline void require_keytype(const hash_ht *ht, std::uint32_t keytype, int line = __builtin_LINE())
+inline void require_keytype(const hash_ht *ht, uint32_t keytype, int line = __builtin_LINE())
 {
     require_table(ht);
     here.require(ht->keytype == keytype, "ht->keytype == keytype", line);
@@ -76,12 +76,12 @@ inline void require_keytype(const hash_ht *ht, std::uint32_t keytype, int line =
 // Error 23, with errno ENOMEM. A raise point.
 void report_exhaustion();
 // The bucket count for a wish, as it stands in the table of primes and as tables have it.
-std::uint64_t prime_for(std::uint64_t nbkts_wanted);
-std::uint64_t bucket_count_for(std::uint64_t nbkts_wanted);
+uint64_t prime_for(uint64_t nbkts_wanted);
+uint64_t bucket_count_for(uint64_t nbkts_wanted);
 // A cleared bucket array on the heap; NULL on exhaustion, which was reported.
-hash_cell **make_buckets(std::uint64_t nbkts);
+hash_cell **make_buckets(uint64_t nbkts);
 // Takes a bucket count with what follows from it.
-void set_bucket_count(Table &table, std::uint64_t nbkts);
+void set_bucket_count(Table &table, uint64_t nbkts);
 
 // Goes to the next larger bucket count; a table that cannot have it stays as it is.
 void resize(Table &table);

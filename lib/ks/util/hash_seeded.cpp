@@ -13,13 +13,13 @@
 namespace {
 
 struct Seed {
-    std::uint64_t words[2];
+    uint64_t words[2];
 };
 static_assert(sizeof(Seed) == 16);
 
 // The state as the function's authors name it.
 struct SipState {
-    std::uint64_t v0, v1, v2, v3;
+    uint64_t v0, v1, v2, v3;
 
     explicit SipState(const Seed &seed)
         : v0(seed.words[0] ^ 0x736f6d6570736575), v1(seed.words[1] ^ 0x646f72616e646f6d),
@@ -41,7 +41,7 @@ struct SipState {
         v2 = std::rotl(v2, 32);
     }
 
-    void take(std::uint64_t word)
+    void take(uint64_t word)
     {
         v3 ^= word;
         round();
@@ -49,7 +49,7 @@ struct SipState {
         v0 ^= word;
     }
 
-    std::uint64_t finish()
+    uint64_t finish()
     {
         v2 ^= 0xff;
         for (int i = 0; i < 4; ++i)
@@ -59,32 +59,32 @@ struct SipState {
 };
 
 // Up to 8 bytes, the first one lowest.
-std::uint64_t load(const unsigned char *bytes, std::size_t count)
+uint64_t load(const unsigned char *bytes, std::size_t count)
 {
-    std::uint64_t word = 0;
+    uint64_t word = 0;
     if (count == sizeof word && std::endian::native == std::endian::little) {
         std::memcpy(&word, bytes, sizeof word);
         return word;
     }
     for (std::size_t i = 0; i < count; ++i)
-        word |= static_cast<std::uint64_t>(bytes[i]) << 8 * i;
+        word |= static_cast<uint64_t>(bytes[i]) << 8 * i;
     return word;
 }
 
-std::uint64_t siphash(const Seed &seed, const void *key, std::size_t key_bytes)
+uint64_t siphash(const Seed &seed, const void *key, std::size_t key_bytes)
 {
     SipState state(seed);
     const auto *at = static_cast<const unsigned char *>(key);
     std::size_t left = key_bytes;
     for (; left >= 8; at += 8, left -= 8)
         state.take(load(at, 8));
-    state.take(load(at, left) | static_cast<std::uint64_t>(key_bytes) << 56);
+    state.take(load(at, left) | static_cast<uint64_t>(key_bytes) << 56);
     return state.finish();
 }
 
 // The seed of the process; 0 until it is drawn. Each word is set once and never changes, so that it
 // needs no lock and a fork can meet it in any state.
-constinit std::atomic<std::uint64_t> process_seed[2]{};
+constinit std::atomic<uint64_t> process_seed[2]{};
 
 // Bytes for a seed: from the system, or where that has none to give, those that it gave the process
 // when it started.
@@ -97,13 +97,13 @@ Seed draw_seed()
     if (const auto *at_start = reinterpret_cast<const void *>(getauxval(AT_RANDOM)); at_start != nullptr)
         std::memcpy(&seed, at_start, sizeof seed);
     else
-        seed = {{reinterpret_cast<std::uintptr_t>(&seed), static_cast<std::uint64_t>(ks::wall_clock().tv_usec)}};
+        seed = {{reinterpret_cast<uintptr_t>(&seed), static_cast<uint64_t>(ks::wall_clock().tv_usec)}};
     return seed;
 }
 
-void set_once(std::atomic<std::uint64_t> &word, std::uint64_t drawn)
+void set_once(std::atomic<uint64_t> &word, uint64_t drawn)
 {
-    std::uint64_t unset = 0;
+    uint64_t unset = 0;
     (void)word.compare_exchange_strong(unset, drawn | 1); // another thread's is as good
 }
 
@@ -121,13 +121,13 @@ Seed seed_of_process()
 
 extern "C" {
 
-uint64_t hash_siphash(const void *seed, const void *key, size_t key_bytes)
+uint64_t hash_siphash(const void *seed, const void *key, std::size_t key_bytes)
 {
     const auto *bytes = static_cast<const unsigned char *>(seed);
     return siphash({{load(bytes, 8), load(bytes + 8, 8)}}, key, key_bytes);
 }
 
-uint32_t hash_seeded(const void *key, size_t key_bytes)
+uint32_t hash_seeded(const void *key, std::size_t key_bytes)
 {
     return static_cast<uint32_t>(siphash(seed_of_process(), key, key_bytes));
 }

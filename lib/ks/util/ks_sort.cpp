@@ -147,7 +147,7 @@ template <typename Size> class Quicksort {
     {
         if (count < median_of_three_min)
             return;
-        std::uint64_t random = count;
+        uint64_t random = count;
         for (const std::size_t place : {std::size_t{0}, count / 2, count - 1}) {
             random = random * 6364136223846793005u + 1442695040888963407u;
             order_.size.swap(at(base, place), at(base, (random >> 32) % count));
@@ -194,9 +194,9 @@ template <typename Work> void with_order(void *base, std::size_t size, ks_compar
     case 0:
         return;
     case 4:
-        return work(Order<SizeOf<std::uint32_t>>{{}, compare, ctx}, first);
+        return work(Order<SizeOf<uint32_t>>{{}, compare, ctx}, first);
     case 8:
-        return work(Order<SizeOf<std::uint64_t>>{{}, compare, ctx}, first);
+        return work(Order<SizeOf<uint64_t>>{{}, compare, ctx}, first);
     case 16:
         return work(Order<SizeOf<Words<2>>>{{}, compare, ctx}, first);
     case 32:
@@ -212,7 +212,7 @@ template <typename Work> void with_order(void *base, std::size_t size, ks_compar
 
 extern "C" {
 
-void ks_qsort(void *base, size_t count, size_t size, ks_compare_fn compare, void *ctx)
+void ks_qsort(void *base, std::size_t count, std::size_t size, ks_compare_fn compare, void *ctx)
 {
     if (count > insertion_max)
         return ks_quick_sort(base, count, size, compare, ctx);
@@ -221,7 +221,7 @@ void ks_qsort(void *base, size_t count, size_t size, ks_compare_fn compare, void
     });
 }
 
-void ks_quick_sort(void *base, size_t count, size_t size, ks_compare_fn compare, void *ctx)
+void ks_quick_sort(void *base, std::size_t count, std::size_t size, ks_compare_fn compare, void *ctx)
 {
     with_order(base, size, compare, ctx,
                [count](const auto &order, unsigned char *first) { sort_range(order, first, count); });

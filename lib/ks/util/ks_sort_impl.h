@@ -14,7 +14,7 @@
 namespace ks::sort {
 
 template <std::size_t words> struct Words {
-    std::uint64_t word[words];
+    uint64_t word[words];
 };
 
 // Elements of the size of a type; their alignment does not matter.
@@ -43,7 +43,7 @@ inline void swap_blocks(unsigned char *a, unsigned char *b, std::size_t bytes)
     for (; bytes >= 16; bytes -= 16, a += 16, b += 16)
         SizeOf<Words<2>>::swap(a, b);
     for (; bytes >= 4; bytes -= 4, a += 4, b += 4)
-        SizeOf<std::uint32_t>::swap(a, b);
+        SizeOf<uint32_t>::swap(a, b);
     for (; bytes != 0; --bytes, ++a, ++b)
         std::swap(*a, *b);
 }

@@ -89,7 +89,7 @@ template <typename Size> class Runs {
     }
 
     // Not inlined, so that the scratch is not on the stack while the rest is sorted.
-    __attribute__((noinline)) void merge_runs(unsigned char *base, std::size_t left, std::size_t right) const
+    [[gnu::noinline]] void merge_runs(unsigned char *base, std::size_t left, std::size_t right) const
     {
         Scratch scratch;
         merge(base, left, right, scratch);

@@ -13,12 +13,12 @@ namespace {
 int write_line(const char *format, std::va_list args, const char *error_text)
 {
     flockfile(stderr);
-    (void)vfprintf(stderr, format, args); // there is nowhere left to report a failure
+    (void)std::vfprintf(stderr, format, args); // there is nowhere left to report a failure
     if (error_text != nullptr) {
-        (void)fputc(':', stderr);
-        (void)fputs(error_text, stderr);
+        (void)std::fputc(':', stderr);
+        (void)std::fputs(error_text, stderr);
     }
-    const int result = fputc('\n', stderr);
+    const int result = std::fputc('\n', stderr);
     funlockfile(stderr);
     return result;
 }
@@ -29,7 +29,7 @@ extern "C" {
 
 int ks_warn(const char *format, ...)
 {
-    ks::ErrnoSaver saver;
+    const ks::ErrnoSaver saver;
     char buffer[256];
     const char *error_text = strerror_r(saver.saved(), buffer, sizeof buffer);
     std::va_list args;
@@ -42,7 +42,7 @@ int ks_warn(const char *format, ...)
 
 int ks_warnx(const char *format, ...)
 {
-    ks::ErrnoSaver saver;
+    const ks::ErrnoSaver saver;
     std::va_list args;
     va_start(args, format);
     const int result = write_line(format, args, nullptr);

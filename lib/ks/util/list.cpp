@@ -2,10 +2,10 @@
 #include <korvaks/list.h>
 
 #include "base/ks_base.h"
+#include "base/msg_port.h"
 #include "kernel/ks_guard.h"
 #include "util/list_impl.h"
 #include "util/list_msg.h"
-#include "base/msg_port.h"
 
 #include <algorithm>
 #include <climits>
@@ -75,9 +75,9 @@ void unlink(list_record &list, list_element *element)
 }
 
 // The message prints its counts as ints.
-int as_printed(std::uint64_t bytes)
+int as_printed(uint64_t bytes)
 {
-    return static_cast<int>(std::min<std::uint64_t>(bytes, INT_MAX));
+    return static_cast<int>(std::min<uint64_t>(bytes, INT_MAX));
 }
 
 // The step of a walk: the element itself and its data, or twice NULL.
@@ -112,7 +112,7 @@ void append_copy(list_record *dest, const list_element *original, std::size_t at
 
 namespace ks::list {
 
-void init(list_record *list, stg_area *area, std::uint64_t attr_bytes)
+void init(list_record *list, stg_area *area, uint64_t attr_bytes)
 {
     *list = {nullptr, nullptr, area, attr_bytes};
 }
@@ -239,7 +239,7 @@ void *list_get_data(const list_record *list, const list_element *element)
     return element->data;
 }
 
-size_t list_length(const list_record *list)
+std::size_t list_length(const list_record *list)
 {
     if (list == nullptr)
         return 0;

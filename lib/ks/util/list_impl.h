@@ -11,14 +11,13 @@ namespace ks::list {
 inline constexpr ks::AssertPath here{"lib/ks/list"};
 
 // Makes `list` an empty list.
-void init(list_record *list, stg_area *area, std::uint64_t attr_bytes);
+void init(list_record *list, stg_area *area, uint64_t attr_bytes);
 
 // Links a new element behind `after`, or in front when that is NULL; NULL on exhaustion, and then
 // the list is as it was. Raises are held off until the element is linked.
 list_element *try_insert(list_record *list, list_element *after, void *data);
 
-// Gives the elements of a heap list back, first to last. A raise while one is being given back
-// finds that element and those behind it still on the list.
+// Gives the elements of a heap list back, first to last; the list is empty then.
 void free_elements(list_record *list);
 
 } // namespace ks::list

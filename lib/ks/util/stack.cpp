@@ -55,7 +55,7 @@ template <typename Value> void store(Value *out, Value value)
 
 extern "C" {
 
-stack_record *stack_create(stg_area *area, size_t default_len)
+stack_record *stack_create(stg_area *area, std::size_t default_len)
 {
     auto *block = static_cast<StackBlock *>(stg_alloc(area, sizeof(StackBlock)));
     if (block == nullptr)
@@ -76,7 +76,7 @@ void stack_destroy(stack_record **stack)
     *stack = nullptr;
 }
 
-int stack_varlen_push(stack_record *stack, void *data, size_t len)
+int stack_varlen_push(stack_record *stack, void *data, std::size_t len)
 {
     here.require(stack != nullptr, "stack != NULL");
     const ks::InhibitGuard no_raise;
@@ -99,17 +99,16 @@ int stack_push(stack_record *stack, void *data)
     return stack_varlen_push(stack, data, stack->default_len);
 }
 
-int stack_pop(stack_record *stack, void **out_data, size_t *out_len)
+int stack_pop(stack_record *stack, void **out_data, std::size_t *out_len)
 {
     here.require(stack != nullptr, "stack != NULL");
     if (stack->top == nullptr) {
         store<void *>(out_data, nullptr);
-        store<size_t>(out_len, 0);
+        store<std::size_t>(out_len, 0);
         return 1;
     }
     stack_frame *const frame = top_frame(*stack);
     const stack_frame popped = *frame;
-    // Freed first: its trace is the only raise point, and comes while the pair is still there.
     // Kept exactly: the list element stays, for stack_depth() counts pushes.
     free_frame(*stack, frame);
     stack->top = popped.previous;
@@ -118,7 +117,7 @@ int stack_pop(stack_record *stack, void **out_data, size_t *out_len)
     return 0;
 }
 
-size_t stack_depth(const stack_record *stack)
+std::size_t stack_depth(const stack_record *stack)
 {
     here.require(stack != nullptr, "stack != NULL");
     return list_length(stack->frames);

@@ -42,7 +42,7 @@ int parse_umask(std::string_view status)
 
 int umask_from_proc()
 {
-    ks::UniqueFd status(open("/proc/self/status", O_RDONLY | O_CLOEXEC));
+    const ks::UniqueFd status(open("/proc/self/status", O_RDONLY | O_CLOEXEC));
     if (!status)
         return not_read;
     char text[512]; // the line is the second one
@@ -61,14 +61,14 @@ int umask_from_call()
 
 int read_umask()
 {
-    ks::ErrnoSaver saver;
+    const ks::ErrnoSaver saver;
     const int value = umask_from_proc();
     return value != not_read ? value : umask_from_call();
 }
 
 int read_max_fds()
 {
-    ks::ErrnoSaver saver;
+    const ks::ErrnoSaver saver;
     rlimit limit{};
     if (getrlimit(RLIMIT_NOFILE, &limit) != 0)
         return KS_FD_MAX;
