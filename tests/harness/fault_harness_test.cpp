@@ -19,10 +19,13 @@
 namespace {
 
 using test::fault::Call;
-using test::fault::Scenario;
+using test::fault::can_fail_allocations;
+using test::fault::End;
+using test::fault::Mode;
+using test::fault::Operation;
 using test::fault::Trial;
 
-// What the harness reports of a scenario, all in one.
+// What the harness reports of an operation, all in one.
 template <typename Sweep> std::string reports_of(Sweep sweep)
 {
     testing::TestPartResultArray results;
@@ -37,158 +40,151 @@ template <typename Sweep> std::string reports_of(Sweep sweep)
     return reports;
 }
 
-struct Case {
-    Scenario scenario;
-    const char *report; // "": none
-};
-
 void *kept = nullptr;
 int fd = -1;
 
+bool fails()
+{
+    return fcntl(0, F_GETFD) < 0;
+}
+
 TEST(FaultHarness, FindsWhatAFailingCallLeaves)
 {
-    const Case cases[] = {
-        {{.name = "sound", .act = [] { close(open("/dev/null", O_RDONLY)); }}, ""},
-        {{.name = "loses a block",
-          .act =
-              [] {
-                  kept = std::malloc(100);
-                  if (fcntl(0, F_GETFD) >= 0)
-                      std::free(kept);
-              }},
-         test::fault::can_fail_allocations() ? "fcntl 1: EACCES: disturbed: 1 blocks lost" : ""},
-        {{.name = "loses a descriptor",
-          .act =
-              [] {
-                  fd = open("/dev/null", O_RDONLY);
-                  if (dup(fd) >= 0 && fcntl(fd, F_SETFD, 0) == 0)
-                      close(fd + 1);
-                  close(fd);
-              }},
-         "fcntl 1: EACCES: disturbed: 1 descriptors lost"},
-        {{.name = "keeps a lock",
-          .act =
-              [] {
-                  (void)vlthread_mutex_lock(&ks::ks_product_crit);
-                  if (fcntl(0, F_GETFD) >= 0)
-                      (void)vlthread_mutex_unlock(&ks::ks_product_crit);
-              }},
-         "fcntl 1: EACCES: disturbed: a module's lock is held"},
-        {{.name = "holds raises off",
-          .act =
-              [] {
-                  pfm_inhibit();
-                  if (fcntl(0, F_GETFD) >= 0)
-                      pfm_enable();
-              }},
+    const std::string at_first = "fcntl 1: EACCES: ";
+    const struct {
+        const char *name;
+        void (*act)();
+        std::string report; // "": none
+        std::vector<End> ends = {};
+    } cases[] = {
+        {"sound", [] { close(open("/dev/null", O_RDONLY)); }, ""},
+        {"loses a block",
+         [] {
+             kept = std::malloc(100);
+             if (!fails())
+                 std::free(kept);
+         },
+         can_fail_allocations() ? at_first + "disturbed: 1 blocks lost" : ""},
+        {"loses a descriptor",
+         [] {
+             fd = open("/dev/null", O_RDONLY);
+             if (dup(fd) >= 0 && !fails())
+                 close(fd + 1);
+             close(fd);
+         },
+         at_first + "disturbed: 1 descriptors lost"},
+        {"keeps a lock",
+         [] {
+             (void)vlthread_mutex_lock(&ks::ks_product_crit);
+             if (!fails())
+                 (void)vlthread_mutex_unlock(&ks::ks_product_crit);
+         },
+         at_first + "disturbed: a module's lock is held"},
+        {"holds raises off",
+         [] {
+             pfm_inhibit();
+             if (!fails())
+                 pfm_enable();
+         },
          "raises are held off"},
-        {{.name = "crashes",
-          .act =
-              [] {
-                  if (fcntl(0, F_GETFD) < 0)
-                      __builtin_trap();
-              }},
-         "fcntl 1: EACCES: ended by signal"},
-        {{.name = "panics without being asked to",
-          .act =
-              [] {
-                  if (fcntl(0, F_GETFD) < 0)
-                      pfm_panic("lib/ks/here", 12);
-              }},
-         "fcntl 1: EACCES: ended by signal 6; it said:\nnoname: Error: ***ABORT***  'lib/ks/here':12\n"},
-        {{.name = "panics in other words",
-          .act =
-              [] {
-                  if (fcntl(0, F_GETFD) < 0)
-                      pfm_panic("lib/ks/here", 12);
-              },
-          .ends = {{Call::fcntl, "***ABORT***  'lib/ks/there':#\n"}}},
-         "fcntl 1: EACCES: ended by signal 6"},
-        {{.name = "panics as it should",
-          .act =
-              [] {
-                  if (fcntl(0, F_GETFD) < 0)
-                      pfm_panic("lib/ks/here", 12);
-              },
-          .ends = {{Call::fcntl, "***ABORT***  'lib/ks/here':#\n"}}},
-         ""},
-        {{.name = "does not panic", .act = [] { (void)fcntl(0, F_GETFD); }, .ends = {{Call::fcntl, ""}}},
-         "no failure of fcntl ends it"},
-        {{.name = "is broken from then on",
-          .act =
-              [] {
-                  static bool is_broken = false;
-                  is_broken = is_broken || fcntl(0, F_GETFD) < 0;
-                  kept = is_broken ? nullptr : &fd;
-              },
-          .check = [](const Trial &trial) { return trial.fired || kept != nullptr ? nullptr : "broken"; }},
-         "undisturbed behind it: broken"},
-        {{.name = "has nothing that can fail", .act = [] {}},
-         test::fault::can_fail_allocations() ? "nothing to disturb" : ""},
+        {"crashes", [] { fails() ? __builtin_trap() : void(); }, at_first + "ended by signal"},
+        {"panics without being asked to", [] { fails() ? pfm_panic("lib/ks/here", 12) : void(); },
+         at_first + "ended by signal 6; it said:\nnoname: Error: ***ABORT***  'lib/ks/here':12\n"},
+        {"panics in other words",
+         [] { fails() ? pfm_panic("lib/ks/here", 12) : void(); },
+         at_first + "ended by signal 6",
+         {{Call::fcntl, "***ABORT***  'lib/ks/there':#\n"}}},
+        {"panics as it should",
+         [] { fails() ? pfm_panic("lib/ks/here", 12) : void(); },
+         "",
+         {{Call::fcntl, "***ABORT***  'lib/ks/here':#\n"}}},
+        {"does not panic", [] { (void)fails(); }, "no failure of fcntl ends it", {{Call::fcntl, ""}}},
+        {"has nothing that can fail", [] {}, can_fail_allocations() ? "nothing to disturb" : ""},
     };
-    for (const Case &one : cases) {
-        SCOPED_TRACE(one.scenario.name);
-        const std::string reports = reports_of([&one] { test::fault::sweep(one.scenario); });
-        if (*one.report == '\0')
+    for (const auto &one : cases) {
+        SCOPED_TRACE(one.name);
+        const std::string reports = reports_of([&] { Operation(one.name).act(one.act).ends(one.ends).sweep(); });
+        if (one.report.empty())
             EXPECT_EQ(reports, "");
         else
             EXPECT_NE(reports.find(one.report), std::string::npos) << reports;
     }
 }
 
+TEST(FaultHarness, FindsWhatIsHalfDone)
+{
+    static bool has_failed = false;
+    const auto answers = [](bool is_done) { return [is_done] { return !(has_failed = fails()) || is_done; }; };
+    const std::pair<Operation, const char *> cases[] = {
+        {Operation("sound").act(answers(false)).notices().sets_errno(), ""},
+        {Operation("unseen").act(answers(true)).notices(), "disturbed: a failing call goes unseen"},
+        {Operation("wrong").act(answers(true)).gives([] { return !has_failed; }), "done, and not as it should be"},
+        {Operation("half").act(answers(false)).keeps([] { return false; }), "refused, and not as before"},
+        {Operation("always").act([] { return fails(); }), "undisturbed: refused without a cause"},
+        {Operation("errno").act([] { return !fails() || (errno = 0) != 0; }).sets_errno(), "errno is not the failing"},
+        {Operation("broken from then on").act([] { has_failed = has_failed || fails(); }).check([](const Trial &trial) {
+             return trial.fired || !has_failed ? nullptr : "broken";
+         }),
+         "undisturbed behind it: broken"},
+        {Operation("says nothing").act([] { return (kept = std::malloc(1)) != nullptr; }).says("why").cleanup([] {
+             std::free(kept);
+         }),
+         can_fail_allocations() ? "the exhaustion is not reported" : ""},
+    };
+    for (const auto &[operation, report] : cases) {
+        const std::string reports = reports_of([&operation = operation] { Operation(operation).sweep(); });
+        EXPECT_NE(reports.find(report), std::string::npos) << report << "\n" << reports;
+        EXPECT_EQ(reports.empty(), *report == '\0') << reports;
+    }
+}
+
 TEST(FaultHarness, FindsRaisesThatAreLostOrLeak)
 {
-    const auto reports = [](const Scenario &scenario) {
-        return reports_of([&scenario] { test::fault::sweep_raises(scenario); });
+    const auto reports = [](void (*act)()) {
+        return reports_of([act] { Operation("raised").act(act).sweep_raises(); });
     };
-    EXPECT_EQ(reports({.name = "sound", .act = [] { pfm_test_raise(nullptr); }}), "");
-    const std::string lost = reports({.name = "loses it", .act = [] {
-                                          (void)vlthread_pending_raise(nullptr);
-                                          vlthread_reset_raise(nullptr);
-                                      }});
+    EXPECT_EQ(reports([] { pfm_test_raise(nullptr); }), "");
+    const std::string lost = reports([] {
+        (void)vlthread_pending_raise(nullptr);
+        vlthread_reset_raise(nullptr);
+    });
     EXPECT_NE(lost.find("raise 1: a raise: disturbed: the raise was lost"), std::string::npos) << lost;
-    if (test::fault::can_fail_allocations()) {
-        const std::string leaks = reports({.name = "leaks", .act = [] {
-                                               void *block = stg_malloc(10);
-                                               pfm_test_raise(nullptr);
-                                               stg_free(block);
-                                           }});
+    if (can_fail_allocations()) {
+        const std::string leaks = reports([] {
+            void *block = stg_malloc(10);
+            pfm_test_raise(nullptr);
+            stg_free(block);
+        });
         EXPECT_NE(leaks.find("disturbed: 1 blocks lost"), std::string::npos) << leaks;
     }
+}
+
+char buffer[64];
+std::size_t done = 0;
+
+void read_some()
+{
+    const ssize_t got = read(fd, buffer, sizeof buffer - done);
+    done += got > 0 ? static_cast<std::size_t>(got) : 0;
 }
 
 // Partial and interrupted transfers: who takes a part for the whole, or an interruption for the end.
 TEST(FaultHarness, NoiseFindsTransfersThatAreTakenForWhole)
 {
-    const auto reports = [](void (*act)()) {
-        return reports_of([act] {
-            test::fault::sweep_noise({.name = "transfer",
-                                      .setup =
-                                          [] {
-                                              fd = open("/dev/zero", O_RDONLY | O_CLOEXEC);
-                                              kept = nullptr;
-                                          },
-                                      .act = act,
-                                      .check = [](const Trial &) { return kept == &fd ? nullptr : "not whole"; },
-                                      .cleanup = [] { close(fd); }},
-                                     50);
-        });
-    };
-    EXPECT_NE(reports([] {
-                  char buffer[64];
-                  kept = read(fd, buffer, sizeof buffer) == sizeof buffer ? &fd : nullptr;
-              }).find("not whole"),
-              std::string::npos);
-    EXPECT_EQ(reports([] {
-                  char buffer[64];
-                  for (std::size_t done = 0; done < sizeof buffer;) {
-                      const ssize_t got = read(fd, buffer, sizeof buffer - done);
-                      if (got > 0)
-                          done += static_cast<std::size_t>(got);
-                  }
-                  kept = &fd;
-              }),
-              "");
+    Operation transfer("transfer");
+    transfer.gives([] { return done == sizeof buffer; });
+    transfer.setup([] {
+        fd = open("/dev/zero", O_RDONLY | O_CLOEXEC);
+        done = 0;
+    });
+    transfer.cleanup([] { close(fd); });
+    const std::string reports = reports_of([&] { transfer.act(read_some).sweep_noise(50); });
+    EXPECT_NE(reports.find("not as it should be"), std::string::npos) << reports;
+    transfer.act([] {
+        while (done < sizeof buffer)
+            read_some();
+    });
+    transfer.sweep_noise(50);
 }
 
 } // namespace

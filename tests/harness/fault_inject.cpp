@@ -42,63 +42,38 @@ namespace {
 
 constexpr int raise_status = 4;
 
-constexpr int allocation_answers[] = {ENOMEM};
-constexpr int open_answers[] = {EACCES, EINTR,  EINVAL, EIO,     EISDIR,    ELOOP, EMFILE, ENAMETOOLONG, ENFILE,
-                                ENOENT, ENOMEM, ENOSPC, ENOTDIR, EOVERFLOW, EPERM, EROFS,  ENXIO};
-constexpr int read_answers[] = {EAGAIN, EBADF, EFAULT, EINTR, EINVAL, EIO, EISDIR, answer_short, answer_end};
-constexpr int write_answers[] = {EAGAIN, EBADF, EDQUOT, EFAULT, EFBIG, EINTR,
-                                 EINVAL, EIO,   ENOSPC, EPERM,  EPIPE, answer_short};
-constexpr int close_answers[] = {EINTR, EIO, ENOSPC, EDQUOT};
-constexpr int pipe_answers[] = {EMFILE, ENFILE, EINVAL};
-constexpr int fork_answers[] = {EAGAIN, ENOMEM, ENOSYS};
-constexpr int fcntl_answers[] = {EACCES, EAGAIN, EBADF, EINTR, EINVAL, EMFILE};
-constexpr int stat_answers[] = {EACCES, EINTR, EIO, ELOOP, ENAMETOOLONG, ENOENT, ENOMEM, ENOTDIR, EOVERFLOW};
-constexpr int select_answers[] = {EBADF, EINTR, EINVAL, ENOMEM};
-constexpr int poll_answers[] = {EINTR, EINVAL, ENOMEM};
-constexpr int eventfd_answers[] = {EINVAL, EMFILE, ENFILE, ENODEV, ENOMEM};
-constexpr int sigaction_answers[] = {EINVAL};
-constexpr int thread_answers[] = {EAGAIN, EINVAL, EPERM};
-constexpr int mutex_answers[] = {EAGAIN, ENOMEM, EPERM};
-constexpr int key_answers[] = {EAGAIN, ENOMEM};
-constexpr int at_exit_answers[] = {ENOMEM};
-constexpr int catalogue_answers[] = {EACCES, EMFILE, ENAMETOOLONG, ENFILE, ENOENT, ENOMEM, ENOTDIR};
-constexpr int limit_answers[] = {EFAULT, EINVAL};
-constexpr int name_answers[] = {EFAULT};
-constexpr int user_answers[] = {EINTR, EIO, EMFILE, ENFILE, ENOENT, ENOMEM, EPERM, ERANGE};
-constexpr int wait_answers[] = {ECHILD, EINTR, EINVAL};
-constexpr int kill_answers[] = {EINVAL, EPERM, ESRCH};
-constexpr int raise_answers[] = {raise_status};
-
 struct Kind {
     const char *name;
-    std::span<const int> answers;
+    std::array<int, 17> answers; // up to the first 0
 };
 
 constexpr std::array<Kind, call_kinds> kinds{{
-    {"allocation", allocation_answers},
-    {"open", open_answers},
-    {"read", read_answers},
-    {"write", write_answers},
-    {"close", close_answers},
-    {"pipe", pipe_answers},
-    {"fork", fork_answers},
-    {"fcntl", fcntl_answers},
-    {"stat", stat_answers},
-    {"select", select_answers},
-    {"poll", poll_answers},
-    {"eventfd", eventfd_answers},
-    {"sigaction", sigaction_answers},
-    {"thread", thread_answers},
-    {"mutex", mutex_answers},
-    {"key", key_answers},
-    {"atexit", at_exit_answers},
-    {"catalogue", catalogue_answers},
-    {"getrlimit", limit_answers},
-    {"uname", name_answers},
-    {"getpwuid_r", user_answers},
-    {"waitid", wait_answers},
-    {"kill", kill_answers},
-    {"raise", raise_answers},
+    {"allocation", {ENOMEM}},
+    {"open",
+     {EACCES, EINTR, EINVAL, EIO, EISDIR, ELOOP, EMFILE, ENAMETOOLONG, ENFILE, ENOENT, ENOMEM, ENOSPC, ENOTDIR,
+      EOVERFLOW, EPERM, EROFS, ENXIO}},
+    {"read", {EAGAIN, EBADF, EFAULT, EINTR, EINVAL, EIO, EISDIR, answer_short, answer_end}},
+    {"write", {EAGAIN, EBADF, EDQUOT, EFAULT, EFBIG, EINTR, EINVAL, EIO, ENOSPC, EPERM, EPIPE, answer_short}},
+    {"close", {EINTR, EIO, ENOSPC, EDQUOT}},
+    {"pipe", {EMFILE, ENFILE, EINVAL}},
+    {"fork", {EAGAIN, ENOMEM, ENOSYS}},
+    {"fcntl", {EACCES, EAGAIN, EBADF, EINTR, EINVAL, EMFILE}},
+    {"stat", {EACCES, EINTR, EIO, ELOOP, ENAMETOOLONG, ENOENT, ENOMEM, ENOTDIR, EOVERFLOW}},
+    {"select", {EBADF, EINTR, EINVAL, ENOMEM}},
+    {"poll", {EINTR, EINVAL, ENOMEM}},
+    {"eventfd", {EINVAL, EMFILE, ENFILE, ENODEV, ENOMEM}},
+    {"sigaction", {EINVAL}},
+    {"thread", {EAGAIN, EINVAL, EPERM}},
+    {"mutex", {EAGAIN, ENOMEM, EPERM}},
+    {"key", {EAGAIN, ENOMEM}},
+    {"atexit", {ENOMEM}},
+    {"catalogue", {EACCES, EMFILE, ENAMETOOLONG, ENFILE, ENOENT, ENOMEM, ENOTDIR}},
+    {"getrlimit", {EFAULT, EINVAL}},
+    {"uname", {EFAULT}},
+    {"getpwuid_r", {EINTR, EIO, EMFILE, ENFILE, ENOENT, ENOMEM, EPERM, ERANGE}},
+    {"waitid", {ECHILD, EINTR, EINVAL}},
+    {"kill", {EINVAL, EPERM, ESRCH}},
+    {"raise", {raise_status}},
 }};
 
 // Shared with children, so that what fails there is seen here. Whether a process is disturbed is
@@ -119,11 +94,11 @@ constinit std::atomic<bool> is_armed{false};
 constinit std::atomic<long> blocks{0};
 constinit std::array<std::atomic<bool>, 1024> is_eventfd{};
 
-__attribute__((constructor)) void share_state()
+[[gnu::constructor]] void share_state()
 {
     void *page = mmap(nullptr, sizeof(State), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
     if (page == MAP_FAILED)
-        abort();
+        std::abort();
     state = new (page) State;
 }
 
@@ -187,19 +162,10 @@ int fail(int error)
     return -1;
 }
 
-} // namespace
-
-const char *name_of(Call call)
+int error_number(int error)
 {
-    return kinds[static_cast<std::size_t>(call)].name;
+    return error;
 }
-
-std::span<const int> answers_of(Call call)
-{
-    return kinds[static_cast<std::size_t>(call)].answers;
-}
-
-namespace {
 
 // A delivery check that knows its thread's state does not ask for it; a forgotten state brings each
 // check to the wrapper below.
@@ -210,6 +176,17 @@ void show_every_check()
 }
 
 } // namespace
+
+const char *name_of(Call call)
+{
+    return kinds[static_cast<std::size_t>(call)].name;
+}
+
+std::span<const int> answers_of(Call call)
+{
+    const auto &answers = kinds[static_cast<std::size_t>(call)].answers;
+    return {answers.begin(), std::find(answers.begin(), answers.end(), 0)};
+}
 
 void begin(const Plan &plan)
 {
@@ -234,19 +211,19 @@ Seen end()
     return seen;
 }
 
+bool can_fail_allocations()
+{
+#ifdef HAS_OWN_ALLOCATOR
+    return false;
+#else
+    return true;
+#endif
+}
+
 long blocks_outstanding()
 {
     return blocks;
 }
-
-} // namespace test::fault
-
-using test::fault::answer_end;
-using test::fault::answer_for;
-using test::fault::answer_for_transfer;
-using test::fault::answer_short;
-using test::fault::Call;
-using test::fault::fail;
 
 // The call behind the one that stands in front.
 #define NEXT(name)                                                                                                     \
@@ -268,25 +245,19 @@ using test::fault::fail;
     if (const int answer = answer_for(Call::call); answer != 0)                                                        \
     return fail(answer)
 
-#define FAIL_WITH_RESULT(call)                                                                                         \
-    if (const int answer = answer_for(Call::call); answer != 0)                                                        \
-    return answer
+// One that fails with an error number, and otherwise only passes its arguments on. Which error a
+// name goes with: -1 and errno, or the number itself.
+#define PASS(fails, call, result, name, parameters, arguments)                                                         \
+    extern "C" result front_##name parameters __asm__(#name);                                                          \
+    extern "C" result front_##name parameters                                                                          \
+    {                                                                                                                  \
+        const int answer = answer_for(Call::call);                                                                     \
+        return answer != 0 ? fails(answer) : NEXT(name) arguments;                                                     \
+    }
 
 // Memory ---------------------------------------------------------------------------------------
 
-#ifdef HAS_OWN_ALLOCATOR
-
-bool test::fault::can_fail_allocations()
-{
-    return false;
-}
-
-#else
-
-bool test::fault::can_fail_allocations()
-{
-    return true;
-}
+#ifndef HAS_OWN_ALLOCATOR
 
 extern "C" {
 void *__libc_malloc(size_t size);
@@ -309,7 +280,7 @@ bool is_exhausted()
 void *counted(void *block)
 {
     if (block != nullptr)
-        ++test::fault::blocks;
+        ++blocks;
     return block;
 }
 
@@ -333,7 +304,7 @@ FRONT(void *, realloc, void *old, size_t size)
     if (old == nullptr)
         return counted(block);
     if (block == nullptr && size == 0)
-        --test::fault::blocks; // that was a free()
+        --blocks; // that was a free()
     return block;
 }
 
@@ -359,7 +330,7 @@ FRONT(int, posix_memalign, void **out_block, size_t alignment, size_t size)
 FRONT(void, free, void *block)
 {
     if (block != nullptr)
-        --test::fault::blocks;
+        --blocks;
     __libc_free(block);
 }
 
@@ -369,9 +340,10 @@ FRONT(void, free, void *block)
 
 namespace {
 
-bool takes_mode(int flags)
+mode_t mode_behind(int flags, va_list args)
 {
-    return (flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE;
+    const bool makes_file = (flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE;
+    return makes_file ? va_arg(args, mode_t) : 0;
 }
 
 } // namespace
@@ -380,7 +352,7 @@ FRONT(int, open, const char *path, int flags, ...)
 {
     va_list args;
     va_start(args, flags);
-    const mode_t mode = takes_mode(flags) ? va_arg(args, mode_t) : 0;
+    const mode_t mode = mode_behind(flags, args);
     va_end(args);
     FAIL_WITH_ERRNO(open);
     return NEXT(open)(path, flags, mode);
@@ -390,7 +362,7 @@ FRONT(int, openat, int directory, const char *path, int flags, ...)
 {
     va_list args;
     va_start(args, flags);
-    const mode_t mode = takes_mode(flags) ? va_arg(args, mode_t) : 0;
+    const mode_t mode = mode_behind(flags, args);
     va_end(args);
     FAIL_WITH_ERRNO(open);
     return NEXT(openat)(directory, path, flags, mode);
@@ -419,30 +391,21 @@ FRONT(ssize_t, write, int fd, const void *data, size_t size)
     if (answer > 0)
         return fail(answer);
     if (answer == answer_short && size > 1)
-        size = test::fault::part_of(size);
+        size = part_of(size);
     return NEXT(write)(fd, data, size);
 }
 
 FRONT(int, close, int fd)
 {
-    if (fd >= 0 && static_cast<std::size_t>(fd) < test::fault::is_eventfd.size())
-        test::fault::is_eventfd[static_cast<std::size_t>(fd)] = false;
+    if (fd >= 0 && static_cast<std::size_t>(fd) < is_eventfd.size())
+        is_eventfd[static_cast<std::size_t>(fd)] = false;
     const int result = NEXT(close)(fd);
     FAIL_WITH_ERRNO(close); // the descriptor is gone all the same
     return result;
 }
 
-FRONT(int, pipe2, int *fds, int flags)
-{
-    FAIL_WITH_ERRNO(pipe);
-    return NEXT(pipe2)(fds, flags);
-}
-
-FRONT(int, pipe, int *fds)
-{
-    FAIL_WITH_ERRNO(pipe);
-    return NEXT(pipe)(fds);
-}
+PASS(fail, pipe, int, pipe2, (int *fds, int flags), (fds, flags))
+PASS(fail, pipe, int, pipe, (int *fds), (fds))
 
 FRONT(int, fcntl, int fd, int command, ...)
 {
@@ -454,30 +417,18 @@ FRONT(int, fcntl, int fd, int command, ...)
     return NEXT(fcntl)(fd, command, argument);
 }
 
-FRONT(int, stat, const char *path, struct stat *out)
-{
-    FAIL_WITH_ERRNO(stat);
-    return NEXT(stat)(path, out);
-}
-
-FRONT(int, select, int nfds, fd_set *readfds, fd_set *writefds, fd_set *exceptfds, timeval *timeout)
-{
-    FAIL_WITH_ERRNO(select);
-    return NEXT(select)(nfds, readfds, writefds, exceptfds, timeout);
-}
-
-FRONT(int, ppoll, pollfd *fds, nfds_t count, const timespec *timeout, const sigset_t *mask)
-{
-    FAIL_WITH_ERRNO(poll);
-    return NEXT(ppoll)(fds, count, timeout, mask);
-}
+PASS(fail, stat, int, stat, (const char *path, struct stat *out), (path, out))
+PASS(fail, select, int, select, (int nfds, fd_set *readfds, fd_set *writefds, fd_set *exceptfds, timeval *timeout),
+     (nfds, readfds, writefds, exceptfds, timeout))
+PASS(fail, poll, int, ppoll, (pollfd * fds, nfds_t count, const timespec *timeout, const sigset_t *mask),
+     (fds, count, timeout, mask))
 
 FRONT(int, eventfd, unsigned value, int flags)
 {
     FAIL_WITH_ERRNO(eventfd);
     const int fd = NEXT(eventfd)(value, flags);
-    if (fd >= 0 && static_cast<std::size_t>(fd) < test::fault::is_eventfd.size())
-        test::fault::is_eventfd[static_cast<std::size_t>(fd)] = true;
+    if (fd >= 0 && static_cast<std::size_t>(fd) < is_eventfd.size())
+        is_eventfd[static_cast<std::size_t>(fd)] = true;
     return fd;
 }
 
@@ -531,7 +482,7 @@ int flags_of(const char *mode)
 
 } // namespace
 
-FILE *test::fault::stream_over(int fd, const char *mode)
+FILE *stream_over(int fd, const char *mode)
 {
     return fopencookie(reinterpret_cast<void *>(intptr_t{fd}), mode,
                        {read_stream, write_stream, seek_stream, close_stream});
@@ -539,12 +490,12 @@ FILE *test::fault::stream_over(int fd, const char *mode)
 
 FRONT(FILE *, fopen, const char *path, const char *mode)
 {
-    if (!test::fault::is_armed)
+    if (!is_armed)
         return NEXT(fopen)(path, mode);
     const int fd = front_open(path, flags_of(mode), 0666);
     if (fd < 0)
         return nullptr;
-    FILE *stream = test::fault::stream_over(fd, mode);
+    FILE *stream = stream_over(fd, mode);
     if (stream == nullptr) {
         const int error = errno;
         (void)NEXT(close)(fd);
@@ -555,65 +506,20 @@ FRONT(FILE *, fopen, const char *path, const char *mode)
 
 // Processes, threads and signals ---------------------------------------------------------------
 
-FRONT(pid_t, fork, void)
-{
-    FAIL_WITH_ERRNO(fork);
-    return NEXT(fork)();
-}
-
-FRONT(int, sigaction, int sig, const struct sigaction *action, struct sigaction *out_old)
-{
-    FAIL_WITH_ERRNO(sigaction);
-    return NEXT(sigaction)(sig, action, out_old);
-}
-
-FRONT(int, pthread_create, pthread_t *out_thread, const pthread_attr_t *attr, void *(*start)(void *), void *argument)
-{
-    FAIL_WITH_RESULT(thread);
-    return NEXT(pthread_create)(out_thread, attr, start, argument);
-}
-
-FRONT(int, pthread_attr_init, pthread_attr_t *attr)
-{
-    FAIL_WITH_RESULT(thread);
-    return NEXT(pthread_attr_init)(attr);
-}
-
-FRONT(int, pthread_attr_setstacksize, pthread_attr_t *attr, size_t size)
-{
-    FAIL_WITH_RESULT(thread);
-    return NEXT(pthread_attr_setstacksize)(attr, size);
-}
-
-FRONT(int, pthread_mutexattr_init, pthread_mutexattr_t *attr)
-{
-    FAIL_WITH_RESULT(mutex);
-    return NEXT(pthread_mutexattr_init)(attr);
-}
-
-FRONT(int, pthread_mutexattr_settype, pthread_mutexattr_t *attr, int kind)
-{
-    FAIL_WITH_RESULT(mutex);
-    return NEXT(pthread_mutexattr_settype)(attr, kind);
-}
-
-FRONT(int, pthread_mutex_init, pthread_mutex_t *mutex, const pthread_mutexattr_t *attr)
-{
-    FAIL_WITH_RESULT(mutex);
-    return NEXT(pthread_mutex_init)(mutex, attr);
-}
-
-FRONT(int, pthread_key_create, pthread_key_t *key, void (*destructor)(void *))
-{
-    FAIL_WITH_RESULT(key);
-    return NEXT(pthread_key_create)(key, destructor);
-}
-
-FRONT(int, pthread_setspecific, pthread_key_t key, const void *value)
-{
-    FAIL_WITH_RESULT(key);
-    return NEXT(pthread_setspecific)(key, value);
-}
+PASS(fail, fork, pid_t, fork, (void), ())
+PASS(fail, sigaction, int, sigaction, (int sig, const struct sigaction *action, struct sigaction *out_old),
+     (sig, action, out_old))
+PASS(error_number, thread, int, pthread_create,
+     (pthread_t * out_thread, const pthread_attr_t *attr, void *(*start)(void *), void *argument),
+     (out_thread, attr, start, argument))
+PASS(error_number, thread, int, pthread_attr_init, (pthread_attr_t * attr), (attr))
+PASS(error_number, thread, int, pthread_attr_setstacksize, (pthread_attr_t * attr, size_t size), (attr, size))
+PASS(error_number, mutex, int, pthread_mutexattr_init, (pthread_mutexattr_t * attr), (attr))
+PASS(error_number, mutex, int, pthread_mutexattr_settype, (pthread_mutexattr_t * attr, int kind), (attr, kind))
+PASS(error_number, mutex, int, pthread_mutex_init, (pthread_mutex_t * mutex, const pthread_mutexattr_t *attr),
+     (mutex, attr))
+PASS(error_number, key, int, pthread_key_create, (pthread_key_t * key, void (*destructor)(void *)), (key, destructor))
+PASS(error_number, key, int, pthread_setspecific, (pthread_key_t key, const void *value), (key, value))
 
 FRONT(int, __cxa_atexit, void (*fn)(void *), void *argument, void *object)
 {
@@ -622,17 +528,8 @@ FRONT(int, __cxa_atexit, void (*fn)(void *), void *argument, void *object)
     return NEXT(__cxa_atexit)(fn, argument, object);
 }
 
-FRONT(int, waitid, idtype_t type, id_t id, siginfo_t *info, int options)
-{
-    FAIL_WITH_ERRNO(wait);
-    return NEXT(waitid)(type, id, info, options);
-}
-
-FRONT(int, kill, pid_t pid, int sig)
-{
-    FAIL_WITH_ERRNO(kill);
-    return NEXT(kill)(pid, sig);
-}
+PASS(fail, wait, int, waitid, (idtype_t type, id_t id, siginfo_t *info, int options), (type, id, info, options))
+PASS(fail, kill, int, kill, (pid_t pid, int sig), (pid, sig))
 
 // What the system knows ------------------------------------------------------------------------
 
@@ -645,17 +542,8 @@ FRONT(nl_catd, catopen, const char *name, int flag)
     return NEXT(catopen)(name, flag);
 }
 
-FRONT(int, getrlimit, int resource, rlimit *out)
-{
-    FAIL_WITH_ERRNO(limit);
-    return NEXT(getrlimit)(resource, out);
-}
-
-FRONT(int, uname, utsname *out)
-{
-    FAIL_WITH_ERRNO(name);
-    return NEXT(uname)(out);
-}
+PASS(fail, limit, int, getrlimit, (int resource, rlimit *out), (resource, out))
+PASS(fail, name, int, uname, (utsname * out), (out))
 
 FRONT(int, getpwuid_r, uid_t uid, passwd *entry, char *buffer, size_t size, passwd **out_found)
 {
@@ -675,14 +563,15 @@ int32_t __wrap_vlthread_pending_raise(pfm_fault_block *holder);
 
 int32_t __wrap_vlthread_pending_raise(pfm_fault_block *holder)
 {
-    const test::fault::State &state = *test::fault::state;
-    if (!test::fault::is_armed || state.process != getpid() || pthread_equal(state.thread, pthread_self()) == 0)
+    if (!is_armed || state->process != getpid() || pthread_equal(state->thread, pthread_self()) == 0)
         return __real_vlthread_pending_raise(holder);
     if (const int status = answer_for(Call::raise); status != 0)
         vlthread_notify_raise(status);
     const int32_t pending = __real_vlthread_pending_raise(holder);
     if (pending == 0)
-        test::fault::show_every_check();
+        show_every_check();
     return pending;
 }
 }
+
+} // namespace test::fault

@@ -41,8 +41,6 @@ constexpr int poll_ms = 1000;
 constexpr int faults_max = 10;
 constexpr int fds_watched = 256;
 
-enum class Mode { warm, first_use, raises, noise };
-
 // Plans that differ only in the place of the failure.
 struct Family {
     Call call;
@@ -77,10 +75,11 @@ struct Record {
 struct Sweep {
     const Scenario *scenario;
     Mode mode;
-    std::vector<Family> families;
     unsigned seeds;
     Record *record;
     int said_fd; // takes what children write to descriptor 2
+    std::vector<End> ends{};
+    std::vector<Family> families{};
 };
 
 long points_of_program = 0;
@@ -139,9 +138,9 @@ const char *held()
     return nullptr;
 }
 
-void call(void (*step)())
+void call(const std::function<void()> &step)
 {
-    if (step != nullptr)
+    if (step)
         step();
 }
 
@@ -149,48 +148,49 @@ void call(void (*step)())
 // use is one.
 Trial disturb(const Sweep &sweep, const Plan &plan, Seen &out_seen)
 {
-    Trial trial{plan, false, 0};
-    if (sweep.mode == Mode::raises) {
-        trial.raised = ks::protect([&] {
-            begin(plan);
-            call(sweep.scenario->act);
-            out_seen = end();
-        });
-        if (trial.raised != 0) {
-            out_seen = end();
-            pfm_enable();
-        }
-    } else {
+    Trial trial{.plan = plan};
+    const auto act = [&] {
         begin(plan);
-        call(sweep.scenario->act);
-        out_seen = end();
-    }
+        errno = 0;
+        trial.is_done = sweep.scenario->act();
+        trial.error = errno;
+    };
+    if (sweep.mode == Mode::raises)
+        trial.raised = ks::protect(act);
+    else
+        act();
+    out_seen = end();
+    if (trial.raised != 0)
+        pfm_enable();
     trial.fired = out_seen.fired;
     return trial;
 }
 
-// One round; what is wrong with it, or NULL.
-const char *round(const Sweep &sweep, const Plan &plan, Seen &out_seen, Leftover &out_leftover)
+// What is wrong with a run, or NULL: the operation is done as it should be, or refused for a cause
+// with everything as it was.
+const char *judge(const Sweep &sweep, const Trial &trial)
 {
-    sweep.record->is_clean = plan.nth == 0 && plan.noise == 0;
-    (void)!ftruncate(said_to, 0);
-    (void)lseek(said_to, 0, SEEK_SET);
-    const Leftover before{blocks_outstanding(), open_fds()};
-    call(sweep.scenario->setup);
-    const Trial trial = disturb(sweep, plan, out_seen);
-    sweep.record->fired = trial.fired;
-    const char *wrong = sweep.scenario->check != nullptr ? sweep.scenario->check(trial) : nullptr;
-    if (sweep.mode == Mode::raises && trial.fired && trial.raised == 0 && take_raise() != trial.plan.answer &&
-        wrong == nullptr)
-        wrong = "the raise was lost";
-    if (wrong == nullptr)
-        wrong = held();
-    call(sweep.scenario->cleanup);
-    out_leftover = {blocks_outstanding() - before.blocks, open_fds() - before.fds};
-    return wrong;
+    const Scenario &scenario = *sweep.scenario;
+    if (const char *wrong = scenario.check ? scenario.check(trial) : nullptr; wrong != nullptr)
+        return wrong;
+    if (trial.raised != 0)
+        return nullptr;
+    if (sweep.mode == Mode::raises && trial.fired && take_raise() != trial.plan.answer)
+        return "the raise was lost";
+    if (trial.is_done && trial.fired && scenario.notices && sweep.mode != Mode::raises)
+        return "a failing call goes unseen";
+    if (trial.is_done)
+        return !scenario.gives || scenario.gives(trial) ? nullptr : "done, and not as it should be";
+    if (!trial.fired)
+        return "refused without a cause";
+    if (scenario.keeps && !scenario.keeps(trial))
+        return "refused, and not as before";
+    if (scenario.sets_errno && trial.error != (trial.plan.noise != 0 ? EINTR : trial.plan.answer))
+        return "errno is not the failing call's";
+    return !trial.failed(Call::allocation) || has_said(scenario.says) ? nullptr : "the exhaustion is not reported";
 }
 
-[[noreturn]] __attribute__((format(printf, 2, 3))) void report(const Sweep &sweep, const char *format, ...)
+[[noreturn]] [[gnu::format(printf, 2, 3)]] void report(const Sweep &sweep, const char *format, ...)
 {
     va_list args;
     va_start(args, format);
@@ -199,15 +199,42 @@ const char *round(const Sweep &sweep, const Plan &plan, Seen &out_seen, Leftover
     _exit(exit_fault);
 }
 
-void require_whole(const Sweep &sweep, const char *what, const char *wrong, const Leftover &leftover,
-                   const Leftover &allowed)
+void require_nothing_lost(const Sweep &sweep, const char *what, const Leftover &leftover, const Leftover &allowed)
 {
-    if (wrong != nullptr)
-        report(sweep, "%s: %s; it said:\n%s", what, wrong, read_said(said_to));
     if (leftover.blocks > allowed.blocks)
         report(sweep, "%s: %ld blocks lost", what, leftover.blocks - allowed.blocks);
     if (leftover.fds != allowed.fds)
         report(sweep, "%s: %d descriptors lost", what, leftover.fds - allowed.fds);
+}
+
+Leftover leftover_now()
+{
+    return {blocks_outstanding(), open_fds()};
+}
+
+Leftover leftover_since(const Leftover &before)
+{
+    return {blocks_outstanding() - before.blocks, open_fds() - before.fds};
+}
+
+// One round, which must be as it should. What is made at a first use may be left behind.
+Seen round(const Sweep &sweep, const char *what, const Plan &plan, bool may_keep = false)
+{
+    Seen seen;
+    sweep.record->is_clean = plan.nth == 0 && plan.noise == 0;
+    (void)!ftruncate(said_to, 0);
+    const Leftover before = leftover_now();
+    call(sweep.scenario->setup);
+    const Trial trial = disturb(sweep, plan, seen);
+    const char *wrong = judge(sweep, trial);
+    if (wrong == nullptr)
+        wrong = held();
+    call(sweep.scenario->cleanup);
+    if (wrong != nullptr)
+        report(sweep, "%s: %s; it said:\n%s", what, wrong, read_said(said_to));
+    if (!may_keep)
+        require_nothing_lost(sweep, what, leftover_since(before), {});
+    return seen;
 }
 
 // What a run writes to descriptor 2. Appended to, so that the lines of two threads stay whole.
@@ -230,6 +257,13 @@ void redirect(const Sweep &sweep)
     close(nowhere);
 }
 
+// The signal-handler thread answers these only when it has started.
+void await_handler_thread()
+{
+    pfm_signal_handler_chg_block_sig(SIG_BLOCK, SIGCHLD);
+    pfm_signal_handler_chg_block_sig(SIG_UNBLOCK, SIGCHLD);
+}
+
 // Does everything that the library does once.
 void start_library()
 {
@@ -237,21 +271,15 @@ void start_library()
     imsg_initialize();
     (void)imsg_print(0, &_ks_ks_msg_table, 15);
     (void)ks_tls_get();
-    // The signal-handler thread answers these only when it has started.
-    pfm_signal_handler_chg_block_sig(SIG_BLOCK, SIGCHLD);
-    pfm_signal_handler_chg_block_sig(SIG_UNBLOCK, SIGCHLD);
+    await_handler_thread();
 }
 
 // Starts the library and lets the scenario make its caches.
 void warm_up(const Sweep &sweep)
 {
     start_library();
-    Seen seen;
-    Leftover leftover;
-    for (int i = 0; i < 2; ++i) {
-        if (const char *wrong = round(sweep, {}, seen, leftover))
-            report(sweep, "undisturbed: %s; it said:\n%s", wrong, read_said(said_to));
-    }
+    for (int i = 0; i < 2; ++i)
+        (void)round(sweep, "undisturbed", {}, true);
 }
 
 Plan plan_at(const Sweep &sweep, const Cursor &cursor)
@@ -262,60 +290,43 @@ Plan plan_at(const Sweep &sweep, const Cursor &cursor)
     return {family.call, cursor.nth, family.goes_on, family.answer, 0};
 }
 
-// What the undisturbed round before all others must leave, and the calls it makes.
+// A first use, the same once more, and then all that is made once and kept: what is kept in the end
+// does not depend on what failed at the beginning.
+Leftover use_first(const Sweep &sweep, const Plan &plan, Seen &out_seen)
+{
+    const Leftover before = leftover_now();
+    out_seen = round(sweep, "disturbed", plan, true);
+    sweep.record->fired = out_seen.fired;
+    if (pfm_proc() != PFM_PROCESS_INVALID)
+        await_handler_thread(); // what fails in it belongs to this round
+    (void)round(sweep, "undisturbed behind it", {}, true);
+    start_library();
+    return leftover_since(before);
+}
+
+// What the undisturbed run before all others must leave, and the calls it makes.
 void run_clean(const Sweep &sweep)
 {
-    warm_up(sweep);
-    Leftover leftover;
-    const char *wrong = round(sweep, {}, sweep.record->seen, leftover);
-    require_whole(sweep, "undisturbed", wrong, leftover, {});
-    _exit(0);
+    Record &record = *sweep.record;
+    if (sweep.mode == Mode::first_use) {
+        record.leftover = use_first(sweep, {}, record.seen);
+    } else {
+        warm_up(sweep);
+        record.seen = round(sweep, "undisturbed", {});
+    }
 }
 
 void run_disturbed(const Sweep &sweep, const Plan &plan)
 {
     Record &record = *sweep.record;
     Seen seen;
-    Leftover leftover;
-    const char *wrong = round(sweep, plan, seen, leftover);
-    require_whole(sweep, "disturbed", wrong, leftover, {});
-    if (!record.fired)
-        return;
-    wrong = round(sweep, {}, seen, leftover);
-    require_whole(sweep, "undisturbed behind it", wrong, leftover, {});
-    record.fired = true;
-}
-
-// A first use, the same once more, and then all that is made once and kept: what is kept in the end
-// does not depend on what failed at the beginning.
-void use_first(const Sweep &sweep, const Plan &plan, Seen &out_seen, Leftover &out_leftover)
-{
-    Record &record = *sweep.record;
-    const Leftover before{blocks_outstanding(), open_fds()};
-    Leftover ignored;
-    const char *wrong = round(sweep, plan, out_seen, ignored);
-    const bool fired = record.fired;
-    require_whole(sweep, "disturbed", wrong, {}, {});
-    Seen seen;
-    wrong = round(sweep, {}, seen, ignored);
-    require_whole(sweep, "undisturbed behind it", wrong, {}, {});
-    start_library();
-    out_leftover = {blocks_outstanding() - before.blocks, open_fds() - before.fds};
-    record.fired = fired;
-}
-
-void run_first_use_clean(const Sweep &sweep)
-{
-    use_first(sweep, {}, sweep.record->seen, sweep.record->leftover);
-    _exit(0);
-}
-
-void run_first_use(const Sweep &sweep, const Plan &plan)
-{
-    Seen seen;
-    Leftover leftover;
-    use_first(sweep, plan, seen, leftover);
-    require_whole(sweep, "in the end", nullptr, leftover, sweep.record->leftover);
+    if (sweep.mode == Mode::first_use) {
+        require_nothing_lost(sweep, "in the end", use_first(sweep, plan, seen), record.leftover);
+    } else {
+        record.fired = round(sweep, "disturbed", plan).fired;
+        if (record.fired)
+            (void)round(sweep, "undisturbed behind it", {});
+    }
 }
 
 // False when the sweep is over.
@@ -345,17 +356,15 @@ void count(const Sweep &sweep, const Cursor &cursor)
 void run_from_cursor(const Sweep &sweep)
 {
     Record &record = *sweep.record;
-    if (sweep.mode == Mode::first_use) {
-        run_first_use(sweep, plan_at(sweep, record.cursor));
-        count(sweep, record.cursor);
-        _exit(0);
-    }
-    warm_up(sweep);
-    do {
+    const bool is_first_use = sweep.mode == Mode::first_use; // one run in a process
+    if (!is_first_use)
+        warm_up(sweep);
+    bool goes_on = true;
+    while (goes_on) {
         run_disturbed(sweep, plan_at(sweep, record.cursor));
         count(sweep, record.cursor);
-    } while (advance(sweep, record.cursor, record.fired));
-    _exit(0);
+        goes_on = !is_first_use && advance(sweep, record.cursor, record.fired);
+    }
 }
 
 // --- In the test's process ---
@@ -399,6 +408,7 @@ Outcome run_child(const Sweep &sweep, void (*body)(const Sweep &))
     if (pid == 0) {
         redirect(sweep);
         body(sweep);
+        _exit(0);
     }
     return wait_for(pid, *sweep.record);
 }
@@ -468,7 +478,7 @@ bool is_documented(const Sweep &sweep, const Outcome &outcome, std::set<const En
     // An abort without a word is what none of the others explains.
     const Call call = plan_at(sweep, sweep.record->cursor).call;
     const End *found = nullptr;
-    for (const End &end : sweep.scenario->ends) {
+    for (const End &end : sweep.ends) {
         if (is_end(end, call, text) && (found == nullptr || (*found->text == '\0' && *end.text != '\0')))
             found = &end;
     }
@@ -495,6 +505,8 @@ std::string fate_text(const Sweep &sweep, const Outcome &outcome)
 
 void make_families(Sweep &sweep)
 {
+    if (sweep.mode == Mode::noise)
+        return sweep.families.push_back({});
     for (std::size_t i = 0; i < call_kinds; ++i) {
         const Call kind = static_cast<Call>(i);
         const auto &spared = sweep.scenario->spared;
@@ -508,12 +520,14 @@ void make_families(Sweep &sweep)
                 sweep.families.push_back({kind, answer, true});
         }
     }
+    EXPECT_TRUE(!sweep.families.empty() || !can_fail_allocations()) << sweep.scenario->name << ": nothing to disturb";
 }
 
 void report_unmet_ends(const Sweep &sweep, const std::set<const End *> &met)
 {
-    for (const End &end : sweep.scenario->ends) {
-        if (met.count(&end) == 0 && !end.is_rare && (end.call != Call::allocation || can_fail_allocations()))
+    for (const End &end : sweep.ends) {
+        const bool can_fail = end.call != Call::allocation || can_fail_allocations();
+        if (met.count(&end) == 0 && !end.is_rare && can_fail)
             ADD_FAILURE() << sweep.scenario->name << ": no failure of " << name_of(end.call) << " ends it with \""
                           << end.text << '"';
     }
@@ -539,87 +553,52 @@ void run_all(Sweep &sweep)
         }
         goes_on = advance(sweep, record.cursor, record.fired);
     }
-    if (faults == 0)
+    if (faults == 0 && (sweep.mode == Mode::warm || sweep.mode == Mode::first_use))
         report_unmet_ends(sweep, met);
     points_of_program += record.points;
     runs_of_program += record.runs;
 }
 
-void run_sweep(const Scenario &scenario, Mode mode, unsigned seeds = 0)
-{
-    void *page = mmap(nullptr, sizeof(Record), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-    ASSERT_NE(page, MAP_FAILED);
-    Sweep sweep{&scenario, mode, {}, seeds, new (page) Record, make_said_file()};
-    ASSERT_GE(sweep.said_fd, 0);
-    const Outcome outcome = run_child(sweep, mode == Mode::first_use ? run_first_use_clean : run_clean);
-    if (outcome.fate != Fate::ended) {
-        ADD_FAILURE() << scenario.name << ", undisturbed: " << fate_text(sweep, outcome);
-    } else {
-        if (mode == Mode::noise)
-            sweep.families.push_back({});
-        else
-            make_families(sweep);
-        EXPECT_TRUE(!sweep.families.empty() || !can_fail_allocations()) << scenario.name << ": nothing to disturb";
-        if (!sweep.families.empty())
-            run_all(sweep);
-    }
-    close(sweep.said_fd);
-    munmap(page, sizeof(Record));
-}
+// The ends that a start of the library is documented to have. Any first use may contain one.
+const End ends_of_start[] = {
+    // The thread's fault block and library block.
+    {Call::allocation, " (pfm): [P#][T#]Unable to set PFM TLS #\n", true},
+    {Call::key, " (pfm): [P#][T#]Unable to set PFM TLS #\n", true},
+    {Call::allocation, "area != STG_AREA_NULL at 'vlthread':1670\n", true},
+    {Call::mutex, "area != STG_AREA_NULL at 'vlthread':1670\n", true},
+    {Call::allocation, "***ABORT***  'include/tls_impl':140\n", true},
+    {Call::key, "***ABORT***  'include/tls_impl':140\n", true},
+    // The entry on the state list, the signal-handler thread and what it waits on.
+    {Call::allocation, "", true},
+    {Call::thread, "", true},
+    {Call::eventfd, "", true},
+    // What the fault manager cannot be without.
+    {Call::pipe, "(pfm_setup_pipe(pfm_notify_pipe, FALSE, FALSE) == 0) failed: 'lib/ks/pfm':1859\n", true},
+    {Call::at_exit, "(atexit(pfm_atexit_handler) == 0) failed: 'lib/ks/pfm':#\n", true},
+    {Call::allocation,
+     "vlthread_atfork(hold_modules, release_modules, release_modules_in_child) == 0 at 'vlthread':#\n", true},
+    {Call::allocation,
+     "(vlthread_atfork(pfm_thread_fork_prepare, NULL, pfm_thread_fork_child) == 0) failed: 'lib/ks/pfm':#\n", true},
+};
 
 } // namespace
 
-std::vector<End> ends_of_start(std::vector<End> others)
+void run_sweep(const Scenario &scenario, Mode mode, unsigned seeds)
 {
-    const char *no_fault_block = " (pfm): [P#][T#]Unable to set PFM TLS #\n";
-    const char *no_area = "area != STG_AREA_NULL at 'vlthread':1670\n";
-    const char *no_block = "***ABORT***  'include/tls_impl':140\n";
-    for (const End &end : {
-             // The thread's fault block and library block.
-             End{Call::allocation, no_fault_block, true},
-             End{Call::key, no_fault_block, true},
-             End{Call::allocation, no_area, true},
-             End{Call::mutex, no_area, true},
-             End{Call::allocation, no_block, true},
-             End{Call::key, no_block, true},
-             // The entry on the state list, the signal-handler thread and what it waits on.
-             End{Call::allocation, "", true},
-             End{Call::thread, "", true},
-             End{Call::eventfd, "", true},
-             // What the fault manager cannot be without.
-             End{Call::pipe, "(pfm_setup_pipe(pfm_notify_pipe, FALSE, FALSE) == 0) failed: 'lib/ks/pfm':1859\n", true},
-             End{Call::at_exit, "(atexit(pfm_atexit_handler) == 0) failed: 'lib/ks/pfm':#\n", true},
-             End{Call::allocation,
-                 "vlthread_atfork(hold_modules, release_modules, release_modules_in_child) == 0 at "
-                 "'vlthread':#\n",
-                 true},
-             End{Call::allocation,
-                 "(vlthread_atfork(pfm_thread_fork_prepare, NULL, pfm_thread_fork_child) == 0) "
-                 "failed: 'lib/ks/pfm':#\n",
-                 true},
-         })
-        others.push_back(end);
-    return others;
-}
-
-void sweep(const Scenario &scenario)
-{
-    run_sweep(scenario, Mode::warm);
-}
-
-void sweep_first_use(const Scenario &scenario)
-{
-    run_sweep(scenario, Mode::first_use);
-}
-
-void sweep_raises(const Scenario &scenario)
-{
-    run_sweep(scenario, Mode::raises);
-}
-
-void sweep_noise(const Scenario &scenario, unsigned seeds)
-{
-    run_sweep(scenario, Mode::noise, seeds);
+    void *page = mmap(nullptr, sizeof(Record), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    ASSERT_NE(page, MAP_FAILED);
+    Sweep sweep{&scenario, mode, seeds, new (page) Record, make_said_file(), scenario.ends};
+    ASSERT_GE(sweep.said_fd, 0);
+    if (mode == Mode::first_use)
+        sweep.ends.insert(sweep.ends.end(), std::begin(ends_of_start), std::end(ends_of_start));
+    if (const Outcome outcome = run_child(sweep, run_clean); outcome.fate != Fate::ended)
+        ADD_FAILURE() << scenario.name << ", undisturbed: " << fate_text(sweep, outcome);
+    else
+        make_families(sweep);
+    if (!sweep.families.empty())
+        run_all(sweep);
+    close(sweep.said_fd);
+    munmap(page, sizeof(Record));
 }
 
 int32_t take_raise()

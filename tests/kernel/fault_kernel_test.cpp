@@ -15,7 +15,6 @@
 #include <csignal>
 #include <cstdio>
 #include <cstring>
-#include <iterator>
 
 #include <sched.h>
 #include <sys/wait.h>
@@ -26,228 +25,162 @@
 namespace {
 
 using test::fault::Call;
-using test::fault::End;
-using test::fault::ends_of_start;
 using test::fault::has_said;
-using test::fault::Scenario;
+using test::fault::Operation;
 using test::fault::Trial;
 
 constexpr const char *no_fault_block = " (pfm): [P#][T#]Unable to set PFM TLS #\n";
+constexpr const char *no_area = "area != STG_AREA_NULL at 'vlthread':1670\n";
 constexpr const char *no_pipe =
     "PFM_ASSERT:(pfm_setup_pipe(pfm_notify_pipe, FALSE, FALSE) == 0) failed: 'lib/ks/pfm':1859\n";
 constexpr const char *no_entry =
     "PFM_ASSERT:((new = (struct on_exit_entry *)malloc(sizeof(struct on_exit_entry))) != NULL) failed: "
     "'lib/ks/pfm':801\n";
-constexpr const char *no_exit_handler = "PFM_ASSERT:(atexit(pfm_atexit_handler) == 0) failed: 'lib/ks/pfm':#\n";
-constexpr const char *no_fork_handlers =
-    "vlthread_atfork(hold_modules, release_modules, release_modules_in_child) == 0 at 'vlthread':#\n";
-constexpr const char *no_pfm_fork_handlers =
-    "PFM_ASSERT:(vlthread_atfork(pfm_thread_fork_prepare, NULL, pfm_thread_fork_child) == 0) failed: "
-    "'lib/ks/pfm':#\n";
 
-// What a start of the fault manager ends with.
-std::vector<End> ends_of_manager(std::vector<End> others = {})
+// Calls that give an error number: it becomes the errno that the harness looks at.
+bool is_done(int error_number)
 {
-    const End ends[] = {
-        {Call::pipe, no_pipe},
-        {Call::at_exit, no_exit_handler},
-        {Call::allocation, no_fork_handlers},
-        {Call::allocation, no_pfm_fork_handlers},
-        {Call::allocation, no_fault_block},
-        {Call::key, no_fault_block},
-        {Call::allocation, ""}, // the entry on the state list, and the start of the signal-handler thread
-        {Call::thread, ""},
-        {Call::eventfd, ""},
-    };
-    others.insert(others.end(), std::begin(ends), std::end(ends));
-    return others;
+    errno = error_number;
+    return error_number == 0;
 }
-
-int result = 0;
-int error = 0;
 
 // --- Thread layer ---
 
 vlthread_t thread{};
 std::atomic<bool> is_released{false};
 int runs_of_thread = 0;
-void *value_of_thread = nullptr;
 
-const Scenario threads{
-    .name = "vlthread_create, vlthread_join",
-    .setup =
-        [] {
-            runs_of_thread = 0;
-            is_released = false;
-        },
-    .act =
-        [] {
-            result = vlthread_create(
-                &thread, nullptr,
-                [](void *argument) {
-                    while (!is_released) // so that its calls come after the creator's
-                        (void)sched_yield();
-                    ++runs_of_thread;
-                    return argument;
-                },
-                &result);
-            is_released = true;
-            if (result == 0)
-                error = vlthread_join(thread, &value_of_thread);
-        },
-    .check = [](const Trial &trial) -> const char * {
-        if (result == 0)
-            return error == 0 && runs_of_thread == 1 && value_of_thread == &result ? nullptr : "the thread did not run";
-        if (!trial.fired || runs_of_thread != 0)
-            return "refused without a cause";
-        return result == trial.plan.answer || result == EAGAIN ? nullptr : "not the error of the failing call";
-    },
-    .ends = {{Call::allocation, ""}, {Call::allocation, no_fault_block}, {Call::key, no_fault_block}},
-};
-
-long blocks_kept = 0;
+void *start_of_thread(void *argument)
+{
+    while (!is_released) // so that its calls come after the creator's
+        (void)sched_yield();
+    ++runs_of_thread;
+    return argument;
+}
 
 TEST(FaultThreads, CreationAndHandlers)
 {
-    test::fault::sweep(threads);
-    test::fault::sweep_first_use({
-        .name = "vlthread_atfork",
-        .act =
-            [] {
-                blocks_kept = -test::fault::blocks_outstanding();
-                result = vlthread_atfork([](int) {}, [](int) {}, [](int) {});
-                blocks_kept += test::fault::blocks_outstanding();
-            },
-        .check = [](const Trial &trial) -> const char * {
-            if (!test::fault::can_fail_allocations())
-                return nullptr;
-            if (result == 0)
-                return blocks_kept == 3 ? nullptr : "not all handlers are registered";
-            return trial.fired && result == ENOMEM && blocks_kept == 0 ? nullptr : "half registered";
-        },
-    });
+    void *value = nullptr;
+    Operation("vlthread_create, vlthread_join")
+        .setup([] {
+            runs_of_thread = 0;
+            is_released = false;
+        })
+        .act([&] {
+            const int error = vlthread_create(&thread, nullptr, start_of_thread, &thread);
+            is_released = true;
+            return is_done(error) && is_done(vlthread_join(thread, &value));
+        })
+        .gives([&] { return runs_of_thread == 1 && value == &thread; })
+        .keeps([](const Trial &trial) {
+            return runs_of_thread == 0 && (trial.error == trial.plan.answer || trial.error == EAGAIN);
+        })
+        .ends({{Call::allocation, ""}, {Call::allocation, no_fault_block}, {Call::key, no_fault_block}})
+        .sweep();
+    long blocks_kept = 0;
+    Operation("vlthread_atfork")
+        .act([&] {
+            blocks_kept = -test::fault::blocks_outstanding();
+            const int error = vlthread_atfork([](int) {}, [](int) {}, [](int) {});
+            blocks_kept += test::fault::blocks_outstanding();
+            return is_done(error);
+        })
+        .gives([&] { return blocks_kept == 3 || !test::fault::can_fail_allocations(); })
+        .keeps([&] { return blocks_kept == 0; })
+        .sets_errno()
+        .sweep_first_use();
 }
 
 vlthread_mutex_t mutex;
-vlthread_key_t key;
-void *tls_block = nullptr;
 
 TEST(FaultThreads, MutexesKeysAndBlocks)
 {
-    test::fault::sweep({
-        .name = "vlthread_mutex_init",
-        .act = [] { result = vlthread_mutex_init(&mutex); },
-        .check = [](const Trial &trial) -> const char * {
-            return result == (trial.fired ? trial.plan.answer : 0) ? nullptr : "not the error of the failing call";
-        },
-        .cleanup = [] { (void)vlthread_mutex_destroy(&mutex); },
-    });
-    test::fault::sweep({
-        .name = "vlthread_key_create, vlthread_set_tls",
-        .act =
-            [] {
-                result = vlthread_key_create(&key, nullptr);
-                if (result != 0)
-                    return;
-                result = vlthread_set_tls(key, &result);
-                (void)vlthread_key_delete(key);
-            },
-        .check = [](const Trial &trial) -> const char * {
-            return result == (trial.fired ? trial.plan.answer : 0) ? nullptr : "not the error of the failing call";
-        },
-    });
-    const Scenario blocks{
-        .name = "vlthread_alloc_tls",
-        .act = [] { tls_block = vlthread_alloc_tls(200); },
-        .check = [](const Trial &trial) -> const char * {
-            return (tls_block != nullptr) == !trial.fired ? nullptr : "the block does not tell of the failure";
-        },
-        .cleanup = [] { vlthread_free_tls(tls_block); },
-        .ends = {{Call::allocation, "area != STG_AREA_NULL at 'vlthread':1670\n"},
-                 {Call::mutex, "area != STG_AREA_NULL at 'vlthread':1670\n"}},
-    };
-    test::fault::sweep(blocks);
-    test::fault::sweep_first_use({
-        .name = "ks_tls_get",
-        .act = [] { (void)ks_tls_get(); },
-        .ends = ends_of_start({
-            {Call::allocation, "***ABORT***  'include/tls_impl':140\n"},
-            {Call::key, "***ABORT***  'include/tls_impl':140\n"},
-            {Call::allocation, "area != STG_AREA_NULL at 'vlthread':1670\n"},
-            {Call::mutex, "area != STG_AREA_NULL at 'vlthread':1670\n"},
-        }),
-    });
+    Operation("vlthread_mutex_init")
+        .act([] { return is_done(vlthread_mutex_init(&mutex)); })
+        .cleanup([] { (void)vlthread_mutex_destroy(&mutex); })
+        .notices()
+        .sets_errno()
+        .sweep();
+    Operation("vlthread_key_create, vlthread_set_tls")
+        .act([] {
+            vlthread_key_t key;
+            if (!is_done(vlthread_key_create(&key, nullptr)))
+                return false;
+            const int error = vlthread_set_tls(key, &mutex);
+            (void)vlthread_key_delete(key);
+            return is_done(error);
+        })
+        .notices()
+        .sets_errno()
+        .sweep();
+    void *block = nullptr;
+    Operation("vlthread_alloc_tls")
+        .act([&] { return (block = vlthread_alloc_tls(200)) != nullptr; })
+        .cleanup([&] { vlthread_free_tls(block); })
+        .notices()
+        .ends({{Call::allocation, no_area}, {Call::mutex, no_area}})
+        .sweep();
+    Operation("ks_tls_get")
+        .act([] { (void)ks_tls_get(); })
+        .ends({{Call::allocation, "***ABORT***  'include/tls_impl':140\n"},
+               {Call::key, "***ABORT***  'include/tls_impl':140\n"},
+               {Call::allocation, no_area},
+               {Call::mutex, no_area}})
+        .sweep_first_use();
 }
 
 TEST(FaultThreads, SleepAndCriticalSection)
 {
-    test::fault::sweep({.name = "vlthread_sleep",
-                        .act = [] { result = vlthread_sleep(2); },
-                        .check = [](const Trial &) { return result == 0 ? nullptr : "not asleep"; }});
-    const Scenario section{
-        .name = "vlthread_enter_critical_section",
-        .act =
-            [] {
-                vlthread_enter_critical_section();
-                vlthread_enter_critical_section();
-                vlthread_leave_critical_section();
-                vlthread_leave_critical_section();
-            },
-        .check = [](const Trial &) { return vlthread_attached_tid() == 0 ? nullptr : "still attached"; },
-        .cleanup = [] { (void)vlthread_try_attach_lib(); },
-        .ends = ends_of_start(),
-    };
-    test::fault::sweep(section);
-    test::fault::sweep_first_use(section);
+    Operation("vlthread_sleep").act([] { (void)vlthread_sleep(2); }).sweep();
+    Operation("vlthread_enter_critical_section")
+        .act([] {
+            vlthread_enter_critical_section();
+            vlthread_enter_critical_section();
+            vlthread_leave_critical_section();
+            vlthread_leave_critical_section();
+        })
+        .gives([] { return vlthread_attached_tid() == 0; })
+        .cleanup([] { (void)vlthread_try_attach_lib(); })
+        .sweep()
+        .sweep_first_use();
 }
 
 // --- Start and end of the fault manager ---
 
 TEST(FaultManager, Start)
 {
-    test::fault::sweep_first_use({.name = "pfm_init", .act = [] { pfm_init(); }, .ends = ends_of_manager()});
-    test::fault::sweep_first_use({
-        .name = "ks_system_init",
-        .act = [] { (void)ks_system_init(); },
-        .check = [](const Trial &) { return vlthread_try_attach_lib() == 0 ? nullptr : "not attached"; },
-        .ends = ends_of_manager(),
-    });
+    Operation("pfm_init").act([] { pfm_init(); }).ends({{Call::pipe, no_pipe}}).sweep_first_use();
+    Operation("ks_system_init")
+        .act([] { (void)ks_system_init(); })
+        .gives([] { return vlthread_try_attach_lib() == 0; })
+        .sweep_first_use();
 }
-
-int exit_status = 0;
-int on_exit_calls = 0;
 
 TEST(FaultManager, ExitAndNewStart)
 {
-    test::fault::sweep_first_use({
-        .name = "pfm_on_exit",
-        .setup =
-            [] {
-                pfm_init();
-                // Answered only by a signal-handler thread that has started.
-                pfm_signal_handler_chg_block_sig(SIG_BLOCK, SIGCHLD);
-                pfm_signal_handler_chg_block_sig(SIG_UNBLOCK, SIGCHLD);
-            },
-        .act = [] { pfm_on_exit([](int, void *) {}, nullptr); },
-        .ends = {{Call::allocation, no_entry}},
-    });
-    test::fault::sweep_first_use({
-        .name = "pfm_on_exit, pfm_exit",
-        .setup =
-            [] {
-                exit_status = 0;
-                on_exit_calls = 0;
-            },
-        .act =
-            [] {
-                pfm_init();
-                (void)pfm_set_exit([](int status) { exit_status = status; });
-                pfm_on_exit([](int status, void *) { on_exit_calls += status; }, nullptr);
-                pfm_exit(7);
-            },
-        .check = [](const Trial &) { return exit_status == 7 && on_exit_calls == 7 ? nullptr : "no orderly end"; },
-        .ends = ends_of_start({{Call::allocation, no_entry, true}}),
-    });
+    Operation("pfm_on_exit")
+        .setup([] {
+            pfm_init();
+            // Answered only by a signal-handler thread that has started.
+            pfm_signal_handler_chg_block_sig(SIG_BLOCK, SIGCHLD);
+            pfm_signal_handler_chg_block_sig(SIG_UNBLOCK, SIGCHLD);
+        })
+        .act([] { pfm_on_exit([](int, void *) {}, nullptr); })
+        .ends({{Call::allocation, no_entry}})
+        .sweep_first_use();
+    static int exit_status;
+    static int on_exit_status;
+    Operation("pfm_on_exit, pfm_exit")
+        .setup([] { exit_status = on_exit_status = 0; })
+        .act([] {
+            pfm_init();
+            (void)pfm_set_exit([](int status) { exit_status = status; });
+            pfm_on_exit([](int status, void *) { on_exit_status += status; }, nullptr);
+            pfm_exit(7);
+        })
+        .gives([] { return exit_status == 7 && on_exit_status == 7; })
+        .ends({{Call::allocation, no_entry, true}})
+        .sweep_first_use();
 }
 
 // --- Notification and waiting ---
@@ -258,61 +191,51 @@ bool is_reported(const Trial &trial)
     if (trial.plan.answer == test::fault::answer_short)
         return has_said("Warning: Notify send failed, 2 of 4 bytes sent.\n");
     char text[256];
-    snprintf(text, sizeof text, "Warning: Notify send failed, error %d (%s)\n", trial.plan.answer,
-             strerror(trial.plan.answer));
+    std::snprintf(text, sizeof text, "Warning: Notify send failed, error %d (%s)\n", trial.plan.answer,
+                  strerror(trial.plan.answer));
     return has_said(text);
 }
 
 TEST(FaultManager, Notice)
 {
-    test::fault::sweep({
-        .name = "pfm_notify_vl_thread",
-        .act = [] { pfm_notify_vl_thread(4); },
-        .check = [](const Trial &trial) -> const char * {
-            if (test::fault::take_raise() != 4)
-                return "the raise is lost with its notice";
-            return !trial.fired || is_reported(trial) ? nullptr : "no warning";
-        },
-    });
+    Operation("pfm_notify_vl_thread")
+        .act([] { pfm_notify_vl_thread(4); })
+        .gives(
+            [](const Trial &trial) { return test::fault::take_raise() == 4 && (!trial.fired || is_reported(trial)); })
+        .sweep();
 }
 
 TEST(FaultManager, InterruptibleWait)
 {
-    const Scenario wait{
-        .name = "pfm_select_inhibited",
-        .act =
-            [] {
-                timeval none{0, 0};
-                pfm_inhibit();
-                errno = 0;
-                result = pfm_select_inhibited(0, nullptr, nullptr, nullptr, &none);
-                error = errno;
-                pfm_enable();
-            },
-        .check = [](const Trial &trial) -> const char * {
+    int result = 0;
+    Operation("pfm_select_inhibited")
+        .act([&] {
+            timeval none{0, 0};
+            pfm_inhibit();
+            result = pfm_select_inhibited(0, nullptr, nullptr, nullptr, &none);
+            const int error = errno;
+            pfm_enable();
+            errno = error;
+        })
+        .gives([&](const Trial &trial) {
             if (trial.failed(Call::select))
-                return result == -1 && error == trial.plan.answer ? nullptr : "not the result of select()";
-            return trial.fired || result == 0 ? nullptr : "nothing happened, and something was reported";
-        },
-    };
-    test::fault::sweep(wait);
-    test::fault::sweep_raises(wait);
-    test::fault::sweep({
-        .name = "pfm_select_inhibited with a raise pending",
-        .setup = [] { pfm_notify_vl_thread(4); },
-        .act =
-            [] {
-                ++pfm_tls_get()->pfm_inh_count; // pfm_inhibit() would take the raise
-                result = pfm_select_inhibited(0, nullptr, nullptr, nullptr, nullptr);
-                error = errno;
-                --pfm_tls_get()->pfm_inh_count;
-            },
-        .check = [](const Trial &trial) -> const char * {
-            if (result != -1 || error != (trial.failed(Call::select) ? trial.plan.answer : EINTR))
-                return "not interrupted";
-            return test::fault::take_raise() == 4 ? nullptr : "the raise is lost";
-        },
-    });
+                return result == -1 && trial.error == trial.plan.answer;
+            return trial.fired || result == 0;
+        })
+        .sweep()
+        .sweep_raises();
+    Operation("pfm_select_inhibited with a raise pending")
+        .setup([] { pfm_notify_vl_thread(4); })
+        .act([&] {
+            ++pfm_tls_get()->pfm_inh_count; // pfm_inhibit() would take the raise
+            result = pfm_select_inhibited(0, nullptr, nullptr, nullptr, nullptr);
+            --pfm_tls_get()->pfm_inh_count;
+        })
+        .gives([&](const Trial &trial) {
+            const int error = trial.failed(Call::select) ? trial.plan.answer : EINTR;
+            return result == -1 && trial.error == error && test::fault::take_raise() == 4;
+        })
+        .sweep();
 }
 
 // --- Signals ---
@@ -323,95 +246,64 @@ void second_handler(int) {}
 
 TEST(FaultManager, SignalRegistration)
 {
-    static pfm_signal_t previous = SIG_DFL;
-    test::fault::sweep({
-        .name = "pfm_signal",
-        .setup = [] { (void)pfm_signal(SIGUSR1, first_handler); },
-        .act =
-            [] {
-                errno = 0;
-                previous = pfm_signal(SIGUSR1, second_handler);
-                error = errno;
-            },
-        .check = [](const Trial &trial) -> const char * {
-            if (trial.fired && (previous != SIG_ERR || error != EINVAL))
-                return "the refusal is not reported";
-            if (!trial.fired && previous != first_handler)
-                return "not the handler before";
-            const pfm_signal_t now = pfm_signal(SIGUSR1, SIG_DFL);
-            return now == (trial.fired ? first_handler : second_handler) ? nullptr : "half registered";
-        },
-    });
-    test::fault::sweep({
-        .name = "pfm_signal_handler_chg_block_sig",
-        .act =
-            [] {
-                pfm_signal_handler_chg_block_sig(SIG_BLOCK, SIGCHLD);
-                pfm_signal_handler_chg_block_sig(SIG_UNBLOCK, SIGCHLD);
-            },
-    });
+    pfm_signal_t previous = SIG_DFL;
+    const auto is_registered = [](pfm_signal_t handler) { return pfm_signal(SIGUSR1, SIG_DFL) == handler; };
+    Operation("pfm_signal")
+        .setup([] { (void)pfm_signal(SIGUSR1, first_handler); })
+        .act([&] { return (previous = pfm_signal(SIGUSR1, second_handler)) != SIG_ERR; })
+        .gives([&] { return previous == first_handler && is_registered(second_handler); })
+        .keeps([&] { return is_registered(first_handler); })
+        .notices()
+        .sets_errno()
+        .sweep();
+    Operation("pfm_signal_handler_chg_block_sig")
+        .act([] {
+            pfm_signal_handler_chg_block_sig(SIG_BLOCK, SIGCHLD);
+            pfm_signal_handler_chg_block_sig(SIG_UNBLOCK, SIGCHLD);
+        })
+        .sweep();
 }
 
 // --- Raises ---
 
+// Ends with the raise that `inner` ended with.
+void pass_on(const int32_t status)
+{
+    if (status != 0)
+        pfm_raise(status);
+}
+
 TEST(FaultManager, RaisesAtEveryCheck)
 {
-    test::fault::sweep_raises({
-        .name = "inhibits",
-        .act =
-            [] {
-                pfm_inhibit();
-                pfm_inhibit_suspend();
-                (void)pfm_inhibit_count();
-                pfm_enable_suspend();
-                (void)pfm_inhibit_suspend_count();
-                pfm_enable();
-                pfm_test_raise(nullptr);
-            },
-    });
-    static int caught = 0;
-    test::fault::sweep_raises({
-        .name = "records in records",
-        .setup = [] { caught = 0; },
-        .act =
-            [] {
-                const int32_t status = ks::protect([] {
-                    const int32_t inner = ks::protect([] { pfm_test_raise(nullptr); });
-                    if (inner != 0) {
-                        ++caught;
-                        pfm_raise(inner);
-                    }
-                });
-                if (status != 0) {
-                    ++caught;
-                    pfm_raise(status);
-                }
-            },
-        .check = [](const Trial &trial) -> const char * {
-            return trial.fired == (trial.raised == 4) ? nullptr : "the raise did not reach the outer record";
-        },
-    });
-    test::fault::sweep_raises({
-        .name = "a counted lock",
-        .setup = [] { (void)vlthread_mutex_init(&mutex); },
-        .act =
-            [] {
-                const ks::LockGuard lock(mutex);
-                pfm_test_raise(nullptr); // the lock holds it off
-                pfm_inhibit();
-                pfm_enable();
-            },
-        .check = [](const Trial &trial) { return trial.raised == 0 ? nullptr : "delivered under a lock"; },
-        .cleanup = [] { (void)vlthread_mutex_destroy(&mutex); },
-    });
+    Operation("inhibits")
+        .act([] {
+            pfm_inhibit();
+            pfm_inhibit_suspend();
+            (void)pfm_inhibit_count();
+            pfm_enable_suspend();
+            (void)pfm_inhibit_suspend_count();
+            pfm_enable();
+            pfm_test_raise(nullptr);
+        })
+        .sweep_raises();
+    Operation("records in records")
+        .act([] { pass_on(ks::protect([] { pass_on(ks::protect([] { pfm_test_raise(nullptr); })); })); })
+        .check([](const Trial &trial) { return trial.fired == (trial.raised == 4) ? nullptr : "it stopped inside"; })
+        .sweep_raises();
+    Operation("a counted lock")
+        .setup([] { (void)vlthread_mutex_init(&mutex); })
+        .act([] {
+            const ks::LockGuard lock(mutex);
+            pfm_test_raise(nullptr); // the lock holds it off
+            pfm_inhibit();
+            pfm_enable();
+        })
+        .check([](const Trial &trial) { return trial.raised == 0 ? nullptr : "delivered under a lock"; })
+        .cleanup([] { (void)vlthread_mutex_destroy(&mutex); })
+        .sweep_raises();
 }
 
 // --- Fork ---
-
-pid_t child = -1;
-pid_t waited = -1;
-int child_status = 0;
-int kind_of_fork = 0;
 
 // What a child of any kind can do.
 [[noreturn]] void live_in_child()
@@ -424,40 +316,38 @@ int kind_of_fork = 0;
     _exit(pfm_get_notify_channel() >= 0 ? 0 : 1);
 }
 
-const char *check_fork(const Trial &trial)
+// A child ends well, or aborts for want of what it cannot be without.
+bool is_end_of_child(const Trial &trial, int status)
 {
-    if (child < 0)
-        return trial.failed(Call::fork) && error == trial.plan.answer ? nullptr : "refused without a cause";
-    if (waited != child)
-        return "no child";
-    const int status = child_status;
-    if (WIFSIGNALED(status)) {
-        const bool is_named = (trial.failed(Call::pipe) && has_said(no_pipe)) || trial.failed(Call::eventfd) ||
-                              trial.failed(Call::thread) || trial.failed(Call::key) || trial.failed(Call::allocation) ||
-                              trial.failed(Call::mutex);
-        return WTERMSIG(status) == SIGABRT && is_named ? nullptr : "the child ended by a signal";
-    }
-    return WEXITSTATUS(status) == 0 ? nullptr : "the child cannot go on";
+    if (!WIFSIGNALED(status))
+        return WEXITSTATUS(status) == 0;
+    const bool lacks_pipe = trial.failed(Call::pipe) && has_said(no_pipe);
+    bool lacks_other = false;
+    for (const Call call : {Call::eventfd, Call::thread, Call::key, Call::allocation, Call::mutex})
+        lacks_other = lacks_other || trial.failed(call);
+    return WTERMSIG(status) == SIGABRT && (lacks_pipe || lacks_other);
 }
 
 TEST(FaultManager, Fork)
 {
-    static constexpr void (*set_kind[])() = {[] { kind_of_fork = 0; }, [] { kind_of_fork = 1; },
-                                             [] { kind_of_fork = 2; }, [] { kind_of_fork = 3; }};
-    for (auto *setup : set_kind) {
-        test::fault::sweep({
-            .name = "vlthread_fork",
-            .setup = setup,
-            .act =
-                [] {
-                    child = vlthread_fork(kind_of_fork);
-                    error = errno;
-                    if (child == 0)
-                        live_in_child();
-                    waited = waitpid(child, &child_status, 0);
-                },
-            .check = check_fork,
-        });
+    for (int kind = 0; kind <= 3; ++kind) {
+        pid_t child = -1;
+        pid_t waited = -1;
+        int status = 0;
+        Operation("vlthread_fork")
+            .act([&] {
+                child = vlthread_fork(kind);
+                const int error = errno;
+                if (child == 0)
+                    live_in_child();
+                waited = waitpid(child, &status, 0);
+                errno = error;
+                return child > 0;
+            })
+            .gives([&](const Trial &trial) { return waited == child && is_end_of_child(trial, status); })
+            .keeps([](const Trial &trial) { return trial.failed(Call::fork); })
+            .sets_errno()
+            .sweep();
     }
 }
 

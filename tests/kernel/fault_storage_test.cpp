@@ -2,7 +2,6 @@
 #include "harness/fault_sweep.h"
 
 #include <korvaks/list.h>
-#include <korvaks/llist.h>
 #include <korvaks/stack.h>
 #include <korvaks/stg.h>
 
@@ -15,150 +14,100 @@ namespace {
 
 using test::fault::Call;
 using test::fault::has_said;
-using test::fault::Scenario;
+using test::fault::Operation;
 using test::fault::Trial;
 
 constexpr const char *no_memory = "No more memory available.\n";
 constexpr const char *list_panic = "Unable to allocate storage\nnoname: Error: ***ABORT***  'lib/ks/list':#\n";
 
-// What every operation of the heap and area level promises of exhaustion.
-const char *check_block(const Trial &trial, const void *block, int error)
+// Whether something was refused as every operation of the heap and area level promises.
+bool is_exhaustion(const Trial &trial, int error)
 {
-    if (block != nullptr)
-        return nullptr;
-    if (!trial.failed(Call::allocation))
-        return "refused without a cause";
-    if (error != ENOMEM)
-        return "errno is not ENOMEM";
-    return has_said(no_memory) ? nullptr : "the exhaustion is not reported";
+    return trial.failed(Call::allocation) && error == ENOMEM && has_said(no_memory);
 }
-
-// --- Heap level ---
-
-char *block = nullptr;
-char *copy = nullptr;
-char *grown = nullptr;
-int error_of_copy = 0;
-int error_of_growth = 0;
-int error_of_block = 0;
-
-const Scenario heap_level{
-    .name = "stg_malloc, stg_realloc, stg_strdup, stg_free",
-    .setup =
-        [] {
-            block = static_cast<char *>(stg_malloc(8));
-            std::strcpy(block, "kept");
-        },
-    .act =
-        [] {
-            errno = 0;
-            copy = stg_strdup("copy");
-            error_of_copy = errno;
-            errno = 0;
-            grown = static_cast<char *>(stg_realloc(block, 100000));
-            error_of_growth = errno;
-            errno = 0;
-            void *fresh = stg_malloc(0);
-            error_of_block = fresh == nullptr ? errno : 0;
-            stg_free(fresh);
-        },
-    .check = [](const Trial &trial) -> const char * {
-        if (const char *wrong = check_block(trial, copy, error_of_copy))
-            return wrong;
-        if (const char *wrong = check_block(trial, grown, error_of_growth))
-            return wrong;
-        if (error_of_block != 0 && error_of_block != ENOMEM)
-            return "errno is not ENOMEM";
-        return std::strcmp(grown != nullptr ? grown : block, "kept") == 0 ? nullptr : "the old block is not as it was";
-    },
-    .cleanup =
-        [] {
-            stg_free(copy);
-            stg_free(grown != nullptr ? grown : block);
-        },
-};
 
 TEST(FaultStorage, HeapLevel)
 {
-    test::fault::sweep(heap_level);
-    Scenario first = heap_level;
-    first.ends = test::fault::ends_of_start();
-    test::fault::sweep_first_use(first);
+    char *block = nullptr;
+    char *copy = nullptr;
+    char *grown = nullptr;
+    int errors[3];
+    Operation("stg_malloc, stg_realloc, stg_strdup, stg_free")
+        .setup([&] { block = stg_strdup("kept"); })
+        .act([&] {
+            copy = stg_strdup("copy");
+            errors[0] = std::exchange(errno, 0);
+            grown = static_cast<char *>(stg_realloc(block, 100000));
+            errors[1] = std::exchange(errno, 0);
+            void *fresh = stg_malloc(0);
+            errors[2] = fresh == nullptr ? errno : 0;
+            stg_free(fresh);
+        })
+        .gives([&](const Trial &trial) {
+            const bool is_right = (copy != nullptr || is_exhaustion(trial, errors[0])) &&
+                                  (grown != nullptr || is_exhaustion(trial, errors[1])) &&
+                                  (errors[2] == 0 || is_exhaustion(trial, errors[2]));
+            return is_right && std::strcmp(grown != nullptr ? grown : block, "kept") == 0;
+        })
+        .cleanup([&] {
+            stg_free(copy);
+            stg_free(grown != nullptr ? grown : block);
+        })
+        .sweep()
+        .sweep_first_use();
 }
-
-// --- Areas ---
-
-stg_area *area = STG_AREA_NULL;
-stg_area *made = STG_AREA_NULL;
-void *pieces[8];
-int error_of_area = 0;
-int error_of_piece = 0;
-int refused_pieces = 0;
-
-void use_area(stg_area *where)
-{
-    for (auto &piece : pieces) {
-        errno = 0;
-        piece = stg_alloc(where, 600);
-        if (piece == nullptr) {
-            error_of_piece = errno;
-            ++refused_pieces;
-        }
-    }
-}
-
-const Scenario area_level{
-    .name = "stg_create_area, stg_alloc, stg_free_area, stg_delete_area",
-    .setup =
-        [] {
-            made = STG_AREA_NULL;
-            refused_pieces = 0;
-            area = stg_create_area(1000);
-            stg_set_growth(area, 2.0);
-            (void)stg_area_strdup(area, "before");
-        },
-    .act =
-        [] {
-            errno = 0;
-            made = stg_create_area(1000);
-            error_of_area = errno;
-            if (made != STG_AREA_NULL) {
-                (void)stg_alloc(made, 100);
-                stg_free_area(made, 1);
-                stg_delete_area(&made);
-            }
-            use_area(area);
-        },
-    .check = [](const Trial &trial) -> const char * {
-        if (error_of_area != 0 && error_of_area != ENOMEM)
-            return "no area, and errno is not ENOMEM";
-        if (made != STG_AREA_NULL)
-            return "the handle is not reset";
-        if (refused_pieces == 0)
-            return nullptr;
-        if (const char *wrong = check_block(trial, nullptr, error_of_piece))
-            return wrong;
-        if (!trial.plan.goes_on && refused_pieces != 1)
-            return "one failure refuses more than one request";
-        for (void *piece : pieces) {
-            if (piece != nullptr)
-                std::memset(piece, 0x5A, 600); // it is the caller's, all of it
-        }
-        return nullptr;
-    },
-    .cleanup = [] { stg_delete_area(&area); },
-};
 
 TEST(FaultStorage, Areas)
 {
-    test::fault::sweep(area_level);
-    Scenario first = area_level;
-    first.ends = test::fault::ends_of_start();
-    test::fault::sweep_first_use(first);
-    test::fault::sweep_raises({.name = "stg_dump",
-                               .setup = [] { area = stg_create_area(100); },
-                               .act = [] { stg_dump(); },
-                               .cleanup = [] { stg_delete_area(&area); }});
+    stg_area *area = STG_AREA_NULL;
+    Operation("stg_create_area, stg_free_area, stg_delete_area")
+        .act([&] {
+            area = stg_create_area(1000);
+            if (area == STG_AREA_NULL)
+                return false;
+            (void)stg_alloc(area, 100);
+            stg_free_area(area, 1);
+            stg_delete_area(&area);
+            return true;
+        })
+        .gives([&] { return area == STG_AREA_NULL; })
+        .keeps([](const Trial &trial) { return trial.error == ENOMEM; })
+        .sweep()
+        .sweep_first_use();
+    void *pieces[8];
+    int refused = 0;
+    int error = 0;
+    Operation("stg_alloc")
+        .setup([&] {
+            refused = 0;
+            area = stg_create_area(1000);
+            stg_set_growth(area, 2.0);
+            (void)stg_area_strdup(area, "before");
+        })
+        .act([&] {
+            for (void *&piece : pieces) {
+                errno = 0;
+                piece = stg_alloc(area, 600);
+                refused += piece == nullptr ? 1 : 0;
+                error = piece == nullptr ? errno : error;
+            }
+        })
+        .gives([&](const Trial &trial) {
+            for (void *piece : pieces) {
+                if (piece != nullptr)
+                    std::memset(piece, 0x5A, 600); // it is the caller's, all of it
+            }
+            // One failure refuses no more than one request.
+            return refused == 0 || (is_exhaustion(trial, error) && (trial.plan.goes_on || refused == 1));
+        })
+        .cleanup([&] { stg_delete_area(&area); })
+        .sweep()
+        .sweep_first_use();
+    Operation("stg_dump")
+        .setup([&] { area = stg_create_area(100); })
+        .act([] { stg_dump(); })
+        .cleanup([&] { stg_delete_area(&area); })
+        .sweep_raises();
 }
 
 // --- Lists ---
@@ -185,115 +134,97 @@ const char *check_list(const list_record *checked, std::size_t least, std::size_
     return length >= least && length <= most ? nullptr : "the list is too short or too long";
 }
 
-void set_up_list()
+// On two lists, of one and of two elements.
+Operation on_lists(const char *name)
 {
-    list = list_create(STG_AREA_HEAP, 4);
-    other = list_create(STG_AREA_HEAP, 4);
-    element = list_append(list, &first_datum);
-    (void)list_append(other, &second_datum);
-    (void)list_append(other, &second_datum);
+    return Operation(name)
+        .setup([] {
+            list = list_create(STG_AREA_HEAP, 4);
+            other = list_create(STG_AREA_HEAP, 4);
+            element = list_append(list, &first_datum);
+            (void)list_append(other, &second_datum);
+            (void)list_append(other, &second_datum);
+        })
+        .cleanup([] {
+            list_destroy(list);
+            list_destroy(other);
+        });
 }
 
-void clean_up_list()
+TEST(FaultList, AllOperations)
 {
-    list_destroy(list);
-    list_destroy(other);
-}
-
-TEST(FaultList, CreationAndInsertion)
-{
-    test::fault::sweep({.name = "list_create",
-                        .act = [] { list = list_create(STG_AREA_HEAP, 0); },
-                        .cleanup = [] { list_destroy(list); },
-                        .ends = {{Call::allocation, list_panic}}});
-    test::fault::sweep_first_use({.name = "list_create",
-                                  .act = [] { list = list_create(STG_AREA_HEAP, 0); },
-                                  .cleanup = [] { list_destroy(list); },
-                                  .ends = test::fault::ends_of_start({{Call::allocation, list_panic}})});
-    const Scenario insertion{
-        .name = "list_append, list_insert, list_concat",
-        .setup = set_up_list,
-        .act =
-            [] {
-                (void)list_append(list, &first_datum);
-                (void)list_insert(list, nullptr, &second_datum);
-                list_concat(list, other);
-            },
-        .check = [](const Trial &trial) -> const char * {
-            if (const char *wrong = check_list(list, trial.raised != 0 ? 1 : 5, 5))
-                return wrong;
-            return check_list(other, 2, 2);
-        },
-        .cleanup = clean_up_list,
-        .ends = {{Call::allocation, list_panic}},
-    };
-    test::fault::sweep(insertion);
-    Scenario raised = insertion;
-    raised.ends.clear();
-    test::fault::sweep_raises(raised);
-}
-
-TEST(FaultList, RemovalAndEnd)
-{
-    test::fault::sweep_raises(
-        {.name = "list_remove",
-         .setup = set_up_list,
-         .act = [] { list_remove(list, element); },
-         .check = [](const Trial &trial) { return check_list(list, 0, trial.raised != 0 ? 1 : 0); },
-         .cleanup = clean_up_list});
+    Operation("list_create")
+        .act([] { list = list_create(STG_AREA_HEAP, 0); })
+        .cleanup([] { list_destroy(list); })
+        .ends({{Call::allocation, list_panic}})
+        .sweep()
+        .sweep_first_use();
+    on_lists("list_append, list_insert, list_concat")
+        .act([] {
+            (void)list_append(list, &first_datum);
+            (void)list_insert(list, nullptr, &second_datum);
+            list_concat(list, other);
+        })
+        .check([](const Trial &trial) {
+            const char *wrong = check_list(list, trial.raised != 0 ? 1 : 5, 5);
+            return wrong != nullptr ? wrong : check_list(other, 2, 2);
+        })
+        .ends({{Call::allocation, list_panic}})
+        .sweep()
+        .sweep_raises();
+    on_lists("list_remove")
+        .act([] { list_remove(list, element); })
+        .check([](const Trial &trial) { return check_list(list, 0, trial.raised != 0 ? 1 : 0); })
+        .sweep_raises();
 }
 
 // --- Stacks ---
 
-stack_record *stack = nullptr;
-int pushed = 0;
-
-const Scenario stack_use{
-    .name = "stack_push, stack_pop",
-    .setup =
-        [] {
+TEST(FaultStack, AllOperations)
+{
+    static stack_record *stack;
+    static int pushed;
+    const auto destroy = [] { stack_destroy(&stack); };
+    Operation("stack_push, stack_pop")
+        .setup([] {
             stack = stack_create(STG_AREA_HEAP, 3);
             (void)stack_push(stack, &first_datum);
             pushed = 0;
-        },
-    .act =
-        [] {
+        })
+        .act([] {
             for (int i = 0; i < 3; ++i)
                 pushed += stack_varlen_push(stack, &second_datum, 7) == 0 ? 1 : 0;
-        },
-    .check = [](const Trial &trial) -> const char * {
-        if (!trial.fired && pushed != 3)
-            return "refused without a cause";
-        if (trial.failed(Call::allocation) && (!has_said(no_memory) || pushed == 3))
-            return "exhaustion goes unseen";
-        void *data = nullptr;
-        size_t length = 0;
-        int popped = 0;
-        while (stack_pop(stack, &data, &length) == 0 && data == &second_datum && length == 7)
-            ++popped;
-        if (popped < pushed || (trial.raised == 0 && popped != pushed))
-            return "what was pushed does not come back";
-        return data == &first_datum && length == 3 ? nullptr : "the pair before is gone";
-    },
-    .cleanup = [] { stack_destroy(&stack); },
-};
-
-TEST(FaultStack, PushAndPop)
-{
-    test::fault::sweep(stack_use);
-    test::fault::sweep_raises(stack_use);
-    test::fault::sweep({.name = "stack_create",
-                        .act = [] { stack = stack_create(STG_AREA_HEAP, 0); },
-                        .check = [](const Trial &trial) { return check_block(trial, stack, errno); },
-                        .cleanup = [] { stack_destroy(&stack); }});
-    test::fault::sweep_raises({.name = "stack_destroy",
-                               .setup =
-                                   [] {
-                                       stack = stack_create(STG_AREA_HEAP, 0);
-                                       (void)stack_push(stack, &first_datum);
-                                   },
-                               .act = [] { stack_destroy(&stack); },
-                               .cleanup = [] { stack_destroy(&stack); }});
+            return pushed == 3;
+        })
+        .check([](const Trial &trial) -> const char * {
+            void *data = nullptr;
+            size_t length = 0;
+            int popped = 0;
+            while (stack_pop(stack, &data, &length) == 0 && data == &second_datum && length == 7)
+                ++popped;
+            if (popped < pushed || (trial.raised == 0 && popped != pushed))
+                return "what was pushed does not come back";
+            return data == &first_datum && length == 3 ? nullptr : "the pair before is gone";
+        })
+        .cleanup(destroy)
+        .notices()
+        .says(no_memory)
+        .sweep()
+        .sweep_raises();
+    Operation("stack_create")
+        .act([] { return (stack = stack_create(STG_AREA_HEAP, 0)) != nullptr; })
+        .cleanup(destroy)
+        .sets_errno()
+        .says(no_memory)
+        .sweep();
+    Operation("stack_destroy")
+        .setup([] {
+            stack = stack_create(STG_AREA_HEAP, 0);
+            (void)stack_push(stack, &first_datum);
+        })
+        .act(destroy)
+        .cleanup(destroy)
+        .sweep_raises();
 }
 
 } // namespace
