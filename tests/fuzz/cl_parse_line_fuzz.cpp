@@ -2,11 +2,11 @@
 #include "fuzz/fuzz_support.h"
 
 #include <korvaks/cl.h>
-#include <korvaks/stg.h>
 
 #include <algorithm>
 #include <cstring>
-#include <vector>
+#include <optional>
+#include <utility>
 
 namespace {
 
@@ -16,47 +16,38 @@ using Words = std::vector<std::string>;
 Words split_plainly(const std::string &line)
 {
     Words words;
-    std::string word;
-    bool is_in_word = false;
+    std::optional<std::string> word;
+    const auto end_word = [&] {
+        if (word)
+            words.push_back(*std::exchange(word, std::nullopt));
+    };
     bool is_escaped = false;
     char quote = '\0';
     for (const char c : line) {
-        if (quote == '\0' && c != '\0' && std::strchr(" \t\v\f\r", c) != nullptr) {
-            if (is_in_word)
-                words.push_back(word);
-            word.clear();
-            is_in_word = false;
-            continue;
-        }
-        if (!is_escaped && c == '\n')
+        if (quote == '\0' && std::strchr(" \t\v\f\r", c) != nullptr) {
+            end_word();
+        } else if (!is_escaped && c == '\n') {
             break;
-        if (!is_escaped && c == '\\') {
+        } else if (!is_escaped && c == '\\') {
             is_escaped = true;
-            continue;
-        }
-        if (!is_escaped && quote == '\0' && (c == '"' || c == '\'')) {
+        } else if (!is_escaped && quote == '\0' && (c == '"' || c == '\'')) {
             quote = c;
-            is_in_word = true;
-            continue;
-        }
-        if (!is_escaped && quote != '\0' && c == quote) {
+            word = word.value_or("");
+        } else if (!is_escaped && c == quote) {
             quote = '\0';
-            continue;
+        } else {
+            is_escaped = false;
+            word = word.value_or("") + c;
         }
-        is_escaped = false;
-        is_in_word = true;
-        word += c;
     }
-    if (is_in_word)
-        words.push_back(word);
+    end_word();
     return words;
 }
 
 cl_handle *parse(const std::string &line)
 {
-    const auto copy = fuzz::exact_copy(line.c_str(), line.size() + 1);
     int error = -1;
-    cl_handle *clh = cl_parse_line(copy.get(), &error);
+    cl_handle *clh = cl_parse_line(fuzz::ExactText(line), &error);
     FUZZ_REQUIRE(clh != nullptr && error == CL_NO_ERROR);
     return clh;
 }
@@ -91,20 +82,11 @@ int place_of(const Words &words, int offset)
     return start;
 }
 
-// All words, each with its NUL.
-std::string joined(const Words &words)
-{
-    std::string text;
-    for (const std::string &word : words)
-        text += word + '\0';
-    return text;
-}
-
 struct Scan {
     cl_handle *clh;
     const Words &words;
-    std::string text;
     std::string options;
+    std::string text{}; // all words, each with its NUL
 };
 
 void check_error(const Scan &scan, bool has_failed)
@@ -116,63 +98,52 @@ void check_error(const Scan &scan, bool has_failed)
 }
 
 // True when an option was found.
-bool check_option(Scan &scan)
+bool check_option(const Scan &scan)
 {
     const int before = cl_getoffset(scan.clh);
-    char *name = nullptr;
-    const int letter = cl_getopt_long(scan.clh, scan.options.c_str(), &name);
+    char *made = nullptr;
+    const int letter = cl_getopt_long(scan.clh, scan.options.c_str(), &made);
+    const fuzz::Given<char> name(made);
     const int after = cl_getoffset(scan.clh);
     FUZZ_REQUIRE(after >= before && letter >= 0 && letter <= 255);
     const bool has_failed = cl_errno(scan.clh) != CL_NO_ERROR;
     FUZZ_REQUIRE(!has_failed || letter == '?');
     check_error(scan, has_failed);
-    if (name != nullptr) {
-        FUZZ_REQUIRE(letter == 0 && *name != '\0');
-        FUZZ_REQUIRE(std::find(scan.words.begin(), scan.words.end(), std::string("--") + name) != scan.words.end());
-        stg_free(name);
+    if (made != nullptr) {
+        FUZZ_REQUIRE(letter == 0 && *made != '\0');
+        FUZZ_REQUIRE(std::find(scan.words.begin(), scan.words.end(), std::string("--") + made) != scan.words.end());
         return true;
     }
     if (letter == 0)
         return false;
     FUZZ_REQUIRE(after > before);
     const auto given = static_cast<char>(has_failed ? *cl_eopt(scan.clh) : letter);
-    const auto from = static_cast<std::size_t>(before);
-    const std::size_t at = scan.text.find_first_not_of(std::string("-\0", 2), from);
+    const std::size_t at = scan.text.find_first_not_of(std::string("-\0", 2), static_cast<std::size_t>(before));
     FUZZ_REQUIRE(at != std::string::npos && scan.text[at] == given);
     const bool is_listed = std::strchr("[]:", given) == nullptr && scan.options.find(given) != std::string::npos;
     FUZZ_REQUIRE(is_listed == (cl_errno(scan.clh) != CL_BAD_OPTION));
     return true;
 }
 
-void check_argument(Scan &scan, bool is_option_refused)
+void check_argument(const Scan &scan, bool is_option_refused)
 {
     const int before = cl_getoffset(scan.clh);
     const char *word = is_option_refused ? cl_getarg_noopt(scan.clh) : cl_getarg(scan.clh);
     check_error(scan, word == nullptr && cl_errno(scan.clh) == CL_BAD_ARGUMENT);
-    if (word == nullptr) {
-        FUZZ_REQUIRE(cl_getoffset(scan.clh) == before);
-        return;
-    }
-    FUZZ_REQUIRE(
-        scan.text.compare(static_cast<std::size_t>(before), std::strlen(word) + 1, word, std::strlen(word) + 1) == 0);
-    FUZZ_REQUIRE(cl_getoffset(scan.clh) == before + static_cast<int>(std::strlen(word)) + 1);
-    FUZZ_REQUIRE(!is_option_refused || *word != '-');
+    const std::size_t length = word == nullptr ? 0 : std::strlen(word) + 1;
+    FUZZ_REQUIRE(word == nullptr || scan.text.compare(static_cast<std::size_t>(before), length, word, length) == 0);
+    FUZZ_REQUIRE(cl_getoffset(scan.clh) == before + static_cast<int>(length));
+    FUZZ_REQUIRE(word == nullptr || !is_option_refused || *word != '-');
 }
 
-void check_step(Scan &scan, int step, int offset)
+void check_step(const Scan &scan, std::uint8_t step)
 {
-    switch (step) {
-    case 0:
-    case 1:
+    if (step % 5 < 2) {
         (void)check_option(scan);
-        break;
-    case 2:
-        check_argument(scan, false);
-        break;
-    case 3:
-        check_argument(scan, true);
-        break;
-    default:
+    } else if (step % 5 < 4) {
+        check_argument(scan, step % 5 == 3);
+    } else {
+        const auto offset = static_cast<std::int8_t>(step);
         cl_setoffset(scan.clh, offset);
         FUZZ_REQUIRE(cl_getoffset(scan.clh) == place_of(scan.words, offset));
         check_error(scan, false);
@@ -181,22 +152,20 @@ void check_step(Scan &scan, int step, int offset)
 
 } // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
+FUZZ_TARGET(input)
 {
-    fuzz::Input input(data, size);
     const std::string options = input.take_text();
     const std::string line = input.take_text();
     const Words words = split_plainly(line);
     check_words(line, words);
 
-    Scan scan{parse(line), words, joined(words), options};
-    while (input.left() > 0) {
-        const std::uint8_t step = input.take_byte();
-        check_step(scan, step % 5, static_cast<std::int8_t>(step));
-    }
+    Scan scan{parse(line), words, options};
+    for (const std::string &word : words)
+        scan.text += word + '\0';
+    while (input.left() > 0)
+        check_step(scan, input.take_byte());
     // Pulling options ends, wherever the scan stands.
     for (std::size_t pulled = 0; check_option(scan); ++pulled)
         FUZZ_REQUIRE(pulled <= scan.text.size());
     cl_destroy(&scan.clh);
-    return 0;
 }

@@ -4,8 +4,6 @@
 #include "harness/clp_model.h"
 
 #include <korvaks/clp.h>
-#include <korvaks/imsg.h>
-#include <korvaks/stg.h>
 
 #include <algorithm>
 
@@ -16,10 +14,9 @@ using Words = std::vector<std::string>;
 // Parses in the heap, where a sanitizer sees every block's end; true on success.
 bool parse(const std::string &line, Words &words)
 {
-    const auto copy = fuzz::exact_copy(line.c_str(), line.size() + 1);
     int argc = -1;
     char **argv = nullptr;
-    const int result = clp_parse_string(copy.get(), STG_AREA_HEAP, &argc, &argv);
+    const int result = clp_parse_string(fuzz::ExactText(line), STG_AREA_HEAP, &argc, &argv);
     FUZZ_REQUIRE(result == 0 || (result == 1 && argc == -1 && argv == nullptr));
     words.clear();
     for (int i = 0; i < argc; ++i) {
@@ -41,24 +38,21 @@ void check_joining(const Words &words, char escape)
     std::vector<char *> argv;
     for (const std::string &word : words)
         argv.push_back(const_cast<char *>(word.c_str()));
-    char *text = nullptr;
-    const int result = clp_argv_to_string(static_cast<int>(argv.size()), argv.data(), STG_AREA_HEAP, escape, &text);
+    char *made = nullptr;
+    const int result = clp_argv_to_string(static_cast<int>(argv.size()), argv.data(), STG_AREA_HEAP, escape, &made);
+    const fuzz::Given<char> text(made);
     FUZZ_REQUIRE((result == 1) == std::any_of(words.begin(), words.end(), begins_with_open_quote));
-    FUZZ_REQUIRE((result == 1) == (text == nullptr));
-    if (text == nullptr)
-        return;
+    FUZZ_REQUIRE((result == 1) == (made == nullptr));
     Words again;
-    if (std::all_of(words.begin(), words.end(), test::survives_joining))
-        FUZZ_REQUIRE(parse(text, again) && again == words);
-    stg_free(text);
+    if (made != nullptr && std::all_of(words.begin(), words.end(), test::survives_joining))
+        FUZZ_REQUIRE(parse(made, again) && again == words);
 }
 
 } // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
+FUZZ_TARGET(input)
 {
-    imsg_redirect_output(IMSG_PROC_SUPPRESS, nullptr, IMSG_PROC_SUPPRESS, nullptr);
-    fuzz::Input input(data, size);
+    fuzz::suppress_messages();
     const auto escape = static_cast<char>(input.take_byte());
     // One byte stands for a long stretch, so that the limit of a word comes into reach.
     std::string line;
@@ -73,5 +67,4 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
     while (input.left() > 0)
         raw.push_back(input.take_text());
     check_joining(raw, escape);
-    return 0;
 }

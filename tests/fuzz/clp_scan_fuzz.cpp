@@ -2,13 +2,10 @@
 #include "fuzz/fuzz_support.h"
 
 #include <korvaks/clp.h>
-#include <korvaks/imsg.h>
-#include <korvaks/stg.h>
 
 #include <algorithm>
 #include <map>
 #include <optional>
-#include <vector>
 
 namespace {
 
@@ -95,11 +92,6 @@ struct Model {
         return false;
     }
 
-    bool matches(const std::string &word, const Entry &entry) const
-    {
-        return entry.value < group_end && word.starts_with(entry.head) && (entry.head + entry.tail).starts_with(word);
-    }
-
     int next_flag(std::uint32_t &value)
     {
         value = UINT32_MAX;
@@ -109,7 +101,9 @@ struct Model {
         is_ended = word == "--";
         if (is_ended)
             return ++at, 2;
-        const auto match = std::find_if(table.begin(), table.end(), [&](const Entry &e) { return matches(word, e); });
+        const auto match = std::find_if(table.begin(), table.end(), [&](const Entry &e) {
+            return e.value < group_end && word.starts_with(e.head) && (e.head + e.tail).starts_with(word);
+        });
         if (match == table.end())
             return word.starts_with("-") ? 1 : 2;
         const int found = static_cast<int>(match - table.begin());
@@ -139,11 +133,10 @@ void check_scan(Model &model, clp_handle *hdl, fuzz::Input &input)
         char *word = nullptr;
         const std::size_t before = model.at;
         switch (input.take_byte() % 4) {
-        case 0: {
-            const int expected = model.next_flag(expected_value);
-            FUZZ_REQUIRE(clp_get_next_flag_value(hdl, 0, &value) == expected && value == expected_value);
+        case 0:
+            FUZZ_REQUIRE(clp_get_next_flag_value(hdl, 0, &value) == model.next_flag(expected_value));
+            FUZZ_REQUIRE(value == expected_value);
             break;
-        }
         case 1:
             FUZZ_REQUIRE(clp_get_next_arg(hdl, &word) == (before < model.line.size() ? 0 : 2));
             model.at += word != nullptr ? 1 : 0;
@@ -166,37 +159,35 @@ void check_scan(Model &model, clp_handle *hdl, fuzz::Input &input)
 
 } // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
+FUZZ_TARGET(input)
 {
-    imsg_redirect_output(IMSG_PROC_SUPPRESS, nullptr, IMSG_PROC_SUPPRESS, nullptr);
-    fuzz::Input input(data, size);
+    fuzz::suppress_messages();
     Model model;
     for (int left = input.take_byte() % 12; left > 0; --left)
         model.table.push_back(take_entry(input));
     for (int left = input.take_byte() % 12; left > 0; --left)
         model.line.push_back(input.take_byte() % 4 != 0 ? "-" + take_letters(input) : input.take_text());
     if (model.is_misuse())
-        return 0;
+        return;
     std::vector<clp_flag_desc> table;
     for (const Entry &entry : model.table)
         table.push_back({entry.name.c_str(), entry.value, entry.flags});
     table.push_back({nullptr, 0, 0});
-    // Bytes that only make the model's plain matching ambiguous.
-    for (std::string &word : model.line)
-        std::replace_if(
-            word.begin(), word.end(), [](char c) { return c == '[' || c == ']'; }, ',');
-    std::vector<std::string> words = model.line;
+    std::vector<std::string> words;
+    for (std::string &word : model.line) {
+        for (char &c : word)
+            c = c == '[' || c == ']' ? ',' : c; // they only make the model's plain matching ambiguous
+        words.push_back(word);
+    }
     std::vector<char *> argv;
     for (std::string &word : words)
         argv.push_back(word.data());
-
     clp_handle *hdl =
         clp_create_hdl_using_argv(static_cast<int>(argv.size()), argv.data(), table.data(), STG_AREA_NULL);
     FUZZ_REQUIRE((hdl == nullptr) == model.has_twins());
     if (hdl == nullptr)
-        return 0;
+        return;
     check_scan(model, hdl, input);
     clp_destroy_hdl(&hdl);
     FUZZ_REQUIRE(hdl == nullptr);
-    return 0;
 }

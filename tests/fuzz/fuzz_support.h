@@ -1,6 +1,11 @@
-// What the fuzz targets share: a property that aborts when it does not hold, and a way to cut an
-// input into parts.
+// What the fuzz targets share: the entry of a fuzzer, a property that aborts when it does not hold, a
+// way to cut an input into parts, and blocks whose ends a sanitizer sees.
+//
+// A target is its input, its calls and its model: FUZZ_TARGET(input) { ... }
 #pragma once
+
+#include <korvaks/imsg.h>
+#include <korvaks/stg.h>
 
 #include <cstddef>
 #include <cstdint>
@@ -8,6 +13,7 @@
 #include <cstdlib>
 #include <memory>
 #include <string>
+#include <vector>
 
 namespace fuzz {
 
@@ -25,6 +31,27 @@ template <typename T> std::unique_ptr<T[]> exact_copy(const T *from, std::size_t
         copy[i] = from[i];
     return copy;
 }
+
+template <typename T> std::unique_ptr<T[]> exact_room(std::size_t count, T fill)
+{
+    return exact_copy(std::vector<T>(count, fill).data(), count);
+}
+
+// A text and its NUL in such an allocation, for the length of a call or a block.
+class ExactText {
+  public:
+    explicit ExactText(const std::string &text) : copy_(exact_copy(text.c_str(), text.size() + 1)) {}
+    operator const char *() const { return copy_.get(); }
+
+  private:
+    std::unique_ptr<char[]> copy_;
+};
+
+// A block that the library gave away.
+struct Freed {
+    void operator()(void *block) const { stg_free(block); }
+};
+template <typename T> using Given = std::unique_ptr<T, Freed>;
 
 // An input, taken from the front. Past its end there are zeros and empty texts.
 class Input {
@@ -69,9 +96,36 @@ class Input {
     std::size_t left_;
 };
 
+// A number of five digits or more costs time or memory and nothing else.
+inline bool has_long_number(const std::string &text)
+{
+    std::size_t digits = 0;
+    for (const char c : text) {
+        digits = c >= '0' && c <= '9' ? digits + 1 : 0;
+        if (digits > 4)
+            return true;
+    }
+    return false;
+}
+
+// What is refused is reported each time.
+inline void suppress_messages()
+{
+    imsg_redirect_output(IMSG_PROC_SUPPRESS, nullptr, IMSG_PROC_SUPPRESS, nullptr);
+}
+
 } // namespace fuzz
 
 #define FUZZ_REQUIRE(property)                                                                                         \
     ((property) ? static_cast<void>(0) : ::fuzz::report_violation(#property, __FILE__, __LINE__))
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size);
+
+#define FUZZ_TARGET(input)                                                                                             \
+    static void fuzz_one(fuzz::Input input);                                                                           \
+    extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)                                  \
+    {                                                                                                                  \
+        fuzz_one(fuzz::Input(data, size));                                                                             \
+        return 0;                                                                                                      \
+    }                                                                                                                  \
+    static void fuzz_one(fuzz::Input input)

@@ -10,7 +10,7 @@
 #include <fstream>
 #include <iterator>
 #include <random>
-#include <vector>
+#include <string_view>
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -75,18 +75,11 @@ class Mutator {
     const Bytes &any_seed() { return corpus_[below(corpus_.size())]; }
     std::uint8_t any_byte() { return static_cast<std::uint8_t>(below(256)); }
 
-    // A position of the input; `past_end` allows the one behind it.
-    Bytes::difference_type place(const Bytes &input, bool past_end)
-    {
-        return static_cast<Bytes::difference_type>(below(input.size() + (past_end ? 1 : 0)));
-    }
-
     // A byte that formats give a meaning to.
     std::uint8_t telling_byte()
     {
-        constexpr std::uint8_t telling[] = {0,   1,   0x7F, 0x80, 0xFF, '%', '*', '$',
-                                            '{', '}', '\\', '"',  '\'', '-', '\n'};
-        return telling[below(std::size(telling))];
+        constexpr std::string_view telling("\0\1\x7F\x80\xFF%*${}\\\"'-\n", 15);
+        return static_cast<std::uint8_t>(telling[below(telling.size())]);
     }
 
     void change(Bytes &input)
@@ -95,29 +88,30 @@ class Mutator {
             input.push_back(any_byte());
             return;
         }
-        const auto at = place(input, false);
+        const std::size_t place = below(input.size());
+        const auto at = input.begin() + static_cast<Bytes::difference_type>(place);
         switch (below(7)) {
         case 0:
-            input[static_cast<std::size_t>(at)] ^= static_cast<std::uint8_t>(1U << below(8));
+            *at ^= static_cast<std::uint8_t>(1U << below(8));
             break;
         case 1:
-            input[static_cast<std::size_t>(at)] = any_byte();
+            *at = any_byte();
             break;
         case 2:
-            input[static_cast<std::size_t>(at)] = telling_byte();
+            *at = telling_byte();
             break;
         case 3:
-            input.insert(input.begin() + place(input, true), telling_byte());
+            input.insert(below(input.size() + 1) == 0 ? input.end() : at, telling_byte());
             break;
         case 4:
-            input.erase(input.begin() + at);
+            input.erase(at);
             break;
         case 5:
-            input.resize(static_cast<std::size_t>(at));
+            input.resize(place);
             break;
         default: {
-            const Bytes other = any_seed();
-            input.insert(input.begin() + at, other.begin(), other.end());
+            const Bytes &other = any_seed();
+            input.insert(at, other.begin(), other.end());
         }
         }
     }
@@ -131,10 +125,8 @@ std::size_t run_mutations(const std::vector<Bytes> &corpus)
     const auto end = std::chrono::steady_clock::now() + time_for_mutations;
     Mutator mutator(corpus);
     std::size_t count = 0;
-    while (count < mutations_max && std::chrono::steady_clock::now() < end) {
+    for (; count < mutations_max && std::chrono::steady_clock::now() < end; ++count)
         run(mutator.next());
-        ++count;
-    }
     return count;
 }
 
@@ -142,8 +134,9 @@ std::size_t run_mutations(const std::vector<Bytes> &corpus)
 
 int main(int argc, char **argv)
 {
-    if (argc != 2) {
-        std::fprintf(stderr, "usage: %s CORPUS-DIRECTORY\n", argv[0]);
+    const std::vector<Bytes> corpus = argc == 2 ? read_corpus(argv[1]) : std::vector<Bytes>{};
+    if (corpus.empty()) {
+        std::fprintf(stderr, "usage: %s CORPUS-DIRECTORY, with inputs\n", argv[0]);
         return 2;
     }
     input_file = std::string(argv[0]) + ".input";
@@ -152,11 +145,6 @@ int main(int argc, char **argv)
     action.sa_flags = static_cast<int>(SA_RESETHAND);
     for (const int sig : {SIGABRT, SIGSEGV, SIGBUS, SIGFPE, SIGILL})
         (void)sigaction(sig, &action, nullptr);
-    const std::vector<Bytes> corpus = read_corpus(argv[1]);
-    if (corpus.empty()) {
-        std::fprintf(stderr, "%s: no inputs in %s\n", argv[0], argv[1]);
-        return 2;
-    }
     run({});
     for (const Bytes &input : corpus)
         run(input);

@@ -2,12 +2,9 @@
 // of what a growing buffer gets, and both agree on what is a bad control string.
 #include "fuzz/fuzz_support.h"
 
-#include <korvaks/imsg.h>
-#include <korvaks/stg.h>
 #include <korvaks/strfmt.h>
 
 #include <algorithm>
-#include <cstdlib>
 #include <cstring>
 
 namespace {
@@ -26,51 +23,25 @@ int render(void *, char *out, std::size_t space, const strfmt_directive *directi
     return length < 0 ? 1 : static_cast<std::size_t>(length) < space ? 0 : STRFMT_FULL;
 }
 
-// Columns of many digits cost memory and nothing else.
-bool has_long_number(const std::string &text)
-{
-    std::size_t digits = 0;
-    for (const char c : text) {
-        digits = c >= '0' && c <= '9' ? digits + 1 : 0;
-        if (digits > 4)
-            return true;
-    }
-    return false;
-}
-
-bool suppress_messages()
-{
-    static imsg_redirect_procs procs;
-    procs.proc[6] = IMSG_PROC_SUPPRESS;
-    imsg_set_redirect_procs(&procs, nullptr);
-    return true;
-}
-
 } // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
+FUZZ_TARGET(input)
 {
-    static const bool is_quiet = suppress_messages();
-    FUZZ_REQUIRE(is_quiet);
-    fuzz::Input input(data, size);
-    const std::size_t buffer_size = 1 + std::size_t{input.take_byte()} * 2;
+    fuzz::suppress_messages();
+    const std::size_t size = 1 + std::size_t{input.take_byte()} * 2;
     const std::string conversions = input.take_text();
     const std::string text = input.take_text();
-    if (has_long_number(text))
-        return 0;
-    const auto control = fuzz::exact_copy(text.c_str(), text.size() + 1);
-    const std::unique_ptr<char[]> fixed(new char[buffer_size]);
-    const int fixed_result =
-        strfmt_gsprintf(fixed.get(), buffer_size, conversions.c_str(), control.get(), nullptr, render);
-    char *grown = nullptr;
-    const int grown_result = strfmt_gsprintf_fmt(&grown, 0, conversions.c_str(), control.get(), nullptr, render);
-    FUZZ_REQUIRE(grown != nullptr);
-    const std::size_t length = strnlen(fixed.get(), buffer_size);
-    FUZZ_REQUIRE(length < buffer_size);
-    FUZZ_REQUIRE(std::strncmp(grown, fixed.get(), length) == 0);
-    FUZZ_REQUIRE(fixed_result == 1 || grown_result == 0);
-    if (fixed_result == 0)
-        FUZZ_REQUIRE(std::strcmp(grown, fixed.get()) == 0);
-    stg_free(grown);
-    return 0;
+    if (fuzz::has_long_number(text))
+        return;
+    const fuzz::ExactText control(text);
+    const auto fixed = fuzz::exact_room(size, 'x');
+    const int fixed_result = strfmt_gsprintf(fixed.get(), size, conversions.c_str(), control, nullptr, render);
+    char *made = nullptr;
+    const int grown_result = strfmt_gsprintf_fmt(&made, 0, conversions.c_str(), control, nullptr, render);
+    const fuzz::Given<char> grown(made);
+    FUZZ_REQUIRE(made != nullptr);
+    const std::size_t length = strnlen(fixed.get(), size);
+    FUZZ_REQUIRE(length < size);
+    FUZZ_REQUIRE(std::strncmp(made, fixed.get(), length) == 0);
+    FUZZ_REQUIRE(fixed_result == 1 || (grown_result == 0 && std::strcmp(made, fixed.get()) == 0));
 }

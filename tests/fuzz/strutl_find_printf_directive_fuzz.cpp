@@ -3,6 +3,7 @@
 
 #include <korvaks/strutl.h>
 
+#include <algorithm>
 #include <cstring>
 
 namespace {
@@ -49,16 +50,12 @@ void check_directive(const std::string &format, std::size_t start, const Found &
     FUZZ_REQUIRE(found.kind > strutl_printf_kind_null && found.kind < strutl_printf_kind_end_marker);
     FUZZ_REQUIRE(found.next >= start + 2 && found.next <= format.size());
     FUZZ_REQUIRE(format.compare(found.next - text.size(), text.size(), text) == 0);
-    FUZZ_REQUIRE(text.size() >= 2 && text.front() == '%' &&
-                 std::strchr(letters_of(found.kind), text.back()) != nullptr);
+    FUZZ_REQUIRE(text.size() >= 2 && text.front() == '%');
+    FUZZ_REQUIRE(std::strchr(letters_of(found.kind), text.back()) != nullptr);
     FUZZ_REQUIRE(text.find_first_not_of(" #'+-0123456789.*hl", 1) == text.size() - 1);
     // Nothing before it was a directive.
     FUZZ_REQUIRE(format.find('%', start) == found.next - text.size());
-    const int stars = found.star_width + found.star_precision;
-    int seen = 0;
-    for (const char c : text)
-        seen += c == '*' ? 1 : 0;
-    FUZZ_REQUIRE(stars == seen);
+    FUZZ_REQUIRE(std::count(text.begin(), text.end(), '*') == found.star_width + found.star_precision);
 }
 
 void check_at(const std::string &format, std::size_t start, std::size_t small_size)
@@ -74,21 +71,18 @@ void check_at(const std::string &format, std::size_t start, std::size_t small_si
     }
     text.resize(std::strlen(text.c_str()));
     check_directive(format, start, found, text);
-    const auto small = fuzz::exact_copy(text.c_str(), small_size);
+    const auto small = fuzz::exact_room(small_size, 'x');
     FUZZ_REQUIRE(find(format.c_str(), start, small_size, small.get()).next == found.next);
     FUZZ_REQUIRE(small_size == 0 || text.compare(0, small_size - 1, small.get()) == 0);
 }
 
 } // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
+FUZZ_TARGET(input)
 {
-    fuzz::Input input(data, size);
     const std::size_t small_size = input.take_byte() % 4;
     const std::string format = input.take_text();
-    for (std::size_t start = 0; start <= format.size(); ++start) {
-        // Positions lie on the first byte of a character: in the C locale, on any.
+    // Positions lie on the first byte of a character: in the C locale, on any.
+    for (std::size_t start = 0; start <= format.size(); ++start)
         check_at(format, start, small_size <= format.size() ? small_size : 0);
-    }
-    return 0;
 }

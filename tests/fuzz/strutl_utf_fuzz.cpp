@@ -6,79 +6,81 @@
 #include <algorithm>
 #include <cstring>
 #include <cwchar>
-#include <vector>
 
 namespace {
 
 using Units = std::vector<wchar_t>;
 
-// Length of a valid sequence at the start of `text` (RFC 3629), 0 when it is none.
-std::size_t valid_length(const unsigned char *at, std::size_t left)
+// Rows of the table of well-formed sequences: leads, second bytes, and how many more follow.
+struct Sequence {
+    unsigned char lead_first, lead_last, second_first, second_last;
+    std::size_t more;
+};
+constexpr Sequence sequences[] = {
+    {0xC2, 0xDF, 0x80, 0xBF, 0}, {0xE0, 0xE0, 0xA0, 0xBF, 1}, {0xE1, 0xEC, 0x80, 0xBF, 1}, {0xED, 0xED, 0x80, 0x9F, 1},
+    {0xEE, 0xEF, 0x80, 0xBF, 1}, {0xF0, 0xF0, 0x90, 0xBF, 2}, {0xF1, 0xF3, 0x80, 0xBF, 2}, {0xF4, 0xF4, 0x80, 0x8F, 2},
+};
+
+// Bytes of the sequence that begins a text of 8-bit characters (RFC 3629), 0 when it is none.
+std::size_t valid_length(std::basic_string_view<unsigned char> text)
 {
-    const unsigned lead = at[0];
-    const std::size_t length = lead < 0x80                   ? 1
-                               : lead >= 0xC2 && lead < 0xE0 ? 2
-                               : lead >= 0xE0 && lead < 0xF0 ? 3
-                               : lead >= 0xF0 && lead < 0xF5 ? 4
-                                                             : 0;
-    if (length == 0 || length > left)
-        return 0;
-    for (std::size_t i = 1; i < length; ++i) {
-        if ((at[i] & 0xC0) != 0x80)
-            return 0;
+    if (text[0] < 0x80)
+        return 1;
+    for (const Sequence &row : sequences) {
+        if (text[0] < row.lead_first || text[0] > row.lead_last || text.size() < row.more + 2)
+            continue;
+        const auto tail = text.substr(2, row.more);
+        const bool is_tail = std::all_of(tail.begin(), tail.end(), [](unsigned char c) { return (c & 0xC0) == 0x80; });
+        return is_tail && text[1] >= row.second_first && text[1] <= row.second_last ? 2 + row.more : 0;
     }
-    if ((lead == 0xE0 && at[1] < 0xA0) || (lead == 0xED && at[1] >= 0xA0) || (lead == 0xF0 && at[1] < 0x90) ||
-        (lead == 0xF4 && at[1] >= 0x90))
-        return 0;
-    return length;
+    return 0;
 }
 
 bool is_valid(const std::string &text)
 {
-    const auto *bytes = reinterpret_cast<const unsigned char *>(text.data());
-    for (std::size_t at = 0; at < text.size();) {
-        const std::size_t length = valid_length(bytes + at, text.size() - at);
+    std::basic_string_view<unsigned char> left(reinterpret_cast<const unsigned char *>(text.data()), text.size());
+    while (!left.empty()) {
+        const std::size_t length = valid_length(left);
         if (length == 0)
             return false;
-        at += length;
+        left.remove_prefix(length);
     }
     return true;
+}
+
+// What stands before the closing 0 in a room that was filled. NUL bytes are characters: the end is the
+// last 0 that was written.
+template <typename T> std::vector<T> written(const T *out, std::size_t room, T fill)
+{
+    std::size_t end = room;
+    while (end > 0 && out[end - 1] == fill)
+        --end;
+    FUZZ_REQUIRE(room == 0 || (end > 0 && out[end - 1] == T{0}));
+    return {out, out + (room == 0 ? 0 : end - 1)};
 }
 
 // Decodes into exactly `room` elements; returns what stands before the closing 0.
 Units decode(const std::string &text, std::size_t room, unsigned &out_result, std::size_t &out_used)
 {
     const auto in = fuzz::exact_copy(reinterpret_cast<const unsigned char *>(text.data()), text.size());
-    const std::unique_ptr<wchar_t[]> out(new wchar_t[room]);
-    std::fill_n(out.get(), room, L'\x7777');
+    const auto out = fuzz::exact_room(room, L'\x7777');
     out_used = 99999;
     out_result =
         strutl_utf8to16(out.get(), in.get(), static_cast<long>(text.size()), static_cast<long>(room), &out_used);
     FUZZ_REQUIRE(out_result == 0 || out_result == 1 || out_result == 3);
     FUZZ_REQUIRE(out_used <= text.size());
     FUZZ_REQUIRE((out_result == 0) == (out_used == text.size() && room > 0));
-    if (room == 0)
-        return {};
-    // NUL bytes are characters: the end is the last 0 that was written.
-    std::size_t end = room;
-    while (end > 0 && out[end - 1] == L'\x7777')
-        --end;
-    FUZZ_REQUIRE(end > 0 && out[end - 1] == L'\0');
-    return Units(out.get(), out.get() + end - 1);
+    return written(out.get(), room, L'\x7777');
 }
 
 std::string encode(const Units &units, std::size_t room, unsigned &out_result)
 {
     const auto in = fuzz::exact_copy(units.data(), units.size());
-    const std::unique_ptr<char[]> out(new char[room]);
-    std::fill_n(out.get(), room, '\xFE'); // no byte of any sequence
+    const auto out = fuzz::exact_room(room, '\xFE'); // no byte of any sequence
     out_result = strutl_utf16to8(out.get(), in.get(), static_cast<long>(units.size()), static_cast<long>(room));
     FUZZ_REQUIRE(out_result == 0 || out_result == 3);
-    std::size_t end = room;
-    while (end > 0 && out[end - 1] == '\xFE')
-        --end;
-    FUZZ_REQUIRE(room == 0 || (end > 0 && out[end - 1] == '\0'));
-    return std::string(out.get(), room == 0 ? 0 : end - 1);
+    const std::vector<char> bytes = written(out.get(), room, '\xFE');
+    return {bytes.begin(), bytes.end()};
 }
 
 void check_bytes(const std::string &text, std::size_t small_room)
@@ -116,12 +118,10 @@ void check_units(const std::string &bytes, std::size_t small_room)
 
 } // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
+FUZZ_TARGET(input)
 {
-    fuzz::Input input(data, size);
     const std::size_t small_room = input.take_byte() % 32;
     const std::string bytes = input.take_rest();
     check_bytes(bytes, small_room);
     check_units(bytes, small_room);
-    return 0;
 }

@@ -1,7 +1,6 @@
 // Lists of words over a tree that the input makes.
 #include "fuzz/fuzz_support.h"
 
-#include <korvaks/stg.h>
 #include <korvaks/wild.h>
 
 #include <cstring>
@@ -77,9 +76,9 @@ void check_list(const char *words, const std::string &dir, int split)
 {
     char *list = const_cast<char *>(words);
     const int result = wild_glob_ext(words, dir.c_str(), dir.c_str(), split, &list);
+    const fuzz::Given<char> given(result == 0 ? list : nullptr);
     FUZZ_REQUIRE(result == 0 || result == WILD_MALFORMED || (result >= WILD_NO_MATCH && result <= WILD_LIMIT));
     FUZZ_REQUIRE((list != nullptr) == (result == 0));
-    stg_free(list);
 }
 
 // A list without wildcards comes back as it was but for what separates the words.
@@ -97,17 +96,15 @@ void check_plain_list(const char *words, const std::string &dir)
 
 } // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
+FUZZ_TARGET(input)
 {
     static Tree tree;
-    fuzz::Input input(data, size);
     tree.grow(input);
     const std::string words = input.take_text().substr(0, words_max);
-    if (levels_in(words) <= levels_max) {
-        const auto copy = fuzz::exact_copy(words.c_str(), words.size() + 1);
-        check_list(copy.get(), tree.path(), 1);
-        check_list(copy.get(), tree.path(), 0);
-        check_plain_list(copy.get(), tree.path());
-    }
-    return 0;
+    if (levels_in(words) > levels_max)
+        return;
+    const fuzz::ExactText copy(words);
+    check_list(copy, tree.path(), 1);
+    check_list(copy, tree.path(), 0);
+    check_plain_list(copy, tree.path());
 }

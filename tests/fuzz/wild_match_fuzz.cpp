@@ -16,7 +16,7 @@ constexpr long choices_max = 6;
 void check_against_model(const std::string &pattern, const std::string &string)
 {
     const std::size_t size = 2 * pattern.size() + 5;
-    const std::unique_ptr<char[]> buf(new char[size]);
+    const auto buf = fuzz::exact_room(size, 'x');
     int has_wild = -1;
     const int length = wild_compile_pattern(pattern.c_str(), size, buf.get(), &has_wild);
     const auto items = test::wild::parse(pattern, false);
@@ -31,24 +31,20 @@ void check_against_model(const std::string &pattern, const std::string &string)
     };
     if (std::count_if(items->begin(), items->end(), is_choice) > choices_max)
         return;
-    const auto text = fuzz::exact_copy(string.c_str(), string.size() + 1);
+    const fuzz::ExactText text(string);
     for (const bool is_path : {false, true}) {
         const bool expected = test::wild::Model(*items, string, is_path, false).matches();
-        FUZZ_REQUIRE((wild_match(buf.get(), text.get(), is_path ? 1 : 0) != 0) == expected);
+        FUZZ_REQUIRE((wild_match(buf.get(), text, is_path ? 1 : 0) != 0) == expected);
     }
 }
 
 } // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
+FUZZ_TARGET(input)
 {
-    fuzz::Input input(data, size);
     const std::string pattern = input.take_text();
     const std::string string = input.take_text();
     check_against_model(pattern.substr(0, pattern_max), string.substr(0, string_max));
-    const auto compiled = fuzz::exact_copy(pattern.c_str(), pattern.size() + 1);
-    const auto text = fuzz::exact_copy(string.c_str(), string.size() + 1);
-    (void)wild_match(compiled.get(), text.get(), 0);
-    (void)wild_match(compiled.get(), text.get(), 1);
-    return 0;
+    for (const int is_path : {0, 1})
+        (void)wild_match(fuzz::ExactText(pattern), fuzz::ExactText(string), is_path);
 }

@@ -25,13 +25,6 @@ std::size_t padded(std::size_t count)
     return (count + 3) / 4 * 4;
 }
 
-void free_string(char *&string)
-{
-    char none[1];
-    Stream stream(none, 0, XDR_FREE);
-    FUZZ_REQUIRE(xdr_ez_string8(&stream.xdrs, &string) == 1 && string == nullptr);
-}
-
 std::size_t counted_length(const std::string &bytes)
 {
     std::size_t length = 0;
@@ -43,25 +36,14 @@ std::size_t counted_length(const std::string &bytes)
 void check_round_trip(const std::string &text)
 {
     const std::size_t size = 4 + padded(text.size());
-    const std::unique_ptr<char[]> wire(new char[size]);
+    const auto wire = fuzz::exact_room(size, 'x');
     std::string copy = text;
     char *string = copy.data();
-    {
-        Stream stream(wire.get(), size, XDR_ENCODE);
-        FUZZ_REQUIRE(xdr_ez_string8(&stream.xdrs, &string) == 1 && XDR_GETPOS(&stream.xdrs) == size);
-        FUZZ_REQUIRE(counted_length({wire.get(), size}) == text.size());
-    }
-    {
-        Stream full(wire.get(), size - 4, XDR_ENCODE);
-        FUZZ_REQUIRE(xdr_ez_string8(&full.xdrs, &string) == 0 && string == copy.data());
-    }
-}
-
-void check_decoded(const std::string &bytes, const char *string, u_int used)
-{
-    const std::size_t length = counted_length(bytes);
-    FUZZ_REQUIRE(used == 4 + padded(length));
-    FUZZ_REQUIRE(std::memcmp(string, bytes.data() + 4, length) == 0 && string[length] == '\0');
+    Stream stream(wire.get(), size, XDR_ENCODE);
+    FUZZ_REQUIRE(xdr_ez_string8(&stream.xdrs, &string) == 1 && XDR_GETPOS(&stream.xdrs) == size);
+    FUZZ_REQUIRE(counted_length({wire.get(), size}) == text.size());
+    Stream full(wire.get(), size - 4, XDR_ENCODE);
+    FUZZ_REQUIRE(xdr_ez_string8(&full.xdrs, &string) == 0 && string == copy.data());
 }
 
 void check_hostile(const std::string &bytes)
@@ -74,21 +56,25 @@ void check_hostile(const std::string &bytes)
     FUZZ_REQUIRE((string != nullptr) == is_whole);
     if (!is_whole)
         return;
-    check_decoded(bytes, string, XDR_GETPOS(&stream.xdrs));
+    const std::size_t length = counted_length(bytes);
+    FUZZ_REQUIRE(XDR_GETPOS(&stream.xdrs) == 4 + padded(length));
+    FUZZ_REQUIRE(std::memcmp(string, bytes.data() + 4, length) == 0 && string[length] == '\0');
     // The room behind an address is not known: nothing is read into it.
     char *const kept = string;
     FUZZ_REQUIRE(xdr_ez_string8(&stream.xdrs, &string) == 0 && string == kept);
     check_round_trip(string);
-    free_string(string);
+    char none[1];
+    Stream freeing(none, 0, XDR_FREE);
+    FUZZ_REQUIRE(xdr_ez_string8(&freeing.xdrs, &string) == 1 && string == nullptr);
 }
 
 } // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
+FUZZ_TARGET(input)
 {
-    const std::string bytes = fuzz::Input(data, size).take_rest();
+    const std::string bytes = input.take_rest();
+    const std::size_t size = bytes.size();
     check_hostile(bytes);
     if (size < 0x10000) // a length that fits nearly
         check_hostile(std::string{'\0', '\0', static_cast<char>(size >> 8), static_cast<char>(size)} + bytes);
-    return 0;
 }
