@@ -36,21 +36,19 @@ using test::Words;
 
 TEST_F(DepotTest, KeepsFilesWithTheirNamesContentsAndTimes)
 {
-    const std::pair<std::string, std::string> files[] = {
-        {"empty", ""},
-        {"one", "x"},
-        {"words", "to be or not to be, that is the question\n"},
-        {"noise", random_bytes(300000, 1)},
-        {"zeros", std::string(100000, '\0')},
-        {"-dash and blank", "1"},
-        {"line\nfeed \033[31m \001\0011B", "2"},
-        {"two  blanks and 'it\"s' \"", "7"},
-        {"*", "8"},
-        {"not utf-8: \xff", "3"},
-        {".veldepot-0123456789abcdef", "4"},
-        {"twice.vde.vde", "5"},
-        {std::string(251, 'n'), "6"},
-    };
+    const std::pair<std::string, std::string> files[] = {{"empty", ""},
+                                                         {"one", "x"},
+                                                         {"words", "to be or not to be, that is the question\n"},
+                                                         {"noise", random_bytes(300000, 1)},
+                                                         {"zeros", std::string(100000, '\0')},
+                                                         {"-dash and blank", "1"},
+                                                         {"line\nfeed \033[31m \001\0011B", "2"},
+                                                         {"two  blanks and 'it\"s' \"", "7"},
+                                                         {"*", "8"},
+                                                         {"not utf-8: \xff", "3"},
+                                                         {".veldepot-0123456789abcdef", "4"},
+                                                         {"twice.vde.vde", "5"},
+                                                         {std::string(251, 'n'), "6"}};
     const timespec times[] = {{0, UTIME_NOW}, {1234567890, 987654321}};
     for (const auto &[name, content] : files) {
         put(name, content);
@@ -76,21 +74,20 @@ TEST_F(DepotTest, WritesTheFormatThatIsWrittenDown)
     test::write_file("abc", "abc");
     const timespec times[] = {{0, UTIME_NOW}, {0x0102030405, 0x10203}};
     ASSERT_EQ(utimensat(AT_FDCWD, "abc", times, 0), 0);
-    timespec before;
-    timespec after;
-    clock_gettime(CLOCK_REALTIME, &before);
+    const time_t before = time(nullptr);
     good({"put", "-comment", "why not", "-c", "\xff", "abc"});
-    clock_gettime(CLOCK_REALTIME, &after);
+    const time_t after = time(nullptr);
 
     const std::string bytes = test::read_file("depot/abc.vde");
     const std::string first = first_part(2, times[1]);
     ASSERT_GT(bytes.size(), first.size() + 12);
     timespec stored = {};
-    for (std::size_t i = 0; i < 12; ++i)
-        (i < 8 ? stored.tv_sec : stored.tv_nsec) =
-            (i < 8 ? stored.tv_sec : stored.tv_nsec) << 8 | static_cast<unsigned char>(bytes[first.size() + i]);
-    EXPECT_GE(stored.tv_sec, before.tv_sec);
-    EXPECT_LE(stored.tv_sec, after.tv_sec);
+    for (std::size_t i = 0; i < 12; ++i) {
+        auto &field = i < 8 ? stored.tv_sec : stored.tv_nsec;
+        field = field << 8 | static_cast<unsigned char>(bytes[first.size() + i]);
+    }
+    EXPECT_GE(stored.tv_sec, before - 1); // time() may lag behind by a tick
+    EXPECT_LE(stored.tv_sec, after + 1);
     EXPECT_EQ(bytes, first + second_part(stored, user_name(), "why not\n\xff") + abc_block);
 }
 
@@ -236,22 +233,15 @@ TEST_F(DepotTest, SaysWhatIsWrongAndGoesOn)
     EXPECT_EQ(run({"list"}, [] { dup2(open("/dev/full", O_WRONLY), 1); }).exit_status, 1);
 }
 
-TEST_F(DepotTest, TakesItsDepotFromTheEnvironmentAndCommandsCutOff)
+TEST_F(DepotTest, TakesItsDepotFromTheEnvironment)
 {
     put("file", "1");
     std::filesystem::rename("depot", "other");
     const ChildResult none = run_program({VELDEPOT_PROGRAM, "list"});
     EXPECT_EQ(none.err, "veldepot: Error: No depot: give its directory with -d or in VELDEPOT_DIR.\n");
     setenv("VELDEPOT_DIR", "other", 1);
-    EXPECT_EQ(run_program({VELDEPOT_PROGRAM, "v"}).out, "1 of 1 entries are sound.\n");
-    unsetenv("VELDEPOT_DIR");
-    EXPECT_EQ(run_program({VELDEPOT_PROGRAM, "v", "--dep", "other"}).out, "1 of 1 entries are sound.\n");
+    EXPECT_EQ(run_program({VELDEPOT_PROGRAM, "verify"}).out, "1 of 1 entries are sound.\n");
     EXPECT_NE(run({"list"}).err.find("Unable to open depot \"depot\": No such file or directory\n"), std::string::npos);
-    for (const Words &words : {Words{VELDEPOT_PROGRAM}, Words{VELDEPOT_PROGRAM, "help"}}) {
-        const ChildResult result = run_program(words);
-        EXPECT_EQ(result.exit_status, 0);
-        EXPECT_EQ(result.out.find("usage: veldepot "), 0u);
-    }
 }
 
 TEST_F(DepotTest, SpeaksTheLanguageOfItsCatalogue)

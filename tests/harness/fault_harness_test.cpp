@@ -79,7 +79,7 @@ TEST(FaultHarness, FindsWhatAFailingCallLeaves)
              if (!fails())
                  (void)vlthread_mutex_unlock(&ks::ks_product_crit);
          },
-         at_first + "disturbed: a module's lock is held"},
+         "lock is held"},
         {"holds raises off",
          [] {
              pfm_inhibit();

@@ -1,5 +1,6 @@
 // What libkorvaks.so and libezrpc.so export, against the public headers; and how they are linked.
 #include <algorithm>
+#include <map>
 #include <set>
 
 #include <dlfcn.h>
@@ -13,27 +14,28 @@ namespace {
 
 using Names = std::set<std::string>;
 
-struct DynamicSymbol {
-    std::string name;
-    std::string version;
-};
+using Symbols = std::map<std::string, std::string>; // names with their versions
 
 enum class Side { exported, imported };
 
-// readelf: "  7: 0000000000001180  25 FUNC  GLOBAL DEFAULT  13 stg_alloc@@KORVAKS_1"
-std::vector<DynamicSymbol> dynamic_symbols(const std::string &library, Side side)
+std::string readelf(const std::string &what, const std::string &library)
 {
-    std::vector<DynamicSymbol> symbols;
-    for (const auto &line : meta::split_lines(meta::output_of(KORVAKS_READELF " -W --dyn-syms " + library))) {
+    return meta::output_of(KORVAKS_READELF " -W " + what + " " + library);
+}
+
+// readelf: "  7: 0000000000001180  25 FUNC  GLOBAL DEFAULT  13 stg_alloc@@KORVAKS_1"
+Symbols dynamic_symbols(const std::string &library, Side side)
+{
+    Symbols symbols;
+    for (const auto &line : meta::split_lines(readelf("--dyn-syms", library))) {
         const auto words = meta::split_words(line);
         const bool is_global = words.size() > 7 && (words[4] == "GLOBAL" || words[4] == "WEAK");
         // The address sanitizer adds a symbol to each exported object.
         if (!is_global || words[6] == "ABS" || words[7].starts_with("__odr_asan.") ||
             (words[6] == "UND") != (side == Side::imported))
             continue;
-        const auto at = std::min(words[7].find('@'), words[7].size());
-        const auto version = std::min(words[7].find_first_not_of('@', at), words[7].size());
-        symbols.push_back({words[7].substr(0, at), words[7].substr(version)});
+        const auto at = words[7].find('@');
+        symbols[words[7].substr(0, at)] = at == std::string::npos ? "" : words[7].substr(words[7].rfind('@') + 1);
     }
     return symbols;
 }
@@ -41,8 +43,8 @@ std::vector<DynamicSymbol> dynamic_symbols(const std::string &library, Side side
 Names exported_names(const std::string &library)
 {
     Names names;
-    for (const auto &symbol : dynamic_symbols(library, Side::exported))
-        names.insert(symbol.name);
+    for (const auto &[name, version] : dynamic_symbols(library, Side::exported))
+        names.insert(name);
     return names;
 }
 
@@ -55,28 +57,17 @@ std::string declared_name(const std::string &declaration)
     return declaration.substr(before + 1, end - before);
 }
 
-// Everything that the headers mark KS_API.
-Names declared_names(const std::vector<std::string> &headers)
+// Everything that a header marks KS_API.
+Names declared_names(const std::string &header)
 {
     const std::string mark = "KS_API ";
     Names names;
-    for (const auto &header : headers) {
-        std::string code;
-        for (const auto &line : meta::split_lines(meta::without_comments(meta::read_source(header).text)))
-            code += line.starts_with('#') ? "" : line + "\n";
-        for (auto at = code.find(mark); at != std::string::npos; at = code.find(mark, at + 1))
-            names.insert(declared_name(code.substr(at + mark.size(), code.find_first_of(";{", at) - at - mark.size())));
-    }
+    std::string code;
+    for (const auto &line : meta::split_lines(meta::without_comments(header)))
+        code += line.starts_with('#') ? "" : line + "\n";
+    for (auto at = code.find(mark); at != std::string::npos; at = code.find(mark, at + 1))
+        names.insert(declared_name(code.substr(at + mark.size(), code.find_first_of(";{", at) - at - mark.size())));
     return names;
-}
-
-std::vector<std::string> library_headers()
-{
-    std::vector<std::string> headers;
-    for (const auto &file : meta::read_tree({"include/korvaks"}))
-        if (file.path.ends_with(".h") && file.name() != "ezrpc.h")
-            headers.push_back(file.path);
-    return headers;
 }
 
 std::string difference(const Names &names, const Names &others)
@@ -88,20 +79,23 @@ std::string difference(const Names &names, const Names &others)
 
 TEST(Exports, AreWhatTheHeadersDeclare)
 {
-    const Names declared = declared_names(library_headers());
+    Names declared;
+    for (const auto &file : meta::read_tree({"include/korvaks"}))
+        if (file.name() != "ezrpc.h")
+            declared.merge(declared_names(file.text));
     const Names exported = exported_names(KORVAKS_LIBRARY);
     EXPECT_EQ(difference(declared, exported), "") << "declared but not exported";
     EXPECT_EQ(difference(exported, declared), "") << "exported but not declared";
 
     const Names ezrpc = {"xdr_ez_string8"};
-    EXPECT_EQ(declared_names({"include/korvaks/ezrpc.h"}), ezrpc);
+    EXPECT_EQ(declared_names(meta::read_source("include/korvaks/ezrpc.h").text), ezrpc);
     EXPECT_EQ(exported_names(KORVAKS_EZRPC), ezrpc);
 }
 
 // The reading of declarations above, on every form that a header uses.
 TEST(Exports, DeclarationsAreReadRight)
 {
-    const std::vector<std::pair<std::string, std::string>> cases = {
+    const std::pair<std::string, std::string> cases[] = {
         {" int32_t pfm_cleanup_start(pfm_cleanup_rec *rec, int inhibit)", "pfm_cleanup_start"},
         {" pfm_signal_t pfm_signal(int sig,\n    pfm_signal_t handler)", "pfm_signal"},
         {" void *stg_alloc(stg_area *area, size_t size)", "stg_alloc"},
@@ -136,8 +130,8 @@ TEST(Exports, BelongToDocumentedFamilies)
 
 TEST(Exports, CarryTheVersion)
 {
-    for (const auto &symbol : dynamic_symbols(KORVAKS_LIBRARY, Side::exported))
-        EXPECT_EQ(symbol.version, "KORVAKS_1") << symbol.name;
+    for (const auto &[name, version] : dynamic_symbols(KORVAKS_LIBRARY, Side::exported))
+        EXPECT_EQ(version, "KORVAKS_1") << name;
 }
 
 // The first line of a listing that holds a text; empty when none does.
@@ -153,10 +147,10 @@ TEST(Linking, IsHardened)
 {
     for (const std::string library : {KORVAKS_LIBRARY, KORVAKS_EZRPC}) {
         SCOPED_TRACE(library);
-        const auto dynamic = meta::output_of(KORVAKS_READELF " -W -d " + library);
+        const auto dynamic = readelf("-d", library);
         EXPECT_NE(line_with(dynamic, "(FLAGS").find("NOW"), std::string::npos) << dynamic;
         EXPECT_EQ(line_with(dynamic, "TEXTREL"), "");
-        const auto segments = meta::output_of(KORVAKS_READELF " -W -l " + library);
+        const auto segments = readelf("-l", library);
         EXPECT_NE(line_with(segments, "GNU_RELRO"), "");
         EXPECT_NE(line_with(segments, "GNU_STACK").find(" RW "), std::string::npos) << segments;
     }
@@ -164,15 +158,11 @@ TEST(Linking, IsHardened)
 
 TEST(Linking, NamesItsInterface)
 {
-    const auto soname = [](const std::string &library) {
-        const auto line = line_with(meta::output_of(KORVAKS_READELF " -W -d " + library), "(SONAME)");
-        return line.substr(line.find('[') + 1, line.find(']') - line.find('[') - 1);
-    };
-    EXPECT_EQ(soname(KORVAKS_LIBRARY), "libkorvaks.so.1");
-    EXPECT_EQ(soname(KORVAKS_EZRPC), "libezrpc.so.1");
+    for (const auto &[library, name] :
+         {std::pair{KORVAKS_LIBRARY, "[libkorvaks.so.1]"}, {KORVAKS_EZRPC, "[libezrpc.so.1]"}})
+        EXPECT_TRUE(line_with(readelf("-d", library), "(SONAME)").ends_with(name)) << library;
     // Its threads and handlers would run in memory that is gone.
-    EXPECT_NE(line_with(meta::output_of(KORVAKS_READELF " -W -d " KORVAKS_LIBRARY), "(FLAGS_1)").find("NODELETE"),
-              std::string::npos);
+    EXPECT_NE(line_with(readelf("-d", KORVAKS_LIBRARY), "(FLAGS_1)").find("NODELETE"), std::string::npos);
 }
 
 // The sanitizers put their own in front of many functions and add constructors, so what follows
@@ -192,10 +182,9 @@ TEST(Linking, XdrIsThatOfTirpc)
     EXPECT_NE(std::string(info.dli_fname).find("libtirpc"), std::string::npos) << info.dli_fname;
 
     for (const std::string path : {KORVAKS_LIBRARY, KORVAKS_EZRPC}) {
-        for (const auto &symbol : dynamic_symbols(path, Side::imported)) {
-            const bool is_other = !symbol.name.starts_with("xdr_") || symbol.name == "xdr_ez_string8";
-            EXPECT_TRUE(is_other || symbol.version.starts_with("TIRPC_"))
-                << path << ": " << symbol.name << "@" << symbol.version;
+        for (const auto &[name, version] : dynamic_symbols(path, Side::imported)) {
+            const bool is_other = !name.starts_with("xdr_") || name == "xdr_ez_string8";
+            EXPECT_TRUE(is_other || version.starts_with("TIRPC_")) << path << ": " << name << "@" << version;
         }
     }
 }
@@ -204,7 +193,7 @@ TEST(Linking, XdrIsThatOfTirpc)
 // only constructor is the compiler's own frame_dummy.
 TEST(Linking, NoConstructors)
 {
-    const auto sections = meta::output_of(KORVAKS_READELF " -W -S " KORVAKS_LIBRARY);
+    const auto sections = readelf("-S", KORVAKS_LIBRARY);
     const auto line = line_with(sections, ".init_array");
     const auto words = meta::split_words(line.substr(std::min(line.find(".init_array"), line.size())));
     ASSERT_GT(words.size(), 4u) << sections;
@@ -218,9 +207,9 @@ TEST(Linking, NoConstructors)
 TEST(Linking, NoExceptions)
 {
     const Names admitted = {"__cxa_finalize", "__cxa_atexit", "_ZSt24__throw_out_of_range_fmtPKcz"};
-    for (const auto &symbol : dynamic_symbols(KORVAKS_LIBRARY, Side::imported)) {
+    for (const auto &[name, version] : dynamic_symbols(KORVAKS_LIBRARY, Side::imported)) {
         for (const char *unwanted : {"_Zn[wa]*", "_Zd[la]*", "__cxa_*", "_Unwind_*", "_ZSt*__throw_*"})
-            EXPECT_TRUE(admitted.contains(symbol.name) || !meta::matches(unwanted, symbol.name)) << symbol.name;
+            EXPECT_TRUE(admitted.contains(name) || !meta::matches(unwanted, name)) << name;
     }
 }
 

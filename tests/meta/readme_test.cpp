@@ -10,20 +10,10 @@
 
 namespace {
 
-// The first block of C in a page.
-std::string first_c_block(const std::string &page)
-{
-    const std::string opening = "\n```c\n";
-    const auto start = page.find(opening);
-    if (start == std::string::npos)
-        return "";
-    const auto from = start + opening.size();
-    return page.substr(from, page.find("\n```\n", from) + 1 - from);
-}
-
 TEST(Readme, ShowsTheExampleAsItIs)
 {
-    EXPECT_EQ(first_c_block(meta::read_source("README.md").text), meta::read_source("examples/hello/hello.c").text);
+    const std::string block = "\n```c\n" + meta::read_source("examples/hello/hello.c").text + "```\n";
+    EXPECT_NE(meta::read_source("README.md").text.find(block), std::string::npos) << block;
 }
 
 TEST(Readme, ShowsWhatTheExamplePrints)

@@ -11,11 +11,6 @@ namespace {
 
 using Names = std::set<std::string>;
 
-std::string page_text()
-{
-    return meta::read_source("docs/signals.md").text;
-}
-
 // First words of the lists that scripts/signal-calls prints, and what stands in them.
 std::map<std::string, Names> calls_found()
 {
@@ -29,31 +24,25 @@ std::map<std::string, Names> calls_found()
     return lists;
 }
 
-Names names_in(const std::vector<meta::Row> &rows)
+// Of the table below a heading.
+Names names_in(const std::string &page, const std::string &heading)
 {
     Names names;
-    for (const auto &row : rows)
+    for (const auto &row : meta::table_below(page, heading))
         for (const auto &name : meta::quoted_words(row.at(0)))
             names.insert(name);
     return names;
 }
 
-TEST(SignalsPage, ListsWhatAHandlerReaches)
+TEST(SignalsPage, ListsWhatAHandlerReachesWithAReasonForWhatIsNotSafe)
 {
-    const std::string page = page_text();
+    const std::string page = meta::read_source("docs/signals.md").text;
     auto found = calls_found();
     ASSERT_GT(found["library"].size(), 10U) << "the walk over the calls did not get far";
-    EXPECT_EQ(names_in(meta::table_below(page, "## Functions of the platform")), found["outside"]);
-    EXPECT_EQ(names_in(meta::table_below(page, "## Where the walk ends")), found["stop"]);
-}
-
-TEST(SignalsPage, GivesAReasonForEachFunctionThatIsNotSafe)
-{
-    const std::string page = page_text();
-    for (const auto &row : meta::table_below(page, "## Functions of the platform")) {
-        SCOPED_TRACE(row.at(0));
-        EXPECT_TRUE(row.at(1) == "yes" || (row.at(1) == "no" && row.at(2).size() > 10));
-    }
+    EXPECT_EQ(names_in(page, "## Functions of the platform"), found["outside"]);
+    EXPECT_EQ(names_in(page, "## Where the walk ends"), found["stop"]);
+    for (const auto &row : meta::table_below(page, "## Functions of the platform"))
+        EXPECT_TRUE(row.at(1) == "yes" || (row.at(1) == "no" && row.at(2).size() > 10)) << row.at(0);
 }
 
 } // namespace

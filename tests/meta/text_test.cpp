@@ -1,10 +1,10 @@
 // The texts of the checkout: nothing is left unfinished.
 #include <algorithm>
-#include <cctype>
 #include <utility>
 
 #include <gtest/gtest.h>
 
+#include "harness/match.h"
 #include "meta/source_tree.h"
 
 namespace {
@@ -15,23 +15,13 @@ const std::vector<std::pair<std::string, std::string>> unfinished_marks = {
     {"unimple", "mented"}, {"place", "holder"},
 };
 
-bool is_word_byte(const std::string &text, std::size_t at)
-{
-    return at < text.size() && (std::isalnum(static_cast<unsigned char>(text[at])) != 0 || text[at] == '_');
-}
-
-bool has_word(const std::string &line, const std::string &word)
-{
-    for (auto at = line.find(word); at != std::string::npos; at = line.find(word, at + 1))
-        if ((at == 0 || !is_word_byte(line, at - 1)) && !is_word_byte(line, at + word.size()))
-            return true;
-    return false;
-}
-
 bool is_unfinished(const std::string &line)
 {
-    return std::any_of(unfinished_marks.begin(), unfinished_marks.end(),
-                       [&](const auto &mark) { return has_word(line, mark.first + mark.second); });
+    return std::any_of(unfinished_marks.begin(), unfinished_marks.end(), [&](const auto &mark) {
+        const std::string word = mark.first + mark.second;
+        return line.find(word) != std::string::npos &&
+               test::matches(line, "(.*[^[:alnum:]_])?" + word + "([^[:alnum:]_].*)?");
+    });
 }
 
 std::vector<std::string> unfinished_lines(const meta::SourceFile &file)

@@ -12,6 +12,12 @@ namespace ks {
 
 constinit std::atomic<long> desired_verbosity{SHRT_MAX};
 
+static_assert(std::is_standard_layout_v<msg_table> && std::is_trivially_copyable_v<msg_table>);
+static_assert(offsetof(msg_table, catalog_name) == 0 && offsetof(msg_table, subsystem) == 8);
+static_assert(offsetof(msg_table, set) == 16 && offsetof(msg_table, count) == 18);
+static_assert(offsetof(msg_table, default_texts) == 24 && offsetof(msg_table, catalog_numbers) == 32);
+static_assert(sizeof(msg_table) == 40);
+
 namespace {
 
 constexpr long usec_per_sec = 1000000;

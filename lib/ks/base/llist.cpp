@@ -3,6 +3,13 @@
 
 #include "base/ks_base.h"
 
+#include <cstddef>
+#include <type_traits>
+
+static_assert(std::is_standard_layout_v<llist_link> && std::is_trivially_copyable_v<llist_link>);
+static_assert(offsetof(llist_link, next) == 0 && offsetof(llist_link, prev) == 8);
+static_assert(offsetof(llist_link, owner) == 16 && sizeof(llist_link) == 24);
+
 namespace {
 
 constexpr ks::AssertPath here{"lib/ks/llist"};

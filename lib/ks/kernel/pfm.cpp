@@ -11,6 +11,10 @@
 #include <type_traits>
 
 static_assert(std::is_standard_layout_v<pfm_cleanup_rec> && std::is_trivially_copyable_v<pfm_cleanup_rec>);
+static_assert(offsetof(pfm_cleanup_rec, magic) == 0 && offsetof(pfm_cleanup_rec, next) == 8);
+static_assert(offsetof(pfm_cleanup_rec, jump) == 16 && offsetof(pfm_cleanup_rec, inh) == 216);
+static_assert(offsetof(pfm_cleanup_rec, inh_susp) == 220 && offsetof(pfm_cleanup_rec, thr_id) == 224);
+static_assert(offsetof(pfm_cleanup_rec, status) == 232 && sizeof(pfm_cleanup_rec) == 240);
 
 namespace ks::fault {
 

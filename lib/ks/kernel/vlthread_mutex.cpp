@@ -8,6 +8,14 @@
 #include <type_traits>
 
 static_assert(std::is_standard_layout_v<vlthread_mutex_t> && std::is_trivially_copyable_v<vlthread_mutex_t>);
+static_assert(offsetof(vlthread_mutex_t, lock) == 0 && offsetof(vlthread_mutex_t, owner) == 40);
+static_assert(offsetof(vlthread_mutex_t, order_link) == 48 && offsetof(vlthread_mutex_t, locker) == 72);
+static_assert(offsetof(vlthread_mutex_t, order_class) == 80 && offsetof(vlthread_mutex_t, level) == 88);
+static_assert(offsetof(vlthread_mutex_t, flags) == 90 && offsetof(vlthread_mutex_t, recursion_count) == 92);
+static_assert(offsetof(vlthread_mutex_t, raise_mode) == 96 && offsetof(vlthread_mutex_t, lock_count) == 100);
+static_assert(offsetof(vlthread_mutex_t, wait_time) == 104 && offsetof(vlthread_mutex_t, hold_time) == 120);
+static_assert(offsetof(vlthread_mutex_t, cond_time) == 136 && offsetof(vlthread_mutex_t, locked_at) == 152);
+static_assert(sizeof(vlthread_mutex_t) == 168 && sizeof(vlthread_order_class) == 8);
 
 namespace {
 

@@ -6,10 +6,13 @@
 // generation is renewed before it is used.
 #include "kernel/kernel.h"
 
+#include <cstddef>
 #include <cstring>
 #include <type_traits>
 
 static_assert(std::is_standard_layout_v<vlthread_rwlock_t> && std::is_trivially_copyable_v<vlthread_rwlock_t>);
+static_assert(offsetof(vlthread_rwlock_t, lock) == 0 && offsetof(vlthread_rwlock_t, raise_mode) == 56);
+static_assert(offsetof(vlthread_rwlock_t, writer) == 64 && sizeof(vlthread_rwlock_t) == 72);
 
 namespace {
 
