@@ -25,15 +25,8 @@ namespace test {
 // What failed in a child, in memory that it shares with its parent: it costs no descriptor and
 // outlasts a child that a signal ends.
 struct Failures {
-    struct Failure {
-        char file[256];
-        char text[2048];
-        int line;
-    };
-    std::atomic<std::size_t> count{0};
-    Failure list[8]; // the first ones
-
-    std::size_t kept() const { return std::min(count.load(), std::size(list)); }
+    std::atomic<std::size_t> size{0}; // of all that was to be told
+    char text[1 << 14];               // the beginning of it
 };
 
 namespace {
@@ -84,13 +77,12 @@ class FailureSender : public testing::EmptyTestEventListener {
     {
         if (!result.failed())
             return;
-        const std::size_t at = failures_.count++;
-        if (at >= std::size(failures_.list))
-            return;
-        Failures::Failure &failure = failures_.list[at];
-        std::snprintf(failure.file, sizeof failure.file, "%s", result.file_name());
-        std::snprintf(failure.text, sizeof failure.text, "%s", result.message());
-        failure.line = result.line_number();
+        std::ostringstream text;
+        text << result;
+        const std::string line = text.str();
+        const std::size_t at = failures_.size.fetch_add(line.size());
+        if (at < sizeof failures_.text)
+            line.copy(failures_.text + at, sizeof failures_.text - at);
     }
 
   private:
@@ -106,14 +98,11 @@ void send_failures(Failures &failures)
     listeners.Append(current);
 }
 
-// Empties the list.
 void report(Failures &failures)
 {
-    for (std::size_t i = 0; i < failures.kept(); ++i)
-        ADD_FAILURE_AT(failures.list[i].file, failures.list[i].line) << "in a child: " << failures.list[i].text;
-    if (failures.count > failures.kept())
-        ADD_FAILURE() << failures.count - failures.kept() << " more failures in a child";
-    failures.count = 0;
+    const std::size_t size = std::min(failures.size.exchange(0), sizeof failures.text);
+    if (size > 0)
+        ADD_FAILURE() << "in a child:\n" << std::string(failures.text, size);
 }
 
 } // namespace

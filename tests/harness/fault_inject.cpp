@@ -521,13 +521,7 @@ PASS(error_number, mutex, int, pthread_mutex_init, (pthread_mutex_t * mutex, con
 PASS(error_number, key, int, pthread_key_create, (pthread_key_t * key, void (*destructor)(void *)), (key, destructor))
 PASS(error_number, key, int, pthread_setspecific, (pthread_key_t key, const void *value), (key, value))
 
-FRONT(int, __cxa_atexit, void (*fn)(void *), void *argument, void *object)
-{
-    if (answer_for(Call::at_exit) != 0)
-        return -1;
-    return NEXT(__cxa_atexit)(fn, argument, object);
-}
-
+PASS(fail, at_exit, int, __cxa_atexit, (void (*fn)(void *), void *argument, void *object), (fn, argument, object))
 PASS(fail, wait, int, waitid, (idtype_t type, id_t id, siginfo_t *info, int options), (type, id, info, options))
 PASS(fail, kill, int, kill, (pid_t pid, int sig), (pid, sig))
 

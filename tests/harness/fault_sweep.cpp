@@ -1,5 +1,7 @@
 #include "harness/fault_sweep.h"
 
+#include "harness/match.h"
+
 #include "kernel/ks_guard.h"
 #include "kernel/ks_locks.h"
 
@@ -369,11 +371,12 @@ void run_from_cursor(const Sweep &sweep)
 
 // --- In the test's process ---
 
-enum class Fate { ended, fault, death, hang };
-
 struct Outcome {
-    Fate fate;
+    bool hangs;
     int wait_status;
+
+    bool is_exit(int status) const { return !hangs && WIFEXITED(wait_status) && WEXITSTATUS(wait_status) == status; }
+    bool is_signal(int sig) const { return !hangs && WIFSIGNALED(wait_status) && WTERMSIG(wait_status) == sig; }
 };
 
 // Waits until the child ends, or makes no progress for too long.
@@ -394,11 +397,7 @@ Outcome wait_for(pid_t pid, const Record &record)
         kill(pid, SIGKILL);
     waitpid(pid, &wait_status, 0);
     close(pid_fd);
-    if (hangs)
-        return {Fate::hang, wait_status};
-    if (WIFEXITED(wait_status) && WEXITSTATUS(wait_status) == 0)
-        return {Fate::ended, wait_status};
-    return {WIFEXITED(wait_status) && WEXITSTATUS(wait_status) == exit_fault ? Fate::fault : Fate::death, wait_status};
+    return {hangs, wait_status};
 }
 
 Outcome run_child(const Sweep &sweep, void (*body)(const Sweep &))
@@ -428,38 +427,19 @@ std::string describe(const Plan &plan)
     return text + (plan.call == Call::raise ? "a raise" : strerrorname_np(plan.answer));
 }
 
-// Whether `text` ends as `pattern` says.
-bool ends_as(std::string_view text, std::string_view pattern)
+// Whether some line of `text` ends as `pattern` says. It need not be the last: until the process is
+// gone its other threads may write behind it.
+bool has_line_end(const std::string &text, std::string_view pattern)
 {
-    while (!pattern.empty()) {
-        if (pattern.back() == '#') {
-            const std::size_t before = text.size();
-            while (!text.empty() && std::isxdigit(static_cast<unsigned char>(text.back())) != 0)
-                text.remove_suffix(1);
-            if (text.size() == before)
-                return false;
-        } else {
-            if (text.empty() || text.back() != pattern.back())
-                return false;
-            text.remove_suffix(1);
-        }
-        pattern.remove_suffix(1);
+    std::string expression = ".*";
+    for (const char c : pattern) {
+        const bool is_plain = std::isalnum(static_cast<unsigned char>(c)) != 0 || c == ' ' || c == '\n';
+        expression += c == '#' ? "[[:xdigit:]]+" : is_plain ? std::string(1, c) : std::string("[") + c + "]";
     }
-    return true;
+    return test::matches(text, expression + ".*");
 }
 
-// Whether some line of `text` ends so. It need not be the last: until the process is gone its other
-// threads may write behind it.
-bool has_line_end(std::string_view text, std::string_view pattern)
-{
-    for (std::size_t end = text.find('\n'); end != text.npos; end = text.find('\n', end + 1)) {
-        if (ends_as(text.substr(0, end + 1), pattern))
-            return true;
-    }
-    return ends_as(text, pattern);
-}
-
-bool is_end(const End &end, Call call, std::string_view text)
+bool is_end(const End &end, Call call, const std::string &text)
 {
     if (end.call != call)
         return false;
@@ -471,10 +451,9 @@ bool is_end(const End &end, Call call, std::string_view text)
 // Judges how the child ended in the middle of a run; adds the named end it met.
 bool is_documented(const Sweep &sweep, const Outcome &outcome, std::set<const End *> &met)
 {
-    if (outcome.fate != Fate::death || sweep.record->is_clean || !end().fired || !WIFSIGNALED(outcome.wait_status) ||
-        WTERMSIG(outcome.wait_status) != SIGABRT)
+    if (!outcome.is_signal(SIGABRT) || sweep.record->is_clean || !end().fired)
         return false;
-    const std::string_view text = read_said(sweep.said_fd);
+    const std::string text = read_said(sweep.said_fd);
     // An abort without a word is what none of the others explains.
     const Call call = plan_at(sweep, sweep.record->cursor).call;
     const End *found = nullptr;
@@ -489,18 +468,14 @@ bool is_documented(const Sweep &sweep, const Outcome &outcome, std::set<const En
 
 std::string fate_text(const Sweep &sweep, const Outcome &outcome)
 {
-    const std::string text = read_said(sweep.said_fd);
-    switch (outcome.fate) {
-    case Fate::fault:
+    if (outcome.is_exit(exit_fault))
         return sweep.record->report;
-    case Fate::hang:
-        return "it hangs; it said:\n" + text;
-    default:
-        break;
-    }
+    const std::string said_so_far = std::string("; it said:\n") + read_said(sweep.said_fd);
+    if (outcome.hangs)
+        return "it hangs" + said_so_far;
     if (WIFSIGNALED(outcome.wait_status))
-        return "ended by signal " + std::to_string(WTERMSIG(outcome.wait_status)) + "; it said:\n" + text;
-    return "ended with status " + std::to_string(WEXITSTATUS(outcome.wait_status)) + "; it said:\n" + text;
+        return "ended by signal " + std::to_string(WTERMSIG(outcome.wait_status)) + said_so_far;
+    return "ended with status " + std::to_string(WEXITSTATUS(outcome.wait_status)) + said_so_far;
 }
 
 void make_families(Sweep &sweep)
@@ -540,7 +515,7 @@ void run_all(Sweep &sweep)
     int faults = 0;
     for (bool goes_on = true; goes_on && faults < faults_max;) {
         const Outcome outcome = run_child(sweep, run_from_cursor);
-        if (outcome.fate != Fate::ended) {
+        if (!outcome.is_exit(0)) {
             if (!is_documented(sweep, outcome, met)) {
                 ++faults;
                 ADD_FAILURE() << sweep.scenario->name << ", " << describe(plan_at(sweep, record.cursor)) << ": "
@@ -591,7 +566,7 @@ void run_sweep(const Scenario &scenario, Mode mode, unsigned seeds)
     ASSERT_GE(sweep.said_fd, 0);
     if (mode == Mode::first_use)
         sweep.ends.insert(sweep.ends.end(), std::begin(ends_of_start), std::end(ends_of_start));
-    if (const Outcome outcome = run_child(sweep, run_clean); outcome.fate != Fate::ended)
+    if (const Outcome outcome = run_child(sweep, run_clean); !outcome.is_exit(0))
         ADD_FAILURE() << scenario.name << ", undisturbed: " << fate_text(sweep, outcome);
     else
         make_families(sweep);
