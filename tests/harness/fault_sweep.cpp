@@ -551,8 +551,6 @@ const End ends_of_start[] = {
     {Call::pipe, "(pfm_setup_pipe(pfm_notify_pipe, FALSE, FALSE) == 0) failed: 'lib/ks/pfm':1859\n", true},
     {Call::at_exit, "(atexit(pfm_atexit_handler) == 0) failed: 'lib/ks/pfm':#\n", true},
     {Call::allocation,
-     "vlthread_atfork(hold_modules, release_modules, release_modules_in_child) == 0 at 'vlthread':#\n", true},
-    {Call::allocation,
      "(vlthread_atfork(pfm_thread_fork_prepare, NULL, pfm_thread_fork_child) == 0) failed: 'lib/ks/pfm':#\n", true},
 };
 
