@@ -7,6 +7,7 @@
 //
 // KORVAKS_MODEL_STEPS sets the number of steps, KORVAKS_MODEL_SEED another sequence.
 #include "harness/child.h"
+#include "harness/forked.h"
 
 #include "kernel/ks_locks.h"
 
@@ -20,10 +21,10 @@
 #include <array>
 #include <atomic>
 #include <cerrno>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <functional>
-#include <iterator>
 #include <memory>
 #include <random>
 #include <string>
@@ -31,7 +32,6 @@
 #include <vector>
 
 #include <semaphore.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #if defined(__SANITIZE_THREAD__)
@@ -48,68 +48,70 @@ constexpr std::size_t thread_count = 4; // the first is the one that drives the 
 constexpr std::size_t mutex_count = 6;
 constexpr std::size_t rwlock_count = 3;
 constexpr int depth_max = 5;
-constexpr int nobody = -1;
+constexpr std::size_t nobody = SIZE_MAX;
 
 // --- The model ---
 
 struct MutexModel {
     bool counted;
     bool timed;
-    int level; // 0: no order class
-    int owner = nobody;
+    std::size_t order_class; // 0: none
+    int level;
+    std::size_t owner = nobody;
     int depth = 0;
     uint32_t times_taken = 0;
 
-    bool is_open_to(int thread) const { return owner == nobody || (owner == thread && depth < depth_max); }
+    bool is_open_to(std::size_t thread) const { return owner == nobody || (owner == thread && depth < depth_max); }
 };
 
 struct RwlockModel {
     bool counted;
-    int writer = nobody;
+    std::size_t writer = nobody;
     std::array<int, thread_count> reads{};
 
     bool has_readers() const
     {
         return std::any_of(reads.begin(), reads.end(), [](int held) { return held > 0; });
     }
-    bool is_held_by(int thread) const { return writer == thread || reads[static_cast<std::size_t>(thread)] > 0; }
+    bool is_held_by(std::size_t thread) const { return writer == thread || reads[thread] > 0; }
 };
 
 struct ThreadModel {
     int locks = 0; // counted locks held
     int inhibits = 0;
     int suspend_inhibits = 0;
-    int rwlock_holds = 0;
     std::vector<std::size_t> ordered; // held mutexes of the order class, oldest first
 };
 
 struct Model {
-    std::array<MutexModel, mutex_count> mutexes{
-        {{true, false, 0}, {false, false, 0}, {true, true, 0}, {true, false, 1}, {false, true, 2}, {true, false, 3}}};
+    std::array<MutexModel, mutex_count> mutexes{{{true, false, 0, 0},
+                                                 {false, false, 0, 0},
+                                                 {true, true, 1, 2},
+                                                 {true, false, 1, 1},
+                                                 {false, true, 1, 2},
+                                                 {true, false, 2, 3}}};
     std::array<RwlockModel, rwlock_count> rwlocks{{{true}, {false}, {true}}};
     std::array<ThreadModel, thread_count> threads{};
-    MutexModel section{true, false, 0};
-    int attached = 0; // the thread that started the fault manager
+    MutexModel section{true, false, 0, 0};
+    std::size_t attached = 0; // the thread that started the fault manager
     unsigned violations = 0;
 };
 
 // --- What is modelled ---
 
-struct OrderClass {
-    vlthread_order_class head;
-    std::atomic<unsigned> violations;
-};
+std::atomic<unsigned> violations{0};
 
-extern "C" void count_violation(vlthread_mutex *locking, vlthread_mutex *)
+extern "C" void count_violation(vlthread_mutex *locking, vlthread_mutex *held)
 {
-    reinterpret_cast<OrderClass *>(locking->order_class)->violations.fetch_add(1);
+    const bool is_one = held->order_class == locking->order_class && held->level > locking->level;
+    violations += is_one ? 1 : 1000;
 }
 
 struct World {
     std::array<vlthread_mutex_t, mutex_count> mutexes;
     std::array<vlthread_rwlock_t, rwlock_count> rwlocks;
     vlthread_cond_t condition = VLTHREAD_COND_INITIALIZER;
-    OrderClass order{{count_violation}, 0};
+    std::array<vlthread_order_class, 2> order_classes{{{count_violation}, {count_violation}}};
 };
 
 // A turn that one thread passes to another. A POSIX semaphore sleeps at once, where the standard
@@ -176,20 +178,6 @@ class Worker {
     Turn drivers_;
 };
 
-// Waits for a child; -1 when it was stuck and had to be killed.
-int exit_status_of(pid_t child)
-{
-    for (int waited_ms = 0; waited_ms < 20000; ++waited_ms) {
-        int status = 0;
-        if (waitpid(child, &status, WNOHANG) == child)
-            return WIFEXITED(status) ? WEXITSTATUS(status) : 1000 + WTERMSIG(status);
-        usleep(waited_ms < 10 ? 100 : 1000);
-    }
-    kill(child, SIGKILL);
-    waitpid(child, nullptr, 0);
-    return -1;
-}
-
 class Scenario {
   public:
     Scenario(unsigned long seed, unsigned long steps) : random_(seed), seed_(seed), steps_(steps) {}
@@ -209,7 +197,7 @@ class Scenario {
     }
 
   private:
-    using Step = void (Scenario::*)(int thread);
+    using Step = void (Scenario::*)(std::size_t thread);
 
     // --- Preparation ---
 
@@ -220,7 +208,8 @@ class Scenario {
         blocks_[0] = pfm_tls_get();
         for (std::size_t i = 0; i < mutex_count; ++i) {
             const MutexModel &mutex = model_.mutexes[i];
-            vlthread_order_class *order = mutex.level == 0 ? nullptr : &world_.order.head;
+            vlthread_order_class *order =
+                mutex.order_class == 0 ? nullptr : &world_.order_classes[mutex.order_class - 1];
             vlthread_mutex_init_full(&world_.mutexes[i], 0, static_cast<int16_t>(mutex.level),
                                      mutex.timed ? VLTHREAD_MUTEX_TIMED : 0, order);
             if (!mutex.counted)
@@ -229,23 +218,25 @@ class Scenario {
         for (std::size_t i = 0; i < rwlock_count; ++i)
             vlthread_rwlock_init(&world_.rwlocks[i],
                                  model_.rwlocks[i].counted ? VLTHREAD_RAISE_COUNTED : VLTHREAD_RAISE_IGNORED);
-        for (int thread = 1; thread < static_cast<int>(thread_count); ++thread)
+        for (std::size_t thread = 1; thread < thread_count; ++thread)
             start_worker(thread);
     }
 
-    void start_worker(int thread)
+    void start_worker(std::size_t thread)
     {
-        const auto index = static_cast<std::size_t>(thread);
-        workers_[index].start();
-        ids_[index] = workers_[index].id();
-        on_thread(thread, [this, index] { blocks_[index] = pfm_tls_get(); });
+        workers_[thread].start();
+        ids_[thread] = workers_[thread].id();
+        on_thread(thread, [this, thread] { blocks_[thread] = pfm_tls_get(); });
     }
 
     // Everything is given back; a mutex that is not free any more, or a count, would be seen.
     void tear_down()
     {
-        for (int thread = 0; thread < static_cast<int>(thread_count); ++thread)
-            give_everything_back(thread);
+        for (std::size_t thread = 0; thread < thread_count; ++thread) {
+            give_locks_back(thread);
+            force_attach(thread);
+            release_section(thread);
+        }
         compare_state();
         for (std::size_t i = 1; i < thread_count; ++i)
             workers_[i].end(true);
@@ -255,7 +246,7 @@ class Scenario {
             expect("rwlock destroy", vlthread_rwlock_destroy(&rwlock), 0);
     }
 
-    void give_everything_back(int thread)
+    void give_locks_back(std::size_t thread)
     {
         for (std::size_t i = 0; i < mutex_count; ++i) {
             while (model_.mutexes[i].owner == thread)
@@ -269,30 +260,26 @@ class Scenario {
             enable(thread);
         while (of(thread).suspend_inhibits > 0)
             enable_suspend(thread);
-        if (model_.section.owner == thread) {
-            force_attach(thread);
-            release_section(thread);
-        }
     }
 
     // --- Doing steps ---
 
     // Whoever has the turn does what it can itself; the first thread hands turns out.
-    template <typename Work> void on_thread(int thread, Work work)
+    template <typename Work> void on_thread(std::size_t thread, Work work)
     {
         if (thread == has_turn_) {
             work();
             return;
         }
         has_turn_ = thread;
-        workers_[static_cast<std::size_t>(thread)].do_work(work);
+        workers_[thread].do_work(work);
         has_turn_ = 0;
     }
 
     // A few steps at a time: to change threads costs far more than a step.
     void let_a_thread_run()
     {
-        const int thread = static_cast<int>(below(thread_count));
+        const std::size_t thread = below(thread_count);
         const std::size_t count = 1 + below(24);
         on_thread(thread, [this, thread, count] {
             for (std::size_t i = 0; i < count && step_ < steps_ && !has_failed_; ++i) {
@@ -307,60 +294,42 @@ class Scenario {
         }
     }
 
-    // Does `call` on the thread and compares what it returns.
-    template <typename Call> void check(const char *what, int thread, std::size_t object, int expected, Call call)
+    // Does `call` on the thread and compares what it returns, 0 for nothing.
+    template <typename Call, typename... Arguments> void check(const char *what, std::size_t thread, std::size_t object,
+                                                               int expected, Call call, Arguments... arguments)
     {
-        int result = -999;
+        int result = 0;
         note(what, thread, object);
-        on_thread(thread, [&] { result = static_cast<int>(call()); });
+        on_thread(thread, [&] {
+            if constexpr (std::is_void_v<std::invoke_result_t<Call, Arguments...>>)
+                call(arguments...);
+            else
+                result = static_cast<int>(call(arguments...));
+        });
         expect(what, result, expected);
     }
 
-    void do_any_step(int thread)
+    void do_any_step(std::size_t thread)
     {
-        constexpr Step steps[] = {
-            &Scenario::step_lock,
-            &Scenario::step_lock,
-            &Scenario::step_trylock,
-            &Scenario::step_trylock,
-            &Scenario::step_unlock,
-            &Scenario::step_unlock,
-            &Scenario::step_unlock,
-            &Scenario::step_unlock,
-            &Scenario::step_timedwait,
-            &Scenario::step_read,
-            &Scenario::step_try_read,
-            &Scenario::step_write,
-            &Scenario::step_try_write,
-            &Scenario::step_rwlock_unlock,
-            &Scenario::step_rwlock_unlock,
-            &Scenario::step_rwlock_unlock,
-            &Scenario::enter_section,
-            &Scenario::try_enter_section,
-            &Scenario::leave_section,
-            &Scenario::leave_section,
-            &Scenario::step_release,
-            &Scenario::try_attach,
-            &Scenario::step_force_attach,
-            &Scenario::inhibit,
-            &Scenario::enable,
-            &Scenario::enable,
-            &Scenario::inhibit_suspend,
-            &Scenario::enable_suspend,
-            &Scenario::enable_suspend,
-            &Scenario::step_counts,
-        };
+        constexpr auto listed = [](auto... steps) { return std::array<Step, sizeof...(steps)>{steps...}; };
+        constexpr auto steps = listed(
+            &Scenario::step_lock, &Scenario::step_lock, &Scenario::step_trylock, &Scenario::step_trylock,
+            &Scenario::step_unlock, &Scenario::step_unlock, &Scenario::step_unlock, &Scenario::step_unlock,
+            &Scenario::step_timedwait, &Scenario::step_read, &Scenario::step_try_read, &Scenario::step_write,
+            &Scenario::step_try_write, &Scenario::step_rwlock_unlock, &Scenario::step_rwlock_unlock,
+            &Scenario::step_rwlock_unlock, &Scenario::enter_section, &Scenario::try_enter_section,
+            &Scenario::leave_section, &Scenario::leave_section, &Scenario::step_release, &Scenario::try_attach,
+            &Scenario::step_force_attach, &Scenario::inhibit, &Scenario::enable, &Scenario::enable,
+            &Scenario::inhibit_suspend, &Scenario::enable_suspend, &Scenario::enable_suspend, &Scenario::step_counts);
         if (below(4000) == 0)
             fork_once(thread);
         else
-            (this->*steps[below(std::size(steps))])(thread);
+            (this->*steps[below(steps.size())])(thread);
     }
 
     // --- Mutexes ---
 
-    std::size_t any_mutex() { return below(mutex_count); }
-
-    void take_mutex(int thread, std::size_t index, MutexModel &mutex)
+    void take_mutex(std::size_t thread, std::size_t index, MutexModel &mutex)
     {
         ++mutex.depth;
         if (mutex.owner == thread)
@@ -368,40 +337,40 @@ class Scenario {
         mutex.owner = thread;
         ++mutex.times_taken;
         of(thread).locks += mutex.counted ? 1 : 0;
-        if (mutex.level != 0)
+        if (mutex.order_class != 0)
             of(thread).ordered.push_back(index);
     }
 
-    void step_lock(int thread)
+    void step_lock(std::size_t thread)
     {
-        const std::size_t index = any_mutex();
+        const std::size_t index = below(mutex_count);
         MutexModel &mutex = model_.mutexes[index];
         if (!mutex.is_open_to(thread))
             return;
-        if (mutex.owner != thread && mutex.level != 0) {
-            for (const std::size_t held : of(thread).ordered)
-                model_.violations += model_.mutexes[held].level > mutex.level ? 1 : 0;
+        for (const std::size_t i : of(thread).ordered) {
+            const MutexModel &held = model_.mutexes[i];
+            const bool is_violation = held.order_class == mutex.order_class && held.level > mutex.level;
+            model_.violations += mutex.owner != thread && is_violation ? 1 : 0;
         }
         take_mutex(thread, index, mutex);
-        check("lock", thread, index, 0, [&] { return vlthread_mutex_lock(&world_.mutexes[index]); });
+        check("lock", thread, index, 0, vlthread_mutex_lock, &world_.mutexes[index]);
     }
 
-    void step_trylock(int thread)
+    void step_trylock(std::size_t thread)
     {
-        const std::size_t index = any_mutex();
+        const std::size_t index = below(mutex_count);
         MutexModel &mutex = model_.mutexes[index];
         if (mutex.owner == thread && mutex.depth == depth_max)
             return;
         const bool is_open = mutex.is_open_to(thread);
         if (is_open)
             take_mutex(thread, index, mutex);
-        check("trylock", thread, index, is_open ? 0 : EBUSY,
-              [&] { return vlthread_mutex_trylock(&world_.mutexes[index]); });
+        check("trylock", thread, index, is_open ? 0 : EBUSY, vlthread_mutex_trylock, &world_.mutexes[index]);
     }
 
-    void step_unlock(int thread) { unlock_mutex(thread, any_mutex()); }
+    void step_unlock(std::size_t thread) { unlock_mutex(thread, below(mutex_count)); }
 
-    void unlock_mutex(int thread, std::size_t index)
+    void unlock_mutex(std::size_t thread, std::size_t index)
     {
         MutexModel &mutex = model_.mutexes[index];
         const bool is_owner = mutex.owner == thread;
@@ -410,104 +379,99 @@ class Scenario {
             of(thread).locks -= mutex.counted ? 1 : 0;
             std::erase(of(thread).ordered, index);
         }
-        check("unlock", thread, index, is_owner ? 0 : 1, [&] { return vlthread_mutex_unlock(&world_.mutexes[index]); });
+        check("unlock", thread, index, is_owner ? 0 : 1, vlthread_mutex_unlock, &world_.mutexes[index]);
     }
 
-    void step_timedwait(int thread)
+    void step_timedwait(std::size_t thread)
     {
-        const std::size_t index = any_mutex();
+        const std::size_t index = below(mutex_count);
         MutexModel &mutex = model_.mutexes[index];
         if (mutex.owner != thread || mutex.depth != 1)
             return;
         ++mutex.times_taken;
-        if (mutex.level != 0) { // taken anew
+        if (mutex.order_class != 0) { // taken anew
             std::erase(of(thread).ordered, index);
             of(thread).ordered.push_back(index);
         }
-        constexpr timespec past{1, 0};
-        check("timedwait", thread, index, ETIMEDOUT,
-              [&] { return vlthread_cond_timedwait(&world_.condition, &world_.mutexes[index], &past); });
+        static constexpr timespec past{1, 0};
+        check("timedwait", thread, index, ETIMEDOUT, vlthread_cond_timedwait, &world_.condition, &world_.mutexes[index],
+              &past);
     }
 
     // --- Read/write locks ---
 
-    std::size_t any_rwlock() { return below(rwlock_count); }
+    using Take = int (*)(vlthread_rwlock_t *);
 
-    void hold_rwlock(int thread, const RwlockModel &rwlock, int change)
-    {
-        of(thread).rwlock_holds += change;
-        of(thread).locks += rwlock.counted ? change : 0;
-    }
-
-    void read_with(const char *what, int (*call)(vlthread_rwlock_t *), int thread, std::size_t index)
+    void read_with(const char *what, Take call, std::size_t thread, std::size_t index)
     {
         RwlockModel &rwlock = model_.rwlocks[index];
         const bool is_open = rwlock.writer == nobody;
-        if (is_open) {
-            ++rwlock.reads[static_cast<std::size_t>(thread)];
-            hold_rwlock(thread, rwlock, 1);
-        }
-        check(what, thread, index, is_open ? 0 : EBUSY, [&] { return call(&world_.rwlocks[index]); });
+        rwlock.reads[thread] += is_open ? 1 : 0;
+        check_hold(what, call, thread, index, is_open);
     }
 
-    void step_read(int thread)
-    {
-        const std::size_t index = any_rwlock();
-        const int writer = model_.rwlocks[index].writer;
-        if (writer == nobody || writer == thread) // a writer that asks again gets an error
-            read_with("rdlock", vlthread_rwlock_rdlock, thread, index);
-    }
-
-    void step_try_read(int thread)
-    {
-        read_with("rdlock_trylock", vlthread_rwlock_rdlock_trylock, thread, any_rwlock());
-    }
-
-    void write_with(const char *what, int (*call)(vlthread_rwlock_t *), int thread, std::size_t index)
+    void write_with(const char *what, Take call, std::size_t thread, std::size_t index)
     {
         RwlockModel &rwlock = model_.rwlocks[index];
         const bool is_open = rwlock.writer == nobody && !rwlock.has_readers();
-        if (is_open) {
-            rwlock.writer = thread;
-            hold_rwlock(thread, rwlock, 1);
-        }
-        check(what, thread, index, is_open ? 0 : EBUSY, [&] { return call(&world_.rwlocks[index]); });
+        rwlock.writer = is_open ? thread : rwlock.writer;
+        check_hold(what, call, thread, index, is_open);
     }
 
-    void step_write(int thread)
+    void check_hold(const char *what, Take call, std::size_t thread, std::size_t index, bool is_open)
     {
-        const std::size_t index = any_rwlock();
+        of(thread).locks += is_open && model_.rwlocks[index].counted ? 1 : 0;
+        check(what, thread, index, is_open ? 0 : EBUSY, call, &world_.rwlocks[index]);
+    }
+
+    void step_try_read(std::size_t thread)
+    {
+        read_with("rdlock_trylock", vlthread_rwlock_rdlock_trylock, thread, below(rwlock_count));
+    }
+
+    void step_try_write(std::size_t thread)
+    {
+        write_with("wrlock_trylock", vlthread_rwlock_wrlock_trylock, thread, below(rwlock_count));
+    }
+
+    // The waiting forms, where they need not wait: a writer that asks again gets an error.
+    void step_read(std::size_t thread)
+    {
+        const std::size_t index = below(rwlock_count);
+        const std::size_t writer = model_.rwlocks[index].writer;
+        if (writer == nobody || writer == thread)
+            read_with("rdlock", vlthread_rwlock_rdlock, thread, index);
+    }
+
+    void step_write(std::size_t thread)
+    {
+        const std::size_t index = below(rwlock_count);
         const RwlockModel &rwlock = model_.rwlocks[index];
         if (rwlock.writer == thread || (rwlock.writer == nobody && !rwlock.has_readers()))
             write_with("wrlock", vlthread_rwlock_wrlock, thread, index);
     }
 
-    void step_try_write(int thread)
+    void step_rwlock_unlock(std::size_t thread)
     {
-        write_with("wrlock_trylock", vlthread_rwlock_wrlock_trylock, thread, any_rwlock());
-    }
-
-    void step_rwlock_unlock(int thread)
-    {
-        const std::size_t index = any_rwlock();
+        const std::size_t index = below(rwlock_count);
         if (model_.rwlocks[index].is_held_by(thread))
             unlock_rwlock(thread, index);
     }
 
-    void unlock_rwlock(int thread, std::size_t index)
+    void unlock_rwlock(std::size_t thread, std::size_t index)
     {
         RwlockModel &rwlock = model_.rwlocks[index];
         if (rwlock.writer == thread)
             rwlock.writer = nobody;
         else
-            --rwlock.reads[static_cast<std::size_t>(thread)];
-        hold_rwlock(thread, rwlock, -1);
-        check("rwlock unlock", thread, index, 0, [&] { return vlthread_rwlock_unlock(&world_.rwlocks[index]); });
+            --rwlock.reads[thread];
+        of(thread).locks -= rwlock.counted ? 1 : 0;
+        check("rwlock unlock", thread, index, 0, vlthread_rwlock_unlock, &world_.rwlocks[index]);
     }
 
     // --- Critical section and attachment ---
 
-    void model_entry(int thread)
+    void model_entry(std::size_t thread)
     {
         of(thread).locks += model_.section.owner == thread ? 0 : 1;
         model_.section.owner = thread;
@@ -515,18 +479,15 @@ class Scenario {
         model_.attached = thread;
     }
 
-    void enter_section(int thread)
+    void enter_section(std::size_t thread)
     {
         if (!model_.section.is_open_to(thread))
             return;
         model_entry(thread);
-        check("enter", thread, 0, 0, [] {
-            vlthread_enter_critical_section();
-            return 0;
-        });
+        check("enter", thread, 0, 0, vlthread_enter_critical_section);
     }
 
-    void try_enter_section(int thread)
+    void try_enter_section(std::size_t thread)
     {
         const MutexModel &section = model_.section;
         if (section.owner == thread && section.depth == depth_max)
@@ -534,10 +495,10 @@ class Scenario {
         const bool is_open = section.is_open_to(thread);
         if (is_open)
             model_entry(thread);
-        check("try_enter", thread, 0, is_open ? 1 : 0, [] { return vlthread_try_enter_critical_section(); });
+        check("try_enter", thread, 0, is_open ? 1 : 0, vlthread_try_enter_critical_section);
     }
 
-    void model_leave(int thread)
+    void model_leave(std::size_t thread)
     {
         if (--model_.section.depth > 0)
             return;
@@ -546,100 +507,83 @@ class Scenario {
         --of(thread).locks;
     }
 
-    bool may_leave(int thread) const { return model_.section.owner == thread && model_.attached == thread; }
+    bool may_leave(std::size_t thread) const { return model_.section.owner == thread && model_.attached == thread; }
 
-    void leave_section(int thread)
+    void leave_section(std::size_t thread)
     {
         if (!may_leave(thread))
             return;
         model_leave(thread);
-        check("leave", thread, 0, 0, [] {
-            vlthread_leave_critical_section();
-            return 0;
-        });
+        check("leave", thread, 0, 0, vlthread_leave_critical_section);
     }
 
-    void release_section(int thread)
+    void release_section(std::size_t thread)
     {
         if (model_.section.owner == thread && !may_leave(thread))
             return;
         while (model_.section.owner == thread)
             model_leave(thread);
-        check("release", thread, 0, 0, [] {
-            vlthread_release_critical_section();
-            return 0;
-        });
+        check("release", thread, 0, 0, vlthread_release_critical_section);
     }
 
-    void step_release(int thread)
+    void step_release(std::size_t thread)
     {
         if (below(4) == 0) // rarer, so that depths build up
             release_section(thread);
     }
 
-    void try_attach(int thread)
+    void try_attach(std::size_t thread)
     {
         const bool is_open = model_.attached == nobody || model_.attached == thread;
         if (is_open)
             model_.attached = thread;
-        check("try_attach", thread, 0, is_open ? 0 : 1, [] { return vlthread_try_attach_lib(); });
+        check("try_attach", thread, 0, is_open ? 0 : 1, vlthread_try_attach_lib);
     }
 
-    void step_force_attach(int thread)
+    void step_force_attach(std::size_t thread)
     {
         if (below(4) == 0)
             force_attach(thread);
     }
 
-    void force_attach(int thread)
+    void force_attach(std::size_t thread)
     {
         model_.attached = thread;
-        check("force_attach", thread, 0, 0, [] { return vlthread_force_attach_lib(); });
+        check("force_attach", thread, 0, 0, vlthread_force_attach_lib);
     }
 
     // --- Inhibits ---
 
-    void inhibit(int thread)
+    using Change = void (*)();
+
+    void inhibit(std::size_t thread) { change_inhibits("inhibit", thread, 1, pfm_inhibit); }
+    void enable(std::size_t thread) { change_inhibits("enable", thread, -1, pfm_enable); }
+    void inhibit_suspend(std::size_t thread)
     {
-        ++of(thread).inhibits;
-        check("inhibit", thread, 0, inhibit_count(thread), [] {
-            pfm_inhibit();
-            return pfm_inhibit_count();
-        });
+        change_suspend_inhibits("inhibit_suspend", thread, 1, pfm_inhibit_suspend);
+    }
+    void enable_suspend(std::size_t thread)
+    {
+        change_suspend_inhibits("enable_suspend", thread, -1, pfm_enable_suspend);
     }
 
-    void enable(int thread)
+    void change_inhibits(const char *what, std::size_t thread, int change, Change call)
     {
-        if (of(thread).inhibits == 0)
+        if (of(thread).inhibits + change < 0)
             return;
-        --of(thread).inhibits;
-        check("enable", thread, 0, inhibit_count(thread), [] {
-            pfm_enable();
-            return pfm_inhibit_count();
-        });
+        of(thread).inhibits += change;
+        check(what, thread, 0, inhibit_count(thread), [call] { return call(), pfm_inhibit_count(); });
     }
 
-    void inhibit_suspend(int thread)
+    void change_suspend_inhibits(const char *what, std::size_t thread, int change, Change call)
     {
-        ++of(thread).suspend_inhibits;
-        check("inhibit_suspend", thread, 0, of(thread).suspend_inhibits, [] {
-            pfm_inhibit_suspend();
-            return pfm_inhibit_suspend_count();
-        });
-    }
-
-    void enable_suspend(int thread)
-    {
-        if (of(thread).suspend_inhibits == 0)
+        if (of(thread).suspend_inhibits + change < 0)
             return;
-        --of(thread).suspend_inhibits;
-        check("enable_suspend", thread, 0, of(thread).suspend_inhibits, [] {
-            pfm_enable_suspend();
-            return pfm_inhibit_suspend_count();
-        });
+        of(thread).suspend_inhibits += change;
+        check(what, thread, 0, of(thread).suspend_inhibits, [call] { return call(), pfm_inhibit_suspend_count(); });
     }
 
-    void step_counts(int thread)
+    void step_counts(std::size_t thread)
     {
         check("counts", thread, 0, 100 * inhibit_count(thread) + of(thread).suspend_inhibits,
               [] { return 100 * pfm_inhibit_count() + pfm_inhibit_suspend_count(); });
@@ -647,29 +591,22 @@ class Scenario {
 
     // --- Threads that end ---
 
-    bool may_end(int thread) const
+    // The end of an attached thread leaves the critical section, whatever its depth. What it has
+    // besides would stay behind, as the attachment of a thread that is outside.
+    void end_thread(std::size_t thread)
     {
-        const ThreadModel &model = of(thread);
-        const bool holds_mutex = std::any_of(model_.mutexes.begin(), model_.mutexes.end(),
-                                             [thread](const MutexModel &mutex) { return mutex.owner == thread; });
-        // What it has besides the critical section would stay behind.
-        return thread != 0 && !holds_mutex && model.rwlock_holds == 0 && model.inhibits == 0 &&
-               model.suspend_inhibits == 0 && (model_.section.owner == thread) == (model_.attached == thread);
-    }
-
-    // The end of an attached thread leaves the critical section, whatever its depth.
-    void end_thread(int thread)
-    {
-        if (thread == 0)
+        const bool is_inside = model_.section.owner == thread;
+        if (thread == 0 || (model_.attached == thread && !is_inside))
             return;
-        if (!may_end(thread))
-            give_everything_back(thread);
-        if (!may_end(thread) || has_failed_)
+        give_locks_back(thread);
+        if (is_inside)
+            force_attach(thread);
+        if (has_failed_)
             return;
         note("end of thread", thread, 0);
         while (model_.section.owner == thread)
             model_leave(thread);
-        workers_[static_cast<std::size_t>(thread)].end(below(2) == 0);
+        workers_[thread].end(below(2) == 0);
         of(thread) = {};
         start_worker(thread);
         ++ended_;
@@ -677,55 +614,47 @@ class Scenario {
 
     // --- Forks ---
 
-    void fork_once(int thread)
+    void fork_once(std::size_t thread)
     {
         const int kind = static_cast<int>(below(4));
         check("fork", thread, static_cast<std::size_t>(kind), 0, [&] {
             const pid_t child = vlthread_fork(kind);
             if (child == 0)
-                _exit(check_child(thread, kind));
-            return child < 0 ? -2 : exit_status_of(child);
+                _exit((check_child(thread, kind), testing::Test::HasFailure() ? 1 : 0));
+            return test::exit_status_of(child);
         });
         ++forks_;
     }
 
     // The forking thread keeps what it held. Other threads are gone: their mutexes stay taken, while
     // the critical section and the attachment, which the library itself needs, are free.
-    int check_child(int thread, int kind)
+    void check_child(std::size_t thread, int kind)
     {
-        for (std::size_t i = 0; i < mutex_count; ++i) {
-            if (!is_mutex_inherited(thread, i))
-                return 10 + static_cast<int>(i);
-        }
+        for (std::size_t i = 0; i < mutex_count; ++i)
+            check_inherited(thread, world_.mutexes[i], model_.mutexes[i]);
         const bool was_attached = model_.attached == thread;
-        if (vlthread_attached_tid() != (was_attached ? pthread_self() : VLTHREAD_INVALID_TID))
-            return 30;
+        EXPECT_EQ(vlthread_attached_tid(), was_attached ? pthread_self() : VLTHREAD_INVALID_TID);
         const bool is_full = kind >= VLTHREAD_FORK_CONTINUE;
-        if (pfm_proc() != (is_full ? PFM_PROCESS_ORDINARY : PFM_PROCESS_FORK_CHILD))
-            return 31;
-        const int locks_and_inhibits = inhibit_count(thread);
-        if (pfm_inhibit_count() != locks_and_inhibits || pfm_inhibit_suspend_count() != of(thread).suspend_inhibits)
-            return 32;
+        EXPECT_EQ(pfm_proc(), is_full ? PFM_PROCESS_ORDINARY : PFM_PROCESS_FORK_CHILD);
+        EXPECT_EQ(pfm_inhibit_count(), inhibit_count(thread));
+        EXPECT_EQ(pfm_inhibit_suspend_count(), of(thread).suspend_inhibits);
         pfm_inhibit(); // in a child of the first two kinds for the attached thread only
-        if (pfm_inhibit_count() != locks_and_inhibits + (is_full || was_attached ? 1 : 0))
-            return 33;
+        EXPECT_EQ(pfm_inhibit_count(), inhibit_count(thread) + (is_full || was_attached ? 1 : 0));
         pfm_enable();
         vlthread_enter_critical_section();
-        const int depth = model_.section.owner == thread ? model_.section.depth + 1 : 1;
-        if (ks::vlthread_critical_section_mutex.recursion_count != depth || vlthread_attached_tid() != pthread_self())
-            return 34;
+        const MutexModel &section = model_.section;
+        EXPECT_EQ(ks::vlthread_critical_section_mutex.recursion_count, section.owner == thread ? section.depth + 1 : 1);
+        EXPECT_EQ(vlthread_attached_tid(), pthread_self());
         vlthread_release_critical_section();
-        return vlthread_attached_tid() == VLTHREAD_INVALID_TID ? 0 : 35;
+        EXPECT_EQ(vlthread_attached_tid(), VLTHREAD_INVALID_TID);
     }
 
-    bool is_mutex_inherited(int thread, std::size_t index)
+    static void check_inherited(std::size_t thread, vlthread_mutex_t &mutex, const MutexModel &model)
     {
-        const MutexModel &model = model_.mutexes[index];
-        vlthread_mutex_t &mutex = world_.mutexes[index];
-        const int result = vlthread_mutex_trylock(&mutex);
-        if (model.owner != nobody && model.owner != thread)
-            return result == EBUSY && vlthread_mutex_unlock(&mutex) == 1;
-        return result == 0 && mutex.recursion_count == model.depth + 1 && vlthread_mutex_unlock(&mutex) == 0;
+        const bool is_foreign = model.owner != nobody && model.owner != thread;
+        EXPECT_EQ(vlthread_mutex_trylock(&mutex), is_foreign ? EBUSY : 0);
+        EXPECT_EQ(mutex.recursion_count, is_foreign ? model.depth : model.depth + 1);
+        EXPECT_EQ(vlthread_mutex_unlock(&mutex), is_foreign ? 1 : 0);
     }
 
     // --- Comparing ---
@@ -737,14 +666,14 @@ class Scenario {
         for (std::size_t i = 0; i < rwlock_count; ++i)
             expect("writer", world_.rwlocks[i].writer, id_of(model_.rwlocks[i].writer));
         for (std::size_t i = 0; i < thread_count; ++i) {
-            expect("inhibit count", blocks_[i]->pfm_inh_count, inhibit_count(static_cast<int>(i)));
+            expect("inhibit count", blocks_[i]->pfm_inh_count, inhibit_count(i));
             expect("suspend count", blocks_[i]->pfm_inh_susp, model_.threads[i].suspend_inhibits);
             compare_ordered(i);
         }
         expect("section owner", ks::vlthread_critical_section_mutex.owner, id_of(model_.section.owner));
         expect("section depth", ks::vlthread_critical_section_mutex.recursion_count, model_.section.depth);
         expect("attached thread", vlthread_attached_tid(), id_of(model_.attached));
-        expect("order violations", world_.order.violations.load(), model_.violations);
+        expect("order violations", violations.load(), model_.violations);
     }
 
     void compare_mutex(const vlthread_mutex_t &mutex, const MutexModel &model)
@@ -753,31 +682,23 @@ class Scenario {
         expect("recursion_count", mutex.recursion_count, model.depth);
         expect("lock_count", mutex.lock_count, model.times_taken);
         expect("locked_at is set", mutex.locked_at.tv_sec != 0, model.timed && model.owner != nobody);
-        expect("locker is set", mutex.locker != nullptr, model.level != 0 && model.owner != nobody);
+        expect("locker is set", mutex.locker != nullptr, model.order_class != 0 && model.owner != nobody);
     }
 
     // Debug builds have an order class for the library's own locks, which are none of the model's.
-    static const llist_link *skip_own_locks(const llist_link *link, const llist_link *head)
-    {
-        while (link != nullptr && link != head &&
-               static_cast<const vlthread_mutex_t *>(link->owner)->order_class == ks::lock_order())
-            link = link->next;
-        return link;
-    }
-
     void compare_ordered(std::size_t thread)
     {
+        const std::vector<std::size_t> &expected = model_.threads[thread].ordered;
+        std::size_t count = 0;
         const llist_link *head = &blocks_[thread]->held_ordered;
-        const llist_link *link = skip_own_locks(head->next, head);
-        for (const std::size_t index : model_.threads[thread].ordered) {
-            if (link == nullptr || link == head) {
-                expect("ordered mutexes held", 0, 1);
-                return;
-            }
-            expect("ordered mutex", link->owner, static_cast<void *>(&world_.mutexes[index]));
-            link = skip_own_locks(link->next, head);
+        for (const llist_link *link = head->next; link != nullptr && link != head; link = link->next) {
+            const auto *mutex = static_cast<const vlthread_mutex_t *>(link->owner);
+            if (mutex->order_class == ks::lock_order())
+                continue;
+            expect("ordered mutex", mutex - world_.mutexes.data(), count < expected.size() ? expected[count] : 99);
+            ++count;
         }
-        expect("end of ordered mutexes", link == nullptr || link == head, true);
+        expect("ordered mutexes held", count, expected.size());
     }
 
     template <typename Actual, typename Expected> void expect(const char *what, Actual actual, Expected expected)
@@ -786,29 +707,21 @@ class Scenario {
             return;
         has_failed_ = true;
         std::fprintf(stderr, "seed %lu, step %lu: %s differs: %s, expected %s; the last steps:\n", seed_, step_, what,
-                     text_of(actual).c_str(), text_of(static_cast<Actual>(expected)).c_str());
+                     std::to_string(actual).c_str(), std::to_string(static_cast<Actual>(expected)).c_str());
         for (std::size_t i = 0; i < notes_.size(); ++i) {
             const Note &note = notes_[(next_note_ + i) % notes_.size()];
             if (note.what != nullptr)
-                std::fprintf(stderr, "  thread %d: %s %zu\n", note.thread, note.what, note.object);
+                std::fprintf(stderr, "  thread %zu: %s %zu\n", note.thread, note.what, note.object);
         }
     }
 
-    static std::string text_of(const void *address)
-    {
-        return std::to_string(reinterpret_cast<std::uintptr_t>(address));
-    }
-    template <typename Number>
-    requires std::is_arithmetic_v<Number>
-    static std::string text_of(Number number) { return std::to_string(number); }
-
     struct Note {
         const char *what = nullptr;
-        int thread = 0;
+        std::size_t thread = 0;
         std::size_t object = 0;
     };
 
-    void note(const char *what, int thread, std::size_t object)
+    void note(const char *what, std::size_t thread, std::size_t object)
     {
         notes_[next_note_] = {what, thread, object};
         next_note_ = (next_note_ + 1) % notes_.size();
@@ -817,13 +730,10 @@ class Scenario {
     // --- Helpers ---
 
     std::size_t below(std::size_t limit) { return random_() % limit; }
-    ThreadModel &of(int thread) { return model_.threads[static_cast<std::size_t>(thread)]; }
-    const ThreadModel &of(int thread) const { return model_.threads[static_cast<std::size_t>(thread)]; }
-    int inhibit_count(int thread) const { return of(thread).locks + of(thread).inhibits; }
-    vlthread_t id_of(int thread) const
-    {
-        return thread == nobody ? VLTHREAD_INVALID_TID : ids_[static_cast<std::size_t>(thread)];
-    }
+    ThreadModel &of(std::size_t thread) { return model_.threads[thread]; }
+    const ThreadModel &of(std::size_t thread) const { return model_.threads[thread]; }
+    int inhibit_count(std::size_t thread) const { return of(thread).locks + of(thread).inhibits; }
+    vlthread_t id_of(std::size_t thread) const { return thread == nobody ? VLTHREAD_INVALID_TID : ids_[thread]; }
 
     Model model_;
     World world_{};
@@ -837,7 +747,7 @@ class Scenario {
     unsigned long forks_ = 0;
     unsigned long ended_ = 0;
     bool has_failed_ = false;
-    int has_turn_ = 0; // passed on with the turn itself
+    std::size_t has_turn_ = 0; // passed on with the turn itself
     std::array<Note, 40> notes_{};
     std::size_t next_note_ = 0;
 };
