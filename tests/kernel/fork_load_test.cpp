@@ -1,7 +1,9 @@
-// Forks of each kind while other threads lock, allocate, print and change the environment: no child
-// is stuck, and each can do all of it.
+// Forks of each kind while other threads lock, allocate, print, read dates and the environment: no
+// child is stuck, and each can do all of it.
 #include "harness/child.h"
+#include "harness/forked.h"
 
+#include <korvaks/date.h>
 #include <korvaks/evutl.h>
 #include <korvaks/imsg.h>
 #include <korvaks/ks_product.h>
@@ -13,22 +15,23 @@
 
 #include <atomic>
 #include <cstdlib>
+#include <ctime>
 #include <thread>
 #include <vector>
 
 #include <fcntl.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 namespace {
 
 constexpr int worker_count = 8;
+constexpr int date_style = 2;
 
 // How many forks of each kind; more with KORVAKS_FORKS in the environment.
 int forks_of_each_kind()
 {
-    const char *asked = getenv("KORVAKS_FORKS");
-    return asked != nullptr ? atoi(asked) : 50;
+    const char *asked = std::getenv("KORVAKS_FORKS");
+    return asked != nullptr ? std::atoi(asked) : 50;
 }
 
 char trace_threads[] = "TRACE_VLTHREAD=TRUE";
@@ -48,7 +51,9 @@ bool use_everything(unsigned round)
     vlthread_mutex_unlock(&shared_mutex);
     char value[64];
     const bool read = getenv_safe("PATH", value, sizeof value, 0) != nullptr;
-    return imsg_print(0, &_imsg_ks_msg_table, 14) == 0 && read && allocated &&
+    std::time_t time = 0;
+    const bool dated = date_fmt_set_default_style(date_style) == date_style && date_str_to_time("now", 0, &time) == 0;
+    return imsg_print(0, &_imsg_ks_msg_table, 14) == 0 && read && dated && allocated &&
            (round % 32 != 0 || imsg_print(4, &_ks_ks_msg_table, 23) == 0);
 }
 
@@ -56,38 +61,24 @@ void work()
 {
     for (unsigned round = 0; !stop; ++round) {
         if (!use_everything(round))
-            abort();
+            std::abort();
         if (round % 1000 == 0)
             stg_free_area(shared_area, 1);
     }
 }
 
-// The child's status; -1 when it had to be killed.
-int wait_for(pid_t pid)
-{
-    int status = 0;
-    for (int tries = 0; tries < 30000; ++tries) {
-        if (waitpid(pid, &status, WNOHANG) == pid)
-            return WIFEXITED(status) ? WEXITSTATUS(status) : 1000 + WTERMSIG(status);
-        usleep(tries < 100 ? 100 : 1000);
-    }
-    kill(pid, SIGKILL);
-    waitpid(pid, &status, 0);
-    return -1;
-}
-
-int fork_under_load(int kind, int forks)
+void fork_under_load(int kind, int forks)
 {
     const int quiet = open("/dev/null", O_WRONLY);
     dup2(quiet, 1);
     dup2(quiet, 2);
     ks_system_init();
+    (void)date_fmt_set_default_style(date_style);
     shared_area = stg_create_area(4096);
     std::vector<std::thread> workers;
     for (int i = 0; i < worker_count; ++i)
         workers.emplace_back(work);
-    int failed = 0;
-    for (int i = 0; i < forks && failed == 0; ++i) {
+    for (int i = 0; i < forks && !testing::Test::HasFailure(); ++i) {
         // The attached thread of the parent holds a counted lock and an inhibit across the fork.
         vlthread_mutex_lock(&shared_mutex);
         pfm_inhibit();
@@ -99,13 +90,12 @@ int fork_under_load(int kind, int forks)
         }
         pfm_enable();
         vlthread_mutex_unlock(&shared_mutex);
-        failed = pid < 0 ? 3 : wait_for(pid);
+        EXPECT_EQ(test::exit_status_of(pid), 0) << "child " << i;
     }
     stop = true;
-    for (auto &worker : workers)
+    for (std::thread &worker : workers)
         worker.join();
     stg_delete_area(&shared_area);
-    return failed;
 }
 
 void fork_in_each_kind(int forks, bool is_traced)
@@ -116,7 +106,7 @@ void fork_in_each_kind(int forks, bool is_traced)
                 if (is_traced)
                     for (char *setting : {trace_threads, trace_everything, trace_level})
                         putenv(setting);
-                return fork_under_load(kind, forks);
+                fork_under_load(kind, forks);
             },
             110000);
         EXPECT_EQ(result.exit_status, 0) << "kind " << kind;
