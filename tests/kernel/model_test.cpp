@@ -114,40 +114,26 @@ struct World {
     std::array<vlthread_order_class, 2> order_classes{{{count_violation}, {count_violation}}};
 };
 
-// A turn that one thread passes to another. A POSIX semaphore sleeps at once, where the standard
-// library's first give the processor away, which costs whole time slices on a busy machine.
-class Turn {
-  public:
-    Turn() { (void)sem_init(&semaphore_, 0, 0); }
-    ~Turn() { (void)sem_destroy(&semaphore_); }
-    Turn(const Turn &) = delete;
-    Turn &operator=(const Turn &) = delete;
-
-    void pass() { (void)sem_post(&semaphore_); }
-    void await()
-    {
-        while (sem_wait(&semaphore_) != 0) { // interrupted
-        }
-    }
-
-  private:
-    sem_t semaphore_;
-};
-
-// A thread that does one piece of work at a time while its driver waits.
+// A thread that does one piece of work at a time while its driver waits. POSIX semaphores sleep at
+// once, where the standard library's first give the processor away, which costs whole time slices on
+// a busy machine.
 class Worker {
   public:
     using Work = std::function<void()>;
 
-    void start() { (void)vlthread_create(&id_, nullptr, run, this); }
-
-    vlthread_t id() const { return id_; }
+    vlthread_t start()
+    {
+        (void)sem_init(&workers_turn_, 0, 0);
+        (void)sem_init(&drivers_turn_, 0, 0);
+        (void)vlthread_create(&id_, nullptr, run, this);
+        return id_;
+    }
 
     void do_work(const Work &work)
     {
         work_ = &work;
-        workers_.pass();
-        drivers_.await();
+        (void)sem_post(&workers_turn_);
+        await(drivers_turn_);
     }
 
     // The thread returns, or ends by vlthread_exit().
@@ -155,27 +141,33 @@ class Worker {
     {
         const Work leave = [] { vlthread_exit(nullptr); };
         work_ = by_return ? nullptr : &leave;
-        workers_.pass();
+        (void)sem_post(&workers_turn_);
         (void)vlthread_join(id_, nullptr);
     }
 
   private:
+    static void await(sem_t &turn)
+    {
+        while (sem_wait(&turn) != 0) { // interrupted
+        }
+    }
+
     static void *run(void *argument)
     {
         auto *worker = static_cast<Worker *>(argument);
         for (;;) {
-            worker->workers_.await();
+            await(worker->workers_turn_);
             if (worker->work_ == nullptr)
                 return nullptr;
             (*worker->work_)();
-            worker->drivers_.pass();
+            (void)sem_post(&worker->drivers_turn_);
         }
     }
 
     vlthread_t id_ = VLTHREAD_INVALID_TID;
     const Work *work_ = nullptr; // NULL: return
-    Turn workers_;
-    Turn drivers_;
+    sem_t workers_turn_{};
+    sem_t drivers_turn_{};
 };
 
 class Scenario {
@@ -188,11 +180,11 @@ class Scenario {
         set_up();
         while (step_ < steps_ && !has_failed_)
             let_a_thread_run();
-        if (!has_failed_) {
-            tear_down();
-            std::printf("%lu steps, %lu forks, %lu threads ended, %u order violations\n", steps_, forks_, ended_,
-                        model_.violations);
-        }
+        if (has_failed_)
+            return 1;
+        tear_down();
+        std::printf("%lu steps, %lu forks, %lu threads ended, %u order violations\n", steps_, forks_, ended_,
+                    model_.violations);
         return has_failed_ ? 1 : 0;
     }
 
@@ -224,8 +216,7 @@ class Scenario {
 
     void start_worker(std::size_t thread)
     {
-        workers_[thread].start();
-        ids_[thread] = workers_[thread].id();
+        ids_[thread] = workers_[thread].start();
         on_thread(thread, [this, thread] { blocks_[thread] = pfm_tls_get(); });
     }
 
@@ -402,6 +393,8 @@ class Scenario {
 
     using Take = int (*)(vlthread_rwlock_t *);
 
+    std::size_t any_rwlock() { return below(rwlock_count); }
+
     void read_with(const char *what, Take call, std::size_t thread, std::size_t index)
     {
         RwlockModel &rwlock = model_.rwlocks[index];
@@ -424,20 +417,16 @@ class Scenario {
         check(what, thread, index, is_open ? 0 : EBUSY, call, &world_.rwlocks[index]);
     }
 
-    void step_try_read(std::size_t thread)
-    {
-        read_with("rdlock_trylock", vlthread_rwlock_rdlock_trylock, thread, below(rwlock_count));
-    }
-
+    void step_try_read(std::size_t thread) { read_with("tryrd", vlthread_rwlock_rdlock_trylock, thread, any_rwlock()); }
     void step_try_write(std::size_t thread)
     {
-        write_with("wrlock_trylock", vlthread_rwlock_wrlock_trylock, thread, below(rwlock_count));
+        write_with("trywr", vlthread_rwlock_wrlock_trylock, thread, any_rwlock());
     }
 
     // The waiting forms, where they need not wait: a writer that asks again gets an error.
     void step_read(std::size_t thread)
     {
-        const std::size_t index = below(rwlock_count);
+        const std::size_t index = any_rwlock();
         const std::size_t writer = model_.rwlocks[index].writer;
         if (writer == nobody || writer == thread)
             read_with("rdlock", vlthread_rwlock_rdlock, thread, index);
@@ -445,7 +434,7 @@ class Scenario {
 
     void step_write(std::size_t thread)
     {
-        const std::size_t index = below(rwlock_count);
+        const std::size_t index = any_rwlock();
         const RwlockModel &rwlock = model_.rwlocks[index];
         if (rwlock.writer == thread || (rwlock.writer == nobody && !rwlock.has_readers()))
             write_with("wrlock", vlthread_rwlock_wrlock, thread, index);
@@ -453,7 +442,7 @@ class Scenario {
 
     void step_rwlock_unlock(std::size_t thread)
     {
-        const std::size_t index = below(rwlock_count);
+        const std::size_t index = any_rwlock();
         if (model_.rwlocks[index].is_held_by(thread))
             unlock_rwlock(thread, index);
     }

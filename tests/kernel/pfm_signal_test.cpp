@@ -16,6 +16,7 @@
 #include <string>
 #include <thread>
 
+#include <sys/eventfd.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -141,24 +142,20 @@ class StoppedChild {
   public:
     // `before` runs before "ready", `after` once the child may go on.
     StoppedChild(const std::function<void()> &before, const std::function<void()> &after)
-        : go_is_open_(pipe(go_) == 0), child_([&] {
+        : child_([&] {
               pfm_init();
               before();
               say("ready");
-              char go = 0;
-              while (read(go_[0], &go, 1) != 1) {
+              eventfd_t go = 0;
+              while (eventfd_read(go_fd_, &go) != 0) {
               }
               after();
               return 0;
           })
     {
-        EXPECT_TRUE(go_is_open_ && child_.wait_for_output("ready"));
+        EXPECT_TRUE(child_.wait_for_output("ready"));
     }
-    ~StoppedChild()
-    {
-        close(go_[0]);
-        close(go_[1]);
-    }
+    ~StoppedChild() { close(go_fd_); }
 
     // Asks the inhibited child to stop until it reports that a stop is held already.
     void hold_stop()
@@ -168,7 +165,7 @@ class StoppedChild {
             kill(child_.pid(), SIGTSTP);
     }
     void ask_to_stop() { kill(child_.pid(), SIGTSTP); }
-    void go_on() { EXPECT_EQ(write(go_[1], "g", 1), 1); }
+    void go_on() { EXPECT_EQ(eventfd_write(go_fd_, 1), 0); }
     void expect_stop()
     {
         EXPECT_TRUE(child_.wait_for_stop(SIGTSTP));
@@ -182,8 +179,7 @@ class StoppedChild {
     }
 
   private:
-    int go_[2];
-    bool go_is_open_;
+    int go_fd_ = eventfd(0, 0);
     test::Child child_;
 };
 

@@ -41,29 +41,32 @@ vlthread_mutex_t mutex = VLTHREAD_MUTEX_INITIALIZER;
 TEST(PfmRaise, WaitsForTheLastInhibitAndTheLastCountedLock)
 {
     test::in_child([] {
-        EXPECT_EQ(ks::protect([] {
+        int32_t held_off = 0;
+        EXPECT_EQ(ks::protect([&] {
                       pfm_inhibit();
                       pfm_inhibit();
                       vlthread_notify_raise(7);
                       pfm_test_raise(nullptr);
                       pfm_enable();
-                      EXPECT_EQ(vlthread_pending_raise(nullptr), 7);
+                      held_off = vlthread_pending_raise(nullptr);
                       pfm_enable();
                       ADD_FAILURE() << "not taken by the last enable";
                   }),
                   7);
+        EXPECT_EQ(held_off, 7);
         pfm_enable();
-        EXPECT_EQ(ks::protect([] {
+        EXPECT_EQ(ks::protect([&] {
                       vlthread_mutex_lock(&mutex);
-                      vlthread_notify_raise(7);
+                      vlthread_notify_raise(8);
                       pfm_inhibit(); // not taken here: the lock holds it off
                       pfm_enable();
                       vlthread_mutex_unlock(&mutex); // releasing delivers nothing
-                      EXPECT_EQ(vlthread_pending_raise(nullptr), 7);
+                      held_off = vlthread_pending_raise(nullptr);
                       pfm_test_raise(nullptr);
                       ADD_FAILURE() << "not taken by the check";
                   }),
-                  7);
+                  8);
+        EXPECT_EQ(held_off, 8);
         EXPECT_EQ(vlthread_pending_raise(nullptr), 0);
     });
 }
@@ -143,7 +146,8 @@ TEST(PfmMisuse, EndsTheProcess)
 TEST(PfmSelect, IsInterruptedByANotification)
 {
     test::in_child([] {
-        EXPECT_EQ(ks::protect([] {
+        int flushed = -1;
+        EXPECT_EQ(ks::protect([&] {
                       pfm_inhibit();
                       ks_fd_set fds;
                       ks_fd_zero(&fds);
@@ -156,11 +160,12 @@ TEST(PfmSelect, IsInterruptedByANotification)
                       EXPECT_EQ(errno, EINTR);
                       notifier.join();
                       timeval now{};
-                      EXPECT_EQ(pfm_select_inhibited(0, nullptr, nullptr, nullptr, &now), 0); // flushed
+                      flushed = pfm_select_inhibited(0, nullptr, nullptr, nullptr, &now);
                       pfm_enable();
                       ADD_FAILURE() << "not taken by the enable";
                   }),
                   4);
+        EXPECT_EQ(flushed, 0);
     });
 }
 
