@@ -13,7 +13,6 @@
 
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
@@ -106,22 +105,13 @@ TEST(VlthreadMutex, FailuresAreGivenBack)
     ASSERT_EQ(pthread_mutex_unlock(&mutex.lock), 0);
 }
 
-TEST(VlthreadMutex, SumsWaitHoldAndConditionTimes)
+TEST(VlthreadMutex, SumsHoldAndConditionTimes)
 {
     vlthread_mutex_t mutex;
     ASSERT_EQ(vlthread_mutex_init_full(&mutex, 0, 0, VLTHREAD_MUTEX_TIMED, nullptr), 0);
     vlthread_mutex_lock(&mutex);
-    std::atomic<bool> waiting{false};
-    std::thread waiter([&] {
-        waiting = true;
-        vlthread_mutex_lock(&mutex);
-        vlthread_mutex_unlock(&mutex);
-    });
-    while (!waiting)
-        std::this_thread::yield();
     vlthread_sleep(30);
     vlthread_mutex_unlock(&mutex);
-    waiter.join();
     vlthread_mutex_lock(&mutex);
     vlthread_cond_t cond = VLTHREAD_COND_INITIALIZER;
     const auto deadline = std::chrono::system_clock::now().time_since_epoch() + 20ms;
