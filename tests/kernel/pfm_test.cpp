@@ -1,5 +1,4 @@
-// Raises, cleanup records, inhibits and the end of the process. That each delivery check delivers
-// is fault_kernel_test.cpp's.
+// Raises, cleanup records, inhibits and the end of the process.
 #include "harness/child.h"
 #include "harness/misuse.h"
 
@@ -34,6 +33,25 @@ TEST(PfmRaise, GoesToTheInnermostRecordAndOutward)
         pfm_enable();
         EXPECT_EQ(pfm_inhibit_count(), 0);
     });
+}
+
+pfm_cleanup_rec outer_rec{};
+pfm_cleanup_rec inner_rec{};
+
+TEST(PfmRaise, IsTakenByEachDeliveryCheck)
+{
+    void (*const checks[])() = {pfm_inhibit, pfm_inhibit_suspend, [] { (void)pfm_inhibit_count(); },
+                                [] { (void)pfm_inhibit_suspend_count(); },
+                                [] { (void)pfm_cleanup_start(&inner_rec, 0); }};
+    for (auto *const check : checks)
+        test::in_child([check] {
+            EXPECT_EQ(ks::protect([check] {
+                          vlthread_notify_raise(4);
+                          check();
+                          ADD_FAILURE() << "not taken";
+                      }),
+                      4);
+        });
 }
 
 vlthread_mutex_t mutex = VLTHREAD_MUTEX_INITIALIZER;
@@ -111,9 +129,6 @@ TEST(PfmCleanup, InhibitArgumentAndNegativeStatus)
         pfm_cleanup_rls(&rec);
     });
 }
-
-pfm_cleanup_rec outer_rec{};
-pfm_cleanup_rec inner_rec{};
 
 TEST(PfmMisuse, EndsTheProcess)
 {
