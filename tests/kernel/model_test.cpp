@@ -303,17 +303,19 @@ class Scenario {
     void do_any_step(std::size_t thread)
     {
         constexpr auto listed = [](auto... steps) { return std::array<Step, sizeof...(steps)>{steps...}; };
-        constexpr auto steps = listed(
-            &Scenario::step_lock, &Scenario::step_lock, &Scenario::step_trylock, &Scenario::step_trylock,
-            &Scenario::step_unlock, &Scenario::step_unlock, &Scenario::step_unlock, &Scenario::step_unlock,
-            &Scenario::step_timedwait, &Scenario::step_read, &Scenario::step_try_read, &Scenario::step_write,
-            &Scenario::step_try_write, &Scenario::step_rwlock_unlock, &Scenario::step_rwlock_unlock,
-            &Scenario::step_rwlock_unlock, &Scenario::enter_section, &Scenario::try_enter_section,
-            &Scenario::leave_section, &Scenario::leave_section, &Scenario::step_release, &Scenario::try_attach,
-            &Scenario::step_force_attach, &Scenario::inhibit, &Scenario::enable, &Scenario::enable,
-            &Scenario::inhibit_suspend, &Scenario::enable_suspend, &Scenario::enable_suspend, &Scenario::step_counts);
+        constexpr auto steps =
+            listed(&Scenario::step_lock, &Scenario::step_lock, &Scenario::step_trylock, &Scenario::step_trylock,
+                   &Scenario::step_unlock, &Scenario::step_unlock, &Scenario::step_unlock, &Scenario::step_unlock,
+                   &Scenario::step_timedwait, &Scenario::step_read, &Scenario::step_try_read, &Scenario::step_write,
+                   &Scenario::step_try_write, &Scenario::step_rwlock_unlock, &Scenario::step_rwlock_unlock,
+                   &Scenario::step_rwlock_unlock, &Scenario::enter_section, &Scenario::try_enter_section,
+                   &Scenario::leave_section, &Scenario::leave_section, &Scenario::try_attach, &Scenario::inhibit,
+                   &Scenario::enable, &Scenario::enable, &Scenario::inhibit_suspend, &Scenario::enable_suspend,
+                   &Scenario::enable_suspend, &Scenario::step_counts);
         if (below(4000) == 0)
             fork_once(thread);
+        else if (below(60) == 0) // rarely, so that depths build up
+            below(2) == 0 ? release_section(thread) : force_attach(thread);
         else
             (this->*steps[below(steps.size())])(thread);
     }
@@ -515,24 +517,12 @@ class Scenario {
         check("release", thread, 0, 0, vlthread_release_critical_section);
     }
 
-    void step_release(std::size_t thread)
-    {
-        if (below(4) == 0) // rarer, so that depths build up
-            release_section(thread);
-    }
-
     void try_attach(std::size_t thread)
     {
         const bool is_open = model_.attached == nobody || model_.attached == thread;
         if (is_open)
             model_.attached = thread;
         check("try_attach", thread, 0, is_open ? 0 : 1, vlthread_try_attach_lib);
-    }
-
-    void step_force_attach(std::size_t thread)
-    {
-        if (below(4) == 0)
-            force_attach(thread);
     }
 
     void force_attach(std::size_t thread)
@@ -543,33 +533,25 @@ class Scenario {
 
     // --- Inhibits ---
 
-    using Change = void (*)();
+    void inhibit(std::size_t thread) { change("inhibit", thread, &ThreadModel::inhibits, 1, pfm_inhibit); }
+    void enable(std::size_t thread) { change("enable", thread, &ThreadModel::inhibits, -1, pfm_enable); }
 
-    void inhibit(std::size_t thread) { change_inhibits("inhibit", thread, 1, pfm_inhibit); }
-    void enable(std::size_t thread) { change_inhibits("enable", thread, -1, pfm_enable); }
     void inhibit_suspend(std::size_t thread)
     {
-        change_suspend_inhibits("inhibit_suspend", thread, 1, pfm_inhibit_suspend);
+        change("inhibit_suspend", thread, &ThreadModel::suspend_inhibits, 1, pfm_inhibit_suspend);
     }
+
     void enable_suspend(std::size_t thread)
     {
-        change_suspend_inhibits("enable_suspend", thread, -1, pfm_enable_suspend);
+        change("enable_suspend", thread, &ThreadModel::suspend_inhibits, -1, pfm_enable_suspend);
     }
 
-    void change_inhibits(const char *what, std::size_t thread, int change, Change call)
+    void change(const char *what, std::size_t thread, int ThreadModel::*count, int by, void (*call)())
     {
-        if (of(thread).inhibits + change < 0)
+        if (of(thread).*count + by < 0)
             return;
-        of(thread).inhibits += change;
-        check(what, thread, 0, inhibit_count(thread), [call] { return call(), pfm_inhibit_count(); });
-    }
-
-    void change_suspend_inhibits(const char *what, std::size_t thread, int change, Change call)
-    {
-        if (of(thread).suspend_inhibits + change < 0)
-            return;
-        of(thread).suspend_inhibits += change;
-        check(what, thread, 0, of(thread).suspend_inhibits, [call] { return call(), pfm_inhibit_suspend_count(); });
+        of(thread).*count += by;
+        check(what, thread, 0, 0, call);
     }
 
     void step_counts(std::size_t thread)

@@ -127,6 +127,7 @@ TEST_F(StgArea, ReusesOldestChunkWithRoom)
     ASSERT_TRUE(allocate({400}));           // the newest is asked first
     ASSERT_TRUE(allocate({104}));           // then the oldest
     EXPECT_EQ(dump_of(area).fills, (Sizes{1000, 600, 704}));
+    EXPECT_EQ(dump_of(area).used, 2304UL);
 }
 
 TEST_F(StgArea, ZeroRequestTellsThePosition)
