@@ -160,9 +160,12 @@ class StoppedChild {
     // Asks the inhibited child to stop until it reports that a stop is held already.
     void hold_stop()
     {
-        kill(child_.pid(), SIGTSTP);
-        for (int i = 0; i < 200 && !child_.wait_for_output("pfm_signal_handler: got signal 20, inhibited\n", 50); ++i)
-            kill(child_.pid(), SIGTSTP);
+        bool is_held = false;
+        for (int tries = 0; tries < 200 && !is_held; ++tries) {
+            ask_to_stop();
+            is_held = child_.wait_for_output("pfm_signal_handler: got signal 20, inhibited\n", 50);
+        }
+        EXPECT_TRUE(is_held);
     }
     void ask_to_stop() { kill(child_.pid(), SIGTSTP); }
     void go_on() { EXPECT_EQ(eventfd_write(go_fd_, 1), 0); }
@@ -215,11 +218,18 @@ TEST(PfmStop, StopsAtOnceWhenNobodyInhibitsAndAgainAfterContinuing)
 
 TEST(PfmStop, InterruptsTheWaitSoThatEnableCanStop)
 {
-    StoppedChild child(pfm_inhibit, wait_and_enable);
-    child.go_on();
-    child.ask_to_stop();
-    child.expect_stop();
-    child.expect_end("ready");
+    test::Child child([] {
+        pfm_init();
+        pfm_inhibit();
+        say("ready");
+        wait_and_enable();
+        return 7;
+    });
+    ASSERT_TRUE(child.wait_for_output("ready"));
+    kill(child.pid(), SIGTSTP);
+    ASSERT_TRUE(child.wait_for_stop(SIGTSTP));
+    kill(child.pid(), SIGCONT);
+    EXPECT_EQ(child.finish().exit_status, 7);
 }
 
 std::atomic<bool> entered{false};
