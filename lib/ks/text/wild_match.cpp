@@ -4,14 +4,16 @@
 // more characters, "..." more components. A choice is gone back to when what follows it does not match.
 // What keeps this from trying everything against everything:
 //
-//  - When a "..." is reached, every earlier choice is given up. They could only lead to the same "..."
-//    further right, behind a '/', and there it will be tried anyhow. (At the end of a pattern they
-//    could also lead to the string's end; there it is decided at once and nothing is given up.)
-//  - When a `*` is reached, the same holds for the `*` before it, unless it could come to lie in
-//    another component, which the new one does not extend to. Between the two that takes an item that takes
-//    a '/' or something else: `?` or a set. (A '/' fits only one end of the `*` before it.)
-//  - A `*` that is kept remembers the component that it was tried in to the end. Positions at which it
-//    is reached never go back, so that one in that component has been tried.
+//  - The places at which one and the same choice is reached never go back. What was tried from an earlier
+//    place, up to the end of its component (for "...", and for `*` outside path mode: of the string), need
+//    not be tried again, and so each choice remembers how far it has been tried. Each is thus tried once at
+//    most from every place of the string.
+//  - A choice that extends to the string's end makes all earlier ones superfluous: they could only
+//    lead to the same choice further right, where it will be tried anyhow, and are given up. (A "..."
+//    at the end of a pattern does not, as they could also lead to the string's end.)
+//  - So does any other `*` for the `*` before it, unless that could lead into a later component. Between the two
+//    that takes an item that takes a '/' or something else: `?` or a set. (A '/' fits only one
+//    end of the `*` before it.)
 #include "text/wild_impl.h"
 
 #include "kernel/ks_heap.h"
@@ -24,18 +26,26 @@ namespace ks::wild {
 
 namespace {
 
-// A `*` on the way here. The next try is `rest` at `next`.
-struct Choice {
-    const char *rest;
-    const char *next;    // first position not tried, nullptr: none is left
-    const char *barrier; // where it ends in path mode; only of those that stand above another one
+// Where a try has come to: the next item, and the next character.
+struct Place {
+    const char *item;
+    const char *at;
 };
 
-enum class Step {
-    matched,
-    failed,
+constexpr Place nowhere{nullptr, nullptr};
+
+// What a walk along items that leave no choice has come to.
+enum class End {
+    mismatch,
+    match,
     run,
     levels,
+};
+
+struct Walked {
+    End end;
+    bool may_cross; // `?` or a set was taken
+    Place place;    // of the choice
 };
 
 const char *skip_slashes(const char *at)
@@ -116,42 +126,46 @@ template <bool is_path> bool is_plain(char c)
     return static_cast<unsigned char>(c) - first < 0x80 - first && (c != '/' || !is_path);
 }
 
-// Takes one item that is neither plain nor leaves a choice, and goes on behind it in both.
-bool take_item(const char *&item, const char *&at, bool &may_cross)
+Place take_set(Place place, const Character &current)
 {
-    const Character current{at, character_length(at)};
-    const char *end = item + 2;
-    if (*item != item_mark) {
-        const Character wanted{item, character_length(item)};
-        if (!(wanted == current))
-            return false;
-        end = item + wanted.length;
-    } else if (is_item(item, item_mark_itself)) {
-        if (*at != item_mark)
-            return false;
-    } else if (is_item(item, item_any)) {
-        may_cross = true;
-    } else if (is_item(item, item_set)) {
-        may_cross = true;
-        const char *mark = end_of_set(end);
-        if (mark == nullptr || !is_in_set(end, current))
-            return false;
-        end = mark + 1;
-    } else {
-        return false; // no pattern that was compiled here
-    }
-    item = end;
-    at += current.length;
-    return true;
+    const char *members = place.item + 2;
+    const char *mark = end_of_set(members);
+    if (mark == nullptr || !is_in_set(members, current))
+        return nowhere;
+    return {mark + 1, place.at + current.length};
 }
 
-bool take_separator(const char *&item, const char *&at)
+Place take_character(Place place, const Character &current)
 {
-    if (*at != '/')
-        return false;
-    item = skip_slashes(item);
-    at = skip_slashes(at);
-    return *at != '\0' || !is_item(item, item_run);
+    const Character wanted{place.item, character_length(place.item)};
+    return wanted == current ? Place{place.item + wanted.length, place.at + current.length} : nowhere;
+}
+
+Place take_separator(Place place)
+{
+    if (*place.at != '/')
+        return nowhere;
+    const Place behind{skip_slashes(place.item), skip_slashes(place.at)};
+    return *behind.at == '\0' && is_item(behind.item, item_run) ? nowhere : behind;
+}
+
+// Takes one item that is neither plain nor a choice nor a separator, not at the string's end: the place behind it in
+// both, or nowhere.
+Place take_item(Place place)
+{
+    const Character current{place.at, character_length(place.at)};
+    if (*place.item != item_mark)
+        return take_character(place, current);
+    switch (place.item[1]) {
+    case item_mark_itself:
+        return *place.at == item_mark ? Place{place.item + 2, place.at + 1} : nowhere;
+    case item_any:
+        return {place.item + 2, place.at + current.length};
+    case item_set:
+        return take_set(place, current);
+    default:
+        return nowhere; // no pattern that was compiled here
+    }
 }
 
 // What may be left of the pattern at the end of the string.
@@ -173,55 +187,66 @@ template <bool is_path> bool is_used_up(const char *at)
     return *(is_path ? skip_slashes(at) : at) == '\0';
 }
 
-// Takes what leaves no choice, and goes on to what does; a `*` that fits in one way only is none. It works on copies
-// and is inlined, so that they live in registers.
-template <bool is_path>
-[[gnu::always_inline]] inline Step advance(const char *&io_item, const char *&io_at, bool &may_cross)
+template <bool is_path> Place skip_equal(Place place)
 {
-    const char *item = io_item;
-    const char *at = io_at;
-    Step step = Step::failed;
-    for (;;) {
-        for (; is_plain<is_path>(*item) && *item == *at; ++at)
-            ++item;
-        if (is_plain<is_path>(*item))
-            return Step::failed;
-        if (*at == '\0')
-            return is_optional<is_path>(item) ? Step::matched : Step::failed;
-        if (*item == '\0')
-            return is_used_up<is_path>(at) ? Step::matched : Step::failed;
-        if (is_path && *item == '/') {
-            if (!take_separator(item, at))
-                return Step::failed;
-            continue;
-        }
-        if (is_item(item, item_levels)) {
-            step = Step::levels;
-            break;
-        }
-        if (is_item(item, item_run)) {
-            while (is_item(item, item_run))
-                item += 2;
-            if (*item == '\0' && !is_path)
-                return Step::matched;
-            if (*item != '\0' && (*item != '/' || !is_path)) {
-                step = Step::run;
-                break;
-            }
-            at = strchrnul(at, '/');
-            continue;
-        }
-        io_item = item;
-        io_at = at;
-        if (!take_item(io_item, io_at, may_cross))
-            return Step::failed;
-        item = io_item;
-        at = io_at;
+    while (is_plain<is_path>(*place.item) && *place.item == *place.at) {
+        ++place.item;
+        ++place.at;
     }
-    io_item = item;
-    io_at = at;
-    return step;
+    return place;
 }
+
+// Takes what leaves no choice, up to what does. Inlined, so that the place lives in registers.
+template <bool is_path> [[gnu::always_inline]] inline Walked walk(Place place)
+{
+    bool may_cross = false;
+    const auto ended = [&](bool matches) { return Walked{matches ? End::match : End::mismatch, may_cross, nowhere}; };
+    for (;;) {
+        place = skip_equal<is_path>(place);
+        if (is_plain<is_path>(*place.item))
+            return ended(false);
+        if (*place.at == '\0')
+            return ended(is_optional<is_path>(place.item));
+        if (*place.item == '\0')
+            return ended(is_used_up<is_path>(place.at));
+        if (is_item(place.item, item_run))
+            return {End::run, may_cross, place};
+        if (is_item(place.item, item_levels))
+            return {End::levels, may_cross, place};
+        may_cross = may_cross || is_item(place.item, item_any) || is_item(place.item, item_set);
+        place = is_path && *place.item == '/' ? take_separator(place) : take_item(place);
+        if (place.item == nullptr)
+            return ended(false);
+    }
+}
+
+// Behind a `*`, and others that follow it.
+const char *skip_runs(const char *item)
+{
+    while (is_item(item, item_run))
+        item += 2;
+    return item;
+}
+
+// Where a `*` at `at` ends at the latest.
+template <bool is_path> const char *end_of_run(const char *at)
+{
+    return is_path ? strchrnul(at, '/') : at + std::strlen(at);
+}
+
+// Whether a `*` cannot take a character. Where its rest begins so, that fits only at the `*`'s end.
+template <bool is_path> bool ends_run(char c)
+{
+    return c == '\0' || (is_path && c == '/');
+}
+
+// A `*` or "..." on the way here, or one that was: then it says how far it has been tried.
+struct Choice {
+    const char *rest;
+    const char *next;    // where the rest is tried next, nullptr: nowhere
+    const char *barrier; // what was tried reaches up to here; of `*` in path mode only, and of "..."
+    bool is_levels;
+};
 
 template <bool is_path> class Matcher {
   public:
@@ -234,49 +259,56 @@ template <bool is_path> class Matcher {
     Matcher(const Matcher &) = delete;
     Matcher &operator=(const Matcher &) = delete;
 
-    // Goes on from a first choice.
-    bool run(Step step, const char *item, const char *at)
+    // Goes on from the first choice.
+    bool run(Walked walked)
     {
-        item_ = item;
-        at_ = at;
-        for (;;) {
-            const bool goes_on = (step == Step::run && enter_run()) || (step == Step::levels && enter_levels());
+        while (walked.end != End::match) {
+            const bool goes_on = (walked.end == End::run && enter_run(walked)) ||
+                                 (walked.end == End::levels && enter_levels(walked.place));
             if (!goes_on && !go_back())
                 return false;
-            step = advance<is_path>(item_, at_, may_cross_);
-            if (step == Step::matched)
-                return true;
+            walked = walk<is_path>(place_);
         }
-    }
-
-  private:
-    // Behind a `*`: goes on where that may match; false when it cannot.
-    bool enter_run()
-    {
-        Choice *choice = push(item_);
-        if (choice == nullptr)
-            return false;
-        choice->rest = item_;
-        choice->next = at_;
-        return retry(*choice);
-    }
-
-    bool enter_levels()
-    {
-        if (is_ended_by_levels(item_)) {
-            item_ = "";
-            at_ += std::strlen(at_);
-            return at_[-1] == '/';
-        }
-        count_ = 0;
-        levels_rest_ = skip_slashes(item_ + 2);
-        levels_at_ = at_;
-        item_ = levels_rest_;
-        may_cross_ = false;
         return true;
     }
 
-    // Nothing but levels is left: what they leave of the string must be empty, so that it ends in '/'.
+  private:
+    // To the first try of a `*`; false when there is none.
+    bool enter_run(const Walked &walked)
+    {
+        const char *at = walked.place.at;
+        if (was_tried(at))
+            return false;
+        const char *rest = skip_runs(walked.place.item);
+        const bool is_end_only = ends_run<is_path>(*rest);
+        const char *end = is_path || is_end_only ? end_of_run<is_path>(at) : nullptr;
+        if (!is_path || *end == '\0')
+            give_up_choices();
+        else if (count_ > 0 && !walked.may_cross)
+            give_up_latest_run();
+        return push({rest, is_end_only ? end : at, end, false}) && retry(choices_[count_ - 1]);
+    }
+
+    // The same for "...".
+    bool enter_levels(const Place &place)
+    {
+        if (was_tried(place.at))
+            return false;
+        const char *end = place.at + std::strlen(place.at);
+        const char *rest = skip_slashes(place.item + 2);
+        if (!is_ended_by_levels(rest)) {
+            give_up_choices();
+            return push({rest, place.at, end, true}) && retry(choices_[0]);
+        }
+        // What it leaves of the string must be empty, so that the string ends in '/'.
+        if (end[-1] == '/') {
+            place_ = {"", end};
+            return true;
+        }
+        (void)push({rest, nullptr, end, true}); // to be remembered
+        return false;
+    }
+
     static bool is_ended_by_levels(const char *item)
     {
         while (*item == '/' || is_item(item, item_levels))
@@ -284,117 +316,93 @@ template <bool is_path> class Matcher {
         return *item == '\0';
     }
 
-    // A place for a choice at `at_`; nullptr when it needs none, or there is none.
-    Choice *push(const char *rest)
+    // Whether the choice that is reached next has been tried from here on.
+    bool was_tried(const char *at) const { return count_ < known_ && at <= choices_[count_].barrier; }
+
+    void give_up_choices() { count_ = known_ = 0; }
+
+    // Where it is the only choice its place is free, otherwise it must remember.
+    void give_up_latest_run()
     {
-        const bool is_alone = count_ == 0 || (count_ == 1 && !may_cross_);
-        if (!is_path || is_alone) {
-            count_ = 1;
-            return &choices_[0];
-        }
-        const char *barrier = strchrnul(at_, '/');
-        if (*barrier == '\0') {
-            count_ = 1;
-            return &choices_[0];
-        }
-        if (!may_cross_)
-            choices_[count_ - 1].next = nullptr;
-        if (count_ < known_ && choices_[count_].rest == rest && at_ <= choices_[count_].barrier)
-            return nullptr;
-        if (count_ == capacity_ && !grow())
-            return nullptr;
-        choices_[count_].barrier = barrier;
-        ++count_;
-        known_ = std::max(known_, count_);
-        return &choices_[count_ - 1];
+        Choice &latest = choices_[count_ - 1];
+        if (latest.is_levels)
+            return;
+        if (count_ == 1)
+            give_up_choices();
+        else
+            latest.next = nullptr;
     }
 
-    bool grow()
+    bool push(const Choice &choice)
     {
-        if (is_exhausted_)
+        if (count_ == capacity_ && !grow(choice.rest))
             return false;
-        std::size_t bytes = 0;
-        if (!__builtin_mul_overflow(capacity_, 2 * sizeof(Choice), &bytes)) {
-            auto *grown = static_cast<Choice *>(heap_try_malloc(bytes));
-            if (grown != nullptr) {
-                std::memcpy(grown, choices_, known_ * sizeof(Choice));
-                if (choices_ != first_choices_)
-                    stg_free_int(choices_, 1);
-                choices_ = grown;
-                capacity_ *= 2;
-                return true;
-            }
+        choices_[count_++] = choice;
+        known_ = std::max(known_, count_);
+        return true;
+    }
+
+    // Once and for all: there are no more choices than items, which have two bytes. Without memory
+    // nothing more is tried.
+    bool grow(const char *rest)
+    {
+        const std::size_t most = capacity_ + 1 + std::strlen(rest) / 2;
+        auto *grown = static_cast<Choice *>(heap_try_malloc(most * sizeof(Choice)));
+        if (grown == nullptr) {
+            errno = ENOMEM;
+            give_up_choices();
+            return false;
         }
-        is_exhausted_ = true;
-        return false;
+        std::memcpy(grown, choices_, count_ * sizeof(Choice));
+        choices_ = grown;
+        capacity_ = most;
+        return true;
     }
 
     // To the latest choice that has something left.
     bool go_back()
     {
-        if (is_exhausted_) {
-            errno = ENOMEM;
-            return false;
-        }
         for (; count_ > 0; --count_) {
             if (retry(choices_[count_ - 1]))
                 return true;
         }
-        return retry_levels();
+        return false;
     }
 
     bool retry(Choice &choice)
     {
         if (choice.next == nullptr)
             return false;
-        at_ = find_start(choice.rest, choice.next);
-        if (at_ == nullptr) {
-            choice.next = nullptr;
-            return false;
-        }
-        item_ = choice.rest;
-        const bool is_last = *at_ == '\0' || (is_path && *at_ == '/');
-        choice.next = is_last ? nullptr : at_ + character_length(at_);
-        may_cross_ = false;
-        return true;
+        const char *at = find_start(choice);
+        choice.next = at == nullptr ? nullptr : next_start(choice, at);
+        place_ = {choice.rest, at};
+        return at != nullptr;
     }
 
-    // The first position from `at` on within reach of a `*` where `rest` may match, or nullptr.
-    static const char *find_start(const char *rest, const char *at)
+    // The first place within reach where the rest may match, or nullptr.
+    static const char *find_start(const Choice &choice)
     {
-        if (!is_plain<is_path>(*rest))
+        const char first = *choice.rest;
+        const char *at = choice.next;
+        if (choice.is_levels || !is_plain<is_path>(first))
             return at;
-        while (*at != *rest) {
-            if (*at == '\0' || (is_path && *at == '/'))
+        for (; *at != first; at += character_length(at)) {
+            if (ends_run<is_path>(*at))
                 return nullptr;
-            at += character_length(at);
         }
         return at;
     }
 
-    // Goes on behind the next '/'.
-    bool retry_levels()
+    static const char *next_start(const Choice &choice, const char *at)
     {
-        if (levels_rest_ == nullptr)
-            return false;
-        const char *slash = std::strchr(levels_at_, '/');
-        if (slash == nullptr)
-            return false;
-        levels_at_ = slash + 1;
-        item_ = levels_rest_;
-        at_ = levels_at_;
-        may_cross_ = false;
-        return true;
+        if (choice.is_levels) {
+            const char *slash = std::strchr(at, '/');
+            return slash == nullptr ? nullptr : slash + 1;
+        }
+        return ends_run<is_path>(*at) ? nullptr : at + character_length(at);
     }
 
-    bool may_cross_ = false; // `?` or a set was taken since the latest choice
-    bool is_exhausted_ = false;
-    const char *item_ = nullptr;
-    const char *at_ = nullptr;
-
-    const char *levels_rest_ = nullptr; // of the latest "..."
-    const char *levels_at_ = nullptr;
-
+    Place place_ = nowhere;    // of the next try
     Choice first_choices_[32]; // not initialised: most patterns use one
     Choice *choices_ = first_choices_;
     std::size_t capacity_ = std::size(first_choices_);
@@ -402,45 +410,60 @@ template <bool is_path> class Matcher {
     std::size_t known_ = 0; // those above `count_` up to this one were left and are remembered
 };
 
-// Behind the last `*`: most patterns end in plain text, and then the string's own end decides. False when it
-// does not.
-template <bool is_path> bool is_decided_by_end(const char *rest, const char *at, bool &out_matches)
+enum class Verdict {
+    open,
+    no,
+    yes,
+};
+
+// Behind the last `*`, before the string's end: most patterns end in plain text, and then the end of the
+// string decides, in path mode where it is no '/'.
+template <bool is_path> Verdict judge_by_end(const char *rest, const char *at)
 {
     std::size_t size = 0;
     while (is_plain<is_path>(rest[size]))
         ++size;
     if (rest[size] != '\0')
-        return false;
-    std::size_t length = std::strlen(at);
-    if (is_path && at[length - 1] == '/')
-        return false;
-    out_matches = length >= size;
-    while (out_matches && size > 0)
-        out_matches = at[--length] == rest[--size];
-    if (!out_matches || length == 0)
-        return true;
-    if (is_path && std::memchr(at, '/', length) != nullptr)
-        out_matches = false;
-    return static_cast<unsigned char>(at[length - 1]) < 0x80; // else the end might begin inside a character
+        return Verdict::open;
+    std::size_t taken = std::strlen(at); // by the `*`
+    if (is_path && at[taken - 1] == '/')
+        return Verdict::open;
+    if (taken < size)
+        return Verdict::no;
+    while (size > 0) { // most differ in the last character
+        if (at[--taken] != rest[--size])
+            return Verdict::no;
+    }
+    if (is_path && std::memchr(at, '/', taken) != nullptr)
+        return Verdict::no;
+    // Else the end might begin inside a character.
+    return taken == 0 || static_cast<unsigned char>(at[taken - 1]) < 0x80 ? Verdict::yes : Verdict::open;
 }
 
 // Away from match(), which does without its room most of the time.
-template <bool is_path> __attribute__((noinline)) bool match_by_choices(Step step, const char *item, const char *at)
+template <bool is_path> [[gnu::noinline]] bool match_by_choices(End first, Place place)
 {
     Matcher<is_path> matcher; // not "Matcher()", which would clear the choices
-    return matcher.run(step, item, at);
+    return matcher.run({first, false, place});
 }
 
-template <bool is_path> bool match(const char *item, const char *at)
+template <bool is_path> bool match(const char *compiled, const char *string)
 {
-    bool may_cross = false;
-    const Step step = advance<is_path>(item, at, may_cross);
-    if (step == Step::matched || step == Step::failed)
-        return step == Step::matched;
-    bool matches = false;
-    if (step == Step::run && is_decided_by_end<is_path>(item, at, matches))
-        return matches;
-    return match_by_choices<is_path>(step, item, at);
+    Place place{compiled, string};
+    for (;;) {
+        const Walked walked = walk<is_path>(place);
+        if (walked.end == End::match || walked.end == End::mismatch)
+            return walked.end == End::match;
+        if (walked.end == End::levels)
+            return match_by_choices<is_path>(walked.end, walked.place);
+        place = {skip_runs(walked.place.item), walked.place.at};
+        if (!ends_run<is_path>(*place.item)) {
+            const Verdict verdict = judge_by_end<is_path>(place.item, place.at);
+            return verdict == Verdict::open ? match_by_choices<is_path>(walked.end, walked.place)
+                                            : verdict == Verdict::yes;
+        }
+        place.at = end_of_run<is_path>(place.at);
+    }
 }
 
 } // namespace
