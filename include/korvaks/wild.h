@@ -43,17 +43,20 @@ extern "C" {
 /**@{*/
 
 /**
- * Compiles a pattern.
+ * Compiles a pattern into the form that wild_match() takes.
  *
- * @param pattern       pattern text
+ * @param pattern       pattern text, as above; "" gives a pattern that matches "" alone
  * @param size          bytes of `buf`. The compiled form with its NUL takes at most `size` - 4 of them; it is
- *                      never longer than twice the text, and its NUL.
- * @param buf           receives the compiled form; after a failure it holds nothing of use
+ *                      never longer than twice the text, and its NUL. A size of 4 or less, or one that
+ *                      became large by a change of sign, is too small for anything
+ * @param buf           receives the compiled form, the caller's; nothing is written beyond `size` - 4. After
+ *                      a failure it holds nothing of use
  * @param out_has_wild  receives 1 when the pattern holds `*`, `?`, a set or "...", else 0; may be NULL.
  *                      Unchanged after a failure
- * @return the compiled form's length with its NUL; WILD_MALFORMED, also for the byte 1 in a set; WILD_LIMIT
- *         when it does not fit.
- * Raises: no.
+ * @return the compiled form's length in bytes with its NUL; WILD_MALFORMED for a set that is not closed, a '['
+ *         or the byte 1 in a set, a ']' outside; WILD_LIMIT when it does not fit. errno is not set.
+ *
+ * Threads: any. Raises: no.
  */
 KS_API int wild_compile_pattern(const char *pattern, size_t size, char *buf, int *out_has_wild);
 
@@ -69,25 +72,36 @@ KS_API int wild_compile_pattern(const char *pattern, size_t size, char *buf, int
  * items and then slashes, each perhaps followed by "..."; but not where it ends behind a '/' that
  * the pattern follows with `*`. So "a/" and "a" do not match a/\*, and "a" matches a/.
  *
- * The time is bounded by a product of the lengths, never exponential. An attempt that has reached a `*` or a "..."
- * at some position makes every other way to a later position of the same component (for "...": of the
- * string) superfluous, so that of the items passed only those are gone back to from which `?` or a
- * set could take a '/', and those remember how far they have been tried. Up to 32 of them cost no memory;
- * more take some from the heap.
+ * The time is at most a product of the lengths, never exponential: each `*` and "..." is tried once at most from
+ * each place of the string. (In path mode a run of slashes is passed whole with each try.) In path mode up to 32 of
+ * those that have to be remembered at once cost no memory, more take some from the heap, once in a call; outside
+ * path mode none is taken.
  *
+ * @param compiled   from wild_compile_pattern(). Bytes that are no such pattern are safe as long as a NUL ends
+ *                   them: what is no item matches nothing
+ * @param string     the whole of it must match
  * @param path_mode  not 0: '/' separates components
- * @return 1 on a match, else 0. Where memory is needed and there is none, 0 with errno ENOMEM; errno is
- *         otherwise unchanged.
- * Raises: no.
+ * @return 1 on a match, else 0. Where memory is needed and there is none, 0 with errno ENOMEM (nothing is
+ *         printed); errno is otherwise unchanged.
+ *
+ * Threads: any. Raises: no.
  */
 KS_API int wild_match(const char *compiled, const char *string, int path_mode);
 
-/** 1 when a compiled pattern is a lone `*`, else 0. */
+/** 1 when a compiled pattern is a lone `*`, else 0. Threads: any. Raises: no. */
 KS_API int wild_is_any_pat(const char *compiled);
 
 /**
- * 1 when a text holds '[', '?', '*', '~' or "..." anywhere, escaped or not, else 0; NULL gives 0. Whole
- * characters are looked at.
+ * Whether a text may be meant as a pattern: 1 when it holds '[', '?', '*', '~' or "..." anywhere, escaped
+ * or not, else 0.
+ *
+ * Whole characters are looked at, so that a byte of a longer one is none of these. It is a first look: a text
+ * with such a character may be malformed, or have no wildcards once it is compiled, and ']' alone is not looked
+ * for.
+ *
+ * @param s  text as a user wrote it, not a compiled one; NULL gives 0
+ *
+ * Threads: any. Raises: no.
  */
 KS_API int wild_contains_wildcard_symbols(const char *s);
 /**@}*/
@@ -111,40 +125,75 @@ KS_API int wild_contains_wildcard_symbols(const char *s);
  *
  * A word that ends in '/' matches directories only, and its paths end in '/'. "..." enters a symbolic link to a
  * directory but does not descend through it; as the last component it gives the directories themselves.
- * A word with several "..." names a path once for each way to it.
  *
- * Deeper down, a directory that cannot be opened (or has a path beyond the system's limit) or that holds too
- * many matches is passed over, and what was found elsewhere is kept.
+ * Each directory is gone through once for each rest of a word, so that a word with several "..." names a path
+ * once, where the first way to it leads. With several of them the directories that have been gone through are
+ * remembered; otherwise memory grows with the depth of the tree and the size of its directories alone.
+ * Neither takes stack or descriptors.
  *
- * @param words    words
+ * `root` is not left by "..": when it is given, a ".." in an absolute word with wildcards takes back the component
+ * before it, whatever that names (nothing at the root, and not "..."), and neither stands in the paths. A
+ * symbolic link below it is followed wherever it leads.
+ *
+ * Deeper down, a directory that cannot be opened (or has a path beyond the system's limit), and one in which more
+ * than 4095 names match a component other than "...", is passed over, and what was found elsewhere is kept.
+ *
+ * @param words    words; "" and separators alone give ""
  * @param dir      where relative words start; NULL and "" stand for "."
  * @param root     where absolute words start, instead of "/"; NULL and "" stand for "/"
  * @param split    0: everything behind leading separators is one word
  * @param out_list receives the words found, each after the other with one blank between, as a heap
- *                 string (stg_free()); "" without any. NULL after a failure
- * @return 0 or one of
- *   - WILD_MALFORMED: a word is a malformed pattern;
+ *                 string of the caller's (stg_free()); "" without any. NULL after a failure and a raise
+ * @return 0, or for the first word that fails one of
+ *   - WILD_MALFORMED: it is a malformed pattern;
  *   - WILD_LIMIT: memory ran out; a user name of more than 255 bytes; a component whose compiled form
- *     takes more than 2044 bytes with its NUL; more than 1024 "..."; more than 4095 matching names, or for "..."
- *     subdirectories, where the expansion starts;
- *   - WILD_NO_HOME, WILD_NO_DIRECTORY, WILD_NO_MATCH.
- *   Nothing is printed.
+ *     takes more than 2044 bytes with its NUL; more than 4095 matching names where the expansion starts, or more than
+ *     4095 subdirectories of any directory that "..." enters;
+ *   - WILD_NO_HOME: the home directory of the user is not known;
+ *   - WILD_NO_DIRECTORY: the directory where the wildcards start cannot be read;
+ *   - WILD_NO_MATCH: it has wildcards and added nothing.
+ *   Nothing is printed, and errno tells nothing.
  *
+ * Threads: any; it takes 16 KiB of stack at most, 64 KiB where the user database is asked for `~`.
  * Raises: yes, between parts of directories; everything is given back and closed first.
  */
 KS_API int wild_glob_ext(const char *words, const char *dir, const char *root, int split, char **out_list);
 
-/** wild_glob_ext() with the usual root, of words. */
+/**
+ * Expands words with the usual root: wild_glob_ext() with a NULL root and a split of 1.
+ *
+ * @param words     words, separated by blanks, tabs and newlines outside quotes
+ * @param dir       where relative words start; NULL and "" stand for "."
+ * @param out_list  receives the list, a heap string of the caller's (stg_free()); NULL after a failure
+ * @return 0 or a code, as wild_glob_ext(), whose rules hold.
+ *
+ * Threads: any. Raises: yes, as wild_glob_ext().
+ */
 KS_API int wild_glob(const char *words, const char *dir, char **out_list);
 
-/** wild_glob_ext() with the usual root, of one word. */
+/**
+ * Expands one word, which may hold separators: wild_glob_ext() with a NULL root and a split of 0.
+ *
+ * @param word      everything behind leading blanks, tabs and newlines is the word
+ * @param dir       where a relative word starts; NULL and "" stand for "."
+ * @param out_list  receives the list, a heap string of the caller's (stg_free()); NULL after a failure
+ * @return 0 or a code, as wild_glob_ext(), whose rules hold.
+ *
+ * Threads: any. Raises: yes, as wild_glob_ext().
+ */
 KS_API int wild_glob_single(const char *word, const char *dir, char **out_list);
 
 /**
- * A copy of a string as a word of a list: each double quote behind a backslash, and all of it in
+ * Makes a copy of a string as a word of a list: each double quote behind a backslash, and all of it in
  * double quotes when it holds a blank.
- * @return a heap string (stg_free()); NULL on exhaustion (errno ENOMEM, nothing printed).
- * Raises: no.
+ *
+ * Other separators, backslashes and single quotes stay as they are, so that a name with one of those does not
+ * come back whole when the list is cut into words.
+ *
+ * @param s  any text; "" gives ""
+ * @return a heap string of the caller's (stg_free()); NULL on exhaustion (errno ENOMEM, nothing printed).
+ *
+ * Threads: any. Raises: no.
  */
 KS_API char *transform_string(const char *s);
 /**@}*/

@@ -11,7 +11,6 @@
 #include <set>
 
 #include <gtest/gtest.h>
-#include <fcntl.h>
 #include <pthread.h>
 #include <pwd.h>
 #include <sys/stat.h>
@@ -36,23 +35,13 @@ std::string glob(const std::string &words, const std::string &dir, const char *r
     return text;
 }
 
-// Files are names of one file, which is quicker than files of their own; a directory ends in '/'.
+// A directory ends in '/'.
 void make(const test::TempDir &dir, const Paths &paths)
 {
-    constexpr std::size_t links_max = 30000;
-    std::string parent;
-    std::string file;
-    for (std::size_t i = 0; i < paths.size(); ++i) {
-        const std::string path = dir.file(paths[i]);
-        const std::string above = path.substr(0, path.rfind('/') + 1);
-        if (std::exchange(parent, above) != above)
-            fs::create_directories(above);
-        if (path.ends_with('/'))
-            continue;
-        if (i % links_max == 0)
-            test::write_file(file = path, "");
-        else
-            ASSERT_EQ(link(file.c_str(), path.c_str()), 0) << path;
+    for (const std::string &path : paths) {
+        fs::create_directories(dir.file(path.substr(0, path.rfind('/') + 1)));
+        if (!path.ends_with('/'))
+            test::write_file(dir.file(path), "");
     }
 }
 
@@ -101,54 +90,31 @@ TEST(WildGlob, HomeDirectories)
     EXPECT_EQ(glob("~" + std::string(256, 'u') + "/x", "."), "-3");
 }
 
-TEST(WildGlob, FindsFiles)
+// Whatever a word says, "..", link or not, it does not lead out of the root.
+TEST(WildGlob, StaysBelowTheRoot)
 {
     const test::TempDir dir;
-    make(dir, {"b.c", "a.c", ".hid.c", "d/x.c", "d/e/x.c", ".h/x.c", "sp ace/q\"t.c", "d*r/y.c", "x\xFF.c"});
-    fs::create_directory_symlink("..", dir.file("d/up"));
-    fs::create_symlink("nowhere", dir.file("dangling"));
-    ASSERT_EQ(chdir(dir.path().c_str()), 0);
-    const struct {
-        const char *words;
-        const char *expected;
-    } rows[] = {
-        {"*.c", "a.c b.c x\xFF.c"},
-        {".*.c", ".hid.c"},
-        {"./*.c", "./a.c ./b.c ./x\xFF.c"},
-        {"d*", "d d*r dangling"},
-        {"d*/", "d/ d*r/"},
-        {"d\\*r/*", "d*r/y.c"},
-        {"[dx]*/.../x.c", "d/x.c d/e/x.c"},
-        {"sp*/*", "\"sp ace/q\\\"t.c\""},
-        {".../x.c", "d/x.c d/e/x.c"},
-        {".../[ab].c", "a.c b.c d/up/a.c d/up/b.c"},
-        {"d/...", "d d/e d/up"},
-        {"d/.../", "d/ d/e/ d/up/"},
-        {"*/x.c */none d", "d/x.c -6"},
-        {".h/*", ".h/x.c"},
-        {"d//*//x.c", "d/e/x.c"},
-    };
-    for (const auto &row : rows) {
-        const std::string expected = std::string(row.expected).ends_with("-6") ? "-6" : row.expected;
-        EXPECT_EQ(glob(row.words, "."), expected) << row.words;
-    }
-    EXPECT_EQ(glob("/d/*.c", "ignored", dir.path().c_str()), dir.file("d/x.c"));
-    EXPECT_EQ(glob(dir.path() + "/a*", "ignored"), dir.file("a.c"));
-    EXPECT_EQ(glob("/de[v]/nul[l]", "ignored", ""), "/dev/null");
-    EXPECT_EQ(glob("*.c", dir.path() + "/d"), dir.file("d/x.c"));
+    make(dir, {"out.c", "r/in.c", "r/d/x.c"});
+    fs::create_directory_symlink("d", dir.file("r/l"));
+    const std::string in = dir.file("r/in.c");
+    for (const char *word : {"/*.c", "/../*.c", "/d/../../*.c", "/*/../i*", "/l/../*.c", "/./../*.c", "//..//[i]n.c"})
+        EXPECT_EQ(glob(word, "ignored", dir.file("r").c_str()), in) << word;
+    EXPECT_EQ(glob("/.../../*.c", "", dir.file("r").c_str()),
+              in + " " + dir.file("r/d/x.c") + " " + dir.file("r/l/x.c"));
+    EXPECT_EQ(glob("/*/..", "", dir.file("r").c_str()), dir.file("r"));
+    EXPECT_EQ(glob(dir.path() + "/r/../o*", "ignored", ""), dir.file("r/../out.c"));
 }
 
 TEST(WildGlob, LimitsAndRefusals)
 {
     const test::TempDir dir;
-    Paths many;
     for (int i = 0; i < 4096; ++i)
-        many.push_back("many/" + std::to_string(i));
-    make(dir, many);
-    make(dir, {"z/1"});
+        make(dir, {"many/" + std::to_string(i) + "/"});
+    make(dir, {"z/1", "p/p/p/p/p/p/p/p/p/1"});
     EXPECT_EQ(glob("*", dir.file("many")), "-3");
-    EXPECT_EQ(glob(".../1", dir.path()), dir.file("many/1") + " " + dir.file("z/1"));
-    EXPECT_EQ(glob("*/*", dir.path()), dir.file("z/1")); // the other one is passed over
+    EXPECT_EQ(glob(".../1", dir.path()), "-3"); // nothing is left out in silence
+    EXPECT_EQ(glob("*/1/", dir.path()), dir.file("many/1/"));
+    EXPECT_EQ(glob("*/*[0-9]", dir.path()), dir.file("z/1")); // the other one is passed over
     fs::remove(dir.file("many/0"));
     const std::string all = glob("many/*", dir.path());
     EXPECT_EQ(std::count(all.begin(), all.end(), ' '), 4094);
@@ -157,10 +123,9 @@ TEST(WildGlob, LimitsAndRefusals)
     EXPECT_EQ(glob("*" + std::string(2042, 'n'), dir.path()), "-3");
     EXPECT_EQ(glob(std::string(5000, 'n') + "/*", dir.path()), "-5");
     std::string levels;
-    for (int i = 0; i < 1025; ++i)
+    for (int i = 0; i < 16; ++i)
         levels += ".../";
-    EXPECT_EQ(glob(levels.substr(4) + "1", dir.file("z")).substr(0, 2), dir.path().substr(0, 2));
-    EXPECT_EQ(glob(levels + "1", dir.file("z")), "-3");
+    EXPECT_EQ(glob(levels + "1", dir.file("p")), dir.file("p/p/p/p/p/p/p/p/p/1")); // once for all ways to it
     if (getuid() != 0) {
         chmod(dir.file("many").c_str(), 0);
         EXPECT_EQ(glob("*/1", dir.path()), dir.file("z/1"));
@@ -169,40 +134,34 @@ TEST(WildGlob, LimitsAndRefusals)
     }
 }
 
-#ifdef __SANITIZE_THREAD__ // whose frames are many times as large
-constexpr std::size_t worker_stack_bytes = std::size_t{16} << 20;
+#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__) // whose frames are many times as large
+constexpr std::size_t small_stack_bytes = std::size_t{16} << 20;
 #else
-constexpr std::size_t worker_stack_bytes = std::size_t{1} << 20;
+constexpr std::size_t small_stack_bytes = std::size_t{64} << 10;
 #endif
 
-// Deeper than there are descriptors, and on the stack of a worker thread.
+// As deep as a path can be long.
 TEST(WildGlob, WalksDeepTreesOnSmallStacks)
 {
+    constexpr int depth = 2040;
     const test::TempDir dir;
-    const int here = open(".", O_RDONLY | O_CLOEXEC);
     ASSERT_EQ(chdir(dir.path().c_str()), 0);
-    int depth = 0;
-    for (; depth < 1900; ++depth)
+    for (int i = 0; i < depth; ++i)
         ASSERT_TRUE(mkdir("d", 0700) == 0 && chdir("d") == 0);
     test::write_file("f", "");
-    ASSERT_EQ(fchdir(here), 0);
-    close(here);
-    std::string found;
+    ASSERT_EQ(chdir(dir.path().c_str()), 0);
     pthread_attr_t attributes;
     pthread_attr_init(&attributes);
-    pthread_attr_setstacksize(&attributes, worker_stack_bytes);
-    const auto walk = [&] { found = glob(".../f", dir.path()); };
+    pthread_attr_setstacksize(&attributes, small_stack_bytes);
+    static std::string found;
+    const auto walk = [](void *) -> void * {
+        found = glob(".../f", ".");
+        return nullptr;
+    };
     pthread_t thread;
-    ASSERT_EQ(pthread_create(
-                  &thread, &attributes,
-                  [](void *work) -> void * {
-                      (*static_cast<decltype(walk) *>(work))();
-                      return nullptr;
-                  },
-                  const_cast<void *>(static_cast<const void *>(&walk))),
-              0);
+    ASSERT_EQ(pthread_create(&thread, &attributes, walk, nullptr), 0);
     pthread_join(thread, nullptr);
-    EXPECT_EQ(found.size(), dir.path().size() + 2 * static_cast<std::size_t>(depth) + 2);
+    EXPECT_EQ(found.size(), std::size_t{2} * depth + 1);
 }
 
 // --- Against a slow walk ---
@@ -294,8 +253,9 @@ TEST(WildGlob, AgreesWithASlowWalk)
             word += walk.is_slash_last ? "/" : "";
             walk.run(top, components);
             std::string expected;
+            std::set<std::string> named; // a second way to a path adds nothing
             for (const std::string &path : walk.found)
-                expected += (expected.empty() ? "" : " ") + transformed(path);
+                expected += named.insert(path).second ? (expected.empty() ? "" : " ") + transformed(path) : "";
             if (word.find_first_of("*?[") == std::string::npos && word.find("...") == std::string::npos)
                 expected = word;
             else if (walk.is_refused || expected.empty())
@@ -305,20 +265,6 @@ TEST(WildGlob, AgreesWithASlowWalk)
         }
     }
     EXPECT_GT(found, 3000);
-}
-
-TEST(WildGlob, ManyFiles)
-{
-    const test::TempDir dir;
-    Paths paths;
-    for (int i = 0; i < 100000; ++i)
-        paths.push_back(std::to_string(i / 10000) + "/" + std::to_string(i / 1000 % 10) + "/" + std::to_string(i));
-    make(dir, paths);
-    (void)glob("*", dir.path()); // from now on the library has its own open
-    const int descriptors = test::open_descriptor_count();
-    const std::string list = glob(".../*7", dir.path());
-    EXPECT_EQ(std::count(list.begin(), list.end(), ' '), 10010); // and two levels of directories
-    EXPECT_EQ(test::open_descriptor_count(), descriptors);
 }
 
 } // namespace

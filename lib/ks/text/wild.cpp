@@ -1,8 +1,6 @@
 // Patterns as text: compiling them, and the small questions about them.
 #include "text/wild_impl.h"
 
-#include "kernel/ks_heap.h"
-
 #include <algorithm>
 #include <climits>
 

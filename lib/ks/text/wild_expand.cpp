@@ -19,7 +19,6 @@ namespace {
 
 constexpr std::size_t names_max = 4095;           // kept of one directory
 constexpr std::size_t component_bytes_max = 2044; // compiled, with the NUL
-constexpr std::size_t levels_max = 1024;          // "..." in a word: each is a call on the stack
 constexpr std::size_t buffer_bytes = 32768;
 
 const char *next_component(const char *component)
@@ -47,32 +46,20 @@ const char *end_of_component(const char *at)
     return at;
 }
 
-// Turns a compiled word into its components, in place; a limit that one exceeds is false.
-bool split_components(char *compiled)
+// The end of the components from `start` to `end` without the one that a ".." behind them takes back. "..." stays.
+char *take_back(char *start, char *end)
 {
-    const char *from = compiled;
-    char *to = compiled;
-    std::size_t levels = 0;
-    for (;;) {
-        while (*from == '/')
-            ++from;
-        if (*from == '\0')
+    while (end > start) {
+        char *last = end - 1;
+        while (last > start && last[-1] != '\0')
+            --last;
+        if (is_item(last, item_levels))
             break;
-        const char *end = end_of_component(from);
-        const bool is_ended = *end == '\0';
-        const auto size = static_cast<std::size_t>(end - from);
-        std::memmove(to, from, size);
-        to[size] = '\0';
-        levels += is_item(to, item_levels) ? 1 : 0;
-        if (levels > levels_max || (size >= component_bytes_max && has_wild(to)))
-            return false;
-        to += size + 1;
-        if (is_ended)
+        end = last;
+        if (std::strcmp(last, ".") != 0)
             break;
-        from = end + 1;
     }
-    *to = '\0';
-    return true;
+    return end;
 }
 
 // The byte behind the text's last character is not read: a word does not end inside a set.
@@ -124,6 +111,11 @@ std::uint64_t sort_key(const char *name)
     return be64toh(key);
 }
 
+Listing failed_listing()
+{
+    return errno == ENOMEM ? Listing::no_memory : Listing::unreadable;
+}
+
 int open_directory(const char *path)
 {
     int fd = -1;
@@ -142,16 +134,20 @@ int Expander::add_plain(std::string_view word)
     return list.append(word) ? 0 : WILD_LIMIT;
 }
 
-int Expander::run(const char *directory, char *compiled)
+int Expander::run(const char *directory, bool is_confining, char *compiled)
 {
     is_ended_by_slash_ = ends_in_slash(compiled);
-    if (!split_components(compiled))
+    if (!split_components(compiled, is_confining))
         return WILD_LIMIT;
     path_.size = 0;
     if (!path_.append(std::strcmp(directory, ".") == 0 ? "" : directory))
         return WILD_LIMIT;
+    visited_.release();
+    number_ = 0;
     const std::size_t size_before = list.size;
-    const int result = expand(compiled, 0);
+    int result = visit(compiled);
+    while (result == 0 && visits_.count > 0)
+        result = go_on();
     if (result != 0)
         return result;
     return list.size == size_before ? WILD_NO_MATCH : 0;
@@ -162,84 +158,123 @@ void Expander::release()
     const ErrnoSaver saver;
     list.release();
     path_.release();
+    literal_.release();
+    visits_.release();
+    entries_.release();
     names_.release();
-    stg_free_int(entries_, 1);
+    visited_.release();
     stg_free_int(buffer_, 1);
     if (fd_ >= 0)
         (void)close(fd_); // it was only read
     *this = Expander{};
 }
 
-// The path is as before afterwards.
-int Expander::expand(const char *components, unsigned depth)
+// Turns a compiled word into its components, in place; a limit that one exceeds is false.
+bool Expander::split_components(char *compiled, bool is_confined)
 {
-    const std::size_t path_size = path_.size;
+    const char *from = compiled;
+    char *to = compiled;
+    std::size_t levels = 0;
+    for (bool is_ended = false; !is_ended;) {
+        while (*from == '/')
+            ++from;
+        if (*from == '\0')
+            break;
+        const char *end = end_of_component(from);
+        is_ended = *end == '\0';
+        const auto size = static_cast<std::size_t>(end - from);
+        std::memmove(to, from, size);
+        to[size] = '\0';
+        levels += is_item(to, item_levels) ? 1 : 0;
+        if (size >= component_bytes_max && has_wild(to))
+            return false;
+        to = is_confined && std::strcmp(to, "..") == 0 ? take_back(compiled, to) : to + size + 1;
+        from = end + 1;
+    }
+    *to = '\0';
+    may_return_ = levels > 1;
+    return true;
+}
+
+// Comes to the directory at the path with components left. What there is to do in it is left to go_on().
+int Expander::visit(const char *components)
+{
+    bool is_first = true;
+    if (may_return_ && !visited_.enter(number_, reinterpret_cast<std::uintptr_t>(components), is_first))
+        return WILD_LIMIT;
+    if (!is_first)
+        return 0;
     for (; *components != '\0' && !has_wild(components); components = next_component(components)) {
-        if (!append_literal(components))
+        if (!descend_literal(components))
             return WILD_LIMIT;
     }
-    int result = 0;
     if (*components == '\0')
-        result = add_path_if_there();
-    else if (is_item(components, item_levels))
-        result = expand_levels(components, depth);
-    else
-        result = expand_names(components, depth);
-    path_.cut(path_size);
-    return result;
+        return add_path_if_there();
+    const Stage stage = is_item(components, item_levels) ? Stage::itself : Stage::listing;
+    return visits_.push({components, path_.size, number_, stage, {}, 0}) ? 0 : WILD_LIMIT;
 }
 
-int Expander::expand_names(const char *components, unsigned depth)
+// Takes one step of the innermost visit.
+int Expander::go_on()
 {
-    Level level{};
-    const Listing listing = list_directory(components, level);
-    if (listing != Listing::done)
-        return result_of(listing, depth);
-    const char *rest = next_component(components);
-    const std::size_t path_size = path_.size;
-    int result = 0;
-    for (std::size_t i = 0; result == 0 && i < level.entry_count; ++i) {
-        const Entry entry = entries_[level.first_entry + i];
-        result = append_component(names_.data + entry.offset) ? enter_matched(entry, rest, depth) : WILD_LIMIT;
-        path_.cut(path_size);
+    Visit &current = visits_.last();
+    path_.cut(current.path_size);
+    number_ = current.number;
+    switch (current.stage) {
+    case Stage::itself:
+        current.stage = Stage::listing;
+        return visit(next_component(current.components));
+    case Stage::listing:
+        current.stage = Stage::entries;
+        return list_entries(current);
+    case Stage::entries:
+        break;
     }
-    leave(level);
-    return result;
+    if (current.entries_done < current.level.entry_count)
+        return go_on_below(current, entries_.data[current.level.first_entry + current.entries_done++]);
+    leave(current.level);
+    --visits_.count;
+    return 0;
 }
 
-// The path is that of the name that matched.
-int Expander::enter_matched(const Entry &entry, const char *rest, unsigned depth)
+// Below the start, a directory that fails is passed by; but memory that is missing is missing everywhere, and
+// subdirectories are not left out in silence.
+int Expander::list_entries(Visit &visit)
 {
+    const bool is_levels = is_item(visit.components, item_levels);
+    switch (list_directory(is_levels ? nullptr : visit.components, visit.level)) {
+    case Listing::done:
+        return 0;
+    case Listing::unreadable:
+        return visits_.count == 1 ? WILD_NO_DIRECTORY : 0;
+    case Listing::too_many:
+        return visits_.count == 1 || is_levels ? WILD_LIMIT : 0;
+    case Listing::no_memory:
+        break;
+    }
+    return WILD_LIMIT;
+}
+
+// Comes to a name that matched; `current` and `entry` may move meanwhile.
+int Expander::go_on_below(const Visit &current, const Entry &entry)
+{
+    const char *rest = next_component(current.components);
+    const EntryKind kind = entry.kind;
+    const char *name = names_.data + entry.offset;
+    if (is_item(current.components, item_levels)) {
+        // A link is entered but not descended through.
+        const char *left = kind == EntryKind::link ? rest : current.components;
+        return descend(name) ? visit(left) : WILD_LIMIT;
+    }
+    if (!descend(name))
+        return WILD_LIMIT;
     const bool is_last = *rest == '\0';
     if (is_last && !is_ended_by_slash_)
         return add_path();
-    const bool is_known = entry.kind == EntryKind::directory || entry.kind == EntryKind::other;
-    if (is_known ? entry.kind == EntryKind::other : !is_directory())
+    const bool is_known = kind == EntryKind::directory || kind == EntryKind::other;
+    if (is_known ? kind == EntryKind::other : !is_directory())
         return 0;
-    return is_last ? add_path() : expand(rest, depth + 1);
-}
-
-int Expander::expand_levels(const char *components, unsigned depth)
-{
-    const char *rest = next_component(components);
-    int result = *rest != '\0' ? expand(rest, depth + 1) : add_path_if_there();
-    if (result != 0)
-        return result;
-    Level level{};
-    const Listing listing = list_directory(nullptr, level);
-    if (listing != Listing::done)
-        return result_of(listing, depth);
-    const std::size_t path_size = path_.size;
-    for (std::size_t i = 0; result == 0 && i < level.entry_count; ++i) {
-        const Entry entry = entries_[level.first_entry + i];
-        if (!append_component(names_.data + entry.offset))
-            result = WILD_LIMIT;
-        else // a link is entered but not descended through
-            result = expand(entry.kind == EntryKind::link ? rest : components, depth + 1);
-        path_.cut(path_size);
-    }
-    leave(level);
-    return result;
+    return is_last ? add_path() : visit(rest);
 }
 
 int Expander::add_path_if_there()
@@ -262,37 +297,28 @@ int Expander::add_path()
     return is_added ? 0 : WILD_LIMIT;
 }
 
-// Below the start a directory that fails is passed by; memory that is missing is missing everywhere.
-int Expander::result_of(Listing listing, unsigned depth) const
-{
-    if (listing == Listing::no_memory)
-        return WILD_LIMIT;
-    if (depth > 0)
-        return 0;
-    return listing == Listing::too_many ? WILD_LIMIT : WILD_NO_DIRECTORY;
-}
-
 // Keeps the names of the directory at the path that match a component, sorted; or, without one, its
 // subdirectories. What is kept is given up with leave(), nothing if it fails.
-Listing Expander::list_directory(const char *component, Level &out_level)
+Listing Expander::list_directory(const char *component, Level &level)
 {
-    Level level{entry_count_, 0, names_.size};
+    level = {entries_.count, 0, names_.size};
     fd_ = open_directory(path_text());
     if (fd_ < 0)
-        return errno == ENOMEM ? Listing::no_memory : Listing::unreadable;
+        return failed_listing();
     const Listing listing = read_directory(component, level);
     (void)close(fd_); // it was only read
     fd_ = -1;
     if (listing != Listing::done) {
         leave(level);
+        level.entry_count = 0;
         return listing;
     }
     const char *names = names_.data;
-    std::sort(entries_ + level.first_entry, entries_ + entry_count_, [names](const Entry &a, const Entry &b) {
-        return a.key != b.key ? a.key < b.key : std::strcmp(names + a.offset, names + b.offset) < 0;
-    });
-    out_level = level;
-    return Listing::done;
+    std::sort(entries_.data + level.first_entry, entries_.data + entries_.count,
+              [names](const Entry &a, const Entry &b) {
+                  return a.key != b.key ? a.key < b.key : std::strcmp(names + a.offset, names + b.offset) < 0;
+              });
+    return listing;
 }
 
 Listing Expander::read_directory(const char *component, Level &level)
@@ -304,8 +330,10 @@ Listing Expander::read_directory(const char *component, Level &level)
     for (;;) {
         pfm_test_raise(nullptr); // large trees take long
         const ssize_t got = getdents64(fd_, buffer_, buffer_bytes);
+        if (got < 0 && errno == EINTR)
+            continue;
         if (got <= 0)
-            return got == 0 ? Listing::done : Listing::unreadable;
+            return got == 0 ? Listing::done : failed_listing();
         for (ssize_t at = 0; at < got;) {
             const auto *found = reinterpret_cast<const dirent64 *>(buffer_ + at);
             at += found->d_reclen;
@@ -349,36 +377,13 @@ EntryKind Expander::kind_for_levels(const char *name, EntryKind kind) const
 
 bool Expander::keep_entry(const char *name, EntryKind kind)
 {
-    if (entry_count_ == entry_capacity_ && !grow_entries())
-        return false;
     const std::size_t offset = names_.size;
-    if (!names_.append({name, std::strlen(name) + 1}))
-        return false;
-    entries_[entry_count_++] = {sort_key(name), offset, kind};
-    return true;
-}
-
-bool Expander::grow_entries()
-{
-    constexpr std::size_t first_capacity = 64;
-    const std::size_t capacity = std::max(first_capacity, entry_capacity_ * 2);
-    std::size_t bytes = 0;
-    if (__builtin_mul_overflow(capacity, sizeof(Entry), &bytes))
-        return false;
-    auto *grown = static_cast<Entry *>(heap_try_malloc(bytes));
-    if (grown == nullptr)
-        return false;
-    if (entry_count_ > 0)
-        std::memcpy(grown, entries_, entry_count_ * sizeof(Entry));
-    stg_free_int(entries_, 1);
-    entries_ = grown;
-    entry_capacity_ = capacity;
-    return true;
+    return names_.append({name, std::strlen(name) + 1}) && entries_.push({sort_key(name), offset, kind});
 }
 
 void Expander::leave(const Level &level)
 {
-    entry_count_ = level.first_entry;
+    entries_.count = level.first_entry;
     if (names_.size > level.names_size)
         names_.cut(level.names_size);
 }
@@ -389,17 +394,22 @@ bool Expander::append_component(std::string_view component)
     return (is_joined || path_.append('/')) && path_.append(component);
 }
 
-bool Expander::append_literal(const char *component)
+// To a name in the directory at the path.
+bool Expander::descend(std::string_view name)
 {
-    if (!append_component(""))
-        return false;
+    return append_component(name) && (!may_return_ || visited_.number_below(number_, name, number_));
+}
+
+bool Expander::descend_literal(const char *component)
+{
+    literal_.size = 0;
     for (const char *at = component; *at != '\0'; ++at) {
         if (*at == item_mark)
             ++at;
-        if (!path_.append(*at))
+        if (!literal_.append(*at))
             return false;
     }
-    return true;
+    return descend(literal_.view());
 }
 
 bool Expander::is_directory() const

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "text/wild_impl.h"
+#include "text/wild_visited.h"
 
 #include <cstdint>
 
@@ -32,9 +33,9 @@ enum class Listing {
 // The walk of one word after the other, and the list that comes of it. The walk passes delivery checks of
 // raises, so it has no destructor: its owner releases it.
 //
-// Directories are named by whole paths and each is closed before the next is opened, so the depth of
-// a tree costs no descriptors. Components come as strings one behind the other, ended by an
-// empty one.
+// Directories are named by whole paths and each is closed before the next is opened, and what is left to do in
+// those above is kept in memory, so the depth of a tree costs neither descriptors nor stack. Components come as
+// strings one behind the other, ended by an empty one.
 class Expander {
   public:
     Text list;
@@ -42,9 +43,9 @@ class Expander {
     // Adds a word as it stands.
     [[nodiscard]] int add_plain(std::string_view word);
 
-    // Adds what a compiled word with wildcards matches, from a directory on. It is cut up in place, and
-    // takes one byte more than it had.
-    [[nodiscard]] int run(const char *directory, char *compiled);
+    // Adds what a compiled word with wildcards matches, from a directory on, which is not left by ".." when it
+    // is confining. The word is cut up in place, and takes one byte more than it had.
+    [[nodiscard]] int run(const char *directory, bool is_confining, char *compiled);
 
     void release();
 
@@ -56,35 +57,54 @@ class Expander {
         std::size_t names_size;
     };
 
-    int expand(const char *components, unsigned depth);
-    int expand_names(const char *components, unsigned depth);
-    int expand_levels(const char *components, unsigned depth);
-    int enter_matched(const Entry &entry, const char *rest, unsigned depth);
-    int add_path_if_there();
-    int add_path();
-    int result_of(Listing listing, unsigned depth) const;
+    enum class Stage : std::uint8_t {
+        itself, // "..." that stands for no level
+        listing,
+        entries,
+    };
 
-    Listing list_directory(const char *component, Level &out_level);
+    // A visit to a directory that goes on.
+    struct Visit {
+        const char *components; // the first one has wildcards
+        std::size_t path_size;
+        std::uint32_t number;
+        Stage stage;
+        Level level;
+        std::size_t entries_done;
+    };
+
+    bool split_components(char *compiled, bool is_confined);
+    [[nodiscard]] int visit(const char *components);
+    [[nodiscard]] int go_on();
+    [[nodiscard]] int go_on_below(const Visit &visit, const Entry &entry);
+    [[nodiscard]] int list_entries(Visit &visit);
+    [[nodiscard]] int add_path_if_there();
+    [[nodiscard]] int add_path();
+
+    Listing list_directory(const char *component, Level &level);
     Listing read_directory(const char *component, Level &level);
     Listing take_entry(const char *name, EntryKind kind, const char *component, Level &level);
     EntryKind kind_for_levels(const char *name, EntryKind kind) const;
     bool keep_entry(const char *name, EntryKind kind);
-    bool grow_entries();
     void leave(const Level &level);
 
+    bool descend(std::string_view name);
+    bool descend_literal(const char *component);
     bool append_component(std::string_view component);
-    bool append_literal(const char *component);
     const char *path_text() const { return path_.size == 0 ? "." : path_.data; }
     bool is_directory() const;
 
-    Text path_;  // where the walk is; empty for "."
+    Text path_; // where the walk is; empty for "."
+    Text literal_;
+    Store<Visit> visits_; // one inside the other
+    Store<Entry> entries_;
     Text names_; // of entries, each with its NUL
-    Entry *entries_ = nullptr;
-    std::size_t entry_count_ = 0;
-    std::size_t entry_capacity_ = 0;
+    Visited visited_;
+    std::uint32_t number_ = 0;       // of the path, as a visited one
+    bool may_return_ = false;        // to a directory: the word has several "..."
+    bool is_ended_by_slash_ = false; // the word
     char *buffer_ = nullptr;         // takes what the system says about a directory
     int fd_ = -1;                    // the directory that is being read
-    bool is_ended_by_slash_ = false; // the word
 };
 
 } // namespace ks::wild

@@ -104,8 +104,9 @@ int compile_word(Text &compiled, std::string_view word, bool &out_has_wild)
 int expand_wild(Expander &expander, char *compiled, const Places &places)
 {
     if (*compiled != '/')
-        return expander.run(is_given(places.dir) ? places.dir : ".", compiled);
-    return expander.run(is_given(places.root) ? places.root : "/", compiled);
+        return expander.run(is_given(places.dir) ? places.dir : ".", false, compiled);
+    const bool is_confining = is_given(places.root);
+    return expander.run(is_confining ? places.root : "/", is_confining, compiled);
 }
 
 int expand_word(Expander &expander, Text &home, Text &compiled, std::string_view word, const Places &places)

@@ -1,12 +1,14 @@
 // What the files of wild share: the items of compiled patterns, the characters of the locale, the
-// matcher, and texts that grow without a word.
+// matcher, and texts and stores that grow without a word.
 #pragma once
 
 #include <korvaks/strutl.h>
 #include <korvaks/wild.h>
 
 #include "base/ks_base.h"
+#include "kernel/ks_heap.h"
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
@@ -53,6 +55,46 @@ struct Text {
     }
     std::string_view view() const { return {data, size}; }
     void release();
+};
+
+// The same for things of one size.
+template <typename T> struct Store {
+    T *data = nullptr;
+    std::size_t count = 0;
+    std::size_t capacity = 0;
+
+    [[nodiscard]] bool push(const T &added)
+    {
+        if (count == capacity && !grow())
+            return false;
+        data[count++] = added;
+        return true;
+    }
+    T &last() { return data[count - 1]; }
+    void release()
+    {
+        stg_free_int(data, 1);
+        *this = Store{};
+    }
+
+  private:
+    bool grow()
+    {
+        constexpr std::size_t first_capacity = 64;
+        const std::size_t grown_capacity = std::max(first_capacity, capacity * 2);
+        std::size_t bytes = 0;
+        if (__builtin_mul_overflow(grown_capacity, sizeof(T), &bytes))
+            return false;
+        auto *grown = static_cast<T *>(heap_try_malloc(bytes));
+        if (grown == nullptr)
+            return false;
+        if (count > 0)
+            std::memcpy(grown, data, count * sizeof(T));
+        stg_free_int(data, 1);
+        data = grown;
+        capacity = grown_capacity;
+        return true;
+    }
 };
 
 // Appends a word of a list, as transform_string() makes it.

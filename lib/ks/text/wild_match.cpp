@@ -223,8 +223,9 @@ template <bool is_path> [[gnu::always_inline]] inline Walked walk(Place place)
 // Behind a `*`, and others that follow it.
 const char *skip_runs(const char *item)
 {
-    while (is_item(item, item_run))
+    do
         item += 2;
+    while (is_item(item, item_run));
     return item;
 }
 
