@@ -47,6 +47,18 @@ TEST(FaultReport, GrowingBuffer)
         .check([](const Trial &) { return std::strcmp(text, "startvalue") == 0 ? nullptr : "not the text before it"; })
         .cleanup(free_text)
         .sweep_raises();
+    std::string many;
+    for (int i = 0; i < 600; ++i)
+        many += "%5v";
+    Operation("strfmt_gsprintf_fmt of many directives")
+        .setup(clear)
+        .act([&] { (void)strfmt_gsprintf_fmt(&text, 2, "v", many.c_str(), nullptr, render); })
+        .check([](const Trial &trial) {
+            const long steps = trial.raised == 0 ? 600 : 256 * trial.plan.nth - 1;
+            return std::strlen(text) == 5 * static_cast<std::size_t>(steps) ? nullptr : "not the text up to there";
+        })
+        .cleanup(free_text)
+        .sweep_raises();
     static char fixed[8];
     Operation("strfmt_gsprintf into a small buffer")
         .act([] { (void)strfmt_gsprintf(fixed, sizeof fixed, "v", "start%5v", nullptr, render); })

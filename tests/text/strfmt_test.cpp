@@ -9,6 +9,7 @@
 #include <climits>
 #include <cstdio>
 #include <cstring>
+#include <ctime>
 #include <string>
 
 #include "harness/child.h"
@@ -17,7 +18,7 @@
 namespace {
 
 // Renders "x" as all that is handed over, "s" as the text in the width, "c" as "(text)" cut as
-// snprintf() cuts, and rejects "r".
+// snprintf() cuts, "m" as as many letters as the precision says, for which it asks for space, and rejects "r".
 int render(void *client, char *out, size_t space, const strfmt_directive *directive)
 {
     ++*static_cast<int *>(client);
@@ -33,6 +34,14 @@ int render(void *client, char *out, size_t space, const strfmt_directive *direct
         break;
     case 'c':
         return snprintf(out, space, "(%s)", text) < 0 ? 1 : 0;
+    case 'm':
+        space = static_cast<size_t>(directive->precision) + 1;
+        out = strfmt_more_space(directive, space);
+        if (out == nullptr)
+            return STRFMT_FULL;
+        memset(out, 'm', space - 1);
+        out[space - 1] = '\0';
+        return 0;
     default:
         (void)snprintf(out, space, "half a value");
         return -1;
@@ -50,7 +59,7 @@ Outcome format(const std::string &control, size_t size = 4000)
 {
     Outcome outcome;
     std::string buffer(size + 8, '#');
-    outcome.result = strfmt_gsprintf(buffer.data(), size, "xscr", control.c_str(), &outcome.calls, render);
+    outcome.result = strfmt_gsprintf(buffer.data(), size, "xscmr", control.c_str(), &outcome.calls, render);
     outcome.text = buffer.c_str();
     EXPECT_EQ(buffer.substr(size), "########") << control;
     return outcome;
@@ -60,7 +69,7 @@ Outcome format_growing(const std::string &control, size_t size)
 {
     Outcome outcome;
     char *buffer = size == 0 ? nullptr : static_cast<char *>(stg_malloc(size));
-    outcome.result = strfmt_gsprintf_fmt(&buffer, size, "xscr", control.c_str(), &outcome.calls, render);
+    outcome.result = strfmt_gsprintf_fmt(&buffer, size, "xscmr", control.c_str(), &outcome.calls, render);
     outcome.text = buffer;
     stg_free(buffer);
     return outcome;
@@ -85,8 +94,8 @@ TEST(Strfmt, HandsOverDirectives)
         {"%5.2x %.x %-.-x %-x",
          "<5|2|||> <" + none + "|" + none + "|||> <" + none + "|" + none + "|||> <" + none + "|" + none + "|||>"},
         {"%05.-3lq#x", "<5|-3|||lq#>"},
-        {"%2147483647.-2147483647x", "<" + none + "|" + none + "|||>"},
-        {"%-2147483646x", "<-2147483646|" + none + "|||>"},
+        {"%1048576.-2147483647x", "<1048576|" + none + "|||>"},
+        {"%-1048576.-2147483646x", "<-1048576|-2147483646|||>"},
         {"%[a:b:c]x", "<" + none + "|" + none + "|a|b:c|>"},
         {"%[a [b] c:]l[]x", "<" + none + "|" + none + "|||l>"},
         {"%[a [b] %x]qx", "<" + none + "|" + none + "|a [b] %x||q>"},
@@ -173,7 +182,7 @@ TEST(Strfmt, CutsOrGrows)
 {
     const auto result = test::run_child([] {
         imsg_suppress_prefix(1);
-        const std::string control = "text %12[value]s%[30]t\\n%3.4[a:b]mx%N[4]t%[cut]c%[20]t.";
+        const std::string control = "text %12[value]s%[30]t\\n%3.4[a:b]qx%N[4]t%[cut]c%[20]t.";
         const Outcome whole = format(control);
         EXPECT_EQ(whole.result, 0);
         for (size_t size = 1; size <= whole.text.size() + 1; ++size) {
@@ -184,6 +193,7 @@ TEST(Strfmt, CutsOrGrows)
             const Outcome grown = format_growing(control, size);
             EXPECT_EQ(grown.text, whole.text);
             EXPECT_EQ(grown.result, 0);
+            EXPECT_EQ(grown.calls, whole.calls); // once for each directive, whatever the space was
         }
         return testing::Test::HasFailure() ? 1 : 0;
     });
@@ -200,12 +210,32 @@ TEST(Strfmt, CutsOrGrows)
 
 TEST(Strfmt, GrowsPastLongValues)
 {
-    std::string control = "%[v]c";
+    std::string control = "%[v]c%1048576s%.5000000m";
     for (int i = 0; i < 10; ++i)
         control += "%20000s%[40000]t\\n"; // blanks of the procedure's, then of the tab
     const Outcome outcome = format_growing(control, 3);
     EXPECT_EQ(outcome.result, 0);
-    EXPECT_EQ(outcome.text.size(), 3u + 20000 + (39999 - 20003) + 1 + 9 * 40000);
+    EXPECT_EQ(outcome.calls, 13);
+    EXPECT_EQ(outcome.text.size(), 3u + 1048576 + 5000000 + 20000 + 1 + 9 * 40000);
+    const auto result = test::run_child([] { // more than a procedure asked for is not lost in silence
+        imsg_suppress_prefix(1);
+        const Outcome fixed = format("%3000s%.1000m");
+        EXPECT_EQ(fixed.text, blanks(3000));
+        EXPECT_EQ(fixed.result, 1);
+        return testing::Test::HasFailure() ? 1 : 0;
+    });
+    EXPECT_EQ(result.err, "Supplied buffer too small.\n") << result.out;
+}
+
+// A line is measured once, not for each column in it.
+TEST(Strfmt, TakesTimeAsItWrites)
+{
+    std::string control;
+    for (int i = 0; i < 50000; ++i)
+        control += "%S[1]t";
+    const std::clock_t start = std::clock();
+    EXPECT_EQ(format_growing(control, 3).text.size(), 50000u);
+    EXPECT_LT(std::clock() - start, 2 * CLOCKS_PER_SEC);
 }
 
 TEST(Strfmt, ReportsTheBadPlace)
@@ -224,15 +254,16 @@ TEST(Strfmt, ReportsTheBadPlace)
         {"%[" + too_long + "]x", "", "[" + too_long + "]x"},
         {"%[:" + too_long + "]x", "", "[:" + too_long + "]x"},
         {"%" + too_long + "x", "", "bx"},
-        {"%2147483648x", "", "8x"},
-        {"%1.99999999999x", "", "9x"},
+        {"%1048577x", "", "7x"},
+        {"%-2147483646x", "", "3646x"},
+        {"%1.2147483648x", "", "8x"},
         {"<%[a]r>", "<", "%[a]r>"},
         {"%t", "", "%t"},
         {"%[]t", "", "%[]t"},
         {"%[3a]t", "", "%[3a]t"},
         {"%[3:4]t", "", "%[3:4]t"},
         {"%[-3]t", "", "%[-3]t"},
-        {"%[99999999999]t", "", "%[99999999999]t"},
+        {"%[1048577]t", "", "%[1048577]t"},
         {"x\\400y", "x", "\\400y"},
         {"%\tx", "", "\tx"},
     };

@@ -1,5 +1,7 @@
 // The report language: a control string is walked once, text is copied in runs, and each directive is
 // parsed, then rendered by the caller's procedure or, for "t", here.
+//
+// A walk passes delivery checks of raises, so that nothing in it has a destructor.
 #include <korvaks/strfmt.h>
 
 #include "base/ks_base.h"
@@ -8,12 +10,13 @@
 #include "util/strutl_msg.h"
 
 #include <korvaks/imsg.h>
-#include <korvaks/stg.h>
+#include <korvaks/pfm.h>
 #include <korvaks/strutl.h>
 
 #include <algorithm>
 #include <cctype>
 #include <climits>
+#include <cstdlib>
 #include <cstring>
 
 namespace ks::strfmt {
@@ -40,26 +43,29 @@ bool is_space(const char *at)
     return is_ascii(*at) ? std::isspace(*at) != 0 : strutl_test_char(at, MB_LEN_MAX, STRUTL_SPACE, nullptr) != 0;
 }
 
-// Takes digits; `out_value` stays as it is without any. False for a number above STRFMT_NONE.
-bool take_number(const char *&at, int &out_value)
+// Takes digits; `out_value` stays as it is without any. A number above `most` is false, and `at` then at the digit
+// that makes it one.
+bool take_number(const char *&at, int most, int &out_value)
 {
     if (!is_digit(*at))
         return true;
     int value = 0;
     for (; is_digit(*at); ++at) {
-        if (__builtin_mul_overflow(value, 10, &value) || __builtin_add_overflow(value, *at - '0', &value))
+        const int digit = *at - '0';
+        if (value > (most - digit) / 10)
             return false;
+        value = value * 10 + digit;
     }
     out_value = value;
     return true;
 }
 
-bool take_signed_number(const char *&at, int &out_value)
+bool take_signed_number(const char *&at, int most, int &out_value)
 {
     const bool is_negative = *at == '-';
     if (is_negative)
         ++at;
-    if (!take_number(at, out_value))
+    if (!take_number(at, most, out_value))
         return false;
     if (is_negative && out_value != STRFMT_NONE)
         out_value = -out_value;
@@ -91,6 +97,8 @@ struct Part {
 // A directive with the places of its texts.
 class Directive {
   public:
+    explicit Directive(Output &output) : output_(output) {}
+
     // Parses what follows a "%". On success `at` is behind the conversion letter, otherwise at the bad
     // place, which is the "%" itself when the control string ends too early.
     bool parse(const char *&at, const char *conversions);
@@ -102,12 +110,13 @@ class Directive {
     bool column(int &out_column) const
     {
         const char *at = text_.text;
-        return is_digit(*at) && take_number(at, out_column) && *at == '\0' && argument_.length == 0;
+        return is_digit(*at) && take_number(at, STRFMT_WIDTH_MAX, out_column) && *at == '\0' && argument_.length == 0;
     }
 
   private:
     bool take_bracket(const char *&at);
 
+    Output &output_;
     strfmt_directive record_;
     Part text_;
     Part argument_;
@@ -136,13 +145,13 @@ bool Directive::take_bracket(const char *&at)
 bool Directive::parse(const char *&at, const char *conversions)
 {
     const char *start = at - 1;
-    record_ = {STRFMT_NONE, STRFMT_NONE, text_.text, argument_.text, modifiers_.text, '\0'};
+    record_ = {STRFMT_NONE, STRFMT_NONE, text_.text, argument_.text, modifiers_.text, '\0', &output_};
     text_.clear();
     argument_.clear();
     modifiers_.clear();
-    if (!take_signed_number(at, record_.width))
+    if (!take_signed_number(at, STRFMT_WIDTH_MAX, record_.width))
         return false;
-    if (*at == '.' && !take_signed_number(++at, record_.precision))
+    if (*at == '.' && !take_signed_number(++at, STRFMT_NONE, record_.precision))
         return false;
     while (*at != '\0') {
         if (is_space(at))
@@ -177,14 +186,18 @@ enum class Step {
 class Walk {
   public:
     Walk(Output &output, const char *conversions, const char *control, void *client, strfmt_callback callback)
-        : output_(output), conversions_(conversions), at_(control), client_(client), callback_(callback)
+        : output_(output), conversions_(conversions), at_(control), client_(client), callback_(callback),
+          directive_(output)
     {
     }
 
     Step run()
     {
+        constexpr unsigned steps_between_checks = 256;
         Step step = Step::done;
-        while (step == Step::done && *at_ != '\0') {
+        for (unsigned steps = 1; step == Step::done && *at_ != '\0'; ++steps) {
+            if (steps % steps_between_checks == 0)
+                pfm_test_raise(nullptr); // a user's format may take long
             if (*at_ == '%')
                 step = percent();
             else if (*at_ == '\\')
@@ -201,7 +214,7 @@ class Walk {
   private:
     Step put(const char *bytes, std::size_t count) { return output_.put(bytes, count) ? Step::done : full(); }
     Step fill(int count) { return output_.fill(std::max(count, 0)) ? Step::done : full(); }
-    Step full() const { return output_.is_growing() ? Step::exhausted : Step::full; }
+    Step full() const { return output_.is_exhausted() ? Step::exhausted : Step::full; }
 
     Step plain_text()
     {
@@ -296,22 +309,19 @@ Step Walk::tabulate()
 Step Walk::render()
 {
     here.require(callback_ != nullptr, "callback != NULL");
-    for (;;) {
-        const int answer = callback_(client_, output_.end(), output_.space(), &directive_.record());
-        if (answer != 0 && answer != STRFMT_FULL) {
-            output_.terminate();
-            return Step::bad;
-        }
-        const bool is_whole = output_.take_rendered() && answer == 0;
-        // A value that fills a growing buffer to its end may have been cut by its procedure.
-        if (is_whole && (!output_.is_growing() || output_.space() > 1))
-            return Step::done;
-        if (!output_.is_growing())
-            return Step::full;
-        output_.drop_rendered();
-        if (!output_.grow())
-            return Step::exhausted;
+    const strfmt_directive &directive = directive_.record();
+    const int width = directive.width == STRFMT_NONE ? 0 : std::abs(directive.width);
+    if (output_.is_growing() && !output_.make_space(STRFMT_SPACE_MIN + static_cast<std::size_t>(width)))
+        return full();
+    const int answer = callback_(client_, output_.end(), output_.space(), &directive);
+    if (answer != 0 && answer != STRFMT_FULL) {
+        output_.terminate();
+        return Step::bad;
     }
+    const bool is_terminated = output_.take_rendered();
+    // What fills a growing block to its end may have been cut by a procedure that says nothing of it.
+    const bool may_be_cut = output_.is_growing() && output_.space() == 1;
+    return answer == 0 && is_terminated && !may_be_cut ? Step::done : full();
 }
 
 int format(Output &output, const char *conversions, const char *control, void *client, strfmt_callback callback)
@@ -349,5 +359,11 @@ int strfmt_gsprintf_fmt(char **out, size_t size, const char *conversions, const 
     if (!output.is_usable())
         return 1;
     return ks::strfmt::format(output, conversions, control, client, callback);
+}
+
+char *strfmt_more_space(const strfmt_directive *directive, size_t bytes)
+{
+    auto &output = *static_cast<ks::strfmt::Output *>(directive->output);
+    return output.make_space(bytes == 0 ? 0 : bytes - 1) ? output.end() : nullptr;
 }
 }

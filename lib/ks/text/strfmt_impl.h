@@ -8,6 +8,7 @@
 #include <korvaks/strutl.h>
 
 #include <algorithm>
+#include <climits>
 #include <cstddef>
 #include <cstring>
 
@@ -31,6 +32,7 @@ class Output {
     // False when there is no memory even for an empty text.
     bool is_usable() const { return capacity_ != 0; }
     bool is_growing() const { return handle_ != nullptr; }
+    bool is_exhausted() const { return is_exhausted_; } // a growing block got no more memory
 
     char *end() { return begin_ + used_; }
     std::size_t space() const { return capacity_ - used_; } // bytes, the NUL's included
@@ -59,35 +61,40 @@ class Output {
 
     void terminate() { *end() = '\0'; }
 
+    // Space for `count` bytes and a NUL; false when there is none, and then nothing changes.
+    bool make_space(std::size_t count)
+    {
+        if (count < space()) [[likely]]
+            return true;
+        std::size_t needed;
+        return is_growing() && !__builtin_add_overflow(used_ + 1, count, &needed) && grow_to(needed);
+    }
+
     // Takes what a procedure has written at the end; false when it fills the space without a NUL, of
     // which then the last byte is dropped.
     bool take_rendered()
     {
-        rendered_ = strnlen(end(), space());
-        const bool is_terminated = rendered_ < space();
-        if (!is_terminated)
-            --rendered_;
-        return advance(rendered_) && is_terminated;
+        const std::size_t rendered = strnlen(end(), space());
+        const bool is_terminated = rendered < space();
+        return advance(is_terminated ? rendered : rendered - 1) && is_terminated;
     }
 
-    // Undoes the last take_rendered().
-    void drop_rendered()
+    // Columns behind the last line feed, with tabs expanded. Each byte is looked at once, however often
+    // this is asked.
+    int line_width()
     {
-        used_ -= rendered_;
-        terminate();
-    }
-
-    // Takes a larger block; false when there is none, and then nothing changes.
-    bool grow() { return grow_to(capacity_ + 1); }
-
-    // Columns behind the last line feed, with tabs expanded.
-    int line_width() const
-    {
-        const auto *feed = static_cast<const char *>(memrchr(begin_, '\n', used_));
-        const char *line = feed == nullptr ? begin_ : feed + 1;
-        int columns = 0;
-        (void)imsg_detabify(0, line, -1, 0, nullptr, &columns, nullptr); // only measures
-        return columns;
+        const char *fresh = begin_ + measured_;
+        const auto *feed = static_cast<const char *>(memrchr(fresh, '\n', used_ - measured_));
+        if (feed != nullptr) {
+            fresh = feed + 1;
+            columns_ = 0;
+        }
+        int added = 0;
+        (void)imsg_detabify(columns_, fresh, -1, 0, nullptr, &added, nullptr); // only measures
+        if (__builtin_add_overflow(columns_, added, &columns_))
+            columns_ = INT_MAX;
+        measured_ = used_;
+        return columns_;
     }
 
   private:
@@ -98,14 +105,6 @@ class Output {
         used_ += count;
         terminate();
         return true;
-    }
-
-    bool make_space(std::size_t count)
-    {
-        if (count < space()) [[likely]]
-            return true;
-        std::size_t needed;
-        return is_growing() && !__builtin_add_overflow(used_ + 1, count, &needed) && grow_to(needed);
     }
 
     bool grow_to(std::size_t needed)
@@ -121,7 +120,8 @@ class Output {
     bool resize(std::size_t size)
     {
         auto *block = static_cast<char *>(stg_realloc(begin_, size));
-        if (block == nullptr)
+        is_exhausted_ = block == nullptr;
+        if (is_exhausted_)
             return false;
         begin_ = *handle_ = block;
         capacity_ = size;
@@ -131,8 +131,10 @@ class Output {
     char *begin_;
     std::size_t used_ = 0;
     std::size_t capacity_;
-    std::size_t rendered_ = 0;
     char **handle_ = nullptr; // of a growing block
+    bool is_exhausted_ = false;
+    std::size_t measured_ = 0; // what columns_ takes into account
+    int columns_ = 0;
 };
 
 } // namespace ks::strfmt
