@@ -4,6 +4,7 @@
 #include <cstring>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace test::wild {
@@ -32,33 +33,26 @@ inline std::optional<Items> parse(const std::string &pattern, bool is_utf8)
     const Chars in = split_chars(pattern, is_utf8);
     Items out;
     bool is_open = false;
-    const auto dots_at = [&](std::size_t at) {
-        const auto is = [&](std::size_t i, const char *c) { return i < in.size() && in[i] == c; };
-        return !is_open && is(at, ".") && is(at + 1, ".") && is(at + 2, ".") &&
-               (at + 3 == in.size() || is(at + 3, "/"));
-    };
+    const auto is = [&](std::size_t at, const char *c) { return at < in.size() && in[at] == c; };
     for (std::size_t at = 0; at < in.size(); ++at) {
         const bool is_escaped = in[at] == "\\" && at + 1 < in.size();
-        if (is_escaped)
-            ++at;
+        at += is_escaped ? 1 : 0;
         const std::string &c = in[at];
-        if (is_open) {
-            if (!is_escaped && c == "[")
+        const bool is_levels = c == "." && is(at + 1, ".") && is(at + 2, ".") &&
+                               (at + 3 == in.size() || is(at + 3, "/")) && (out.empty() || out.back().text == "/");
+        if (is_open && ((!is_escaped && c == "[") || c == "\1"))
+            return std::nullopt;
+        if (!is_escaped && c == "]") {
+            if (!std::exchange(is_open, false))
                 return std::nullopt;
-            if (c == "\1")
-                return std::nullopt;
-            if (!is_escaped && c == "]")
-                is_open = false;
-            else
-                out.back().members.push_back(c);
+        } else if (is_open) {
+            out.back().members.push_back(c);
         } else if (!is_escaped && (c == "*" || c == "?")) {
             out.push_back({c == "*" ? Item::run : Item::any, "", {}});
         } else if (!is_escaped && c == "[") {
             is_open = true;
             out.push_back({Item::set, "", {}});
-        } else if (!is_escaped && c == "]") {
-            return std::nullopt;
-        } else if (!is_escaped && dots_at(at) && (out.empty() || out.back().text == "/")) {
+        } else if (!is_escaped && is_levels) {
             out.push_back({Item::levels, "", {}});
             at += 2;
         } else {
@@ -94,11 +88,8 @@ class Model {
     {
         if (at == chars_.size())
             return tail(i);
-        if (i == items_.size()) {
-            while (is_path_ && is_slash(at))
-                ++at;
-            return at == chars_.size();
-        }
+        if (i == items_.size())
+            return is_path_ && is_slash(at) && slashes(i, at);
         switch (items_[i].kind) {
         case Item::run:
             for (;; ++at) {
@@ -114,12 +105,12 @@ class Model {
         case Item::levels:
             return levels(i, at);
         default:
-            break;
+            return items_[i].text == chars_[at] && (is_path_ && is_slash(at) ? slashes(i, at) : matches(i + 1, at + 1));
         }
-        if (!is_path_ || !is_slash_item(i))
-            return items_[i].text == chars_[at] && matches(i + 1, at + 1);
-        if (!is_slash(at))
-            return false;
+    }
+
+    bool slashes(std::size_t i, std::size_t at) const
+    {
         while (is_slash_item(i))
             ++i;
         while (is_slash(at))
@@ -131,13 +122,10 @@ class Model {
     {
         for (++i; is_slash_item(i);)
             ++i;
-        if (matches(i, at))
-            return true;
-        for (; at < chars_.size(); ++at) {
-            if (is_slash(at) && matches(i, at + 1))
-                return true;
-        }
-        return false;
+        bool found = matches(i, at);
+        for (; !found && at < chars_.size(); ++at)
+            found = is_slash(at) && matches(i, at + 1);
+        return found;
     }
 
     bool not_above(const std::string &a, const std::string &b) const
@@ -150,14 +138,11 @@ class Model {
     bool in_set(const Chars &members, const std::string &c) const
     {
         for (std::size_t m = 0; m < members.size(); ++m) {
-            if (m == 0 || members[m] != "-") {
-                if (members[m] == c)
-                    return true;
-                continue;
-            }
-            if (++m == members.size())
+            const bool is_range = m > 0 && members[m] == "-";
+            m += is_range ? 1 : 0;
+            if (m == members.size())
                 return false;
-            if (members[m] == c || (not_above(members[m - 2], c) && not_above(c, members[m])))
+            if (members[m] == c || (is_range && not_above(members[m - 2], c) && not_above(c, members[m])))
                 return true;
         }
         return false;

@@ -59,11 +59,6 @@ TEST(FaultReport, GrowingBuffer)
         })
         .cleanup(free_text)
         .sweep_raises();
-    static char fixed[8];
-    Operation("strfmt_gsprintf into a small buffer")
-        .act([] { (void)strfmt_gsprintf(fixed, sizeof fixed, "v", "start%5v", nullptr, render); })
-        .check([](const Trial &) { return std::strcmp(fixed, "startva") == 0 ? nullptr : "not what fits"; })
-        .sweep_raises();
 }
 
 imsg_list list{};

@@ -64,8 +64,8 @@ TEST(FaultWild, MatchingAndCopying)
         .gives([&](const Trial &trial) { return trial.error == (trial.fired ? ENOMEM : 0) && result == 0; })
         .sweep();
     Operation("transform_string")
-        .act([] { return (list = transform_string("a b")) != nullptr; })
-        .gives([] { return std::strcmp(list, "\"a b\"") == 0; })
+        .act([] { return (list = transform_string("a \"b")) != nullptr; })
+        .gives([] { return std::strcmp(list, "\"a \\\"b\"") == 0; })
         .sets_errno()
         .cleanup([] { stg_free(list); })
         .sweep();
