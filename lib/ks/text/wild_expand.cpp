@@ -205,7 +205,7 @@ int Expander::visit(const char *components)
     if (!is_first)
         return 0;
     for (; *components != '\0' && !has_wild(components); components = next_component(components)) {
-        if (!descend_literal(components))
+        if (!append_literal(components))
             return WILD_LIMIT;
     }
     if (*components == '\0')
@@ -259,22 +259,24 @@ int Expander::list_entries(Visit &visit)
 int Expander::go_on_below(const Visit &current, const Entry &entry)
 {
     const char *rest = next_component(current.components);
-    const EntryKind kind = entry.kind;
     const char *name = names_.data + entry.offset;
+    const EntryKind kind = entry.kind;
+    if (!append_component(name))
+        return WILD_LIMIT;
     if (is_item(current.components, item_levels)) {
         // A link is entered but not descended through.
         const char *left = kind == EntryKind::link ? rest : current.components;
-        return descend(name) ? visit(left) : WILD_LIMIT;
+        return number_path(name) ? visit(left) : WILD_LIMIT;
     }
-    if (!descend(name))
-        return WILD_LIMIT;
     const bool is_last = *rest == '\0';
     if (is_last && !is_ended_by_slash_)
         return add_path();
     const bool is_known = kind == EntryKind::directory || kind == EntryKind::other;
     if (is_known ? kind == EntryKind::other : !is_directory())
         return 0;
-    return is_last ? add_path() : visit(rest);
+    if (is_last)
+        return add_path();
+    return number_path(name) ? visit(rest) : WILD_LIMIT;
 }
 
 int Expander::add_path_if_there()
@@ -394,13 +396,13 @@ bool Expander::append_component(std::string_view component)
     return (is_joined || path_.append('/')) && path_.append(component);
 }
 
-// To a name in the directory at the path.
-bool Expander::descend(std::string_view name)
+// Follows the path to a name in the directory that has the number.
+bool Expander::number_path(std::string_view name)
 {
-    return append_component(name) && (!may_return_ || visited_.number_below(number_, name, number_));
+    return !may_return_ || visited_.number_below(number_, name, number_);
 }
 
-bool Expander::descend_literal(const char *component)
+bool Expander::append_literal(const char *component)
 {
     literal_.size = 0;
     for (const char *at = component; *at != '\0'; ++at) {
@@ -409,7 +411,7 @@ bool Expander::descend_literal(const char *component)
         if (!literal_.append(*at))
             return false;
     }
-    return descend(literal_.view());
+    return append_component(literal_.view()) && number_path(literal_.view());
 }
 
 bool Expander::is_directory() const

@@ -88,14 +88,14 @@ class Expander {
     bool keep_entry(const char *name, EntryKind kind);
     void leave(const Level &level);
 
-    bool descend(std::string_view name);
-    bool descend_literal(const char *component);
     bool append_component(std::string_view component);
+    bool append_literal(const char *component);
+    bool number_path(std::string_view name);
     const char *path_text() const { return path_.size == 0 ? "." : path_.data; }
     bool is_directory() const;
 
-    Text path_; // where the walk is; empty for "."
-    Text literal_;
+    Text path_;           // where the walk is; empty for "."
+    Text literal_;        // a component as a name
     Store<Visit> visits_; // one inside the other
     Store<Entry> entries_;
     Text names_; // of entries, each with its NUL
