@@ -134,7 +134,7 @@ void imsg_reset_term();
 // imsg_fputs() for `length` bytes. Lock held.
 [[nodiscard]] bool put_text(const char *text, std::size_t length, FILE *stream);
 
-// imsg_thread.cpp
+// imsg_tls.cpp
 // The calling thread's section, which frees its copies at the thread's end.
 imsg_tls &thread_section();
 // Makes `*buffer` hold at least `size` bytes; its old text is lost.
