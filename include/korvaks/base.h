@@ -44,16 +44,25 @@ typedef uint32_t ks_status;
  *
  * Message `i` has the default text `default_texts[i]` and, in the catalogue, the number
  * `catalog_numbers[i]` of set `set`. Texts are printf formats. A tool declares its own table
- * with the same record; both arrays hold `count` entries.
+ * with the same record; both arrays hold `count` entries:
+ *
+ *     static const char *const texts[] = {"%s: %s\n", "Done.\n"};
+ *     static const uint16_t numbers[] = {1, 2};
+ *     static const msg_table messages = {"tool", "tool", 1, MSG_TABLE_COUNT(texts), texts, numbers};
+ *
+ * The library keeps no pointer to a table behind the call that it is given to.
  */
 typedef struct msg_table {
-    const char *catalog_name;        /**< catalogue file, "ks_lib" for the library's own tables */
-    const char *subsystem;           /**< shown in heads and matched by TRACE_SUBSYS, "ks/stg" */
-    uint16_t set;                    /**< catalogue set */
-    uint16_t count;                  /**< number of messages */
-    const char *const *default_texts; /**< text used where no catalogue is found */
-    const uint16_t *catalog_numbers; /**< message numbers inside the set */
+    const char *catalog_name;         /**< catalogue file, "ks_lib" for the library's own tables; NULL or "": none */
+    const char *subsystem;            /**< shown in heads, such as "ks/stg"; NULL counts as "" */
+    uint16_t set;                     /**< catalogue set */
+    uint16_t count;                   /**< number of messages */
+    const char *const *default_texts; /**< text used where the catalogue has none; a NULL entry counts as "" */
+    const uint16_t *catalog_numbers;  /**< message numbers inside the set; NULL: the catalogue is not asked */
 } msg_table;
+
+/** The number of texts in an array of a table's default texts, as the record's `count`: at most 65535. */
+#define MSG_TABLE_COUNT(texts) ((uint16_t)(sizeof(texts) / sizeof((texts)[0])))
 
 /** Highest descriptor a ks_fd_set holds. The C library's fd_set stops at 1023. */
 #define KS_FD_MAX 16384
@@ -69,28 +78,52 @@ typedef struct ks_fd_set {
     uint64_t words[KS_FD_SET_WORDS];
 } ks_fd_set;
 
-/** Empties a descriptor set. */
+/**
+ * Empties a descriptor set. A set that was not emptied, nor zeroed where it is defined, holds anything.
+ *
+ * @param set  not NULL
+ * Threads: one at a time for a set; the library keeps no set of a caller's. Raises: no.
+ */
 static inline void ks_fd_zero(ks_fd_set *set)
 {
     for (size_t i = 0; i < KS_FD_SET_WORDS; ++i)
         set->words[i] = 0;
 }
 
-/** Adds a descriptor; one outside 0 to KS_FD_MAX is ignored. */
+/**
+ * Adds a descriptor. One that is in the set already stays in it.
+ *
+ * @param set  not NULL
+ * @param fd   0 to KS_FD_MAX; any other number is ignored, so that nothing outside the set is ever written
+ * Threads: as ks_fd_zero(). Raises: no.
+ */
 static inline void ks_fd_add(ks_fd_set *set, int fd)
 {
     if (fd >= 0 && fd <= KS_FD_MAX)
         set->words[(unsigned)fd / 64u] |= (uint64_t)1 << ((unsigned)fd % 64u);
 }
 
-/** Removes a descriptor; one outside 0 to KS_FD_MAX is ignored. */
+/**
+ * Removes a descriptor. One that is not in the set changes nothing.
+ *
+ * @param set  not NULL
+ * @param fd   0 to KS_FD_MAX; any other number is ignored
+ * Threads: as ks_fd_zero(). Raises: no.
+ */
 static inline void ks_fd_remove(ks_fd_set *set, int fd)
 {
     if (fd >= 0 && fd <= KS_FD_MAX)
         set->words[(unsigned)fd / 64u] &= ~((uint64_t)1 << ((unsigned)fd % 64u));
 }
 
-/** Tells whether a descriptor is in the set: 1 or 0. */
+/**
+ * Tells whether a descriptor is in the set.
+ *
+ * @param set  not NULL
+ * @param fd   any number; one outside 0 to KS_FD_MAX is in no set
+ * @return 1 when it is, else 0.
+ * Threads: any number may ask while nobody changes the set. Raises: no.
+ */
 static inline int ks_fd_has(const ks_fd_set *set, int fd)
 {
     return fd >= 0 && fd <= KS_FD_MAX && (set->words[(unsigned)fd / 64u] >> ((unsigned)fd % 64u) & 1u) != 0;

@@ -2,6 +2,8 @@
 // descriptors, wall-clock time and checked alignment. Nothing here locks, prints or raises.
 #pragma once
 
+#include "base/up_calls.h"
+
 #include <korvaks/base.h>
 
 #include <cerrno>
@@ -11,9 +13,6 @@
 
 #include <sys/time.h>
 #include <unistd.h>
-
-extern "C" KS_API void pfm_assert_fail(const char *expr, const char *file, int line) KS_NORETURN;
-extern "C" KS_API void pfm_panic(const char *file, int line) KS_NORETURN;
 
 namespace ks {
 

@@ -1,12 +1,9 @@
-// Messages of the library at large, by event.
+// Messages of the library at large, by event. The numbers left out are reserved: nothing settles their texts.
 #pragma once
 
 #include <korvaks/base.h>
 
-extern "C" {
-
-extern KS_API const msg_table _ks_ks_msg_table;
-}
+extern "C" KS_API const msg_table _ks_ks_msg_table;
 
 enum KsMsg : unsigned {
     ks_msg_operation = 2,      // operation, error text
@@ -27,4 +24,6 @@ enum KsMsg : unsigned {
     ks_msg_file_changed_size = 33, // path
     ks_msg_pipe_failed = 34,       // error text
     ks_msg_fork_failed = 36,       // error text
+
+    ks_msg_count = 45,
 };

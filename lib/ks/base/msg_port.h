@@ -1,22 +1,17 @@
 // The way up to the message layer for everything below it.
 //
-// Layers 0 to 2 report through these two exported functions and include nothing else of the
-// message modules. A kernel test links a recorder that defines them instead of the real thing.
+// Those layers report through imsg_print() and imsg_should_trace() of up_calls.h and include nothing else of
+// the message modules; this header adds what they need to say and to ask.
 #pragma once
 
-#include <korvaks/base.h>
+#include "base/up_calls.h"
 
 #include <atomic>
 
-extern "C" {
-
-KS_API int imsg_print(int kind, const msg_table *table, unsigned msg_no, ...);
-KS_API int imsg_should_trace(const char *subsys, long level);
-}
-
 namespace ks {
 
-// Message kinds: an even kind opens a message, the odd one above it continues it without a head.
+// Message kinds, as imsg.h names them for callers: an even kind opens a message, the odd one above it continues
+// it without a head.
 enum MsgKind : int {
     msg_ok = 0,
     msg_ok_more = 1,

@@ -1,12 +1,13 @@
 // Builds the two arrays of an exported message table from one list of rows, at compile time.
 //
-// A module writes its messages once:
+// A module writes its messages once, keyed by the enumerators of its <module>_msg.h:
 //
-//     constexpr ks::MsgRow rows[] = {{0, 1, "Out of memory\n"}, {1, 2, "No such file: %s\n"}};
-//     constexpr auto columns = ks::split_rows(rows);
-//     const msg_table _x_ks_msg_table = ks::make_table("ks/x", 7, columns);
+//     constexpr ks::MsgRow rows[] = {{x_msg_no_memory, 1, "Out of memory\n"}, {x_msg_no_file, 2, "No such file:
+//     %s\n"}}; constexpr auto columns = ks::split_rows(rows); constexpr std::uint16_t catalog_set = 7; extern "C"
+//     constinit const msg_table _x_ks_msg_table = ks::make_table("ks/x", catalog_set, columns);
 //
-// A gap, a repeated number or a disorder fails to compile.
+// A gap, a repeated number or a disorder fails to compile. A table with numbers whose texts nothing settles says
+// how many it has, and leaves those out: ks::split_sparse_rows<x_msg_count>(rows).
 #pragma once
 
 #include <korvaks/base.h>
@@ -31,17 +32,32 @@ template <std::size_t count> struct MsgColumns {
 // Not constexpr on purpose: reaching it in a constant expression is the compile error.
 void message_rows_out_of_order();
 
+// A number without a row holds an empty text, and in the catalogue the number behind that of the one before.
+template <std::size_t total, std::size_t count>
+consteval MsgColumns<total> split_sparse_rows(const MsgRow (&rows)[count])
+{
+    MsgColumns<total> columns{};
+    std::size_t next_row = 0;
+    unsigned previous = 0;
+    for (std::size_t i = 0; i < total; ++i) {
+        const bool has_row = next_row < count && rows[next_row].number == i;
+        const unsigned catalog_number = has_row ? rows[next_row].catalog_number : previous + 1;
+        if (catalog_number <= previous || catalog_number > UINT16_MAX)
+            message_rows_out_of_order();
+        columns.texts[i] = has_row ? rows[next_row].text : "";
+        columns.catalog_numbers[i] = static_cast<std::uint16_t>(catalog_number);
+        previous = catalog_number;
+        next_row += has_row ? 1 : 0;
+    }
+    if (next_row != count)
+        message_rows_out_of_order();
+    return columns;
+}
+
+// Every number has its row: a gap leaves rows over.
 template <std::size_t count> consteval MsgColumns<count> split_rows(const MsgRow (&rows)[count])
 {
-    MsgColumns<count> columns{};
-    for (std::size_t i = 0; i < count; ++i) {
-        const unsigned previous = i == 0 ? 0 : rows[i - 1].catalog_number;
-        if (rows[i].number != i || rows[i].catalog_number <= previous || rows[i].catalog_number > UINT16_MAX)
-            message_rows_out_of_order();
-        columns.texts[i] = rows[i].text;
-        columns.catalog_numbers[i] = static_cast<std::uint16_t>(rows[i].catalog_number);
-    }
-    return columns;
+    return split_sparse_rows<count>(rows);
 }
 
 // Every table of the library lives in this catalogue.

@@ -6,16 +6,14 @@
 namespace {
 
 constexpr ks::MsgRow rows[] = {
-    {0, 1, "***ABORT***  '%s':%d\n"},
-    {1, 2, "PFM_ASSERT:(%s) failed: '%s':%d\n"},
-    {2, 3, "Notify send failed, error %d (%s)\n"},
-    {3, 4, "Notify send failed, %d of %d bytes sent.\n"},
+    {ks::pfm_msg_abort, 1, "***ABORT***  '%s':%d\n"},
+    {ks::pfm_msg_assertion_failed, 2, "PFM_ASSERT:(%s) failed: '%s':%d\n"},
+    {ks::pfm_msg_notify_failed, 3, "Notify send failed, error %d (%s)\n"},
+    {ks::pfm_msg_notify_short, 4, "Notify send failed, %d of %d bytes sent.\n"},
 };
 constexpr auto columns = ks::split_rows(rows);
+constexpr std::uint16_t catalog_set = 3;
 
 } // namespace
 
-extern "C" {
-
-constinit const msg_table _pfm_ks_msg_table = ks::make_table("pfm", 3, columns);
-}
+extern "C" constinit const msg_table _pfm_ks_msg_table = ks::make_table("pfm", catalog_set, columns);

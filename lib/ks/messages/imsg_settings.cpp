@@ -3,7 +3,6 @@
 
 #include "kernel/ks_heap.h"
 
-#include <korvaks/strutl.h>
 #include <korvaks/tls_impl.h>
 
 #include <cstdlib>
@@ -12,14 +11,11 @@
 
 #include <fcntl.h>
 
-// The command history lies far above this module and may not be part of the link.
-extern "C" __attribute__((weak)) void clp_log_cl_args(char *name, int argc, char **argv, char *took);
-
 namespace ks::imsg {
 
 namespace {
 
-constexpr std::size_t out_slots = msg_output_more + 1; // kinds that go to standard output
+constexpr std::size_t out_slots = IMSG_OUTPUT_MORE + 1; // kinds that go to standard output
 
 bool is_procedure(imsg_output_proc proc)
 {
@@ -29,7 +25,7 @@ bool is_procedure(imsg_output_proc proc)
 void set_channels(const Slot &out, const Slot &err)
 {
     start();
-    LockGuard lock(ks_product_crit);
+    const LockGuard lock(ks_product_crit);
     state.old_out = out;
     state.old_err = err;
     for (std::size_t kind = 0; kind < state.slots.size(); ++kind)
@@ -42,19 +38,23 @@ template <typename Value> void give(Value *out, Value value)
         *out = value;
 }
 
+// The bytes read, 0 when there is no /proc.
+std::size_t read_command_line(char *buffer, std::size_t size)
+{
+    const UniqueFd file(open("/proc/self/cmdline", O_RDONLY | O_CLOEXEC));
+    ssize_t got;
+    do
+        got = file ? read(file.get(), buffer, size) : 0;
+    while (got < 0 && errno == EINTR);
+    return got > 0 ? static_cast<std::size_t>(got) : 0;
+}
+
 // The words of this process's command line: the start of it, which is all that the history keeps.
 void log_command_line(const char *name)
 {
-    if (clp_log_cl_args == nullptr)
-        return;
     char text[1024];
     std::array<char *, 128> words{};
-    std::size_t length = 0;
-    {
-        const UniqueFd file(open("/proc/self/cmdline", O_RDONLY | O_CLOEXEC));
-        const ssize_t got = file ? read(file.get(), text, sizeof text - 1) : 0;
-        length = got > 0 ? static_cast<std::size_t>(got) : 0;
-    }
+    const std::size_t length = read_command_line(text, sizeof text - 1);
     text[length] = '\0';
     int count = 0;
     // The first word is the program, which `name` stands for.
@@ -62,9 +62,7 @@ void log_command_line(const char *name)
         words[static_cast<std::size_t>(count++)] = text + at;
         at += std::strlen(text + at) + 1;
     }
-    char shown_name[256];
-    (void)strutl_cpy_buf(shown_name, name, sizeof shown_name); // a longer one is cut
-    clp_log_cl_args(shown_name, count, words.data(), nullptr);
+    clp_log_cl_args(name, count, words.data(), nullptr);
 }
 
 // NULL when memory is exhausted.
@@ -96,14 +94,14 @@ void imsg_default_output(void *info, const char *text)
 {
     (void)info;
     ks::imsg::start();
-    ks::LockGuard lock(ks::ks_product_crit);
+    const ks::LockGuard lock(ks::ks_product_crit);
     (void)imsg_fputs(text, state.real_out); // a procedure has no one to tell
 }
 
 void imsg_set_redirect_procs(const imsg_redirect_procs *procs, void *info)
 {
     ks::imsg::start();
-    ks::LockGuard lock(ks::ks_product_crit);
+    const ks::LockGuard lock(ks::ks_product_crit);
     for (std::size_t kind = 0; kind < state.slots.size(); ++kind) {
         if (procs == nullptr)
             state.slots[kind] = {};
@@ -115,7 +113,7 @@ void imsg_set_redirect_procs(const imsg_redirect_procs *procs, void *info)
 void imsg_get_redirect_procs(imsg_redirect_procs *out_procs, void **out_info)
 {
     ks::imsg::start();
-    ks::LockGuard lock(ks::ks_product_crit);
+    const ks::LockGuard lock(ks::ks_product_crit);
     for (std::size_t kind = 0; out_procs != nullptr && kind < state.slots.size(); ++kind)
         out_procs->proc[kind] = state.slots[kind].proc;
     ks::imsg::give(out_info, state.slots[0].info);
@@ -129,7 +127,7 @@ void imsg_redirect_output(imsg_output_proc out_proc, void *out_info, imsg_output
 void imsg_get_redirect_info(imsg_output_proc *out_proc, void **out_info, imsg_output_proc *err_proc, void **err_info)
 {
     ks::imsg::start();
-    ks::LockGuard lock(ks::ks_product_crit);
+    const ks::LockGuard lock(ks::ks_product_crit);
     ks::imsg::give(out_proc, state.old_out.proc);
     ks::imsg::give(out_info, state.old_out.info);
     ks::imsg::give(err_proc, state.old_err.proc);
@@ -147,14 +145,14 @@ void imsg_use_window(const imsg_window *window)
 int imsg_in_gui(void)
 {
     ks::imsg::start();
-    ks::LockGuard lock(ks::ks_product_crit);
+    const ks::LockGuard lock(ks::ks_product_crit);
     return ks::imsg::is_procedure(state.slots[0].proc) ? 1 : 0;
 }
 
 void imsg_set_clock_callback(imsg_clock_proc proc, void *arg)
 {
     ks::imsg::start();
-    ks::LockGuard lock(ks::ks_product_crit);
+    const ks::LockGuard lock(ks::ks_product_crit);
     state.clock = proc;
     state.clock_arg = arg;
 }
@@ -165,7 +163,7 @@ void imsg_clock(void)
     imsg_clock_proc proc = nullptr;
     void *arg = nullptr;
     {
-        ks::LockGuard lock(ks::ks_product_crit);
+        const ks::LockGuard lock(ks::ks_product_crit);
         proc = state.clock;
         arg = state.clock_arg;
     }
@@ -194,14 +192,14 @@ int imsg_ate_tagging_is_enabled(void)
 int imsg_output_subsys(int on)
 {
     ks::imsg::start();
-    ks::LockGuard lock(ks::ks_product_crit);
+    const ks::LockGuard lock(ks::ks_product_crit);
     return std::exchange(state.subsystem_display, on != 0) ? 1 : 0;
 }
 
 int imsg_suppress_prefix(int on)
 {
     ks::imsg::start();
-    ks::LockGuard lock(ks::ks_product_crit);
+    const ks::LockGuard lock(ks::ks_product_crit);
     return std::exchange(state.prefix_suppressed, on != 0) ? 1 : 0;
 }
 
@@ -212,7 +210,7 @@ void imsg_set_app_name(const char *argv0)
     if (argv0 != nullptr && name == nullptr)
         return; // memory is exhausted: the name stays
     {
-        ks::LockGuard lock(ks::ks_product_crit);
+        const ks::LockGuard lock(ks::ks_product_crit);
         stg_free_int(std::exchange(state.app_name, name), 1);
     }
     if (ks::imsg::is_module_traced())
@@ -223,7 +221,7 @@ const char *imsg_get_app_name(void)
 {
     ks::imsg::start();
     imsg_tls &section = ks::imsg::thread_section();
-    ks::LockGuard lock(ks::ks_product_crit);
+    const ks::LockGuard lock(ks::ks_product_crit);
     const char *name = ks::imsg::app_name();
     const std::size_t size = std::strlen(name) + 1;
     if (!ks::imsg::make_room(section.app_name, section.app_name_size, size))

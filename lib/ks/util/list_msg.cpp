@@ -13,7 +13,8 @@ constexpr ks::MsgRow rows[] = {
     {list_msg_no_storage, 3, "Unable to allocate storage\n"},
 };
 constexpr auto columns = ks::split_rows(rows);
+constexpr std::uint16_t catalog_set = 2;
 
 } // namespace
 
-constinit const msg_table _list_ks_msg_table = ks::make_table("ks/list", 2, columns);
+extern "C" constinit const msg_table _list_ks_msg_table = ks::make_table("ks/list", catalog_set, columns);
