@@ -9,7 +9,6 @@
 #include "kernel/ks_locks.h"
 #include "base/ks_msg.h"
 #include "messages/ks_hostdata.h"
-#include "messages/ks_product_impl.h"
 #include "base/msg_port.h"
 
 #include <korvaks/evutl.h>
@@ -19,7 +18,10 @@
 #include <korvaks/stg.h>
 #include <korvaks/strutl.h>
 
+#include <atomic>
+#include <cerrno>
 #include <cstring>
+#include <initializer_list>
 
 namespace {
 
@@ -38,19 +40,22 @@ constinit Answer hostdata_dir{nullptr};
 // Holds the product directory where the heap has no room for it. Guarded by ks_product_crit.
 constinit Path product_dir_without_heap{};
 
-// Makes a heap copy the answer of the process. It is freed again when another thread was first.
-const char *settle(Answer &answer, char *copy)
+// Makes a lasting copy the answer of the process: that, or the one of a thread that was first.
+const char *settle(Answer &answer, const char *copy)
 {
-    const char *settled = nullptr;
-    {
-        ks::LockGuard lock(ks::ks_product_crit);
-        settled = answer.load(std::memory_order_relaxed);
-        if (settled == nullptr) {
-            answer.store(copy, std::memory_order_release);
-            return copy;
-        }
-    }
-    stg_free(copy);
+    const ks::LockGuard lock(ks::ks_product_crit);
+    const char *settled = answer.load(std::memory_order_relaxed);
+    if (settled != nullptr)
+        return settled;
+    answer.store(copy, std::memory_order_release);
+    return copy;
+}
+
+const char *settle_or_free(Answer &answer, char *copy)
+{
+    const char *settled = settle(answer, copy);
+    if (settled != copy)
+        stg_free(copy);
     return settled;
 }
 
@@ -66,7 +71,7 @@ const char *find_product_dir(Path &buffer)
 const char *settle_product_dir_without_heap(const char *found)
 {
     {
-        ks::LockGuard lock(ks::ks_product_crit);
+        const ks::LockGuard lock(ks::ks_product_crit);
         if (const char *settled = product_dir.load(std::memory_order_relaxed); settled != nullptr)
             return settled;
         (void)strutl_cpy_buf(product_dir_without_heap, found, sizeof product_dir_without_heap); // as large as `found`
@@ -83,7 +88,7 @@ const char *settled_product_dir()
     Path buffer;
     const char *found = find_product_dir(buffer);
     char *copy = stg_strdup(found);
-    return copy != nullptr ? settle(product_dir, copy) : settle_product_dir_without_heap(found);
+    return copy != nullptr ? settle_or_free(product_dir, copy) : settle_product_dir_without_heap(found);
 }
 
 // NULL when there is none.
@@ -103,13 +108,8 @@ void end_without_hostdata_dir()
     (void)imsg_print(ks::msg_error, &_ks_ks_msg_table, ks_msg_not_installed);
     for (const char *directory : hostdata_dirs_built_in)
         (void)imsg_print(ks::msg_error, &_ks_ks_msg_table, ks_msg_no_hostdata_dir, directory);
-    if (imsg_in_gui() != 0) {
-        const auto prompt = ks::product::proceed_prompt.load(std::memory_order_acquire);
-        if (prompt != nullptr)
-            prompt(&_ks_ks_msg_table, ks_msg_application_will_exit);
-        else
-            (void)imsg_print(ks::msg_output, &_ks_ks_msg_table, ks_msg_application_will_exit);
-    }
+    if (imsg_in_gui() != 0)
+        (void)imsg_print(ks::msg_output, &_ks_ks_msg_table, ks_msg_application_will_exit);
     pfm_exit(exit_status_not_installed);
 }
 
@@ -125,31 +125,58 @@ const char *settled_hostdata_dir(Path &buffer)
     }
     char *copy = stg_strdup(found);
     if (copy != nullptr)
-        return settle(hostdata_dir, copy);
+        return settle_or_free(hostdata_dir, copy);
     (void)imsg_print(ks::msg_warning, &_ks_ks_msg_table, ks_msg_operation, "stg_strdup", imsg_strerror(errno));
     return found;
 }
 
-// The same without a word, and where there is no such directory the process goes on.
-const char *settled_hostdata_dir_if_any(Path &buffer)
+// Keeps what was found without a message, so that a directory that is gone or cannot be looked at a moment later
+// ends nobody. Without memory the next call looks again.
+void settle_hostdata_dir_quietly(const char *found)
+{
+    const std::size_t size = std::strlen(found) + 1;
+    auto *copy = static_cast<char *>(ks::heap_try_malloc(size));
+    if (copy == nullptr)
+        return;
+    std::memcpy(copy, found, size);
+    if (settle(hostdata_dir, copy) != copy)
+        stg_free_int(copy, 1);
+}
+
+// NULL where there is none, without a word.
+const char *hostdata_dir_if_any(Path &buffer)
 {
     if (const char *settled = hostdata_dir.load(std::memory_order_acquire); settled != nullptr)
         return settled;
     const char *found = find_hostdata_dir(buffer);
-    if (found == nullptr)
-        return nullptr;
-    const std::size_t size = std::strlen(found) + 1;
-    auto *const copy = static_cast<char *>(ks::heap_try_malloc(size));
-    if (copy == nullptr)
-        return found;
-    std::memcpy(copy, found, size);
-    return settle(hostdata_dir, copy);
+    if (found != nullptr)
+        settle_hostdata_dir_quietly(found);
+    return found;
 }
 
 // What separates `part` from the directory before it.
 const char *slash_before(const char *part)
 {
     return part != nullptr ? "/" : nullptr;
+}
+
+// Joins parts, of which NULL is none, in a caller's buffer. A path that does not fit would, cut off, name another
+// file: then there is none.
+char *join(char *dst, std::initializer_list<const char *> parts)
+{
+    std::size_t length = 0;
+    for (const char *part : parts) {
+        const std::size_t size = part != nullptr ? std::strlen(part) : 0;
+        if (size >= KS_PATH_SIZE - length) {
+            dst[0] = '\0';
+            errno = ENAMETOOLONG;
+            return dst;
+        }
+        std::memcpy(dst + length, part != nullptr ? part : "", size);
+        length += size;
+    }
+    dst[length] = '\0';
+    return dst;
 }
 
 } // namespace
@@ -159,9 +186,8 @@ namespace ks {
 bool try_hostdata_dir(char *dst, const char *sub1, const char *sub2)
 {
     Path buffer;
-    const char *directory = settled_hostdata_dir_if_any(buffer);
-    return directory != nullptr &&
-           strutl_concat(dst, KS_PATH_SIZE, 5, directory, slash_before(sub1), sub1, slash_before(sub2), sub2) == 0;
+    const char *directory = hostdata_dir_if_any(buffer);
+    return directory != nullptr && *join(dst, {directory, slash_before(sub1), sub1, slash_before(sub2), sub2}) != '\0';
 }
 
 } // namespace ks
@@ -170,21 +196,17 @@ extern "C" {
 
 char *ks_product_dir(char *dst, const char *sub)
 {
-    (void)strutl_concat(dst, KS_PATH_SIZE, 3, settled_product_dir(), slash_before(sub), sub); // cut by contract
-    return dst;
+    return join(dst, {settled_product_dir(), slash_before(sub), sub});
 }
 
 char *ks_product_tool_dir(char *dst, const char *tool)
 {
-    (void)strutl_concat(dst, KS_PATH_SIZE, 4, settled_product_dir(), "/bin", slash_before(tool), tool);
-    return dst;
+    return join(dst, {settled_product_dir(), "/bin", slash_before(tool), tool});
 }
 
 char *ks_product_tool_dir_quoted(char *dst, const char *tool)
 {
-    Path path;
-    (void)strutl_concat(dst, KS_PATH_SIZE, 3, "\"", ks_product_tool_dir(path, tool), "\"");
-    return dst;
+    return join(dst, {"\"", settled_product_dir(), "/bin", slash_before(tool), tool, "\""});
 }
 
 char *ks_hostdata_dir(char *dst, const char *sub1, const char *sub2)
@@ -195,14 +217,13 @@ char *ks_hostdata_dir(char *dst, const char *sub1, const char *sub2)
         dst[0] = '\0';
         return dst;
     }
-    (void)strutl_concat(dst, KS_PATH_SIZE, 5, directory, slash_before(sub1), sub1, slash_before(sub2), sub2);
-    return dst;
+    return join(dst, {directory, slash_before(sub1), sub1, slash_before(sub2), sub2});
 }
 
 int ks_has_hostdata_dir(void)
 {
     Path buffer;
-    return hostdata_dir.load(std::memory_order_acquire) != nullptr || find_hostdata_dir(buffer) != nullptr ? 1 : 0;
+    return hostdata_dir_if_any(buffer) != nullptr ? 1 : 0;
 }
 
 char *ks_host_config_dir(char *dst, const char *sub)

@@ -66,7 +66,7 @@ bool means_on(const char *value)
 
 SwitchState read_variables(const Switch &which)
 {
-    ks::ErrnoSaver saver;
+    const ks::ErrnoSaver saver;
     char buffer[KS_PATH_SIZE];
     const char *value = getenv_safe(which.velm_name.bytes, buffer, sizeof buffer, EVUTL_GETENV_NONEMPTY);
     if (value == nullptr)
@@ -78,7 +78,7 @@ int is_on(Switch &which)
 {
     SwitchState state = which.state.load(std::memory_order_acquire);
     if (state == SwitchState::unread) {
-        ks::LockGuard lock(ks::ks_product_crit);
+        const ks::LockGuard lock(ks::ks_product_crit);
         state = which.state.load(std::memory_order_relaxed);
         if (state == SwitchState::unread) {
             state = read_variables(which);
