@@ -7,13 +7,16 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
+#include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <functional>
+#include <sstream>
 #include <string>
 #include <vector>
 
+#include <fcntl.h>
 #include <nl_types.h>
 #include <unistd.h>
 
@@ -65,53 +68,119 @@ TEST(ImsgCatalog, TranslatesTextsAndHeads)
 // A translated text with other directives would read arguments that are not there.
 TEST(ImsgCatalog, RefusesTextsThatTakeOtherArguments)
 {
-    const std::pair<const char *, bool> cases[] = {
-        {"%d %ld\\n", true},    {"%5d<%-3ld>\\n", true}, {"%i %li\\n", true},   {"%d\\n", false},
-        {"%ld %d\\n", false},   {"%d %ld %s\\n", false}, {"%*d %ld\\n", false}, {"%.*d %ld\\n", false},
-        {"%1$d %2$ld", false},  {"%d %n\\n", false},     {"%s %ld\\n", false},  {"%d %ld %", false},
-        {"%hhd %ld\\n", false}, {"%d %ld %%n\\n", true}, {"%d %lld\\n", false}, {"none\\n", false},
+    struct Row {
+        const char *text;
+        bool is_used;
     };
-    for (const auto &[text, is_used] : cases) {
-        SCOPED_TRACE(text);
+    static const char unterminated[] = {'f', 'o', 'u', 'r'};
+    const struct {
+        const char *default_text;
+        int (*print)(const msg_table *, unsigned);
+        std::vector<Row> rows;
+    } groups[] = {
+        {"%d of %ld",
+         [](const msg_table *table, unsigned n) { return imsg_print(IMSG_OK, table, n, 3, 4L); },
+         {{"%d %ld", true},     {"%5d<%-3ld>", true},    {"%i %li", true},       {"%d %ld %%n", true},
+          {"%2$ld %1$d", true}, {"%1$d%2$ld%1$i", true}, {"%d", false},          {"%ld %d", false},
+          {"%d %ld %s", false}, {"%*d %ld", false},      {"%.*d %ld", false},    {"%d %n", false},
+          {"%s %ld", false},    {"%d %ld %", false},     {"%hhd %ld", false},    {"%d %lld", false},
+          {"none", false},      {"%d %ld %m", false},    {"%u %ld", false},      {"%1$d %ld", false},
+          {"%2$ld", false},     {"%1$ld %2$d", false},   {"%1$d %3$ld", false},  {"%1$d %2$ld %2$d", false},
+          {"%0$d %ld", false},  {"%1$d %99$ld", false},  {"%77777d %ld", false}, {"%d %ld %y", false}}},
+        {"%zu %'jd %#lx %-+5d %m",
+         [](const msg_table *table, unsigned n) {
+             return imsg_print(IMSG_OK, table, n, sizeof n, intmax_t{5}, 6UL, 7);
+         },
+         {{"<%zu> %'jd, %#lx: %-+5d (%m)", true},
+          {"%4$d %3$lx %2$jd %1$zu %m", true},
+          {"%lu %'jd %#lx %-+5d %m", false},
+          {"%zu %'jd %#lx %-+5d", false}}},
+        {"%*d %.*s %s",
+         [](const msg_table *table, unsigned n) { return imsg_print(IMSG_OK, table, n, 5, 6, 4, unterminated, "end"); },
+         {{"%-*d<%.*s>%s", true},
+          {"%5$s %4$.*3$s %2$*1$d", true},
+          {"%5$s %4$s %3$d %2$*1$d", false},
+          {"%d %d %.*s %s", false},
+          {"%*d %s %.*s", false}}},
+        {"%.4s|%.2f",
+         [](const msg_table *table, unsigned n) { return imsg_print(IMSG_OK, table, n, unterminated, 1.5); },
+         {{"%.4s %.1f", true},
+          {"%.3s %.2f", true},
+          {"%2$.2f %1$.4s", true},
+          {"%s|%.2f", false},
+          {"%.5s|%.2f", false},
+          {"%.4s|%f", false},
+          {"%2$.2f %1$.4s %1$s", false},
+          {"%.4ls|%.2f", false}}},
+    };
+    for (const auto &group : groups) {
         const test::TempDir dir;
-        compile(dir, "t", std::string("$set 7\n$quote \"\n2 \"new ") + text + "\"\n");
-        const auto result = run_with_catalogs(dir, [] {
-            const msg_table table = table_of("t");
-            imsg_print(0, &table, 1, 3, 4L);
-            return imsg_print(0, &table, 1, 3, 4L); // the answer is remembered
+        std::string source = "$set 7\n$quote \"\n";
+        std::vector<const char *> defaults;
+        std::vector<uint16_t> catalog_numbers;
+        for (const Row &row : group.rows) {
+            defaults.push_back(group.default_text);
+            catalog_numbers.push_back(static_cast<uint16_t>(defaults.size()));
+            source += std::to_string(defaults.size()) + " \"new " + row.text + "\"\n";
+        }
+        compile(dir, "t", source);
+        const msg_table table = {
+            "t", "test", 7, static_cast<uint16_t>(defaults.size()), defaults.data(), catalog_numbers.data()};
+        const auto result = run_with_catalogs(dir, [&] {
+            setenv("TRACE_SUBSYS", "ks/imsg", 1);
+            setenv("TRACE_VERBOSITY", "1", 1);
+            for (unsigned n = 0; n < 2 * table.count; ++n) { // the answers are remembered
+                group.print(&table, n / 2);
+                putchar('\n');
+            }
+            return 0;
         });
-        EXPECT_EQ(result.exit_status, 0);
-        EXPECT_EQ(result.out.substr(0, 4), is_used ? "new " : "one ");
-        EXPECT_EQ(result.out.substr(0, result.out.size() / 2), result.out.substr(result.out.size() / 2));
+        std::istringstream out(result.out);
+        for (const Row &row : group.rows) {
+            SCOPED_TRACE(row.text);
+            std::string line;
+            std::string again;
+            std::getline(out, line);
+            std::getline(out, again);
+            EXPECT_EQ(line.starts_with("new "), row.is_used) << line;
+            EXPECT_EQ(line, again);
+            EXPECT_EQ(result.err.find("new " + std::string(row.text) + "\n") == std::string::npos, row.is_used);
+        }
     }
+}
+
+// A catalogue may be written over while it is mapped.
+TEST(ImsgCatalog, ATextIsReadOnce)
+{
     const test::TempDir dir;
-    compile(dir, "t", "$set 7\n$quote \"\n1 \"wide %ls\\n\"\n");
-    const auto result = run_with_catalogs(dir, [] {
+    compile(dir, "t", "$set 7\n$quote \"\n2 \"eins: %d/%ld\\n\"\n");
+    const auto result = run_with_catalogs(dir, [&] {
         const msg_table table = table_of("t");
-        return imsg_print(0, &table, 0, "narrow");
+        imsg_print(IMSG_OK, &table, 1, 3, 4L);
+        std::string file = test::read_file(dir.file("t.cat"));
+        file.replace(file.find("%d"), 2, "%s");
+        const int fd = open(dir.file("t.cat").c_str(), O_WRONLY);
+        return pwrite(fd, file.data(), file.size(), 0) < 0 ? 1 : imsg_print(IMSG_OK, &table, 1, 3, 4L);
     });
-    EXPECT_EQ(result.out, "zero narrow\n");
+    EXPECT_EQ(result.exit_status, 0) << "signal " << result.signal;
+    EXPECT_EQ(result.out, "eins: 3/4\neins: 3/4\n");
 }
 
 // Only so many catalogues stay open; all of them go on being found, and none is leaked.
 TEST(ImsgCatalog, MoreCataloguesThanStayOpen)
 {
     const test::TempDir dir;
-    const std::vector<std::string> names = {"a", "b", "c", "d", "e", "f", "g"};
-    for (const std::string &name : names)
-        compile(dir, name, "$set 7\n$quote \"\n3 \"of " + name + "\\n\"\n");
     std::string expected;
-    for (int round = 0; round < 3; ++round) {
-        for (const std::string &name : names)
-            expected += "of " + name + "\n" + "two\n";
+    for (const char name : std::string("abcdefg")) {
+        compile(dir, std::string(1, name), std::string("$set 7\n$quote \"\n3 \"of ") + name + "\\n\"\n");
+        expected += std::string("of ") + name + "\ntwo\n";
     }
     const auto result = run_with_catalogs(dir, [&] {
-        for (int round = 0; round < 3; ++round) {
-            for (const std::string &name : names) {
-                const msg_table table = table_of(name.c_str());
-                imsg_print(0, &table, 2);
-                const msg_table missing = table_of("missing");
-                imsg_print(0, &missing, 2);
+        for (int i = 0; i < 21; ++i) {
+            const char name[] = {static_cast<char>('a' + i % 7), '\0'};
+            for (const char *catalog : {name, "missing"}) {
+                const msg_table table = table_of(catalog);
+                imsg_print(IMSG_OK, &table, 2);
             }
         }
         const std::string maps = test::read_file("/proc/self/maps");
@@ -121,7 +190,7 @@ TEST(ImsgCatalog, MoreCataloguesThanStayOpen)
         return still_open; // one of the five slots is taken by the missing one
     });
     EXPECT_EQ(result.exit_status, 4);
-    EXPECT_EQ(result.out, expected);
+    EXPECT_EQ(result.out, expected + expected + expected);
 }
 
 TEST(ImsgCatalog, TablesWithHolesAreSafe)

@@ -10,10 +10,8 @@
 #include <climits>
 #include <cstdlib>
 #include <cstring>
-#include <functional>
 #include <string>
 
-#include <sys/auxv.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -89,50 +87,44 @@ TEST(ImsgDynamic, GrowsToTheTextWithinItsLimit)
         long start_size, max_size;
         size_t length;
         int expected;
-        const char *explained;
+        std::string explained;
     };
     const std::string no_room = "Error, max buffer size 50 passed to imsg_dynamic_len_vsnprintf() is not sufficient to "
                                 "hold the string.\n";
     const std::string bad_sizes = "ERROR im imsg_dynamic_len_vsnprintf(): passed max_size argument is greater than "
                                   "passed start_size argument, or start_size argument is less or equal to 0.\n";
-    const std::string above = bad_sizes + "max_size = 5,\tstart_size = 10\n";
-    const std::string zero = bad_sizes + "max_size = 5,\tstart_size = 0\n";
     const Case cases[] = {
-        {100, 100, 20, 20, ""},        {1, 50, 49, 49, ""},         {1, 50, 50, -1, no_room.c_str()},
+        {100, 100, 20, 20, ""},
+        {1, 50, 49, 49, ""},
+        {1, 50, 50, -1, no_room},
         {50, 50, 50, 50, ""}, // a result equal to the size is taken as it stands
-        {10, 5, 1, -1, above.c_str()}, {0, 5, 1, -1, zero.c_str()}, {1, LONG_MAX, 70000, 70000, ""},
+        {10, 5, 1, -1, bad_sizes + "max_size = 5,\tstart_size = 10\n"},
+        {0, 5, 1, -1, bad_sizes + "max_size = 5,\tstart_size = 0\n"},
+        {1, LONG_MAX, 70000, 70000, ""},
     };
     for (const Case &c : cases) {
-        for (const bool is_traced : {false, true}) {
-            SCOPED_TRACE(testing::Message() << c.start_size << " " << c.max_size << " " << c.length);
-            const std::string text(c.length, 'd');
-            const auto result = test::run_child([&] {
-                imsg_set_trace_verbosity(is_traced ? 1 : 0);
-                imsg_set_trace_subsys("ks/imsg");
-                char *buffer = const_cast<char *>("");
-                const int length =
-                    imsg_dynamic_len_snprintf(&buffer, c.start_size, c.max_size, &table, 2, text.c_str());
-                const bool is_right =
-                    length < 0 ? buffer == nullptr
-                               : std::strncmp(buffer, text.c_str(),
-                                              static_cast<size_t>(length == c.start_size ? length - 1 : length)) == 0;
-                if (length >= 0)
-                    stg_free(buffer);
-                return length == c.expected && is_right ? 0 : 1;
-            });
-            EXPECT_EQ(result.exit_status, 0);
-            EXPECT_EQ(result.err, is_traced ? c.explained : "");
-        }
+        SCOPED_TRACE(testing::Message() << c.start_size << " " << c.max_size << " " << c.length);
+        const std::string text(c.length, 'd');
+        const auto result = test::run_child([&] {
+            char *buffer = const_cast<char *>("");
+            (void)imsg_dynamic_len_snprintf(&buffer, 0, 5, &table, 0); // not explained unless traced
+            imsg_set_trace_verbosity(1);
+            imsg_set_trace_subsys("ks/imsg");
+            const int length = imsg_dynamic_len_snprintf(&buffer, c.start_size, c.max_size, &table, 2, text.c_str());
+            printf("%d %s", length, buffer == nullptr ? "(none)" : buffer);
+            stg_free(buffer);
+            return 0;
+        });
+        const std::string kept = c.length == static_cast<size_t>(c.start_size) ? text.substr(1) : text;
+        EXPECT_EQ(result.out, std::to_string(c.expected) + " " + (c.expected < 0 ? "(none)" : kept));
+        EXPECT_EQ(result.err, c.explained);
     }
     const auto result = test::run_child([] {
         // A text that can never be formatted ends the search, whatever the sizes.
         const wchar_t invalid[] = {0x7fffffff, 0};
         char *buffer = nullptr;
-        for (const long max_size : {10L, 12L, 1000L}) {
-            if (imsg_dynamic_len_snprintf(&buffer, 10, max_size, "%ls", static_cast<unsigned>(-1), invalid) != -1)
-                return 1;
-        }
-        return buffer == nullptr ? 0 : 2;
+        return imsg_dynamic_len_snprintf(&buffer, 10, 1000, "%ls", IMSG_RAW, invalid) == -1 && buffer == nullptr ? 0
+                                                                                                                 : 1;
     });
     EXPECT_EQ(result.exit_status, 0);
 }
@@ -151,7 +143,7 @@ TEST(ImsgAte, ShowsIdentityRawFormatAndEveryArgument)
     const auto result = test::run_child([] {
         imsg_ate_enable_tagging();
         imsg_print(0, &table, 1, nullptr, -3);
-        constexpr auto raw = static_cast<unsigned>(-1);
+        constexpr auto raw = IMSG_RAW;
         imsg_print_shared(0, "ignored", "%d %i %u %x %c\n", raw, -1, 2, 3U, 255U, 'c');
         imsg_print_shared(0, nullptr, "%ld %lu %lld %llu\t", raw, LONG_MIN, ULONG_MAX, LLONG_MIN, ULLONG_MAX);
         imsg_print_shared(0, nullptr, "%5.2f %e 100%% %p %s\v\f\r", raw, 1.5, 2.0, nullptr, "s!!s");
@@ -201,7 +193,7 @@ TEST(ImsgAte, TagModesAndTheSwitch)
 
 TEST(ImsgAte, EnvironmentSwitchesItOnInAnyLetterCase)
 {
-    for (const auto &[value, expected] : {std::pair{"tRUE", 1}, {"True", 1}, {"1", 0}, {"", 0}, {"Truer", 0}}) {
+    for (const auto &[value, expected] : {std::pair{"tRUE", 1}, {"1", 0}, {"Truer", 0}}) {
         SCOPED_TRACE(value);
         const auto result = test::run_child([&, value = value] {
             setenv("VELLUM_ENABLE_ATE_MESSAGES", value, 1);
@@ -222,7 +214,7 @@ TEST(ImsgCapture, NotesEveryShownMessageOnce)
         test::Child child([&] {
             setenv("VELLUM_IMSG_CAPTURE_LOG", name.c_str(), 1);
             imsg_print(0, &table, 1, "a", 1);
-            imsg_print_shared(0, nullptr, "raw", static_cast<unsigned>(-1)); // has no number to note
+            imsg_print_shared(0, nullptr, "raw", IMSG_RAW); // has no number to note
             char buffer[8];
             imsg_snprintf(buffer, sizeof buffer, &table, 0); // is not shown
             imsg_snprintf_taggable(1, buffer, sizeof buffer, &table, 0);
@@ -242,73 +234,38 @@ TEST(ImsgCapture, NotesEveryShownMessageOnce)
                                                                  "imsg_test : test/imsg : 9 : %s is %d\n\n");
 }
 
-TEST(ImsgCapture, AnUnopenableLogIsSkipped)
+// Nothing is written through a link that somebody has laid, and nobody waits for the reader of a pipe.
+TEST(ImsgCapture, ALogThatIsNotTheCallersIsSkipped)
 {
-    const auto result = test::run_child([] {
-        setenv("VELLUM_IMSG_CAPTURE_LOG", "/nonexistent/dir/log", 1);
-        return imsg_print(0, &table, 0);
-    });
-    EXPECT_EQ(result.exit_status, 0);
-    EXPECT_EQ(result.out, "plain\n");
-    EXPECT_EQ(result.err, "");
-}
-
-// The leak checker of the address sanitizer cannot look into a program with other rights.
-#if !defined(__SANITIZE_ADDRESS__)
-// What a set-group-ID program runs in the test below.
-TEST(ImsgPrivileged, Prints)
-{
-    EXPECT_EQ(imsg_print(0, &table, 0), 0);
-    if (getauxval(AT_SECURE) != 0)
-        puts("privileged");
-}
-
-TEST(ImsgPrivileged, IgnoresTheNameOfACaptureLog)
-{
-    if (getuid() != 0)
-        GTEST_SKIP() << "needs root to make a set-group-ID program";
-    constexpr uid_t other_user = 65534;
     const test::TempDir dir;
-    const std::string program = dir.file("program");
-    test::write_file(program, test::read_file("/proc/self/exe"));
-    ASSERT_EQ(chown(program.c_str(), 0, 1), 0);
-    ASSERT_EQ(chmod(program.c_str(), 02755), 0);
-    ASSERT_EQ(chmod(dir.path().c_str(), 0777), 0);
-    const auto result = test::run_child([&] {
-        setenv("VELLUM_IMSG_CAPTURE_LOG", dir.file("capture").c_str(), 1);
-        if (setgid(other_user) != 0 || setuid(other_user) != 0)
-            return 76;
-        execl(program.c_str(), program.c_str(), "--gtest_filter=ImsgPrivileged.Prints", static_cast<char *>(nullptr));
-        return 75;
-    });
-    if (result.out.find("privileged\n") == std::string::npos)
-        GTEST_SKIP() << "this file system or place does not run set-group-ID programs: " << result.err;
-    EXPECT_EQ(result.exit_status, 0) << result.err;
-    EXPECT_NE(result.out.find("plain\n"), std::string::npos);
-    EXPECT_EQ(system(("ls " + dir.path() + " | grep -q capture").c_str()) == 0, false);
+    const std::string victim = dir.file("victim");
+    using Make = int (*)(const char *victim, const char *log);
+    const Make makers[] = {symlink, link, [](const char *, const char *log) { return mkfifo(log, 0600); },
+                           [](const char *, const char *log) { return mkdir(log, 0700); }};
+    for (const Make make : makers) {
+        test::write_file(victim, "untouched");
+        const auto result = test::run_child([&] {
+            const std::string name = dir.file("capture");
+            setenv("VELLUM_IMSG_CAPTURE_LOG", name.c_str(), 1);
+            return make(victim.c_str(), (name + "." + std::to_string(getpid())).c_str()) + imsg_print(0, &table, 0);
+        });
+        EXPECT_EQ(result.exit_status, 0);
+        EXPECT_EQ(result.out + result.err, "plain\n");
+        EXPECT_EQ(test::read_file(victim), "untouched");
+    }
 }
-#endif
 
 // --- Error texts ---
 
 TEST(ImsgStrerror, TextOrNumber)
 {
     const auto result = test::run_child([] {
-        const std::pair<long, std::string> cases[] = {{ENOENT, strerror(ENOENT)},
-                                                      {EHWPOISON, strerror(EHWPOISON)},
-                                                      {0, "0"},
-                                                      {-5, "-5"},
-                                                      {100000, "100000"},
-                                                      {LONG_MAX, std::to_string(LONG_MAX)},
-                                                      {LONG_MIN, std::to_string(LONG_MIN)},
-                                                      {(1L << 32) + 1, "4294967297"}};
-        for (const auto &[number, expected] : cases) {
-            if (imsg_strerror(number) != expected)
-                return 1;
-        }
+        for (const long number : {long{ENOENT}, long{EHWPOISON}, 0L, -5L, 100000L, LONG_MIN, (1L << 32) + 1})
+            puts(imsg_strerror(number));
         return 0;
     });
-    EXPECT_EQ(result.exit_status, 0);
+    EXPECT_EQ(result.out, std::string(strerror(ENOENT)) + "\n" + strerror(EHWPOISON) +
+                              "\n0\n-5\n100000\n-9223372036854775808\n4294967297\n");
 }
 
 } // namespace

@@ -20,14 +20,16 @@
 
 namespace ks::imsg {
 
+static_assert(IMSG_OK == int{msg_ok} && IMSG_OUTPUT == int{msg_output} && IMSG_WARNING == int{msg_warning} &&
+              IMSG_ERROR == int{msg_error} && IMSG_TRACE == int{msg_trace} && IMSG_SYSTEM == int{msg_system});
+
 constinit State state{};
 constinit std::atomic<bool> ate_enabled{false};
 constinit std::atomic<bool> started{false};
 
 namespace {
 
-constinit bool starting = false;         // guarded by ks_product_crit
-constinit bool stamp_is_missing = false; // guarded by ks_product_crit; reported until there is one
+constinit bool starting = false; // guarded by ks_product_crit
 
 // The output buffer, guarded by ks_product_crit. The first one is no heap block, so that a message
 // about an exhausted heap can be printed.
@@ -42,20 +44,6 @@ bool is_set(const char *name)
 {
     char value[env_size];
     return getenv_safe(name, value, sizeof value, EVUTL_GETENV_NONEMPTY) != nullptr;
-}
-
-void start_capture_log()
-{
-    char value[env_size];
-    if (getenv_safe("VELLUM_IMSG_CAPTURE_LOG", value, sizeof value, EVUTL_GETENV_NONEMPTY | EVUTL_GETENV_SECURE) ==
-        nullptr)
-        return;
-    (void)strutl_snprintf(state.capture_log, sizeof state.capture_log, "%s.%d", value, static_cast<int>(getpid()));
-    FILE *log = std::fopen(state.capture_log, "a+e");
-    if (log == nullptr)
-        return;
-    (void)std::fputs("## library : subsys : msg ID : msg text\n", log);
-    (void)std::fclose(log); // a log that cannot be written is skipped in silence
 }
 
 void read_environment()
@@ -75,8 +63,11 @@ void read_environment()
 void fetch_head_words()
 {
     for (unsigned word = 0; word < head_word_count; ++word) {
-        const char *text = cat_lookup(_imsg_ks_msg_table, imsg_msg_head_ok + word);
-        (void)strutl_cpy_buf(state.head_words[word], text, sizeof state.head_words[word]); // a longer one is cut
+        Message message;
+        message.table = &_imsg_ks_msg_table;
+        message.number = imsg_msg_head_ok + word;
+        // A longer one is cut.
+        (void)strutl_cpy_buf(state.head_words[word], text_of_locked(message), sizeof state.head_words[word]);
     }
 }
 
@@ -96,12 +87,12 @@ bool is_continuation(int kind)
 bool has_program_head(int kind)
 {
     switch (kind) {
-    case msg_ok:
-    case msg_output:
+    case IMSG_OK:
+    case IMSG_OUTPUT:
         return state.ok_display;
-    case msg_warning:
-    case msg_error:
-    case msg_trace:
+    case IMSG_WARNING:
+    case IMSG_ERROR:
+    case IMSG_TRACE:
         return true;
     default:
         return false;
@@ -112,11 +103,11 @@ bool has_program_head(int kind)
 const char *head_word(int kind)
 {
     switch (kind) {
-    case msg_ok:
+    case IMSG_OK:
         return state.ok_display ? state.head_words[head_ok] : "";
-    case msg_warning:
+    case IMSG_WARNING:
         return state.head_words[head_warning];
-    case msg_error:
+    case IMSG_ERROR:
         return state.head_words[head_error];
     default:
         return is_known(kind) ? "" : state.head_words[head_system];
@@ -140,7 +131,7 @@ int build_program_head(int kind, const char *subsystem_shown, char *buffer, std:
 {
     const bool with_subsystem = *subsystem_shown != '\0';
     const char *prefix_format = nullptr;
-    if (kind == msg_trace) {
+    if (kind == IMSG_TRACE) {
         char time_of_day[32];
         print_time_of_day(time_of_day, sizeof time_of_day);
         prefix_format = with_subsystem ? ">>> %s (%s/%s): " : ">>> %s (%s): ";
@@ -157,7 +148,6 @@ int build_program_head(int kind, const char *subsystem_shown, char *buffer, std:
 // What is left to do when the lock is released.
 struct Outcome {
     bool is_written = true;
-    bool is_stamp_missing = false;
     Slot slot{}; // with a procedure: hand it `text`
     const char *text = nullptr;
     char *long_text = nullptr; // owned, when the text does not fit in `short_text`
@@ -167,9 +157,9 @@ struct Outcome {
 Slot slot_of(int kind)
 {
     const auto &slots = state.slots;
-    if ((kind == msg_output || kind == msg_output_more) && slots[static_cast<std::size_t>(kind)].proc == nullptr)
+    if ((kind == IMSG_OUTPUT || kind == IMSG_OUTPUT_MORE) && slots[static_cast<std::size_t>(kind)].proc == nullptr)
         return slots[static_cast<std::size_t>(kind - 2)];
-    return slots[static_cast<std::size_t>(is_known(kind) ? kind : int{msg_error})];
+    return slots[static_cast<std::size_t>(is_known(kind) ? kind : int{IMSG_ERROR})];
 }
 
 bool wants_duplicate()
@@ -202,32 +192,33 @@ void grow_buffer(std::size_t size)
     out_buf_size = size;
 }
 
+void explain_failed_message()
+{
+    const LockGuard lock(ks_product_crit);
+    explain("There was some kind of error in imsg_print_sharedv_util. (sz: %d).\n", static_cast<int>(out_buf_size));
+}
+
 // Head and message into the buffer, as far as they fit: false when either cannot be formatted.
 bool format_into_buffer(const Message &message, const char *text, Tags tags, int &out_head, int &out_length,
                         va_list args)
 {
     out_head = build_head(message.kind, message.subsystem, out_buf_p, out_buf_size);
     if (out_head < 0) {
-        if (is_module_traced())
-            (void)std::fprintf(stderr, "prefix consumed entire buffer. (sz: %ld).\n", static_cast<long>(out_buf_size));
+        explain("prefix consumed entire buffer. (sz: %ld).\n", static_cast<long>(out_buf_size));
         return false;
     }
     const auto used = static_cast<std::size_t>(out_head);
     const std::size_t room = room_after(used);
     out_length = format_text(message, text, tags, room == 0 ? nullptr : out_buf_p + used, room, args);
-    if (out_length < 0) {
-        if (is_module_traced())
-            (void)std::fprintf(stderr, "There was some kind of error in imsg_print_sharedv_util. (sz: %d).\n",
-                               static_cast<int>(out_buf_size));
-        return false;
-    }
-    return true;
+    if (out_length < 0)
+        explain_failed_message();
+    return out_length >= 0;
 }
 
 // The whole message into the buffer; its length, or -1.
 ssize_t format_message(const Message &message, va_list args)
 {
-    const char *text = message.table == nullptr ? message.raw_format : cat_lookup(*message.table, message.number);
+    const char *text = text_of_locked(message);
     int head = 0;
     int length = 0;
     va_list again;
@@ -261,43 +252,25 @@ bool copy_for_procedure(Outcome &outcome, std::size_t length)
     return true;
 }
 
-// Writes what the buffer holds to the stream of the kind.
-void write_to_stream(int kind, std::size_t length, Outcome &outcome)
-{
-    FILE *stream = state.hooks.log_stream != nullptr ? state.hooks.log_stream : real_stream(kind);
-    if (state.hooks.make_stamp != nullptr && is_known(kind) && !is_continuation(kind)) {
-        char stamp[256];
-        const bool was_missing = stamp_is_missing;
-        stamp_is_missing = !state.hooks.make_stamp(stamp, sizeof stamp);
-        if (!stamp_is_missing)
-            (void)std::fputs(stamp, stream); // a refusal shows with the text
-        // The report has no stamp either, and is not reported again.
-        outcome.is_stamp_missing = stamp_is_missing && !was_missing;
-    }
-    outcome.is_written = put_text(out_buf_p, length, stream);
-}
-
 // Under the lock: formats, and writes to the stream or leaves the text for a procedure.
 void print_locked(const Message &message, va_list args, Outcome &outcome)
 {
-    if (state.hooks.reopen_if_due != nullptr)
-        state.hooks.reopen_if_due();
-    if (state.hooks.drain != nullptr)
-        state.hooks.drain();
     const ssize_t length = format_message(message, args);
     if (length < 0) {
         outcome.is_written = false;
         return;
     }
     const Slot slot = slot_of(message.kind);
-    bool is_redirected = state.hooks.log_stream == nullptr && slot.proc != nullptr && slot.proc != imsg_default_output;
+    bool is_redirected = state.log_stream == nullptr && slot.proc != nullptr && slot.proc != imsg_default_output;
     if (is_redirected && slot.proc != IMSG_PROC_SUPPRESS) {
         // Without memory for the copy nothing is lost: the text goes to the stream.
         is_redirected = copy_for_procedure(outcome, static_cast<std::size_t>(length));
         outcome.slot = is_redirected ? slot : Slot{};
     }
-    if (!is_redirected || wants_duplicate())
-        write_to_stream(message.kind, static_cast<std::size_t>(length), outcome);
+    if (is_redirected && !wants_duplicate())
+        return;
+    FILE *stream = state.log_stream != nullptr ? state.log_stream : real_stream(message.kind);
+    outcome.is_written = put_text(out_buf_p, static_cast<std::size_t>(length), stream);
 }
 
 // Hands the text to the procedure, with no lock held. A raise of the procedure's goes on once the
@@ -320,7 +293,7 @@ int print_message(const Message &message, int saved_errno, va_list args)
 {
     Outcome outcome;
     {
-        LockGuard lock(ks_product_crit);
+        const LockGuard lock(ks_product_crit);
         errno = saved_errno; // the format may ask for its text
         print_locked(message, args, outcome);
         errno = saved_errno;
@@ -328,9 +301,6 @@ int print_message(const Message &message, int saved_errno, va_list args)
     const int result = outcome.is_written ? 0 : -1;
     if (outcome.slot.proc != nullptr)
         call_procedure(outcome);
-    if (outcome.is_stamp_missing)
-        (void)imsg_print(msg_error, &_imsg_ks_msg_table, imsg_msg_null_message,
-                         "imsg_print_time: date_fmt_token_general failed");
     errno = saved_errno;
     return result;
 }
@@ -344,7 +314,7 @@ const char *app_name()
 
 FILE *real_stream(int kind)
 {
-    return kind >= msg_ok && kind <= msg_output_more ? state.real_out : state.real_err;
+    return kind >= IMSG_OK && kind <= IMSG_OUTPUT_MORE ? state.real_out : state.real_err;
 }
 
 int build_head(int kind, const char *shown_subsystem, char *buffer, std::size_t size)
@@ -352,7 +322,7 @@ int build_head(int kind, const char *shown_subsystem, char *buffer, std::size_t 
     *buffer = '\0';
     if (state.prefix_suppressed || is_continuation(kind))
         return 0;
-    const bool shows_subsystem = state.subsystem_display || state.hooks.log_stream != nullptr;
+    const bool shows_subsystem = state.subsystem_display || state.log_stream != nullptr;
     int length = 0;
     if (has_program_head(kind))
         length = build_program_head(kind, shows_subsystem ? shown_subsystem : "", buffer, size);
@@ -374,11 +344,11 @@ void imsg_initialize(void)
     using ks::imsg::started, ks::imsg::starting, ks::imsg::state;
     if (started.load(std::memory_order_acquire))
         return;
-    ks::LockGuard lock(ks::ks_product_crit);
+    const ks::LockGuard lock(ks::ks_product_crit);
     if (started.load(std::memory_order_relaxed) || starting)
         return;
     starting = true; // what is printed on the way goes out with what is known so far
-    ks::ErrnoSaver saver;
+    const ks::ErrnoSaver saver;
     state.real_out = stdout;
     state.real_err = stderr;
     ks::imsg::read_environment();
@@ -392,15 +362,16 @@ int imsg_print_sharedv(int kind, const char *subsys, const void *table_or_format
     const int saved_errno = errno;
     pfm_test_raise(nullptr);
     ks::imsg::start();
-    ks::imsg::Message message{kind, subsys, nullptr, nullptr, 0};
-    if (!ks::imsg::resolve(message, table_or_format, msg_no,
-                           table_or_format == nullptr ? "print_sharedv" : "vsprintf")) {
+    ks::imsg::Message message(kind, subsys);
+    const bool is_nameless = table_or_format == nullptr && msg_no != IMSG_RAW;
+    if (!is_nameless && !ks::imsg::is_known(kind))
+        (void)imsg_print(IMSG_ERROR, &_imsg_ks_msg_table, imsg_msg_unknown_kind, kind, ks::imsg::here.path, __LINE__);
+    if (!ks::imsg::resolve(message, table_or_format, msg_no, is_nameless ? "print_sharedv" : "vsprintf")) {
+        if (!is_nameless)
+            ks::imsg::explain_failed_message();
         errno = saved_errno;
         return -1;
     }
-    if (!ks::imsg::is_known(kind))
-        (void)imsg_print(ks::msg_error, &_imsg_ks_msg_table, imsg_msg_unknown_kind, kind, ks::imsg::here.path,
-                         __LINE__);
     return ks::imsg::print_message(message, saved_errno, args);
 }
 

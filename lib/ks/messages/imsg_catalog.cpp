@@ -1,18 +1,32 @@
-// Message catalogues: a few stay open, and none is trusted with the arguments of a format.
+// Message catalogues: a few stay open, and none is trusted.
+//
+// A catalogue is a file that others own, mapped into memory: it can be rewritten while it is in use, and its texts
+// are formats. So a text is read once, checked as what it then was, and kept; what the file says later is not
+// looked at until the catalogue is opened again.
 #include "messages/imsg_impl.h"
 
-#include <korvaks/strutl.h>
+#include "kernel/ks_heap.h"
+
 #include <korvaks/tls_impl.h>
 
 #include <cstdint>
 #include <cstring>
-#include <string_view>
 
 #include <nl_types.h>
 
 namespace {
 
 constexpr std::size_t name_size = 256;
+constexpr std::size_t bucket_count = 64;
+
+// What a catalogue says for a message; a heap block with both texts in it.
+struct KeptText {
+    KeptText *next; // in its bucket
+    std::uint16_t set;
+    std::uint16_t number;
+    const char *default_text; // that `text` was compared with
+    const char *text;         // NULL: the catalogue has none that may be used
+};
 
 // A catalogue by name; one that could not be opened keeps its place, so that it is not searched for
 // again at every message.
@@ -20,23 +34,17 @@ struct Catalog {
     char name[name_size];
     nl_catd handle;
     bool is_open;
-    uint64_t last_use; // place in the order of uses; 0: the slot is empty
+    std::uint64_t last_use; // place in the order of uses; 0: the slot is empty
+    std::array<KeptText *, bucket_count> kept;
 };
 
 constinit std::array<Catalog, 5> catalogs{}; // guarded by ks_product_crit
 constinit std::size_t last_used = 0;         // guarded by ks_product_crit
-constinit uint64_t uses = 0;                 // guarded by ks_product_crit
-
-// Answers of has_same_directives(), which is asked for the same few texts again and again. A text
-// moves only when its catalogue is closed, and then all answers are forgotten.
-struct Verdict {
-    const char *text;
-    const char *default_text;
-    bool is_same;
-};
-constinit std::array<Verdict, 256> verdicts{}; // guarded by ks_product_crit
+constinit std::uint64_t uses = 0;            // guarded by ks_product_crit
 
 const nl_catd failed_open = reinterpret_cast<nl_catd>(-1);
+
+// --- Catalogues ---
 
 Catalog *find_catalog(const char *name)
 {
@@ -60,12 +68,23 @@ Catalog &slot_to_fill()
     return *oldest;
 }
 
+void close_catalog(Catalog &catalog)
+{
+    if (!catalog.is_open)
+        return;
+    (void)catclose(catalog.handle); // it is not used any more, whatever it answers
+    for (KeptText *&bucket : catalog.kept) {
+        while (bucket != nullptr) {
+            KeptText *const kept = bucket;
+            bucket = kept->next;
+            stg_free_int(kept, 1);
+        }
+    }
+}
+
 void open_catalog(Catalog &catalog, const char *name)
 {
-    if (catalog.is_open) {
-        (void)catclose(catalog.handle); // its texts are not used any more, whatever it answers
-        verdicts.fill({});
-    }
+    close_catalog(catalog);
     std::memcpy(catalog.name, name, std::strlen(name) + 1);
     // With flag 0 the search follows LANG, even where that locale is not installed.
     catalog.handle = catopen(name, 0);
@@ -87,62 +106,98 @@ Catalog *use_catalog(const char *name)
     return catalog;
 }
 
-bool is_safe_in_place_of(const char *text, const char *default_text)
+// --- Kept texts ---
+
+// The place of a message in its bucket, or the end of the bucket.
+KeptText **place_of(Catalog &catalog, std::uint16_t set, std::uint16_t number)
 {
-    const auto address = reinterpret_cast<std::uintptr_t>(text);
-    Verdict &verdict = verdicts[(address ^ address >> 8) % verdicts.size()];
-    if (verdict.text != text || verdict.default_text != default_text)
-        verdict = {text, default_text, ks::imsg::has_same_directives(text, default_text)};
-    return verdict.is_same;
+    KeptText **place = &catalog.kept[(set * 31U + number) % bucket_count];
+    while (*place != nullptr && ((*place)->set != set || (*place)->number != number))
+        place = &(*place)->next;
+    return place;
 }
 
-// What one directive asks of the argument list.
-struct Arguments {
-    strutl_printf_kind kind = strutl_printf_kind_null; // null: no directive is left
-    int star_width = 0;
-    int star_precision = 0;
-    bool is_wide = false; // the length takes another argument than the kind tells: "%ls", "%lc", "%llf"
-    bool operator==(const Arguments &) const = default;
-};
-
-// A number of five digits or more: a catalogue must not make a message of gigabytes.
-bool has_long_number(std::string_view directive)
+// NULL when memory is exhausted. `text` may be NULL, and may change while it is copied.
+KeptText *new_kept_text(const char *default_text, const char *text)
 {
-    std::size_t digits = 0;
-    for (const char c : directive) {
-        digits = c >= '0' && c <= '9' ? digits + 1 : 0;
-        if (digits > 4)
-            return true;
+    const std::size_t default_length = std::strlen(default_text);
+    const std::size_t length = text != nullptr ? std::strlen(text) : 0;
+    auto *block = static_cast<char *>(ks::heap_try_malloc(sizeof(KeptText) + default_length + 1 + length + 1));
+    if (block == nullptr)
+        return nullptr;
+    char *const default_copy = block + sizeof(KeptText);
+    std::memcpy(default_copy, default_text, default_length + 1);
+    char *const copy = default_copy + default_length + 1;
+    if (text != nullptr)
+        std::memcpy(copy, text, length);
+    copy[length] = '\0';
+    return new (block) KeptText{nullptr, 0, 0, default_copy, text != nullptr ? copy : nullptr};
+}
+
+void refuse_unsafe_text(KeptText &kept, const msg_table &table, unsigned number)
+{
+    const char *refusal = kept.text == nullptr ? nullptr : ks::imsg::refusal_of(kept.text, kept.default_text);
+    if (refusal == nullptr)
+        return;
+    ks::imsg::explain("Text %u of set %u in catalogue \"%s\" is not used, as it %s: %s\n",
+                      table.catalog_numbers[number], table.set, table.catalog_name, refusal, kept.text);
+    kept.text = nullptr;
+}
+
+// Asks the catalogue itself; NULL when memory is exhausted.
+KeptText *read_text(const Catalog &catalog, const msg_table &table, unsigned number, const char *default_text)
+{
+    const char *text = catgets(catalog.handle, table.set, table.catalog_numbers[number], default_text);
+    KeptText *kept = new_kept_text(default_text, text != default_text ? text : nullptr);
+    if (kept == nullptr)
+        return nullptr;
+    kept->set = table.set;
+    kept->number = table.catalog_numbers[number];
+    refuse_unsafe_text(*kept, table, number);
+    return kept;
+}
+
+// NULL when the default text is to be used.
+const char *translation_of(Catalog &catalog, const msg_table &table, unsigned number, const char *default_text)
+{
+    KeptText **place = place_of(catalog, table.set, table.catalog_numbers[number]);
+    if (*place != nullptr && std::strcmp((*place)->default_text, default_text) == 0)
+        return (*place)->text;
+    KeptText *kept = read_text(catalog, table, number, default_text);
+    if (kept == nullptr)
+        return nullptr;
+    if (KeptText *const other = *place; other != nullptr) { // compared with another table's text
+        kept->next = other->next;
+        stg_free_int(other, 1);
     }
-    return false;
+    *place = kept;
+    return kept->text;
 }
 
-bool is_wide(std::string_view directive, strutl_printf_kind kind)
+const char *cat_lookup(const msg_table &table, unsigned number)
 {
-    const char conversion = directive.back();
-    directive.remove_suffix(1);
-    if (kind == strutl_printf_kind_double)
-        return directive.ends_with("ll");
-    return directive.ends_with('l') && (conversion == 's' || conversion == 'c');
+    const char *default_text = ks::imsg::default_text_of(table, number);
+    if (table.catalog_numbers == nullptr)
+        return default_text;
+    const ks::ErrnoSaver saver; // the format may ask for its text
+    Catalog *catalog = use_catalog(table.catalog_name);
+    if (catalog == nullptr || !catalog->is_open)
+        return default_text;
+    const char *text = translation_of(*catalog, table, number, default_text);
+    return text != nullptr ? text : default_text;
 }
 
-// The next directive that takes an argument; false where one cannot be read or is not to be used.
-bool next_arguments(const char *format, std::size_t &at, Arguments &out)
+const char *cat_extractmsg(const msg_table &table, unsigned number)
 {
-    char directive[64];
-    do {
-        out = {};
-        if (strutl_find_printf_directive(format, at, sizeof directive, directive, &at, &out.kind, &out.star_width,
-                                         &out.star_precision) == 0) {
-            out = {};
-            return format[at] == '\0';
-        }
-        const std::string_view text = directive;
-        if (text.size() == sizeof directive - 1 || has_long_number(text))
-            return false;
-    } while (out.kind == strutl_printf_kind_percent && out.star_width == 0 && out.star_precision == 0);
-    out.is_wide = is_wide(directive, out.kind);
-    return true;
+    imsg_tls &section = ks::imsg::thread_section();
+    const ks::LockGuard lock(ks::ks_product_crit);
+    const char *text = cat_lookup(table, number);
+    const char *default_text = ks::imsg::default_text_of(table, number);
+    const std::size_t size = std::strlen(text) + 1;
+    if (text == default_text || !ks::imsg::make_room(section.catalog_text, section.catalog_text_size, size))
+        return default_text;
+    std::memcpy(section.catalog_text, text, size);
+    return section.catalog_text;
 }
 
 } // namespace
@@ -155,46 +210,14 @@ const char *default_text_of(const msg_table &table, unsigned number)
     return text == nullptr ? "" : text;
 }
 
-bool has_same_directives(const char *text, const char *default_text)
+const char *text_of_locked(const Message &message)
 {
-    if (std::strcmp(text, default_text) == 0)
-        return true;
-    std::size_t text_at = 0;
-    std::size_t default_at = 0;
-    for (;;) {
-        Arguments of_text;
-        Arguments of_default;
-        if (!next_arguments(text, text_at, of_text) || !next_arguments(default_text, default_at, of_default) ||
-            !(of_text == of_default))
-            return false;
-        if (of_text.kind == strutl_printf_kind_null)
-            return true;
-    }
+    return message.table == nullptr ? message.raw_format : cat_lookup(*message.table, message.number);
 }
 
-const char *cat_lookup(const msg_table &table, unsigned number)
+const char *text_of(const Message &message)
 {
-    const char *default_text = default_text_of(table, number);
-    if (table.catalog_numbers == nullptr)
-        return default_text;
-    const Catalog *catalog = use_catalog(table.catalog_name);
-    if (catalog == nullptr || !catalog->is_open)
-        return default_text;
-    const char *text = catgets(catalog->handle, table.set, table.catalog_numbers[number], default_text);
-    return text == default_text || is_safe_in_place_of(text, default_text) ? text : default_text;
-}
-
-const char *cat_extractmsg(const msg_table &table, unsigned number)
-{
-    imsg_tls &section = thread_section();
-    LockGuard lock(ks_product_crit);
-    const char *text = cat_lookup(table, number);
-    const char *default_text = default_text_of(table, number);
-    const std::size_t size = std::strlen(text) + 1;
-    if (text == default_text || !make_room(section.catalog_text, section.catalog_text_size, size))
-        return default_text;
-    std::memcpy(section.catalog_text, text, size);
-    return section.catalog_text;
+    return message.table == nullptr ? message.raw_format : cat_extractmsg(*message.table, message.number);
 }
 
 } // namespace ks::imsg

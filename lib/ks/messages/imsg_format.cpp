@@ -170,24 +170,9 @@ int format_ate(const Message &message, const char *format, char *buffer, std::si
     return out.result();
 }
 
-// One line in the capture log, which is opened and closed for each, so that it can be moved away.
-void note_in_capture_log(const msg_table &table, unsigned number)
-{
-    if (state.capture_log[0] == '\0') // settled at the start
-        return;
-    FILE *log = std::fopen(state.capture_log, "a+e");
-    if (log == nullptr)
-        return;
-    (void)std::fprintf(log, "%s : %s : %d : %s\n", table.catalog_name == nullptr ? "" : table.catalog_name,
-                       table.subsystem == nullptr ? "" : table.subsystem,
-                       table.catalog_numbers == nullptr ? 0 : table.catalog_numbers[number],
-                       default_text_of(table, number));
-    (void)std::fclose(log); // a log that cannot be written is skipped in silence
-}
-
 void report_bad_number(const char *where, const void *table, unsigned number)
 {
-    (void)imsg_print(msg_error, &_imsg_ks_msg_table, imsg_msg_bad_number, where, reinterpret_cast<long>(table),
+    (void)imsg_print(IMSG_ERROR, &_imsg_ks_msg_table, imsg_msg_bad_number, where, reinterpret_cast<long>(table),
                      static_cast<int>(number));
 }
 
@@ -195,23 +180,15 @@ void report_bad_number(const char *where, const void *table, unsigned number)
 int format_unprinted(Tags tags, char *buffer, std::size_t size, const void *table_or_format, int msg_no, va_list args)
 {
     start();
-    Message message{0, nullptr, nullptr, nullptr, 0};
+    Message message;
     if (!resolve(message, table_or_format, static_cast<unsigned>(msg_no), "vsprintf"))
         return -1;
-    const char *text = message.table == nullptr ? message.raw_format : cat_extractmsg(*message.table, message.number);
-    return format_text(message, text, tags, buffer, size == 0 ? INT_MAX : size, args);
+    return format_text(message, text_of(message), tags, buffer, size == 0 ? INT_MAX : size, args);
 }
 
 Tags tags_of_mode(int tag_mode)
 {
     return {true, tag_mode == 2 || tag_mode == 3, tag_mode == 3};
-}
-
-// What imsg_dynamic_len_snprintf() says on standard error, when it is asked to.
-template <typename... Args> void explain(const char *format, Args... args)
-{
-    if (is_module_traced())
-        (void)std::fprintf(stderr, format, args...);
 }
 
 // The size to try after one that did not do; 0 when there is none.
@@ -262,11 +239,10 @@ int format_dynamic(char **out, long start_size, long max_size, const void *table
                 static_cast<int>(max_size), static_cast<int>(start_size));
         return -1;
     }
-    Message message{0, nullptr, nullptr, nullptr, 0};
+    Message message;
     if (!resolve(message, table_or_format, msg_no, "vsprintf"))
         return -1;
-    const char *text = message.table == nullptr ? message.raw_format : cat_extractmsg(*message.table, message.number);
-    return format_growing(out, start_size, max_size, message, text, args);
+    return format_growing(out, start_size, max_size, message, text_of(message), args);
 }
 
 } // namespace
@@ -276,13 +252,23 @@ bool is_module_traced()
     return is_traced(subsystem, 1);
 }
 
+void explain(const char *format, ...)
+{
+    if (!is_module_traced())
+        return;
+    va_list args;
+    va_start(args, format);
+    (void)std::vfprintf(stderr, format, args);
+    va_end(args);
+}
+
 bool resolve(Message &out_message, const void *table_or_format, unsigned number, const char *where)
 {
-    if (static_cast<int>(number) == IMSG_RAW_FORMAT) {
+    if (number == IMSG_RAW) {
         out_message.raw_format = static_cast<const char *>(table_or_format);
         out_message.subsystem = "";
         if (table_or_format == nullptr)
-            (void)imsg_print(msg_error, &_imsg_ks_msg_table, imsg_msg_null_message, "vsprintf/NOMSG");
+            (void)imsg_print(IMSG_ERROR, &_imsg_ks_msg_table, imsg_msg_null_message, "vsprintf/NOMSG");
         return table_or_format != nullptr;
     }
     const auto *table = static_cast<const msg_table *>(table_or_format);
@@ -355,15 +341,14 @@ int imsg_snprintf_taggable(int tag_mode, char *buf, size_t size, const void *tab
 int imsg_snprintf_type(int kind, char *buf, size_t size, const void *table_or_format, int msg_no, ...)
 {
     ks::imsg::start();
-    ks::imsg::Message message{kind, nullptr, nullptr, nullptr, 0};
+    ks::imsg::Message message(kind);
     if (!ks::imsg::resolve(message, table_or_format, static_cast<unsigned>(msg_no), "vsprintf"))
         return -1;
-    const char *text =
-        message.table == nullptr ? message.raw_format : ks::imsg::cat_extractmsg(*message.table, message.number);
+    const char *text = ks::imsg::text_of(message);
     const std::size_t bound = size == 0 ? INT_MAX : size;
     int head = 0;
     {
-        ks::LockGuard lock(ks::ks_product_crit);
+        const ks::LockGuard lock(ks::ks_product_crit);
         head = ks::imsg::build_head(kind, message.subsystem, buf, bound);
     }
     if (head < 0)
@@ -390,12 +375,12 @@ int imsg_dynamic_len_snprintf(char **out, long start_size, long max_size, const 
 
 const char *imsg_strerror(long errnum)
 {
+    const ks::ErrnoSaver saver;
     auto &text = ks_tls_get()->imsg.error_text;
     static_assert(sizeof text == IMSG_MAX_ERR_LEN);
     const int number = errnum > 0 && errnum <= INT_MAX ? static_cast<int>(errnum) : 0;
     if (number != 0 && strerrordesc_np(number) != nullptr) {
         char system_text[1024];
-        const ks::ErrnoSaver saver;
         (void)strutl_cpy_buf(text, strerror_r(number, system_text, sizeof system_text),
                              sizeof text); // a longer one is cut
     } else {

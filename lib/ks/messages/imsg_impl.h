@@ -8,11 +8,11 @@
 
 #include <korvaks/imsg.h>
 
-#include "messages/imsg_msg.h"
 #include "base/ks_base.h"
+#include "base/msg_port.h"
 #include "kernel/ks_guard.h"
 #include "kernel/ks_locks.h"
-#include "base/msg_port.h"
+#include "messages/imsg_msg.h"
 
 #include <array>
 #include <atomic>
@@ -28,17 +28,6 @@ namespace ks::imsg {
 inline constexpr AssertPath here{"lib/ks/imsg"};
 inline constexpr const char *subsystem = "ks/imsg";
 inline constexpr std::size_t env_size = 1024; // bytes read of an environment variable
-
-// What log files and the daemon log add to a print. They fill it in; empty, there is no log and no
-// daemon. The functions are called with ks_product_crit held.
-struct LogHooks {
-    FILE *log_stream = nullptr;      // the open log file: takes every message
-    FILE *one_line_stream = nullptr; // keeps each text on one line (a daemon's real stdout)
-    bool (*make_stamp)(char *buffer, std::size_t size) = nullptr; // time stamp and a blank, for messages
-                                                                  // of even kinds; NULL: none are wanted
-    void (*reopen_if_due)() = nullptr;                            // the daemon log, when its time has passed
-    void (*drain)() = nullptr;                                    // the daemon's captured pipes
-};
 
 struct Slot {
     imsg_output_proc proc = nullptr;
@@ -71,7 +60,8 @@ struct State {
     char capture_log[env_size + 16]{}; // "": none
     imsg_clock_proc clock = nullptr;
     void *clock_arg = nullptr;
-    LogHooks hooks{};
+    FILE *log_stream = nullptr;      // an open log file: it takes every message
+    FILE *one_line_stream = nullptr; // keeps each text on one line: the standard output of a daemon
 };
 
 extern constinit State state; // guarded by ks_product_crit
@@ -87,11 +77,16 @@ inline void start()
 
 // A message with its text still to be found.
 struct Message {
+    explicit Message(int message_kind = IMSG_OK, const char *shown_subsystem = nullptr)
+        : kind(message_kind), subsystem(shown_subsystem)
+    {
+    }
+
     int kind;
-    const char *subsystem;  // shown in the head; "" for none
-    const msg_table *table; // NULL: a raw format
-    const char *raw_format;
-    unsigned number;
+    const char *subsystem;            // shown in the head; "" for none
+    const msg_table *table = nullptr; // NULL: a raw format
+    const char *raw_format = nullptr;
+    unsigned number = 0;
 };
 
 // How far a formatting counts as a message that is shown.
@@ -108,17 +103,28 @@ inline constexpr Tags tags_of_a_print{true, true, false};
 [[nodiscard]] bool resolve(Message &out_message, const void *table_or_format, unsigned number, const char *where);
 // Formats in the manner of vsnprintf(); `text` is the message's text.
 int format_text(const Message &message, const char *text, Tags tags, char *buffer, std::size_t size, va_list args);
-// "ks/imsg" at level 1, for reports that go straight to standard error.
+// Reports that go straight to standard error, while "ks/imsg" is traced at level 1.
+[[gnu::format(printf, 1, 2)]] void explain(const char *format, ...);
 bool is_module_traced();
+
+// imsg_capture.cpp
+void start_capture_log();
+void note_in_capture_log(const msg_table &table, unsigned number);
 
 // imsg_catalog.cpp
 // The text of a message. With the lock held the first form may be used until it is left; the second
 // takes the lock itself and its result is the thread's, until its next call.
-const char *cat_lookup(const msg_table &table, unsigned number);
-const char *cat_extractmsg(const msg_table &table, unsigned number);
+const char *text_of_locked(const Message &message);
+const char *text_of(const Message &message);
 const char *default_text_of(const msg_table &table, unsigned number);
-// The lists of directives of two formats take the same arguments in the same order.
-bool has_same_directives(const char *text, const char *default_text);
+
+// imsg_directives.cpp
+// Why a text must not be formatted with the arguments of a default text; NULL when it may.
+const char *refusal_of(const char *text, const char *default_text);
+inline bool has_same_directives(const char *text, const char *default_text)
+{
+    return refusal_of(text, default_text) == nullptr;
+}
 
 // imsg.cpp
 // Builds the head of a kind in the manner of snprintf(). Lock held.
@@ -133,6 +139,31 @@ void imsg_init_term();
 void imsg_reset_term();
 // imsg_fputs() for `length` bytes. Lock held.
 [[nodiscard]] bool put_text(const char *text, std::size_t length, FILE *stream);
+
+// imsg_stream.cpp
+// The way of one text to a stream. Nothing is lost to a signal: on a descriptor whose writes can be interrupted the
+// bytes go past the stream's buffer, as a stream forgets what a write that failed was given.
+class StreamWriter {
+  public:
+    explicit StreamWriter(FILE *stream);
+    StreamWriter(const StreamWriter &) = delete;
+    StreamWriter &operator=(const StreamWriter &) = delete;
+
+    // Gathers small pieces, so that a text goes out in few writes.
+    void add(std::string_view bytes);
+    // All on the way; false, with errno, when the stream has refused any of it.
+    [[nodiscard]] bool finish();
+
+  private:
+    void write(std::string_view bytes);
+    void write_gathered();
+
+    FILE *stream_;
+    int descriptor_; // -1: through the stream
+    int error_ = 0;  // of the first refusal
+    std::size_t gathered_ = 0;
+    char piece_[4096];
+};
 
 // imsg_tls.cpp
 // The calling thread's section, which frees its copies at the thread's end.

@@ -77,12 +77,11 @@ bool grow_one_msg_buf(imsg_list &list, int length)
 int add_message(imsg_list &list, const void *table_or_format, unsigned msg_no, va_list args)
 {
     start();
-    Message message{0, nullptr, nullptr, nullptr, 0};
+    Message message;
     *list.one_msg_buf = '\0';
     int result = -1;
     if (resolve(message, table_or_format, msg_no, "vsprintf")) {
-        const char *text =
-            message.table == nullptr ? message.raw_format : cat_extractmsg(*message.table, message.number);
+        const char *text = text_of(message);
         Tags tags = tags_of_list(list);
         result = format_into(list, message, text, tags, args);
         if (result >= 0 && static_cast<std::uint32_t>(result) >= list.one_msg_buf_size) {
@@ -94,9 +93,8 @@ int add_message(imsg_list &list, const void *table_or_format, unsigned msg_no, v
                          "result <= imsg_list_p->one_msg_buf_size");
         }
     }
-    if (result < 0 && is_module_traced())
-        (void)std::fprintf(stderr, "error writing message to `one_msg_buf'. (sz: %ld).\n",
-                           static_cast<long>(list.one_msg_buf_size));
+    if (result < 0)
+        explain("error writing message to `one_msg_buf'. (sz: %ld).\n", static_cast<long>(list.one_msg_buf_size));
     const int added = imsg_list_add_str(&list, list.one_msg_buf);
     return result < 0 ? -1 : added;
 }
@@ -193,7 +191,7 @@ char *imsg_list_get_buf(imsg_list *list, char **buf)
 int imsg_list_print(imsg_list *list, int kind)
 {
     ks::imsg::require_list(list);
-    return imsg_print_shared(kind, nullptr, "%s", static_cast<unsigned>(IMSG_RAW_FORMAT), list->list_buf);
+    return imsg_print_shared(kind, nullptr, "%s", IMSG_RAW, list->list_buf);
 }
 
 int imsg_list_fprint(imsg_list *list, FILE *stream)

@@ -42,7 +42,7 @@ struct Capabilities {
 
 constinit Capabilities terminal{}; // guarded by ks_product_crit, as all below
 constinit unsigned styles_on = 0;  // what the terminal shows now
-constinit FILE *style_sink = nullptr;
+constinit ks::imsg::StreamWriter *style_sink = nullptr;
 
 constinit termios saved_modes{};
 constinit std::atomic<pid_t> saved_by{0}; // the process that saved the modes; 0: none are saved
@@ -122,34 +122,36 @@ void save_modes()
 
 extern "C" int put_to_sink(int c)
 {
-    return putc(c, style_sink);
+    const char byte = static_cast<char>(c);
+    style_sink->add({&byte, 1});
+    return c;
 }
 
-void emit(const char *capability, FILE *stream)
+void emit(const char *capability, ks::imsg::StreamWriter &out)
 {
     if (capability == nullptr)
         return;
-    style_sink = stream;
-    (void)tputs(capability, 1, put_to_sink); // a refused byte shows when the stream is flushed
+    style_sink = &out;
+    (void)tputs(capability, 1, put_to_sink); // a refused byte shows at the end
 }
 
-void show_styles(unsigned styles, FILE *stream)
+void show_styles(unsigned styles, ks::imsg::StreamWriter &out)
 {
     if (styles == styles_on)
         return;
     styles_on = styles;
     if ((styles & bold) == 0)
-        emit(terminal.end_all, stream);
+        emit(terminal.end_all, out);
     if ((styles & standout) == 0)
-        emit(terminal.end_standout, stream);
+        emit(terminal.end_standout, out);
     if ((styles & underline) == 0)
-        emit(terminal.end_underline, stream);
+        emit(terminal.end_underline, out);
     if ((styles & bold) != 0)
-        emit(terminal.bold, stream);
+        emit(terminal.bold, out);
     if ((styles & standout) != 0)
-        emit(terminal.standout, stream);
+        emit(terminal.standout, out);
     if ((styles & underline) != 0)
-        emit(terminal.underline, stream);
+        emit(terminal.underline, out);
 }
 
 // The style of a marker's last byte; 0 for no style.
@@ -173,29 +175,20 @@ bool is_marker(std::string_view text)
            (text[2] == '0' || text[2] == '1') && style_of(text[3]) != 0;
 }
 
-bool write_bytes(std::string_view bytes, FILE *stream)
-{
-    return bytes.empty() || std::fwrite(bytes.data(), 1, bytes.size(), stream) == bytes.size();
-}
-
 // Writes one piece without markers as part of a single line: an inner line feed becomes "|", and a
 // "|" of the text is doubled. Steps by characters, as "|" is a trail byte in some encodings.
-bool write_on_one_line(std::string_view piece, bool is_last, FILE *stream)
+void write_on_one_line(std::string_view piece, bool is_last, ks::imsg::StreamWriter &out)
 {
-    std::size_t written = 0;
-    std::size_t at = 0;
-    while (at < piece.size()) {
+    for (std::size_t at = 0; at < piece.size();) {
         const bool is_inner_feed = piece[at] == '\n' && !(is_last && at + 1 == piece.size());
-        if (piece[at] == '|' || is_inner_feed) {
-            const std::string_view replacement = is_inner_feed ? "|" : "||";
-            if (!write_bytes(piece.substr(written, at - written), stream) || !write_bytes(replacement, stream))
-                return false;
-            written = at + 1;
-        }
         const int length = strutl_mblen(piece.data() + at, piece.size() - at);
-        at += length > 1 ? static_cast<std::size_t>(length) : 1;
+        const std::size_t size = length > 1 ? static_cast<std::size_t>(length) : 1;
+        if (is_inner_feed)
+            out.add("|");
+        else
+            out.add(piece[at] == '|' ? "||" : piece.substr(at, size));
+        at += size;
     }
-    return write_bytes(piece.substr(written), stream);
 }
 
 // The text up to its last visible character.
@@ -208,10 +201,10 @@ std::string_view without_trailing_markers(std::string_view text)
 
 // Writes the text piece by piece, from marker to marker. A marker byte is never part of a longer
 // character, so a search for bytes finds it.
-bool write_with_markers(std::string_view text, FILE *stream)
+void write_with_markers(std::string_view text, FILE *stream, ks::imsg::StreamWriter &out)
 {
     const bool is_terminal = isatty(fileno(stream)) == 1;
-    const bool on_one_line = stream == ks::imsg::state.hooks.one_line_stream;
+    const bool on_one_line = stream == ks::imsg::state.one_line_stream;
     if (on_one_line)
         text = without_trailing_markers(text);
     std::size_t from = 0;
@@ -223,17 +216,18 @@ bool write_with_markers(std::string_view text, FILE *stream)
             continue;
         }
         const std::string_view piece = text.substr(from, is_end ? text.npos : at - from);
-        if (!(on_one_line ? write_on_one_line(piece, is_end, stream) : write_bytes(piece, stream)))
-            return false;
+        if (on_one_line)
+            write_on_one_line(piece, is_end, out);
+        else
+            out.add(piece);
         if (is_end)
-            return true;
+            return;
         const unsigned style = style_of(text[at + 3]);
         if (is_terminal)
-            show_styles(text[at + 2] == '1' ? styles_on | style : styles_on & ~style, stream);
+            show_styles(text[at + 2] == '1' ? styles_on | style : styles_on & ~style, out);
         at += marker_size;
         from = at;
     }
-    return true;
 }
 
 } // namespace
@@ -245,7 +239,7 @@ void imsg_init_term()
     const int fd = state.real_out == nullptr ? -1 : fileno(state.real_out);
     if (fd < 0 || isatty(fd) != 1 || !may_use_styles())
         return;
-    StopHeldOff held_off;
+    const StopHeldOff held_off;
     save_modes();
     read_capabilities(fd);
 }
@@ -256,16 +250,23 @@ void imsg_reset_term()
     pid_t self = getpid();
     if (!saved_by.compare_exchange_strong(self, 0) || !is_terminal_ours())
         return;
-    StopHeldOff held_off;
+    const StopHeldOff held_off;
     (void)tcsetattr(STDOUT_FILENO, TCSANOW, &saved_modes); // the terminal may be gone by now
 }
 
 bool put_text(const char *text, std::size_t length, FILE *stream)
 {
+    const int saved_errno = errno;
     const std::string_view whole{text, length};
-    const bool is_plain = stream != state.hooks.one_line_stream && std::memchr(text, marker_byte, length) == nullptr;
-    const bool is_taken = is_plain ? write_bytes(whole, stream) : write_with_markers(whole, stream);
-    return std::fflush(stream) == 0 && is_taken;
+    StreamWriter out(stream);
+    if (stream != state.one_line_stream && std::memchr(text, marker_byte, length) == nullptr)
+        out.add(whole);
+    else
+        write_with_markers(whole, stream, out);
+    if (!out.finish())
+        return false;
+    errno = saved_errno;
+    return true;
 }
 
 } // namespace ks::imsg
@@ -277,7 +278,7 @@ int imsg_fputs(const char *text, FILE *stream)
     ks::imsg::start();
     if (text == nullptr || stream == nullptr)
         return -1;
-    ks::LockGuard lock(ks::ks_product_crit);
+    const ks::LockGuard lock(ks::ks_product_crit);
     return ks::imsg::put_text(text, std::strlen(text), stream) ? 0 : -1;
 }
 
