@@ -37,20 +37,18 @@ void leave_at_once(int status)
     _exit(status);
 }
 
-struct ProductCase {
-    const char *vellumhome; // NULL: unset
-    const char *korvahome;
-    std::string directory;
-};
-
 TEST(KsProductDir, FirstVariableThatIsSetEvenToNothing)
 {
     const std::string large(KS_PATH_SIZE + 100, 'l');
-    const ProductCase cases[] = {{"/v", "/k", "/v"},
-                                 {nullptr, "/k", "/k"},
-                                 {"", "/k", ""},
-                                 {nullptr, nullptr, "/opt/vellum"},
-                                 {large.c_str(), nullptr, large.substr(0, KS_PATH_SIZE - 1)}};
+    const struct {
+        const char *vellumhome; // NULL: unset
+        const char *korvahome;
+        std::string directory;
+    } cases[] = {{"/v", "/k", "/v"},
+                 {nullptr, "/k", "/k"},
+                 {"", "/k", ""},
+                 {nullptr, nullptr, "/opt/vellum"},
+                 {large.c_str(), nullptr, large.substr(0, KS_PATH_SIZE - 1)}};
     for (const auto &c : cases) {
         SCOPED_TRACE(c.directory);
         const auto result = test::run_child([&c] {
@@ -130,10 +128,19 @@ TEST(KsProductDir, SetUserIdProcessIsPrivileged)
         EXPECT_NE(result.out.find(line), std::string::npos) << result.out << result.err;
 }
 
+class KsHostdataDir : public testing::Test {
+  protected:
+    void SetUp() override
+    {
+        if (geteuid() != 0)
+            GTEST_SKIP() << "only root can give a process another root";
+    }
+};
+
 // Runs `body` with a new root in which the given directories exist.
-test::ChildResult run_in_root(const test::TempDir &root, const std::vector<std::string> &directories,
-                              const std::function<int()> &body)
+test::ChildResult run_in_root(const std::vector<std::string> &directories, const std::function<int()> &body)
 {
+    const test::TempDir root;
     for (const auto &directory : directories)
         fs::create_directories(root.path() + directory);
     return test::run_child([&] {
@@ -145,7 +152,7 @@ test::ChildResult run_in_root(const test::TempDir &root, const std::vector<std::
     });
 }
 
-TEST(KsHostdataDir, FirstThatExistsAndIsKept)
+TEST_F(KsHostdataDir, FirstThatExistsAndIsKept)
 {
     const std::pair<std::vector<std::string>, std::string> cases[] = {
         {{"/var/adm/vellum", "/var/adm/korva", "/other"}, "/var/adm/vellum"},
@@ -154,8 +161,7 @@ TEST(KsHostdataDir, FirstThatExistsAndIsKept)
     };
     for (const auto &[directories, expected] : cases) {
         SCOPED_TRACE(expected);
-        const test::TempDir root;
-        const auto result = run_in_root(root, directories, [] {
+        const auto result = run_in_root(directories, [] {
             char path[KS_PATH_SIZE];
             if (ks_has_hostdata_dir() == 0)
                 return 1;
@@ -170,23 +176,18 @@ TEST(KsHostdataDir, FirstThatExistsAndIsKept)
             puts(ks_host_config_dir(path, nullptr));
             return 0;
         });
-        if (result.exit_status == refused)
-            GTEST_SKIP() << "chroot is not permitted here";
         EXPECT_EQ(result.out, expected + "\n" + expected + "/a\n" + expected + "/b\n" + expected + "/a/b\n" + expected +
                                   "/config/a\n" + expected + "/config\n");
     }
 }
 
-TEST(KsHostdataDir, WithoutAnyTheProcessEnds)
+TEST_F(KsHostdataDir, WithoutAnyTheProcessEnds)
 {
-    const test::TempDir root;
-    const auto result = run_in_root(root, {}, [] {
+    const auto result = run_in_root({}, [] {
         char path[KS_PATH_SIZE];
         puts(ks_hostdata_dir(path, nullptr, nullptr));
         return 0;
     });
-    if (result.exit_status == refused)
-        GTEST_SKIP() << "chroot is not permitted here";
     EXPECT_EQ(result.exit_status, 2);
     EXPECT_EQ(result.out, "");
     EXPECT_EQ(result.err, "noname: Error: This product is not installed correctly.\n"
@@ -200,18 +201,15 @@ extern "C" void show_on_output(void *, const char *text)
 }
 
 // A front end is told that the program ends; where the exit returns, the path is empty.
-TEST(KsHostdataDir, AFrontEndIsTold)
+TEST_F(KsHostdataDir, AFrontEndIsTold)
 {
-    const test::TempDir root;
-    const auto result = run_in_root(root, {}, [] {
+    const auto result = run_in_root({}, [] {
         imsg_redirect_output(show_on_output, nullptr, show_on_output, nullptr);
         (void)pfm_set_exit([](int status) { printf("exit %d\n", status); });
         char path[KS_PATH_SIZE] = "unchanged";
         printf("\"%s\"\n", ks_host_config_dir(path, "a"));
         return 0;
     });
-    if (result.exit_status == refused)
-        GTEST_SKIP() << "chroot is not permitted here";
     const std::string end = "The application will exit ... exit 2\n\"\"\n";
     EXPECT_TRUE(result.out.size() > end.size() && result.out.ends_with(end)) << result.out;
 }
