@@ -28,13 +28,13 @@ static_assert(name_bytes_max + suffix_bytes == NAME_MAX);
 
 bool fail(Msg number, const char *name)
 {
-    report(error, number, shown(name));
+    report(IMSG_ERROR, number, shown(name));
     return false;
 }
 
 bool fail(Msg number, const char *name, int failure)
 {
-    report(error, number, shown(name), imsg_strerror(failure));
+    report(IMSG_ERROR, number, shown(name), imsg_strerror(failure));
     return false;
 }
 
@@ -100,7 +100,7 @@ bool check_name(const char *name, const char *given)
     const std::size_t length = std::strlen(name);
     if (length > 0 && length <= name_bytes_max && std::strchr(name, '/') == nullptr && !is_dots(name))
         return true;
-    report(error, msg_bad_name, shown(given), name_bytes_max);
+    report(IMSG_ERROR, msg_bad_name, shown(given), name_bytes_max);
     return false;
 }
 
@@ -191,7 +191,7 @@ bool put(Transfer &transfer, const Depot &depot, const char *path, const Label &
         return fail(msg_entry_exists, name);
     if (failure != 0)
         return fail(msg_cannot_write, name, failure);
-    report(ok, msg_stored, shown(name), static_cast<unsigned long long>(transfer.content.size),
+    report(IMSG_OK, msg_stored, shown(name), static_cast<unsigned long long>(transfer.content.size),
            static_cast<unsigned long long>(transfer.block.size));
     return true;
 }
@@ -299,7 +299,7 @@ bool get(Transfer &transfer, const Depot &depot, const char *name, const char *t
         return fail(msg_exists, target);
     if (failure != 0)
         return fail(msg_cannot_write, target, failure);
-    report(ok, msg_fetched, shown(name), shown(target));
+    report(IMSG_OK, msg_fetched, shown(name), shown(target));
     return true;
 }
 
@@ -439,7 +439,7 @@ bool remove_entry(const Depot &depot, const char *name)
         return errno == ENOENT ? fail(msg_no_entry, name) : fail(msg_cannot_remove, name, errno);
     if (fsync(depot.directory) != 0)
         return fail(msg_cannot_remove, name, errno);
-    report(ok, msg_removed, shown(name));
+    report(IMSG_OK, msg_removed, shown(name));
     return true;
 }
 
@@ -451,7 +451,7 @@ bool read_names(const Depot &depot, stg_area *area, Names &out_names)
     ks_qsort(out_names.items, out_names.count, sizeof *out_names.items, compare_names, nullptr);
     ks_qsort(others.items, others.count, sizeof *others.items, compare_names, nullptr);
     for (std::size_t i = 0; i < others.count; ++i)
-        report(warning, msg_foreign, shown(others.items[i]));
+        report(IMSG_WARNING, msg_foreign, shown(others.items[i]));
     return true;
 }
 

@@ -87,11 +87,11 @@ bool put_files(Job &job)
     char owner[owner_bytes_max + 1];
     const Label label = {owner, line.has(flag_comment) ? line.values[flag_comment] : "", !line.has(flag_keep)};
     if (std::strlen(label.comment) > comment_bytes_max) {
-        report(error, msg_long_comment, static_cast<int>(comment_bytes_max));
+        report(IMSG_ERROR, msg_long_comment, static_cast<int>(comment_bytes_max));
         return false;
     }
     if (sysutl_user_name(owner, sizeof owner) != 0) {
-        report(error, msg_no_owner, imsg_strerror(errno));
+        report(IMSG_ERROR, msg_no_owner, imsg_strerror(errno));
         return false;
     }
     if (!open_depot_of(job, true))
@@ -116,7 +116,7 @@ bool verify_entries(Job &job)
     unsigned long sound = 0;
     for (std::size_t i = 0; i < names.count; ++i)
         sound += verify_entry(job.depot, names.items[i]) ? 1 : 0;
-    report(ok, msg_verified, sound, static_cast<unsigned long>(names.count));
+    report(IMSG_OK, msg_verified, sound, static_cast<unsigned long>(names.count));
     return sound == names.count;
 }
 
@@ -167,7 +167,7 @@ bool open_depot_of(Job &job, bool make)
         directory = buffer == nullptr ? nullptr : getenv_safe("VELDEPOT_DIR", buffer, PATH_MAX, how);
     }
     if (directory == nullptr)
-        report(error, msg_no_directory);
+        report(IMSG_ERROR, msg_no_directory);
     return directory != nullptr && open_depot(directory, make, job.depot);
 }
 
@@ -186,7 +186,7 @@ const Command *find_command(const char *word)
     for (const Command &command : commands)
         if (clp_match(word, command.name) != 0)
             return &command;
-    report(error, msg_unknown_command, shown(word), command_list());
+    report(IMSG_ERROR, msg_unknown_command, shown(word), command_list());
     return nullptr;
 }
 

@@ -175,7 +175,7 @@ bool print(const char *format, const Row *row)
     char *const text = format_row(format, row);
     if (text == nullptr)
         return false;
-    report(output, msg_text, text); // a raise ends the program, and the text with it
+    report(IMSG_OUTPUT, msg_text, text); // a raise ends the program, and the text with it
     stg_free(text);
     return true;
 }
@@ -200,7 +200,7 @@ bool check_format(const char *format)
 {
     char *const text = format_row(format, nullptr);
     if (text == nullptr)
-        report(error_more, msg_bad_format, list_directives());
+        report(IMSG_ERROR_MORE, msg_bad_format, list_directives());
     stg_free(text);
     return text != nullptr;
 }
@@ -224,13 +224,13 @@ void explain_formats()
 {
     constexpr char column[] = "%[30]t"; // the longest
     constexpr int width = sizeof column - 1;
-    report(output, msg_help_format);
+    report(IMSG_OUTPUT, msg_help_format);
     for (const Conversion &conversion : conversions) {
         const char name[] = {'%', conversion.letter, '\0'};
-        report(output, msg_help_row, padded(name, width), text_of(conversion.meaning));
+        report(IMSG_OUTPUT, msg_help_row, padded(name, width), text_of(conversion.meaning));
     }
-    report(output, msg_help_row, column, text_of(msg_format_column));
-    report(output, msg_format_notes);
+    report(IMSG_OUTPUT, msg_help_row, column, text_of(msg_format_column));
+    report(IMSG_OUTPUT, msg_format_notes);
 }
 
 } // namespace depot

@@ -90,13 +90,13 @@ int width_of_names(const clp_flag_desc *flags)
 void show_flags(const clp_flag_desc *flags)
 {
     const int width = width_of_names(flags);
-    report(output, msg_help_flags);
+    report(IMSG_OUTPUT, msg_help_flags);
     for (const clp_flag_desc *flag = flags; flag->name != nullptr; ++flag) {
         if (!is_flag(*flag))
             continue;
         Line names;
         add_names(names, flag);
-        report(output, msg_help_row, padded(names.text(), width), text_of(text_of_flag(flag->value).meaning));
+        report(IMSG_OUTPUT, msg_help_row, padded(names.text(), width), text_of(text_of_flag(flag->value).meaning));
     }
 }
 
@@ -105,14 +105,14 @@ void show_commands()
     int width = 0;
     for (const Command &command : all_commands())
         width = std::max(width, width_of(command.name));
-    report(output, msg_help_commands);
+    report(IMSG_OUTPUT, msg_help_commands);
     for (const Command &command : all_commands())
-        report(output, msg_help_row, padded(command.name, width), text_of(command.summary));
+        report(IMSG_OUTPUT, msg_help_row, padded(command.name, width), text_of(command.summary));
 }
 
 } // namespace
 
-void show_usage(Kind kind, const Command *command)
+void show_usage(int kind, const Command *command)
 {
     Line line;
     line.add("veldepot");
@@ -125,17 +125,17 @@ void show_usage(Kind kind, const Command *command)
 
 void show_help(const Command *command)
 {
-    show_usage(output, command);
+    show_usage(IMSG_OUTPUT, command);
     if (command == nullptr) {
-        report(output, msg_help_about);
+        report(IMSG_OUTPUT, msg_help_about);
         show_commands();
     } else {
-        report(output, command->notes);
+        report(IMSG_OUTPUT, command->notes);
     }
     show_flags(command == nullptr ? general_flags() : command->flags);
-    report(output, msg_help_notation);
+    report(IMSG_OUTPUT, msg_help_notation);
     if (command == nullptr)
-        report(output, msg_help_general);
+        report(IMSG_OUTPUT, msg_help_general);
     else if (command->explain != nullptr)
         command->explain();
 }

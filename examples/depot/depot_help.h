@@ -10,7 +10,7 @@ namespace depot {
 void show_help(const Command *command);
 
 // The usage line of a command; NULL: of the tool.
-void show_usage(Kind kind, const Command *command);
+void show_usage(int kind, const Command *command);
 
 // "put, get, ...". The text lives until the next report().
 const char *command_list();

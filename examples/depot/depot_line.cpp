@@ -30,8 +30,8 @@ Taken refuse(clp_handle *handle, const CommandLine &line)
 {
     const char *const word = handle->argv[handle->index];
     if (!is_flag_name(handle->descriptors, word))
-        report(error, msg_unknown_flag, shown(word));
-    show_usage(error_more, line.command);
+        report(IMSG_ERROR, msg_unknown_flag, shown(word));
+    show_usage(IMSG_ERROR_MORE, line.command);
     return wrong;
 }
 
@@ -50,8 +50,8 @@ bool take_value(clp_handle *handle, stg_area *area, std::uint32_t flag, CommandL
     }
     char *value = nullptr;
     if (clp_get_next_arg(handle, &value) == nothing) {
-        report(error, msg_flag_needs, unbracketed(handle->last_flag_name), text_of(argument));
-        show_usage(error_more, line.command);
+        report(IMSG_ERROR, msg_flag_needs, unbracketed(handle->last_flag_name), text_of(argument));
+        show_usage(IMSG_ERROR_MORE, line.command);
         return false;
     }
     line.values[flag] = flag == flag_comment ? join(area, line.values[flag], value) : value;
@@ -99,12 +99,12 @@ bool check_word_count(const CommandLine &line)
 {
     const Command &command = *line.command;
     if (line.word_count < command.words_min)
-        report(error, msg_too_few_words, unbracketed(command.name));
+        report(IMSG_ERROR, msg_too_few_words, unbracketed(command.name));
     else if (line.word_count > command.words_max)
-        report(error, msg_too_many_words, unbracketed(command.name), shown(line.words[command.words_max]));
+        report(IMSG_ERROR, msg_too_many_words, unbracketed(command.name), shown(line.words[command.words_max]));
     else
         return true;
-    show_usage(error_more, &command);
+    show_usage(IMSG_ERROR_MORE, &command);
     return false;
 }
 

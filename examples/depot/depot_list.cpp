@@ -40,7 +40,7 @@ bool compile_pattern(stg_area *area, const char *text, Pattern &out_pattern)
         return false;
     int has_wildcards = 0;
     if (wild_compile_pattern(text, size, compiled, &has_wildcards) < 0) {
-        report(error, msg_bad_pattern, shown(text));
+        report(IMSG_ERROR, msg_bad_pattern, shown(text));
         return false;
     }
     out_pattern = {text, compiled, has_wildcards != 0, false};
@@ -53,7 +53,7 @@ bool read_selection(Job &job, Selection &out_selection)
     if (line.has(flag_since)) {
         time_t since = 0;
         if (date_str_to_time(line.values[flag_since], 0, &since) != 0) {
-            report(error, msg_bad_date, shown(line.values[flag_since]));
+            report(IMSG_ERROR, msg_bad_date, shown(line.values[flag_since]));
             return false;
         }
         out_selection.since = since;
@@ -89,7 +89,7 @@ bool check_matches(const Selection &selection)
     bool is_done = true;
     for (const Pattern &pattern : selection.patterns) {
         if (!pattern.is_matched)
-            report(error, pattern.has_wildcards ? msg_no_match : msg_no_entry, shown(pattern.text));
+            report(IMSG_ERROR, pattern.has_wildcards ? msg_no_match : msg_no_entry, shown(pattern.text));
         is_done = is_done && pattern.is_matched;
     }
     return is_done;
@@ -156,7 +156,7 @@ void print_comment(std::string_view comment)
 {
     while (!comment.empty()) {
         const std::size_t end = std::min(comment.find('\n'), comment.size());
-        report(output, msg_list_comment, shown(comment.substr(0, end)));
+        report(IMSG_OUTPUT, msg_list_comment, shown(comment.substr(0, end)));
         comment.remove_prefix(std::min(end + 1, comment.size()));
     }
 }
@@ -219,7 +219,7 @@ bool list_entries(Job &job)
 void explain_list()
 {
     explain_formats();
-    report(output, msg_help_dates, date_usage_date_time());
+    report(IMSG_OUTPUT, msg_help_dates, date_usage_date_time());
 }
 
 } // namespace depot

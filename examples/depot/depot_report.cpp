@@ -44,7 +44,7 @@ void end_messages()
     stg_delete_area(&message_area);
 }
 
-void report(Kind kind, unsigned number, ...)
+void report(int kind, unsigned number, ...)
 {
     va_list arguments;
     va_start(arguments, number);

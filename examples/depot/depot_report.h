@@ -8,15 +8,12 @@
 
 namespace depot {
 
-// Kinds of messages used here (korvaks/imsg.h). `error_more` goes on with what an error said.
-enum Kind : int { ok = 0, output = 2, warning = 4, error = 6, error_more = 7 };
-
 // Names the program in messages, and makes what they need; false when memory is exhausted.
 bool start_messages(const char *argv0);
 void end_messages();
 
-// Prints a message with the arguments its text needs.
-void report(Kind kind, unsigned number, ...);
+// Prints a message of a kind (korvaks/imsg.h) with the arguments its text needs.
+void report(int kind, unsigned number, ...);
 
 // Texts for report(). They live until its next call.
 

@@ -4,7 +4,7 @@
 
 static const char *const texts[] = {"%08x  %s\n", "%s: %s\n"};
 static const uint16_t numbers[] = {1, 2};
-static const msg_table messages = {"hello", "hello", 1, 2, texts, numbers};
+static const msg_table messages = {"hello", "hello", 1, MSG_TABLE_COUNT(texts), texts, numbers};
 
 int main(int argc, char **argv)
 {
@@ -16,9 +16,9 @@ int main(int argc, char **argv)
         int error;
         const int result = fileutl_crc(argv[i], &crc, &error);
         if (result == 0)
-            imsg_print(2 /* output */, &messages, 0, crc, argv[i]);
+            imsg_print(IMSG_OUTPUT, &messages, 0, crc, argv[i]);
         else
-            imsg_print(6 /* error */, &messages, 1, argv[i], imsg_strerror(error));
+            imsg_print(IMSG_ERROR, &messages, 1, argv[i], imsg_strerror(error));
         status |= result != 0;
     }
     return status;
