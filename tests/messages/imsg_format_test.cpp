@@ -43,19 +43,19 @@ TEST(ImsgSnprintf, WrongTableOrNumberIsReportedOnce)
     const auto result = test::run_child([] {
         char buffer[16];
         char *text = buffer;
-        int failures = 0;
-        failures += imsg_snprintf(buffer, sizeof buffer, nullptr, IMSG_RAW_FORMAT) == -1;
-        failures += imsg_snprintf(buffer, sizeof buffer, nullptr, 1) == -1;
-        failures += imsg_snprintf(buffer, sizeof buffer, &table, -2) == -1;
-        failures += imsg_snprintf(buffer, sizeof buffer, &table, 3) == -1;
-        failures += imsg_dynamic_len_snprintf(&text, 10, 1000, &table, 3) == -1 && text == nullptr;
-        return failures;
+        for (const int number : {-2, 3})
+            printf("%d ", imsg_snprintf(buffer, sizeof buffer, &table, number));
+        printf("%d ", imsg_snprintf(buffer, sizeof buffer, nullptr, IMSG_RAW_FORMAT));
+        printf("%d ", imsg_snprintf(buffer, sizeof buffer, nullptr, 1));
+        printf("%d", imsg_dynamic_len_snprintf(&text, 10, 1000, nullptr, 3));
+        return text == nullptr ? 0 : 1;
     });
-    EXPECT_EQ(result.exit_status, 5);
-    const std::string number = " - tbl " + std::to_string(reinterpret_cast<long>(&table)) + ", num ";
+    EXPECT_EQ(result.exit_status, 0);
+    EXPECT_EQ(result.out, "-1 -1 -1 -1 -1");
+    const std::string number = ") - tbl " + std::to_string(reinterpret_cast<long>(&table)) + ", num ";
     const std::string head = "noname: Error: IMSG Internal error (vsprintf";
-    EXPECT_EQ(result.err, head + "/NOMSG) - NULL Message.\n" + head + ") - tbl 0, num 1.\n" + head + ")" + number +
-                              "-2.\n" + head + ")" + number + "3.\n" + head + ")" + number + "3.\n");
+    EXPECT_EQ(result.err, head + number + "-2.\n" + head + number + "3.\n" + head + "/NOMSG) - NULL Message.\n" + head +
+                              ") - tbl 0, num 1.\n" + head + ") - tbl 0, num 3.\n");
 }
 
 TEST(ImsgSnprintfType, PutsTheHeadInFront)
@@ -77,50 +77,37 @@ TEST(ImsgSnprintfType, PutsTheHeadInFront)
 
 TEST(ImsgDynamic, GrowsToTheTextWithinItsLimit)
 {
-    struct Case {
-        long start_size, max_size;
-        size_t length;
-        int expected;
-        std::string explained;
-    };
-    const std::string no_room = "Error, max buffer size 50 passed to imsg_dynamic_len_vsnprintf() is not sufficient to "
-                                "hold the string.\n";
-    const std::string bad_sizes = "ERROR im imsg_dynamic_len_vsnprintf(): passed max_size argument is greater than "
-                                  "passed start_size argument, or start_size argument is less or equal to 0.\n";
-    const Case cases[] = {
-        {100, 100, 20, 20, ""},
-        {1, 50, 49, 49, ""},
-        {1, 50, 50, -1, no_room},
-        {50, 50, 50, 50, ""}, // a result equal to the size is taken as it stands
-        {10, 5, 1, -1, bad_sizes + "max_size = 5,\tstart_size = 10\n"},
-        {0, 5, 1, -1, bad_sizes + "max_size = 5,\tstart_size = 0\n"},
-        {1, LONG_MAX, 70000, 70000, ""},
-    };
-    for (const Case &c : cases) {
-        SCOPED_TRACE(testing::Message() << c.start_size << " " << c.max_size << " " << c.length);
-        const std::string text(c.length, 'd');
-        const auto result = test::run_child([&] {
-            char *buffer = const_cast<char *>("");
-            (void)imsg_dynamic_len_snprintf(&buffer, 0, 5, &table, 0); // not explained unless traced
-            imsg_set_trace_verbosity(1);
-            imsg_set_trace_subsys("ks/imsg");
-            const int length = imsg_dynamic_len_snprintf(&buffer, c.start_size, c.max_size, &table, 2, text.c_str());
-            printf("%d %s", length, buffer == nullptr ? "(none)" : buffer);
-            stg_free(buffer);
-            return 0;
-        });
-        const std::string kept = c.length == static_cast<size_t>(c.start_size) ? text.substr(1) : text;
-        EXPECT_EQ(result.out, std::to_string(c.expected) + " " + (c.expected < 0 ? "(none)" : kept));
-        EXPECT_EQ(result.err, c.explained);
-    }
     const auto result = test::run_child([] {
+        char *buffer = nullptr;
+        const auto format = [&buffer](long start_size, long max_size, size_t length) {
+            buffer = const_cast<char *>("");
+            const std::string text(length, 'd');
+            printf("%d ", imsg_dynamic_len_snprintf(&buffer, start_size, max_size, &table, 2, text.c_str()));
+            printf("%zu,", buffer == nullptr ? 999999 : std::string(buffer).size());
+            stg_free(buffer);
+        };
+        format(0, 5, 1); // not explained unless traced
+        imsg_set_trace_verbosity(1);
+        imsg_set_trace_subsys("ks/imsg");
+        format(100, 100, 20);
+        format(1, 50, 49);
+        format(1, 50, 50);
+        format(50, 50, 50); // a result equal to the size is taken as it stands
+        format(10, 5, 1);
+        format(0, 5, 1);
+        format(1, LONG_MAX, 70000);
         // A text that can never be formatted ends the search, whatever the sizes.
         const wchar_t invalid[] = {0x7fffffff, 0};
-        char *buffer = nullptr;
         return imsg_dynamic_len_snprintf(&buffer, 10, 1000, "%ls", IMSG_RAW, invalid) == -1 && buffer == nullptr ? 0
                                                                                                                  : 1;
     });
     EXPECT_EQ(result.exit_status, 0);
+    EXPECT_EQ(result.out, "-1 999999,20 20,49 49,-1 999999,50 49,-1 999999,-1 999999,70000 70000,");
+    const std::string no_room = " passed to imsg_dynamic_len_vsnprintf() is not sufficient to hold the string.\n";
+    const std::string bad_sizes = "ERROR im imsg_dynamic_len_vsnprintf(): passed max_size argument is greater than "
+                                  "passed start_size argument, or start_size argument is less or equal to 0.\n";
+    EXPECT_EQ(result.err, "Error, max buffer size 50" + no_room + bad_sizes + "max_size = 5,\tstart_size = 10\n" +
+                              bad_sizes + "max_size = 5,\tstart_size = 0\nError, max buffer size 1000" + no_room);
 }
 
 // --- The ATE form ---
@@ -184,13 +171,12 @@ TEST(ImsgAte, TagModesAndTheSwitch)
 
 TEST(ImsgAte, EnvironmentSwitchesItOnInAnyLetterCase)
 {
-    for (const auto &[value, expected] : {std::pair{"tRUE", 1}, {"1", 0}, {"Truer", 0}}) {
-        SCOPED_TRACE(value);
-        const auto result = test::run_child([&, value = value] {
+    for (const char *value : {"tRUE", "1", "Truer"}) {
+        const auto result = test::run_child([value] {
             setenv("VELLUM_ENABLE_ATE_MESSAGES", value, 1);
             return imsg_ate_tagging_is_enabled();
         });
-        EXPECT_EQ(result.exit_status, expected);
+        EXPECT_EQ(result.exit_status, *value == 't' ? 1 : 0) << value;
     }
 }
 
