@@ -84,8 +84,8 @@ enum imsg_kind {
 /**
  * Prints a message of a table, with the arguments that its format needs.
  *
- * The whole message goes out in one write where the stream is a terminal, pipe or socket, and a signal that
- * interrupts the write loses nothing: it goes on, unless a raise is pending for the caller. A text of any
+ * What the stream's buffer holds goes out first, then the whole message in one write past the buffer. A signal
+ * that interrupts the write loses nothing: it goes on, unless a raise is pending for the caller. A text of any
  * length is printed whole. Where a procedure stands in the place of the stream, it is called with the text.
  *
  * @param kind    IMSG_OK to IMSG_SYSTEM. Any other number is reported as an error, and the message goes out
@@ -132,8 +132,9 @@ KS_API int imsg_print_sharedv(int kind, const char *subsys, const void *table_or
 /**
  * Writes a finished text to a stream, rendering its style markers, and flushes the stream.
  *
- * What the stream still holds in its buffer goes out first. To a terminal, pipe or socket the text itself goes
- * past the buffer; a signal that interrupts the write loses nothing, as in imsg_print().
+ * What the stream still holds in its buffer goes out first. To a terminal, pipe or socket, and to the streams of
+ * messages, the text itself goes past the buffer; a signal that interrupts the write loses nothing, as in
+ * imsg_print(). To any other file it goes through the stream, whose position stays right.
  *
  * @param text    any text; it is no format. Characters are written whole.
  * @param stream  open for writing; styles are shown only where it is a terminal

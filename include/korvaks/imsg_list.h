@@ -71,7 +71,7 @@ KS_API void imsg_list_create(imsg_list *list, ...);
  *
  * @param list             a list that was created; NULL or another ends the process
  * @param table_or_format, msg_no  as in imsg_snprintf(): a table and a number, or a format and
- *                         IMSG_RAW_FORMAT, with the arguments behind them
+ *                         IMSG_RAW, with the arguments behind them
  * @return 0; -1 when the message could not be formatted, and then what was made of it is appended (explained
  *         on standard error while "ks/imsg" is traced at level 1); -1 when memory is exhausted, and then the
  *         text is as it was.

@@ -141,8 +141,8 @@ void imsg_reset_term();
 [[nodiscard]] bool put_text(const char *text, std::size_t length, FILE *stream);
 
 // imsg_stream.cpp
-// The way of one text to a stream. Nothing is lost to a signal: on a descriptor whose writes can be interrupted the
-// bytes go past the stream's buffer, as a stream forgets what a write that failed was given.
+// The way of one text to a stream, on which nothing is lost to a signal: where that could be, the bytes go past the
+// stream's buffer. Lock held.
 class StreamWriter {
   public:
     explicit StreamWriter(FILE *stream);

@@ -1,8 +1,9 @@
 // Bytes on their way to a stream, which no signal makes it lose.
 //
 // A stream of the C library gives up what it was writing when a signal interrupts the write, and does not tell how
-// much that was. So the bytes go past it where a write can be interrupted at all: to a pipe, a terminal or a
-// socket. There is no position in these that the stream would have to know. Files go through the stream.
+// much that was. So the bytes go past the streams that messages are printed on, and past others where a write
+// can be interrupted at all: on a pipe, a terminal or a socket. A stream over a file may keep a position that has
+// to fit its buffer; what a caller writes to such a one goes through it.
 #include "messages/imsg_impl.h"
 
 #include <cstring>
@@ -12,13 +13,21 @@
 
 namespace {
 
-// -1 for a stream that is to be written through.
-int interruptible_descriptor(FILE *stream)
+bool is_of_messages(const FILE *stream)
+{
+    using ks::imsg::state;
+    return stream == state.real_out || stream == state.real_err || stream == state.log_stream;
+}
+
+// The descriptor to write to past the stream; -1 for a stream that is to be written through.
+int descriptor_below(FILE *stream)
 {
     const ks::ErrnoSaver saver;
     const int fd = fileno(stream);
+    if (fd < 0 || is_of_messages(stream))
+        return fd;
     struct stat st;
-    return fd >= 0 && fstat(fd, &st) == 0 && !S_ISREG(st.st_mode) ? fd : -1;
+    return fstat(fd, &st) == 0 && !S_ISREG(st.st_mode) ? fd : -1;
 }
 
 // A writer that is stuck must not hold up a thread that is asked to stop.
@@ -44,7 +53,7 @@ int write_past_stream(int fd, std::string_view bytes)
 
 namespace ks::imsg {
 
-StreamWriter::StreamWriter(FILE *stream) : stream_(stream), descriptor_(interruptible_descriptor(stream))
+StreamWriter::StreamWriter(FILE *stream) : stream_(stream), descriptor_(descriptor_below(stream))
 {
     // What the program has printed itself comes first. A refusal is its own to find on the stream.
     if (descriptor_ >= 0 && __fpending(stream) > 0)
