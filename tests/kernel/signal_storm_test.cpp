@@ -1,5 +1,5 @@
-// A storm of signals on threads that lock, allocate, print and raise: no deadlock, no request to
-// stop is lost, and each reaches every thread's cleanup record once.
+// A storm of signals on threads that lock, allocate, print and raise, while handlers are put back and
+// set anew: no deadlock, no request to stop is lost, and each reaches every thread's cleanup record once.
 #include "harness/child.h"
 
 #include <korvaks/imsg.h>
@@ -24,6 +24,7 @@ namespace {
 
 constexpr int request_count = 20;
 constexpr int interrupted = 4;
+constexpr std::array counted_signals{SIGUSR1, SIGUSR2, SIGALRM};
 
 std::atomic<bool> stop{false};
 std::atomic<int> handled{0};
@@ -59,6 +60,35 @@ void work_protected(Trips &trips)
     while (!stop)
         work_once();
     pfm_cleanup_rls(&record);
+}
+
+void count_handled(int)
+{
+    ++handled;
+}
+
+// Stops the process when the delivery of a signal has begun: the signal-handler thread takes `sig`
+// before it stops. Who comes first when the process goes on is open.
+pfm_signal_t change_in_delivery(int sig, pfm_signal_t handler)
+{
+    kill(getpid(), sig);
+    kill(getpid(), SIGSTOP);
+    return pfm_signal(sig, handler);
+}
+
+// Sets handlers and puts back what was there. No raise comes to such a thread.
+void change_handlers()
+{
+    while (!stop) {
+        const pfm_signal_t before = pfm_signal(SIGCHLD, count_handled);
+        EXPECT_EQ(before, SIG_DFL);
+        (void)change_in_delivery(SIGCHLD, before);
+        for (const int sig : counted_signals) {
+            const pfm_signal_t counting = change_in_delivery(sig, SIG_IGN);
+            EXPECT_EQ(counting, static_cast<pfm_signal_t>(count_handled));
+            (void)pfm_signal(sig, counting);
+        }
+    }
 }
 
 bool have_all_tripped(int times)
@@ -97,14 +127,16 @@ int live_through_storm()
     dup2(quiet, STDOUT_FILENO);
     dup2(quiet, STDERR_FILENO);
     ks_system_init();
-    for (const int sig : {SIGUSR1, SIGUSR2, SIGALRM})
-        pfm_signal(sig, [](int) { ++handled; });
+    for (const int sig : counted_signals)
+        pfm_signal(sig, count_handled);
     shared_area = stg_create_area(65536);
     std::array<std::thread, all_trips.size() - 1> threads;
     for (std::size_t i = 0; i < threads.size(); ++i)
         threads[i] = std::thread(work_protected, std::ref(all_trips[i + 1]));
+    std::thread changer(change_handlers);
     answer_requests();
     stop = true;
+    changer.join();
     for (std::thread &thread : threads)
         thread.join();
     stg_delete_area(&shared_area);
@@ -114,12 +146,18 @@ int live_through_storm()
 TEST(SignalStorm, EveryRequestReachesEveryRecordOnce)
 {
     test::Child child(live_through_storm);
+    const std::jthread continuer([&child](const std::stop_token &end) {
+        while (!end.stop_requested()) {
+            kill(child.pid(), SIGCONT);
+            usleep(50);
+        }
+    });
     std::string answers;
     for (int request = 0; request < request_count; ++request) {
         answers += ".";
         ASSERT_TRUE(child.wait_for_output(answers)) << "request " << request << " is not answered";
         for (int i = 0; i < 25; ++i)
-            for (const int sig : {SIGUSR1, SIGUSR2, SIGALRM})
+            for (const int sig : counted_signals)
                 kill(child.pid(), sig);
         kill(child.pid(), SIGINT);
     }
