@@ -1,5 +1,5 @@
-// Forks of each kind while other threads lock, allocate, print, read dates and the environment: no
-// child is stuck, and each can do all of it.
+// Forks of each kind while other threads lock, allocate, print, read dates and the environment, also
+// under locks that fork handlers take: no fork and no child is stuck, and each can do all of it.
 #include "harness/child.h"
 #include "harness/forked.h"
 
@@ -13,9 +13,11 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <atomic>
 #include <cstdlib>
 #include <ctime>
+#include <mutex>
 #include <thread>
 #include <vector>
 
@@ -42,19 +44,43 @@ std::atomic<bool> stop{false};
 vlthread_mutex_t shared_mutex = VLTHREAD_MUTEX_INITIALIZER;
 stg_area *shared_area = STG_AREA_NULL;
 
-bool use_everything(unsigned round)
+bool use_library(unsigned round)
 {
     stg_area *area = stg_create_area(128);
     const bool allocated = stg_alloc(area, 64) != nullptr && stg_alloc(shared_area, 16) != nullptr;
     stg_delete_area(&area);
-    vlthread_mutex_lock(&shared_mutex);
-    vlthread_mutex_unlock(&shared_mutex);
     char value[64];
     const bool read = getenv_safe("PATH", value, sizeof value, 0) != nullptr;
     std::time_t time = 0;
     const bool dated = date_fmt_set_default_style(date_style) == date_style && date_str_to_time("now", 0, &time) == 0;
     return imsg_print(0, &_imsg_ks_msg_table, 14) == 0 && read && dated && allocated &&
+           pfm_set_exit(std::exit) == static_cast<pfm_exit_routine>(std::exit) &&
            (round % 32 != 0 || imsg_print(4, &_ks_ks_msg_table, 23) == 0);
+}
+
+// Two of the program's own, which its fork handlers take: one registered before the library started,
+// one after. Whoever holds one uses the library.
+std::array<std::mutex, 2> program_mutexes;
+
+template <std::size_t index> void register_handlers()
+{
+    const auto after = [](int) {
+        EXPECT_TRUE(use_library(0));
+        program_mutexes[index].unlock();
+    };
+    const auto prepare = [](int) {
+        program_mutexes[index].lock();
+        EXPECT_TRUE(use_library(0));
+    };
+    EXPECT_EQ(vlthread_atfork(prepare, after, after), 0);
+}
+
+bool use_everything(unsigned round)
+{
+    vlthread_mutex_lock(&shared_mutex);
+    vlthread_mutex_unlock(&shared_mutex);
+    const std::lock_guard lock(program_mutexes[round % program_mutexes.size()]);
+    return use_library(round);
 }
 
 void work()
@@ -72,7 +98,9 @@ void fork_under_load(int kind, int forks)
     const int quiet = open("/dev/null", O_WRONLY);
     dup2(quiet, 1);
     dup2(quiet, 2);
+    register_handlers<0>();
     ks_system_init();
+    register_handlers<1>();
     (void)date_fmt_set_default_style(date_style);
     shared_area = stg_create_area(4096);
     std::vector<std::thread> workers;
