@@ -225,10 +225,10 @@ void write_record(Pieces pieces)
     for (const std::string_view piece : pieces)
         to = append(to, piece);
     *to++ = '\n';
-    int cancel_state;
-    (void)pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancel_state); // a cancelled thread would keep the lock
-    write_line(path, line, static_cast<std::size_t>(to - line));
-    (void)pthread_setcancelstate(cancel_state, nullptr);
+    {
+        const ks::CancelHold hold; // a cancelled thread would keep the lock
+        write_line(path, line, static_cast<std::size_t>(to - line));
+    }
     stg_free_int(line, 1);
 }
 

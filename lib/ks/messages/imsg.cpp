@@ -194,7 +194,7 @@ void grow_buffer(std::size_t size)
 
 void explain_failed_message()
 {
-    const LockGuard lock(ks_product_crit);
+    const IoLockGuard lock(ks_product_crit);
     explain("There was some kind of error in imsg_print_sharedv_util. (sz: %d).\n", static_cast<int>(out_buf_size));
 }
 
@@ -293,7 +293,7 @@ int print_message(const Message &message, int saved_errno, va_list args)
 {
     Outcome outcome;
     {
-        const LockGuard lock(ks_product_crit);
+        const IoLockGuard lock(ks_product_crit);
         errno = saved_errno; // the format may ask for its text
         print_locked(message, args, outcome);
         errno = saved_errno;
@@ -344,7 +344,7 @@ void imsg_initialize(void)
     using ks::imsg::started, ks::imsg::starting, ks::imsg::state;
     if (started.load(std::memory_order_acquire))
         return;
-    const ks::LockGuard lock(ks::ks_product_crit);
+    const ks::IoLockGuard lock(ks::ks_product_crit);
     if (started.load(std::memory_order_relaxed) || starting)
         return;
     starting = true; // what is printed on the way goes out with what is known so far

@@ -190,7 +190,7 @@ const char *cat_lookup(const msg_table &table, unsigned number)
 const char *cat_extractmsg(const msg_table &table, unsigned number)
 {
     imsg_tls &section = ks::imsg::thread_section();
-    const ks::LockGuard lock(ks::ks_product_crit);
+    const ks::IoLockGuard lock(ks::ks_product_crit);
     const char *text = cat_lookup(table, number);
     const char *default_text = ks::imsg::default_text_of(table, number);
     const std::size_t size = std::strlen(text) + 1;

@@ -348,7 +348,7 @@ int imsg_snprintf_type(int kind, char *buf, size_t size, const void *table_or_fo
     const std::size_t bound = size == 0 ? INT_MAX : size;
     int head = 0;
     {
-        const ks::LockGuard lock(ks::ks_product_crit);
+        const ks::IoLockGuard lock(ks::ks_product_crit);
         head = ks::imsg::build_head(kind, message.subsystem, buf, bound);
     }
     if (head < 0)

@@ -25,7 +25,7 @@ bool is_procedure(imsg_output_proc proc)
 void set_channels(const Slot &out, const Slot &err)
 {
     start();
-    const LockGuard lock(ks_product_crit);
+    const IoLockGuard lock(ks_product_crit);
     state.old_out = out;
     state.old_err = err;
     for (std::size_t kind = 0; kind < state.slots.size(); ++kind)
@@ -94,14 +94,14 @@ void imsg_default_output(void *info, const char *text)
 {
     (void)info;
     ks::imsg::start();
-    const ks::LockGuard lock(ks::ks_product_crit);
+    const ks::IoLockGuard lock(ks::ks_product_crit);
     (void)imsg_fputs(text, state.real_out); // a procedure has no one to tell
 }
 
 void imsg_set_redirect_procs(const imsg_redirect_procs *procs, void *info)
 {
     ks::imsg::start();
-    const ks::LockGuard lock(ks::ks_product_crit);
+    const ks::IoLockGuard lock(ks::ks_product_crit);
     for (std::size_t kind = 0; kind < state.slots.size(); ++kind) {
         if (procs == nullptr)
             state.slots[kind] = {};
@@ -113,7 +113,7 @@ void imsg_set_redirect_procs(const imsg_redirect_procs *procs, void *info)
 void imsg_get_redirect_procs(imsg_redirect_procs *out_procs, void **out_info)
 {
     ks::imsg::start();
-    const ks::LockGuard lock(ks::ks_product_crit);
+    const ks::IoLockGuard lock(ks::ks_product_crit);
     for (std::size_t kind = 0; out_procs != nullptr && kind < state.slots.size(); ++kind)
         out_procs->proc[kind] = state.slots[kind].proc;
     ks::imsg::give(out_info, state.slots[0].info);
@@ -127,7 +127,7 @@ void imsg_redirect_output(imsg_output_proc out_proc, void *out_info, imsg_output
 void imsg_get_redirect_info(imsg_output_proc *out_proc, void **out_info, imsg_output_proc *err_proc, void **err_info)
 {
     ks::imsg::start();
-    const ks::LockGuard lock(ks::ks_product_crit);
+    const ks::IoLockGuard lock(ks::ks_product_crit);
     ks::imsg::give(out_proc, state.old_out.proc);
     ks::imsg::give(out_info, state.old_out.info);
     ks::imsg::give(err_proc, state.old_err.proc);
@@ -145,14 +145,14 @@ void imsg_use_window(const imsg_window *window)
 int imsg_in_gui(void)
 {
     ks::imsg::start();
-    const ks::LockGuard lock(ks::ks_product_crit);
+    const ks::IoLockGuard lock(ks::ks_product_crit);
     return ks::imsg::is_procedure(state.slots[0].proc) ? 1 : 0;
 }
 
 void imsg_set_clock_callback(imsg_clock_proc proc, void *arg)
 {
     ks::imsg::start();
-    const ks::LockGuard lock(ks::ks_product_crit);
+    const ks::IoLockGuard lock(ks::ks_product_crit);
     state.clock = proc;
     state.clock_arg = arg;
 }
@@ -163,7 +163,7 @@ void imsg_clock(void)
     imsg_clock_proc proc = nullptr;
     void *arg = nullptr;
     {
-        const ks::LockGuard lock(ks::ks_product_crit);
+        const ks::IoLockGuard lock(ks::ks_product_crit);
         proc = state.clock;
         arg = state.clock_arg;
     }
@@ -192,14 +192,14 @@ int imsg_ate_tagging_is_enabled(void)
 int imsg_output_subsys(int on)
 {
     ks::imsg::start();
-    const ks::LockGuard lock(ks::ks_product_crit);
+    const ks::IoLockGuard lock(ks::ks_product_crit);
     return std::exchange(state.subsystem_display, on != 0) ? 1 : 0;
 }
 
 int imsg_suppress_prefix(int on)
 {
     ks::imsg::start();
-    const ks::LockGuard lock(ks::ks_product_crit);
+    const ks::IoLockGuard lock(ks::ks_product_crit);
     return std::exchange(state.prefix_suppressed, on != 0) ? 1 : 0;
 }
 
@@ -210,7 +210,7 @@ void imsg_set_app_name(const char *argv0)
     if (argv0 != nullptr && name == nullptr)
         return; // memory is exhausted: the name stays
     {
-        const ks::LockGuard lock(ks::ks_product_crit);
+        const ks::IoLockGuard lock(ks::ks_product_crit);
         stg_free_int(std::exchange(state.app_name, name), 1);
     }
     if (ks::imsg::is_module_traced())
@@ -221,7 +221,7 @@ const char *imsg_get_app_name(void)
 {
     ks::imsg::start();
     imsg_tls &section = ks::imsg::thread_section();
-    const ks::LockGuard lock(ks::ks_product_crit);
+    const ks::IoLockGuard lock(ks::ks_product_crit);
     const char *name = ks::imsg::app_name();
     const std::size_t size = std::strlen(name) + 1;
     if (!ks::imsg::make_room(section.app_name, section.app_name_size, size))

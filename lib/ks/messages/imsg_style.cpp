@@ -278,7 +278,7 @@ int imsg_fputs(const char *text, FILE *stream)
     ks::imsg::start();
     if (text == nullptr || stream == nullptr)
         return -1;
-    const ks::LockGuard lock(ks::ks_product_crit);
+    const ks::IoLockGuard lock(ks::ks_product_crit);
     return ks::imsg::put_text(text, std::strlen(text), stream) ? 0 : -1;
 }
 

@@ -43,7 +43,7 @@ constinit Path product_dir_without_heap{};
 // Makes a lasting copy the answer of the process: that, or the one of a thread that was first.
 const char *settle(Answer &answer, const char *copy)
 {
-    const ks::LockGuard lock(ks::ks_product_crit);
+    const ks::IoLockGuard lock(ks::ks_product_crit);
     const char *settled = answer.load(std::memory_order_relaxed);
     if (settled != nullptr)
         return settled;
@@ -71,7 +71,7 @@ const char *find_product_dir(Path &buffer)
 const char *settle_product_dir_without_heap(const char *found)
 {
     {
-        const ks::LockGuard lock(ks::ks_product_crit);
+        const ks::IoLockGuard lock(ks::ks_product_crit);
         if (const char *settled = product_dir.load(std::memory_order_relaxed); settled != nullptr)
             return settled;
         (void)strutl_cpy_buf(product_dir_without_heap, found, sizeof product_dir_without_heap); // as large as `found`

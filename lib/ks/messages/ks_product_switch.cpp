@@ -78,7 +78,7 @@ int is_on(Switch &which)
 {
     SwitchState state = which.state.load(std::memory_order_acquire);
     if (state == SwitchState::unread) {
-        const ks::LockGuard lock(ks::ks_product_crit);
+        const ks::IoLockGuard lock(ks::ks_product_crit);
         state = which.state.load(std::memory_order_relaxed);
         if (state == SwitchState::unread) {
             state = read_variables(which);

@@ -25,15 +25,6 @@ int refusal_of(int fd)
     return st.st_uid == geteuid() || st.st_uid == 0 ? 0 : EPERM;
 }
 
-// What a message written to 0, 1 or 2 would go into is no place for a file.
-bool move_above_standard(ks::UniqueFd &fd)
-{
-    if (fd.get() > STDERR_FILENO)
-        return true;
-    fd.reset(fcntl(fd.get(), F_DUPFD_CLOEXEC, STDERR_FILENO + 1));
-    return static_cast<bool>(fd);
-}
-
 } // namespace
 
 namespace ks {
@@ -53,7 +44,7 @@ int open_own_file(const char *path, int flags, mode_t mode)
         errno = refusal;
         return -1;
     }
-    return move_above_standard(fd) ? fd.release() : -1;
+    return above_stdio(fd.release());
 }
 
 } // namespace ks
