@@ -23,6 +23,9 @@ constinit std::array<std::atomic<pfm_signal_t>, signal_count> pre_handler_sigvec
 constinit std::array<std::atomic<pfm_signal_t>, signal_count> handler_sigvec{};
 // Changes of the table so far, counted when one begins and when it ends.
 constinit std::atomic<uint32_t> registrations{0};
+// Times that a signal was passed to its earlier handler, which stands in the library's place meanwhile.
+constinit std::atomic<uint32_t> passes_begun{0};
+constinit std::atomic<uint32_t> passes_ended{0};
 // Signals whose earlier handlers are owed a call, as a set of bits, and the kind of deferral.
 constinit std::atomic<uint64_t> libc_deferred_signals{0};
 constinit std::atomic<int> libc_deferred_sigtype{deferral_none};
@@ -124,9 +127,11 @@ pfm_signal_t current_handler(int sig)
 // The handler in front of which the library stands gets the signal at once.
 void pass_to_pre_library_handler(int sig)
 {
+    passes_begun.fetch_add(1);
     (void)install(sig, pre_handler(sig)); // was installed before, so it is valid
     raise_unblocked(sig);
     install_registered(sig);
+    passes_ended.fetch_add(1);
 }
 
 // Notes that the signal's earlier handler is owed a call.
@@ -354,6 +359,8 @@ pfm_signal_t pfm_signal(int sig, pfm_signal_t handler)
     const ks::LockGuard lock(ks::pfm_crit);
     const fault::SignalMask blocked(SIG_BLOCK, sig);
     const fault::Registration registration;
+    const uint32_t begun = fault::passes_begun.load();
+    const bool is_passing = fault::passes_ended.load() != begun;
     const pfm_signal_t previous = fault::registered_handler(sig);
     auto &entry = fault::handler_sigvec[static_cast<std::size_t>(sig - 1)];
     // While the library's handler is installed the table must hold a real one.
@@ -365,7 +372,7 @@ pfm_signal_t pfm_signal(int sig, pfm_signal_t handler)
     }
     entry.store(handler);
     // A delivery that was passing the signal to its earlier handler may have put the library's back.
-    if (fault::current_handler(sig) != fault::system_handler_for(sig, handler))
+    if (is_passing || fault::passes_begun.load() != begun)
         fault::install_registered(sig);
     if (fault::type() == PFM_PROCESS_SAFE)
         fault::renew_wait_mask();

@@ -14,11 +14,14 @@ struct ForkHandler {
     llist_link link;
 };
 
-// Guards the lists and forks. A plain mutex: nobody enters it twice.
+// Makes forks follow each other. A plain mutex: nobody enters it twice.
 constinit pthread_mutex_t vlthread_fork_mutex = PTHREAD_MUTEX_INITIALIZER;
-constinit llist_link vlthread_fork_prepare_list{}; // guarded by vlthread_fork_mutex
-constinit llist_link vlthread_fork_parent_list{};  // guarded by vlthread_fork_mutex
-constinit llist_link vlthread_fork_child_list{};   // guarded by vlthread_fork_mutex
+// Guards the lists. Nothing is taken under it, so that handlers can be registered under any lock, also
+// while a fork waits for a handler. Nothing is ever taken off a list.
+constinit pthread_mutex_t fork_lists_mutex = PTHREAD_MUTEX_INITIALIZER;
+constinit llist_link vlthread_fork_prepare_list{}; // guarded by fork_lists_mutex
+constinit llist_link vlthread_fork_parent_list{};  // guarded by fork_lists_mutex
+constinit llist_link vlthread_fork_child_list{};   // guarded by fork_lists_mutex
 constinit bool is_fork_child = false;              // set once, while there is one thread
 
 bool keeps_ownership(int kind)
@@ -56,20 +59,27 @@ const ForkHandler *handler_at(const llist_link *link)
     return static_cast<const ForkHandler *>(link->owner);
 }
 
+// The handlers run without the lock of the list: one step along it at a time.
+void run_along(const llist_link *list, llist_link *llist_link::*step, int kind)
+{
+    for (const llist_link *link = list;;) {
+        (void)pthread_mutex_lock(&fork_lists_mutex); // cannot fail for a plain mutex
+        link = link->*step;
+        (void)pthread_mutex_unlock(&fork_lists_mutex);
+        if (link == nullptr || link == list)
+            return;
+        handler_at(link)->fn(kind);
+    }
+}
+
 void run_newest_first(const llist_link *list, int kind)
 {
-    if (list->next == nullptr)
-        return;
-    for (const llist_link *link = list->prev; link != list; link = link->prev)
-        handler_at(link)->fn(kind);
+    run_along(list, &llist_link::prev, kind);
 }
 
 void run_in_order(const llist_link *list, int kind)
 {
-    if (list->next == nullptr)
-        return;
-    for (const llist_link *link = list->next; link != list; link = link->next)
-        handler_at(link)->fn(kind);
+    run_along(list, &llist_link::next, kind);
 }
 
 void dump_list(const char *title, const llist_link *list)
@@ -128,11 +138,11 @@ int vlthread_atfork(vlthread_fork_fn prepare, vlthread_fork_fn parent, vlthread_
             std::free(node);
         return ENOMEM;
     }
-    (void)pthread_mutex_lock(&vlthread_fork_mutex); // cannot fail for a plain mutex
+    (void)pthread_mutex_lock(&fork_lists_mutex); // cannot fail for a plain mutex
     append(&vlthread_fork_prepare_list, nodes[0]);
     append(&vlthread_fork_parent_list, nodes[1]);
     append(&vlthread_fork_child_list, nodes[2]);
-    (void)pthread_mutex_unlock(&vlthread_fork_mutex);
+    (void)pthread_mutex_unlock(&fork_lists_mutex);
     return 0;
 }
 
@@ -149,8 +159,10 @@ pid_t vlthread_fork(int kind)
     ks::hold_library();
     const sigset_t before = block_signals();
 
+    (void)pthread_mutex_lock(&fork_lists_mutex); // cannot fail for a plain mutex
     const pid_t child = fork();
     const int fork_errno = errno;
+    (void)pthread_mutex_unlock(&fork_lists_mutex);
     if (child < 0 && ks::is_tracing())
         vlthread_trace("vlthread_fork() fails to create child process\n");
     if (child == 0)
@@ -180,10 +192,10 @@ void vlthread_dump_fork_handlers(void)
 {
     if (!ks::is_tracing())
         return;
-    (void)pthread_mutex_lock(&vlthread_fork_mutex); // cannot fail for a plain mutex
+    (void)pthread_mutex_lock(&fork_lists_mutex); // cannot fail for a plain mutex
     dump_list("Prepare handler:\n", &vlthread_fork_prepare_list);
     dump_list("Parent handler:\n", &vlthread_fork_parent_list);
     dump_list("Child handler:\n", &vlthread_fork_child_list);
-    (void)pthread_mutex_unlock(&vlthread_fork_mutex);
+    (void)pthread_mutex_unlock(&fork_lists_mutex);
 }
 }
