@@ -9,7 +9,7 @@
 #include "command/clp_impl.h"
 
 #include "kernel/ks_guard.h"
-#include "kernel/ks_heap.h"
+#include "kernel/stg_quiet.h"
 #include "kernel/ks_locks.h"
 #include "messages/ks_hostdata.h"
 #include "util/ks_open.h"

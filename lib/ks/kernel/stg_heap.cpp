@@ -7,7 +7,7 @@
 // library's own structures among them.
 #include "kernel/stg_impl.h"
 
-#include "kernel/ks_heap.h"
+#include "kernel/stg_quiet.h"
 
 #include <cstdlib>
 #include <cstring>

@@ -5,7 +5,7 @@
 // none is delivered. Procedures that replace a stream get a copy of the text after it is released.
 #include "messages/imsg_impl.h"
 
-#include "kernel/ks_heap.h"
+#include "kernel/stg_quiet.h"
 
 #include <korvaks/evutl.h>
 #include <korvaks/pfm.h>

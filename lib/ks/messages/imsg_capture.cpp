@@ -1,7 +1,7 @@
 // The capture log: one line for each message that was shown, by catalogue, subsystem and number.
 #include "messages/imsg_impl.h"
 
-#include "kernel/ks_heap.h"
+#include "kernel/stg_quiet.h"
 #include "util/ks_open.h"
 
 #include <korvaks/evutl.h>

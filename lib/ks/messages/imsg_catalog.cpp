@@ -5,7 +5,7 @@
 // looked at until the catalogue is opened again.
 #include "messages/imsg_impl.h"
 
-#include "kernel/ks_heap.h"
+#include "kernel/stg_quiet.h"
 
 #include <korvaks/tls_impl.h>
 

@@ -2,7 +2,7 @@
 //
 // Everything in State is guarded by ks_product_crit. Storage modules print with an area's mutex
 // held, so code under that lock neither makes an area nor asks for the thread's block, and takes
-// its memory from the heap without messages (ks_heap.h): an exhausted heap must not start a print
+// its memory from the heap without messages (stg_quiet.h): an exhausted heap must not start a print
 // inside a print.
 #pragma once
 

@@ -1,7 +1,7 @@
 // Procedures in the place of streams, the settings of heads and tags, and the program name.
 #include "messages/imsg_impl.h"
 
-#include "kernel/ks_heap.h"
+#include "kernel/stg_quiet.h"
 
 #include <korvaks/tls_impl.h>
 

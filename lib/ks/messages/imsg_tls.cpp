@@ -1,7 +1,7 @@
 // The message module's section of the thread's block.
 #include "messages/imsg_impl.h"
 
-#include "kernel/ks_heap.h"
+#include "kernel/stg_quiet.h"
 
 #include <korvaks/tls_impl.h>
 

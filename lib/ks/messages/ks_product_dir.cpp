@@ -5,7 +5,7 @@
 #include <korvaks/ks_product.h>
 
 #include "kernel/ks_guard.h"
-#include "kernel/ks_heap.h"
+#include "kernel/stg_quiet.h"
 #include "kernel/ks_locks.h"
 #include "base/ks_msg.h"
 #include "messages/ks_hostdata.h"

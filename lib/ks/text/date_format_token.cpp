@@ -2,7 +2,7 @@
 #include "text/date_impl.h"
 
 #include "kernel/ks_guard.h"
-#include "kernel/ks_heap.h"
+#include "kernel/stg_quiet.h"
 #include "kernel/ks_locks.h"
 
 #include <korvaks/evutl.h>

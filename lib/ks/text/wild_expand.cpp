@@ -1,7 +1,7 @@
 // The walk through directories.
 #include "text/wild_expand.h"
 
-#include "kernel/ks_heap.h"
+#include "kernel/stg_quiet.h"
 
 #include <korvaks/fileutl.h>
 #include <korvaks/pfm.h>

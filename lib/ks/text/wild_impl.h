@@ -6,7 +6,7 @@
 #include <korvaks/wild.h>
 
 #include "base/ks_base.h"
-#include "kernel/ks_heap.h"
+#include "kernel/stg_quiet.h"
 
 #include <algorithm>
 #include <cstddef>

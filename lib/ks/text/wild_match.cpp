@@ -16,7 +16,7 @@
 //    end of the `*` before it.)
 #include "text/wild_impl.h"
 
-#include "kernel/ks_heap.h"
+#include "kernel/stg_quiet.h"
 
 #include <algorithm>
 #include <climits>

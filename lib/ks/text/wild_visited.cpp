@@ -1,7 +1,7 @@
 // The directories that a walk has been to.
 #include "text/wild_visited.h"
 
-#include "kernel/ks_heap.h"
+#include "kernel/stg_quiet.h"
 
 #include <korvaks/hash.h>
 
