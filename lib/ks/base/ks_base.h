@@ -68,7 +68,7 @@ class UniqueFd {
     void reset(int fd = -1)
     {
         if (fd_ >= 0) {
-            ErrnoSaver saver;
+            const ErrnoSaver saver;
             (void)close(fd_); // nothing can be done about a failing close of a descriptor given up
         }
         fd_ = fd;

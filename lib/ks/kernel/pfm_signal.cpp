@@ -57,7 +57,7 @@ class SignalMask {
     }
     ~SignalMask()
     {
-        ks::ErrnoSaver saver;
+        const ks::ErrnoSaver saver;
         (void)pthread_sigmask(SIG_SETMASK, &before_, nullptr); // cannot fail for a valid `how`
     }
     SignalMask(const SignalMask &) = delete;

@@ -158,7 +158,7 @@ bool local_fields(time_t t, date_tls &section, tm &out)
 {
     date_zone_cache &cache = section.zone;
     const time_t block = floor_divide(t, block_seconds);
-    LockGuard lock(evutl_environ_crit);
+    const LockGuard lock(evutl_environ_crit);
     note_zone(cache);
     if (cache.block_state == block_straight && cache.block == block) {
         out = cache.start;
@@ -193,7 +193,7 @@ bool moment_at(long day, const TimeOfDay &time, const Zone &zone, time_t &out)
     }
     date_zone_cache &cache = ks_tls_get()->date.zone;
     int &offset = cache.offsets[season_of(day)];
-    LockGuard lock(evutl_environ_crit); // which these two and mktime() read
+    const LockGuard lock(evutl_environ_crit); // which these two and mktime() read
     tzset();
     out = shown - offset;
     if (shows(localtime_r, out, shown, fields))
