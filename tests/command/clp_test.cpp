@@ -262,7 +262,9 @@ TEST(ClpDeathTest, MisuseEndsTheProcess)
     EXPECT_DEATH(make(nested), "cannot have nested CLP_START_MUTUAL_EXCLUSIONs");
     EXPECT_DEATH(clp_switch_flags(hdl, unopened, STG_AREA_NULL), "END_MUTUAL_EXCLUSION without matching CLP_START");
     EXPECT_DEATH(make(before), "alias flag \"-y\" defined without");
-    EXPECT_NE(make(found), nullptr);
+    clp_handle *made = make(found);
+    EXPECT_NE(made, nullptr);
+    clp_destroy_hdl(&made);
     EXPECT_DEATH(clp_destroy_hdl(&none), "NULL HANDLE: Command line parsing handle");
     EXPECT_DEATH(clp_log_command("x", none, nullptr), "NULL HANDLE");
     EXPECT_DEATH(make(behind), "END_MUTUAL_EXCLUSION without"); // comes first

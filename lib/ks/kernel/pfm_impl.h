@@ -101,7 +101,7 @@ void record_current_handlers();
 void install_catchers();
 void restore_pre_library_handlers();
 void call_owed_handlers();
-// Whether a procedure handles the signal, and not the system.
+// Whether the program registered a procedure for the signal that was not there before the library.
 bool has_registered_handler(int sig);
 // Calls the registered handler of a signal; the system takes it where there is none by now.
 void handle(int sig);

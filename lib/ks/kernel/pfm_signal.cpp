@@ -310,7 +310,8 @@ void restore_pre_library_handlers()
 
 bool has_registered_handler(int sig)
 {
-    return is_real_handler(registered_handler(sig));
+    const pfm_signal_t handler = registered_handler(sig);
+    return is_real_handler(handler) && handler != pre_handler(sig);
 }
 
 void handle(int sig)
