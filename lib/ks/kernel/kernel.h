@@ -105,8 +105,8 @@ inline bool is_held_by_caller(const vlthread_mutex_t *mutex)
     return owner_of(mutex) == self();
 }
 
-// Takes a mutex as vlthread_mutex_lock() does, without the order check; false when it is not had at
-// `deadline` (CLOCK_MONOTONIC). NULL waits as long as it takes.
+// Takes a mutex that others do not begin to wait for: tried again and again, without the order check.
+// False when it is not had at `deadline` (CLOCK_MONOTONIC); NULL waits as long as it takes.
 [[nodiscard]] bool lock_until(vlthread_mutex_t *mutex, const timespec *deadline);
 
 // State list. No thread may be known before the layer starts.

@@ -4,7 +4,6 @@
 
 #include <cstddef>
 #include <cstring>
-#include <limits>
 #include <type_traits>
 
 static_assert(std::is_standard_layout_v<vlthread_mutex_t> && std::is_trivially_copyable_v<vlthread_mutex_t>);
@@ -118,23 +117,17 @@ void give_up_ownership_in_full(vlthread_mutex_t *mutex)
 
 // How the POSIX lock is taken, and under which name a failure is traced.
 struct Taking {
-    int (*take)(pthread_mutex_t *lock, const timespec *deadline);
+    int (*take)(pthread_mutex_t *lock);
     const char *name;
     bool is_wait;
 };
-constexpr Taking waiting{[](pthread_mutex_t *lock, const timespec *) { return pthread_mutex_lock(lock); },
-                         "pthread_mutex_lock", true};
-constexpr Taking trying{[](pthread_mutex_t *lock, const timespec *) { return pthread_mutex_trylock(lock); },
-                        "pthread_mutex_trylock", false};
-constexpr Taking waiting_until{[](pthread_mutex_t *lock, const timespec *deadline) {
-                                   return pthread_mutex_clocklock(lock, CLOCK_MONOTONIC, deadline);
-                               },
-                               "pthread_mutex_clocklock", true};
+constexpr Taking waiting{pthread_mutex_lock, "pthread_mutex_lock", true};
+constexpr Taking trying{pthread_mutex_trylock, "pthread_mutex_trylock", false};
 
-int take_timed(vlthread_mutex_t *mutex, const Taking &taking, const timespec *deadline)
+int take_timed(vlthread_mutex_t *mutex, const Taking &taking)
 {
     const timeval started = is_timed(mutex) ? ks::wall_clock() : timeval{};
-    const int error = taking.take(&mutex->lock, deadline);
+    const int error = taking.take(&mutex->lock);
     if (error != 0 || !is_timed(mutex))
         return error;
     mutex->locked_at = ks::wall_clock();
@@ -143,8 +136,7 @@ int take_timed(vlthread_mutex_t *mutex, const Taking &taking, const timespec *de
     return 0;
 }
 
-[[gnu::noinline]] int lock_in_full(vlthread_mutex_t *mutex, const Taking &taking, void *locker,
-                                   const timespec *deadline = nullptr)
+[[gnu::noinline]] int lock_in_full(vlthread_mutex_t *mutex, const Taking &taking, void *locker)
 {
     if (!taking.is_wait && ks::is_tracing())
         vlthread_trace("pthread_mutex_trylock mutex %p\n", static_cast<void *>(mutex));
@@ -155,12 +147,12 @@ int take_timed(vlthread_mutex_t *mutex, const Taking &taking, const timespec *de
             vlthread_trace("Mutex %p is locked for %d times\n", static_cast<void *>(mutex), mutex->recursion_count);
         return 0;
     }
-    if (taking.is_wait && deadline == nullptr)
+    if (taking.is_wait)
         check_order(mutex, ks::fault_block_of_caller());
     if (ks::vlthread_has_mode(ks::vlthread_mode_fork_pending))
         ks::wait_before_process_lock(mutex);
     count(mutex, 1);
-    const int error = take_timed(mutex, taking, deadline);
+    const int error = take_timed(mutex, taking);
     if (error != 0) [[unlikely]] {
         count(mutex, -1);
         if (ks::is_tracing())
@@ -282,9 +274,18 @@ namespace ks {
 
 bool lock_until(vlthread_mutex_t *mutex, const timespec *deadline)
 {
-    // Without a deadline it is the plain wait; either way the order is the caller's business.
-    static constexpr timespec far_off{std::numeric_limits<time_t>::max(), 0};
-    return lock_in_full(mutex, waiting_until, nullptr, deadline != nullptr ? deadline : &far_off) == 0;
+    constexpr timespec pause{0, 50'000};
+    while (lock_in_full(mutex, trying, nullptr) != 0) {
+        timespec now{};
+        (void)clock_gettime(CLOCK_MONOTONIC, &now); // cannot fail for this clock and a valid address
+        const bool is_past =
+            deadline != nullptr &&
+            (now.tv_sec > deadline->tv_sec || (now.tv_sec == deadline->tv_sec && now.tv_nsec >= deadline->tv_nsec));
+        if (is_past)
+            return false;
+        (void)nanosleep(&pause, nullptr); // one that is interrupted is only shorter
+    }
+    return true;
 }
 
 void begin_fork_ownership()
