@@ -118,16 +118,21 @@ int open_fds()
     return count;
 }
 
-bool is_free(const vlthread_mutex_t &mutex)
+// Whether the lock is or soon becomes free. The signal-handler thread takes locks while it starts, so
+// that one held for an instant is no fault; one that nobody gives back stays held.
+bool becomes_free(const vlthread_mutex_t &mutex)
 {
-    return mutex.owner == VLTHREAD_INVALID_TID && mutex.recursion_count == 0;
+    const auto owner = [&mutex] { return __atomic_load_n(&mutex.owner, __ATOMIC_RELAXED); };
+    for (int i = 0; i < 1000 && owner() != VLTHREAD_INVALID_TID && owner() != vlthread_self(); ++i)
+        usleep(1000);
+    return owner() == VLTHREAD_INVALID_TID;
 }
 
 // What the calling thread or the process holds that it should not, or NULL.
 const char *held()
 {
     for (const vlthread_mutex_t *lock : ks::process_locks()) {
-        if (!is_free(*lock))
+        if (!becomes_free(*lock))
             return "a process-wide lock is held";
     }
     const pfm_fault_block *block = pfm_tls_get();
