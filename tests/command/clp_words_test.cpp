@@ -88,7 +88,8 @@ TEST(ClpParseString, KeepsCharactersWhole)
         stg_area *area = stg_create_area(1000);
         const bool is_right = split("\u65e5\u672c '\u00e9 a\u3000b' \xe3\x80", area) == expected;
         // The last character does not fit whole.
-        const std::string long_word = std::string(8190, 'x') + "\u65e5";
+        std::string long_word(8190, 'x');
+        long_word += "\u65e5";
         const bool is_refused = split(long_word, area) == Words{"refused"};
         stg_delete_area(&area);
         return is_right && is_refused ? 0 : 1;
