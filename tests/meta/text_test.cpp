@@ -59,6 +59,23 @@ TEST(Texts, NothingIsLeftUnfinished)
     EXPECT_GT(seen, 20u);
 }
 
+TEST(Texts, SourcesKeepToOneWay)
+{
+    const std::string bare =
+        "(.*[^:_[:alnum:].>\"])?(mem(cpy|set|cmp|move|chr)|str(len|n?cmp|r?chr|str)|v?snprintf|malloc|"
+        "free|getenv|abort|setlocale)\\(.*";
+    const std::string others =
+        ".*__attribute__.*|using namespace .*|namespace [a-z]+ = .*|namespace .* \\{ *namespace.*";
+    for (const auto &file : meta::read_tree({"lib", "tools"})) {
+        if (!file.path.ends_with(".cpp") && !file.path.ends_with(".h"))
+            continue;
+        for (const auto &line : meta::split_lines(file.text)) {
+            const std::string code = line.substr(0, std::min(line.find("//"), line.find('"')));
+            EXPECT_FALSE(test::matches(code, bare) || test::matches(code, others)) << file.path << ": " << line;
+        }
+    }
+}
+
 TEST(Texts, FilesEndWithALineBreak)
 {
     for (const auto &file : meta::read_tree({"."}))

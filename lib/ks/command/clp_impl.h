@@ -31,7 +31,7 @@ template <typename... Arguments> Result fail(clp_msg message, Arguments... argum
 template <typename... Arguments> [[noreturn]] void fail_and_abort(clp_msg message, Arguments... arguments)
 {
     (void)fail(message, arguments...);
-    abort();
+    std::abort();
 }
 
 // --- Handles ---

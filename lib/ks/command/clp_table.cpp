@@ -121,7 +121,7 @@ Result report_fault(const Table &table)
 {
     const Result result = fail(table.fault, table.names[0], table.names[1]);
     if (table.fault != clp_msg_same_value)
-        abort();
+        std::abort();
     return result;
 }
 

@@ -68,48 +68,46 @@ template <typename... Args> [[noreturn]] void report_and_abort(ks::PfmMsg messag
         (void)imsg_print(ks::msg_error, &_pfm_ks_msg_table, message, args...); // the process ends either way
     } else {
         char text[1024];
-        const int formatted = snprintf(text, sizeof text, format, args...);
+        const int formatted = std::snprintf(text, sizeof text, format, args...);
         const auto length = static_cast<std::size_t>(formatted < 0 ? 0 : formatted);
         (void)!write(STDERR_FILENO, text, length < sizeof text ? length : sizeof text - 1);
     }
-    abort();
+    std::abort();
 }
 
 } // namespace
 
 } // namespace ks::fault
 
-namespace fault = ks::fault;
-
 extern "C" {
 
 void pfm_init(void)
 {
-    if (fault::pfm_ready.load(std::memory_order_acquire) || fault::pfm_stopped.load(std::memory_order_acquire))
+    if (ks::fault::pfm_ready.load(std::memory_order_acquire) || ks::fault::pfm_stopped.load(std::memory_order_acquire))
         return;
     const ks::LockGuard lock(ks::pfm_crit);
-    if (fault::pfm_inited.load(std::memory_order_relaxed))
+    if (ks::fault::pfm_inited.load(std::memory_order_relaxed))
         return;
-    fault::pfm_inited.store(true, std::memory_order_relaxed);
-    fault::start();
-    fault::pfm_ready.store(true, std::memory_order_release);
+    ks::fault::pfm_inited.store(true, std::memory_order_relaxed);
+    ks::fault::start();
+    ks::fault::pfm_ready.store(true, std::memory_order_release);
 }
 
 void pfm_proc_init(pfm_proc_type proc_type)
 {
-    fault::here.require(proc_type != PFM_PROCESS_INVALID, "proc_type != PFM_PROCESS_INVALID", 1572);
+    ks::fault::here.require(proc_type != PFM_PROCESS_INVALID, "proc_type != PFM_PROCESS_INVALID", 1572);
     pfm_proc_type unset = PFM_PROCESS_INVALID;
-    if (proc_type == PFM_PROCESS_SAFE && fault::type() == PFM_PROCESS_INVALID)
-        fault::here.require(!fault::pfm_inited.load(std::memory_order_relaxed), "pfm_inited == 0", 1581);
-    if (!fault::pfm_type.compare_exchange_strong(unset, proc_type))
+    if (proc_type == PFM_PROCESS_SAFE && ks::fault::type() == PFM_PROCESS_INVALID)
+        ks::fault::here.require(!ks::fault::pfm_inited.load(std::memory_order_relaxed), "pfm_inited == 0", 1581);
+    if (!ks::fault::pfm_type.compare_exchange_strong(unset, proc_type))
         return;
-    fault::pfm_call_libc.store(proc_type == PFM_PROCESS_CHAINING, std::memory_order_relaxed);
+    ks::fault::pfm_call_libc.store(proc_type == PFM_PROCESS_CHAINING, std::memory_order_relaxed);
     pfm_init();
 }
 
 pfm_proc_type pfm_external_proc_init(void)
 {
-    const pfm_proc_type previous = fault::type();
+    const pfm_proc_type previous = ks::fault::type();
     if (previous == PFM_PROCESS_INVALID)
         pfm_proc_init(PFM_PROCESS_SAFE);
     return previous;
@@ -117,16 +115,16 @@ pfm_proc_type pfm_external_proc_init(void)
 
 pfm_proc_type pfm_proc(void)
 {
-    return fault::type();
+    return ks::fault::type();
 }
 
 void pfm_assert_fail(const char *expr, const char *file, int line)
 {
-    fault::report_and_abort(ks::pfm_msg_assertion_failed, "PFM_ASSERT:(%s) failed: '%s':%d\n", expr, file, line);
+    ks::fault::report_and_abort(ks::pfm_msg_assertion_failed, "PFM_ASSERT:(%s) failed: '%s':%d\n", expr, file, line);
 }
 
 void pfm_panic(const char *file, int line)
 {
-    fault::report_and_abort(ks::pfm_msg_abort, "***ABORT***  '%s':%d\n", file, line);
+    ks::fault::report_and_abort(ks::pfm_msg_abort, "***ABORT***  '%s':%d\n", file, line);
 }
 }

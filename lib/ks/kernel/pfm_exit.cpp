@@ -112,46 +112,48 @@ void reset_exit_routine()
 
 } // namespace ks::fault
 
-namespace fault = ks::fault;
+namespace ks {
 
-void ks::forget_on_exit_handlers()
+void forget_on_exit_handlers()
 {
     const LockGuard lock(pfm_crit);
-    while (fault::on_exit_list != nullptr)
-        (void)fault::pop_on_exit_handler();
+    while (ks::fault::on_exit_list != nullptr)
+        (void)ks::fault::pop_on_exit_handler();
 }
+
+} // namespace ks
 
 extern "C" {
 
 void pfm_on_exit(pfm_on_exit_fn fn, void *arg)
 {
-    fault::ensure_started();
+    ks::fault::ensure_started();
     const ks::LockGuard lock(ks::pfm_crit);
     // malloc: this list lies below the storage module.
-    auto *entry = static_cast<fault::on_exit_entry *>(std::malloc(sizeof(fault::on_exit_entry)));
-    fault::here.require(entry != nullptr,
-                        "(new = (struct on_exit_entry *)malloc(sizeof(struct on_exit_entry))) != NULL", 801);
-    *entry = {fault::on_exit_list, fn, arg};
-    fault::on_exit_list = entry;
+    auto *entry = static_cast<ks::fault::on_exit_entry *>(std::malloc(sizeof(ks::fault::on_exit_entry)));
+    ks::fault::here.require(entry != nullptr,
+                            "(new = (struct on_exit_entry *)malloc(sizeof(struct on_exit_entry))) != NULL", 801);
+    *entry = {ks::fault::on_exit_list, fn, arg};
+    ks::fault::on_exit_list = entry;
 }
 
 pfm_exit_routine pfm_set_exit(pfm_exit_routine routine)
 {
-    fault::ensure_started();
+    ks::fault::ensure_started();
     const ks::LockGuard lock(ks::pfm_crit);
-    const pfm_exit_routine previous = fault::saved_exit_routine;
-    fault::saved_exit_routine = routine;
+    const pfm_exit_routine previous = ks::fault::saved_exit_routine;
+    ks::fault::saved_exit_routine = routine;
     return previous;
 }
 
 void pfm_exit(int status)
 {
-    fault::ensure_started();
-    if (fault::takes_no_raises())
-        fault::post_exit(status);
-    else if (!fault::is_attached())
+    ks::fault::ensure_started();
+    if (ks::fault::takes_no_raises())
+        ks::fault::post_exit(status);
+    else if (!ks::fault::is_attached())
         vlthread_exit(reinterpret_cast<void *>(intptr_t{status}));
     else
-        fault::exit_attached(status);
+        ks::fault::exit_attached(status);
 }
 }

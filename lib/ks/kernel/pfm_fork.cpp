@@ -59,19 +59,17 @@ void register_fork_handlers()
 
 } // namespace ks::fault
 
-namespace fault = ks::fault;
-
 extern "C" {
 
 void pfm_collect_all_locks(void)
 {
-    for (vlthread_mutex_t *lock : fault::fork_locks)
+    for (vlthread_mutex_t *lock : ks::fault::fork_locks)
         (void)vlthread_mutex_lock(lock);
 }
 
 void pfm_release_all_locks(void)
 {
-    for (std::size_t i = fault::fork_locks.size(); i > 0; --i)
-        (void)vlthread_mutex_unlock(fault::fork_locks[i - 1]); // taken by pfm_collect_all_locks()
+    for (std::size_t i = ks::fault::fork_locks.size(); i > 0; --i)
+        (void)vlthread_mutex_unlock(ks::fault::fork_locks[i - 1]); // taken by pfm_collect_all_locks()
 }
 }

@@ -209,63 +209,63 @@ void renew_notify_channel()
 
 } // namespace ks::fault
 
-namespace fault = ks::fault;
-
 extern "C" {
 
 int pfm_get_notify_channel(void)
 {
-    if (fault::read_end() != PFM_INVALID_CHANNEL && fault::write_end() != PFM_INVALID_CHANNEL) [[likely]]
-        return fault::read_end();
+    if (ks::fault::read_end() != PFM_INVALID_CHANNEL && ks::fault::write_end() != PFM_INVALID_CHANNEL) [[likely]]
+        return ks::fault::read_end();
     const ks::IoLockGuard lock(ks::pfm_crit);
-    if (fault::read_end() != PFM_INVALID_CHANNEL && fault::write_end() != PFM_INVALID_CHANNEL)
-        return fault::read_end();
-    fault::here.require(fault::read_end() == PFM_INVALID_CHANNEL && fault::write_end() == PFM_INVALID_CHANNEL,
-                        "fds[0] == PFM_INVALID_CHANNEL && fds[1] == PFM_INVALID_CHANNEL", 1889);
-    fault::here.require(fault::setup_pipe() == 0, "pfm_setup_pipe(pfm_notify_pipe, FALSE, FALSE) == 0", 1859);
-    return fault::read_end();
+    if (ks::fault::read_end() != PFM_INVALID_CHANNEL && ks::fault::write_end() != PFM_INVALID_CHANNEL)
+        return ks::fault::read_end();
+    ks::fault::here.require(ks::fault::read_end() == PFM_INVALID_CHANNEL &&
+                                ks::fault::write_end() == PFM_INVALID_CHANNEL,
+                            "fds[0] == PFM_INVALID_CHANNEL && fds[1] == PFM_INVALID_CHANNEL", 1889);
+    ks::fault::here.require(ks::fault::setup_pipe() == 0, "pfm_setup_pipe(pfm_notify_pipe, FALSE, FALSE) == 0", 1859);
+    return ks::fault::read_end();
 }
 
 void pfm_flush_notify_channel(void)
 {
-    if (fault::is_attached() && fault::read_end() != PFM_INVALID_CHANNEL)
-        fault::drain(fault::read_end());
+    if (ks::fault::is_attached() && ks::fault::read_end() != PFM_INVALID_CHANNEL)
+        ks::fault::drain(ks::fault::read_end());
 }
 
 void pfm_close_notify_channel(void)
 {
     const ks::IoLockGuard lock(ks::pfm_crit);
-    if (fault::read_end() == PFM_INVALID_CHANNEL && fault::write_end() == PFM_INVALID_CHANNEL)
+    if (ks::fault::read_end() == PFM_INVALID_CHANNEL && ks::fault::write_end() == PFM_INVALID_CHANNEL)
         return;
-    fault::here.require(fault::read_end() != PFM_INVALID_CHANNEL && fault::write_end() != PFM_INVALID_CHANNEL,
-                        "fds[0] != PFM_INVALID_CHANNEL && fds[1] != PFM_INVALID_CHANNEL", 1915);
+    ks::fault::here.require(ks::fault::read_end() != PFM_INVALID_CHANNEL &&
+                                ks::fault::write_end() != PFM_INVALID_CHANNEL,
+                            "fds[0] != PFM_INVALID_CHANNEL && fds[1] != PFM_INVALID_CHANNEL", 1915);
     pfm_flush_notify_channel();
-    (void)close(fault::read_end());  // given up either way
-    (void)close(fault::write_end()); // given up either way
-    fault::store_ends(PFM_INVALID_CHANNEL, PFM_INVALID_CHANNEL);
+    (void)close(ks::fault::read_end());  // given up either way
+    (void)close(ks::fault::write_end()); // given up either way
+    ks::fault::store_ends(PFM_INVALID_CHANNEL, PFM_INVALID_CHANNEL);
 }
 
 void pfm_notify_vl_thread(int32_t status)
 {
-    if (!fault::pfm_inited.load(std::memory_order_acquire))
+    if (!ks::fault::pfm_inited.load(std::memory_order_acquire))
         return;
-    fault::here.require(status > 0, "status > 0");
+    ks::fault::here.require(status > 0, "status > 0");
     vlthread_notify_raise(status);
-    fault::write_notify_channel(status);
+    ks::fault::write_notify_channel(status);
 }
 
 int pfm_select_inhibited(int nfds, ks_fd_set *readfds, ks_fd_set *writefds, ks_fd_set *exceptfds,
                          struct timeval *timeout)
 {
-    fault::ensure_started();
+    ks::fault::ensure_started();
     pfm_fault_block *block = ks::fault_block_of_caller();
-    fault::here.require(block->pfm_inh_count == 1, "pfm_inh_count == 1", 1314);
-    if (!fault::is_attached())
-        return fault::call_select(nfds, readfds, writefds, exceptfds, timeout);
-    if (fault::delivers_at_records())
-        fault::check_delivery(block);
-    if (fault::is_stop_held())
-        return fault::interrupted();
-    return fault::select_with_channel(nfds, readfds, writefds, exceptfds, timeout);
+    ks::fault::here.require(block->pfm_inh_count == 1, "pfm_inh_count == 1", 1314);
+    if (!ks::fault::is_attached())
+        return ks::fault::call_select(nfds, readfds, writefds, exceptfds, timeout);
+    if (ks::fault::delivers_at_records())
+        ks::fault::check_delivery(block);
+    if (ks::fault::is_stop_held())
+        return ks::fault::interrupted();
+    return ks::fault::select_with_channel(nfds, readfds, writefds, exceptfds, timeout);
 }
 }

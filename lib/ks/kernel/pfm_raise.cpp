@@ -131,13 +131,11 @@ int32_t count_and_check(Count count)
 
 } // namespace ks::fault
 
-namespace fault = ks::fault;
-
 namespace ks {
 
 pfm_fault_block *begin_short_inhibit()
 {
-    return fault::begin_hold(&pfm_fault_block::pfm_inh_count);
+    return ks::fault::begin_hold(&pfm_fault_block::pfm_inh_count);
 }
 
 void end_short_inhibit(pfm_fault_block *inhibited)
@@ -145,7 +143,7 @@ void end_short_inhibit(pfm_fault_block *inhibited)
     if (inhibited == nullptr) [[unlikely]]
         return;
     --inhibited->pfm_inh_count;
-    fault::check_delivery(inhibited);
+    ks::fault::check_delivery(inhibited);
 }
 
 } // namespace ks
@@ -154,9 +152,9 @@ extern "C" {
 
 void pfm_raise(int32_t status)
 {
-    fault::ensure_started();
-    fault::here.require(status > 0, "status > 0"); // others could not be told from a first pass
-    if (fault::takes_no_raises()) {
+    ks::fault::ensure_started();
+    ks::fault::here.require(status > 0, "status > 0"); // others could not be told from a first pass
+    if (ks::fault::takes_no_raises()) {
         pfm_notify_vl_thread(status);
         return;
     }
@@ -166,8 +164,8 @@ void pfm_raise(int32_t status)
         pfm_exit(status);
         return;
     }
-    fault::here.require(vlthread_equal(vlthread_self(), rec->thr_id),
-                        "vlthread_equal(vlthread_self(), cl_rec_root->thr_id)", 1018);
+    ks::fault::here.require(vlthread_equal(vlthread_self(), rec->thr_id),
+                            "vlthread_equal(vlthread_self(), cl_rec_root->thr_id)", 1018);
     vlthread_reset_raise(block);
     siglongjmp(rec->jump, status);
 }
@@ -180,69 +178,69 @@ void pfm_test_raise(struct pfm_fault_block *block)
     // and the start takes an outer one.
     if (block->pfm_inh_count != 0)
         return;
-    fault::ensure_started();
-    fault::check_delivery(block);
+    ks::fault::ensure_started();
+    ks::fault::check_delivery(block);
 }
 
 int32_t pfm_cleanup_start(pfm_cleanup_rec *rec, int inhibit)
 {
-    fault::ensure_started();
+    ks::fault::ensure_started();
     pfm_fault_block *block = ks::fault_block_of_caller();
-    fault::check_delivery(block);
+    ks::fault::check_delivery(block);
     if (rec->status == 0)
-        return fault::arm_record(block, rec, inhibit);
+        return ks::fault::arm_record(block, rec, inhibit);
     if (rec->status < 0)
         return rec->status;
-    return fault::trip_record(block, rec);
+    return ks::fault::trip_record(block, rec);
 }
 
 void pfm_cleanup_rls(pfm_cleanup_rec *rec)
 {
     pfm_fault_block *block = ks::fault_block_of_caller();
-    fault::here.require(rec == block->cl_rec_root && rec->magic == PFM_MAGIC_SET,
-                        "cl_rec == cl_rec_root && cl_rec->magic == MAGIC_SET", 1136);
-    if (fault::delivers_at_records())
-        fault::check_delivery(block);
-    fault::unlink_record(block, rec);
+    ks::fault::here.require(rec == block->cl_rec_root && rec->magic == PFM_MAGIC_SET,
+                            "cl_rec == cl_rec_root && cl_rec->magic == MAGIC_SET", 1136);
+    if (ks::fault::delivers_at_records())
+        ks::fault::check_delivery(block);
+    ks::fault::unlink_record(block, rec);
 }
 
 void pfm_cleanup_reset(pfm_cleanup_rec *rec)
 {
     pfm_fault_block *block = ks::fault_block_of_caller();
-    fault::here.require(rec->magic == PFM_MAGIC_TRIPPED, "cl_rec->magic == MAGIC_TRIPPED", 1151);
-    if (fault::delivers_at_records())
-        fault::check_delivery(block);
-    fault::link_record(block, rec);
+    ks::fault::here.require(rec->magic == PFM_MAGIC_TRIPPED, "cl_rec->magic == MAGIC_TRIPPED", 1151);
+    if (ks::fault::delivers_at_records())
+        ks::fault::check_delivery(block);
+    ks::fault::link_record(block, rec);
     pfm_enable();
 }
 
 void pfm_inhibit(void)
 {
-    fault::inhibit(&pfm_fault_block::pfm_inh_count);
+    ks::fault::inhibit(&pfm_fault_block::pfm_inh_count);
 }
 
 void pfm_enable(void)
 {
-    fault::enable(&pfm_fault_block::pfm_inh_count);
+    ks::fault::enable(&pfm_fault_block::pfm_inh_count);
 }
 
 void pfm_inhibit_suspend(void)
 {
-    fault::inhibit(&pfm_fault_block::pfm_inh_susp);
+    ks::fault::inhibit(&pfm_fault_block::pfm_inh_susp);
 }
 
 void pfm_enable_suspend(void)
 {
-    fault::enable(&pfm_fault_block::pfm_inh_susp);
+    ks::fault::enable(&pfm_fault_block::pfm_inh_susp);
 }
 
 int32_t pfm_inhibit_count(void)
 {
-    return fault::count_and_check(&pfm_fault_block::pfm_inh_count);
+    return ks::fault::count_and_check(&pfm_fault_block::pfm_inh_count);
 }
 
 int32_t pfm_inhibit_suspend_count(void)
 {
-    return fault::count_and_check(&pfm_fault_block::pfm_inh_susp);
+    return ks::fault::count_and_check(&pfm_fault_block::pfm_inh_susp);
 }
 }

@@ -344,47 +344,45 @@ void call_owed_handlers()
 
 } // namespace ks::fault
 
-namespace fault = ks::fault;
-
 extern "C" {
 
 pfm_signal_t pfm_signal(int sig, pfm_signal_t handler)
 {
-    fault::ensure_started();
-    fault::here.require(fault::type() != PFM_PROCESS_SAFE || fault::is_safemode_signal(sig),
-                        "!pfm_in_safe_mode() || pfm_is_safemode_signal(sig)", 953);
-    if (sig < 1 || sig > fault::signal_count) {
+    ks::fault::ensure_started();
+    ks::fault::here.require(ks::fault::type() != PFM_PROCESS_SAFE || ks::fault::is_safemode_signal(sig),
+                            "!pfm_in_safe_mode() || pfm_is_safemode_signal(sig)", 953);
+    if (sig < 1 || sig > ks::fault::signal_count) {
         errno = EINVAL;
         return SIG_ERR;
     }
     const ks::LockGuard lock(ks::pfm_crit);
-    const fault::SignalMask blocked(SIG_BLOCK, sig);
-    const fault::Registration registration;
-    const uint32_t begun = fault::passes_begun.load();
-    const bool is_passing = fault::passes_ended.load() != begun;
-    const pfm_signal_t previous = fault::registered_handler(sig);
-    auto &entry = fault::handler_sigvec[static_cast<std::size_t>(sig - 1)];
+    const ks::fault::SignalMask blocked(SIG_BLOCK, sig);
+    const ks::fault::Registration registration;
+    const uint32_t begun = ks::fault::passes_begun.load();
+    const bool is_passing = ks::fault::passes_ended.load() != begun;
+    const pfm_signal_t previous = ks::fault::registered_handler(sig);
+    auto &entry = ks::fault::handler_sigvec[static_cast<std::size_t>(sig - 1)];
     // While the library's handler is installed the table must hold a real one.
-    if (fault::is_real_handler(handler))
+    if (ks::fault::is_real_handler(handler))
         entry.store(handler);
-    if (!fault::install(sig, fault::system_handler_for(sig, handler))) {
+    if (!ks::fault::install(sig, ks::fault::system_handler_for(sig, handler))) {
         entry.store(previous);
         return SIG_ERR;
     }
     entry.store(handler);
     // A delivery that was passing the signal to its earlier handler may have put the library's back.
-    if (is_passing || fault::passes_begun.load() != begun)
-        fault::install_registered(sig);
-    if (fault::type() == PFM_PROCESS_SAFE)
-        fault::renew_wait_mask();
+    if (is_passing || ks::fault::passes_begun.load() != begun)
+        ks::fault::install_registered(sig);
+    if (ks::fault::type() == PFM_PROCESS_SAFE)
+        ks::fault::renew_wait_mask();
     return previous;
 }
 
 void pfm_proc_asignals(int how)
 {
-    fault::here.require(how == SIG_BLOCK || how == SIG_UNBLOCK, "how == SIG_BLOCK || how == SIG_UNBLOCK", 524);
-    if (!fault::pfm_inited.load(std::memory_order_acquire))
-        fault::build_signal_sets();
-    (void)pthread_sigmask(how, &fault::all_async_signals, nullptr); // cannot fail for a valid `how`
+    ks::fault::here.require(how == SIG_BLOCK || how == SIG_UNBLOCK, "how == SIG_BLOCK || how == SIG_UNBLOCK", 524);
+    if (!ks::fault::pfm_inited.load(std::memory_order_acquire))
+        ks::fault::build_signal_sets();
+    (void)pthread_sigmask(how, &ks::fault::all_async_signals, nullptr); // cannot fail for a valid `how`
 }
 }

@@ -210,41 +210,39 @@ void post_exit(int status)
 
 } // namespace ks::fault
 
-namespace fault = ks::fault;
-
 extern "C" {
 
 void pfm_signal_handler_chg_block_sig(int how, int sig)
 {
-    fault::ensure_started();
-    fault::here.require(sig == SIGCHLD, "sig == SIGCHLD", 1502);
-    fault::here.require(how == SIG_BLOCK || how == SIG_UNBLOCK, "how == SIG_BLOCK || how == SIG_UNBLOCK", 1503);
-    if (fault::type() == PFM_PROCESS_SAFE)
+    ks::fault::ensure_started();
+    ks::fault::here.require(sig == SIGCHLD, "sig == SIGCHLD", 1502);
+    ks::fault::here.require(how == SIG_BLOCK || how == SIG_UNBLOCK, "how == SIG_BLOCK || how == SIG_UNBLOCK", 1503);
+    if (ks::fault::type() == PFM_PROCESS_SAFE)
         return;
-    if (fault::type() == PFM_PROCESS_FORK_CHILD) {
-        fault::change_in_caller(how, sig);
+    if (ks::fault::type() == PFM_PROCESS_FORK_CHILD) {
+        ks::fault::change_in_caller(how, sig);
         return;
     }
     const ks::IoLockGuard lock(ks::pfm_exit_crit);
     // Kept exactly: a request that only nests stays posted, for the next one to replace.
-    fault::pfm_sig_blk_req_mask = how;
-    fault::pfm_sig_blk_req_sig = sig;
-    if (!fault::is_effective(how))
+    ks::fault::pfm_sig_blk_req_mask = how;
+    ks::fault::pfm_sig_blk_req_sig = sig;
+    if (!ks::fault::is_effective(how))
         return;
-    if (fault::is_handler_thread()) { // a handler: nobody else would apply it
-        fault::apply_posted_request();
+    if (ks::fault::is_handler_thread()) { // a handler: nobody else would apply it
+        ks::fault::apply_posted_request();
         return;
     }
-    fault::wake_thread();
-    while (fault::thread_runs && fault::pfm_sig_blk_req_mask != fault::no_request)
-        (void)vlthread_cond_wait(&fault::pfm_chg_sig_block_cond, &ks::pfm_exit_crit); // always 0
+    ks::fault::wake_thread();
+    while (ks::fault::thread_runs && ks::fault::pfm_sig_blk_req_mask != ks::fault::no_request)
+        (void)vlthread_cond_wait(&ks::fault::pfm_chg_sig_block_cond, &ks::pfm_exit_crit); // always 0
 }
 
 void pfm_init_block_total(void)
 {
-    fault::ensure_started();
+    ks::fault::ensure_started();
     const ks::LockGuard lock(ks::pfm_exit_crit);
-    fault::block_total = 0;
-    fault::change_in_caller(SIG_UNBLOCK, SIGCHLD);
+    ks::fault::block_total = 0;
+    ks::fault::change_in_caller(SIG_UNBLOCK, SIGCHLD);
 }
 }

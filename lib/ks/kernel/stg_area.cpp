@@ -176,7 +176,7 @@ StgChunk *find_room(const stg_area *area, std::size_t request)
 
 // Bytes about to be handed out must still be as the chunk was filled; reports the first that
 // is not, and goes on.
-void check_fill(const stg_area *area, const StgChunk *chunk, std::size_t request)
+void check_fill(const stg_area *area, const StgChunk *chunk, size_t request)
 {
     const auto fill = static_cast<unsigned char>(fill_value(area));
     const char *from = chunk->data + chunk->used;
@@ -196,7 +196,7 @@ void check_fill(const stg_area *area, const StgChunk *chunk, std::size_t request
     return nullptr;
 }
 
-char *take_room(StgChunk *chunk, std::size_t request)
+char *take_room(StgChunk *chunk, size_t request)
 {
     char *const result = chunk->data + chunk->used;
     chunk->used += request;

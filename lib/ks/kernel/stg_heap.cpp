@@ -48,7 +48,7 @@ bool is_checked(const void *ptr)
 }
 
 // Some allocators align blocks below 16 bytes to 8 only.
-std::size_t plain_size(std::size_t size)
+size_t plain_size(size_t size)
 {
     return size < malloc_alignment ? malloc_alignment : size;
 }
@@ -58,7 +58,7 @@ std::size_t &requested_size(char *block)
     return *reinterpret_cast<std::size_t *>(block);
 }
 
-void write_guard(char *block, std::size_t size, std::size_t total)
+void write_guard(char *block, size_t size, size_t total)
 {
     std::memset(block + header_bytes + size, guard_fill, total - header_bytes - size);
 }
@@ -79,7 +79,7 @@ void check_guard(char *block, int quiet)
     }
 }
 
-void *checked_malloc(std::size_t size)
+void *checked_malloc(size_t size)
 {
     std::size_t total = 0;
     auto *block = checked_size(size, total) ? static_cast<char *>(std::malloc(total)) : nullptr;
@@ -91,7 +91,7 @@ void *checked_malloc(std::size_t size)
     return block + header_bytes;
 }
 
-void *checked_realloc(void *ptr, std::size_t size, int quiet)
+void *checked_realloc(void *ptr, size_t size, int quiet)
 {
     char *block = static_cast<char *>(ptr) - header_bytes;
     check_guard(block, quiet);
@@ -125,7 +125,7 @@ void checked_free(void *ptr, int quiet)
 
 namespace ks {
 
-void *heap_try_malloc(std::size_t size)
+void *heap_try_malloc(size_t size)
 {
     if (size == 0)
         size = 1;

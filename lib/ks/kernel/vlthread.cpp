@@ -27,7 +27,7 @@ constinit std::atomic<bool> vlthread_inited{false};
 
 void init_layer()
 {
-    const char *trace = getenv("TRACE_VLTHREAD");
+    const char *trace = std::getenv("TRACE_VLTHREAD");
     if (trace != nullptr && strcasecmp(trace, "TRUE") == 0)
         ks::vlthread_set_mode(ks::vlthread_mode_trace);
     pfm_tls_init();
@@ -49,9 +49,9 @@ std::size_t format_trace_prefix(char *line, std::size_t size)
     (void)localtime_r(&now.tv_sec, &local); // on failure the zeroed time is shown
     char clock_text[16] = "";
     (void)strftime(clock_text, sizeof clock_text, "%H:%M:%S", &local); // fits: 8 characters
-    const int formatted =
-        snprintf(line, size, ">>> %s.%.3ld (vlthread): [P%u][T%lu]", clock_text, static_cast<long>(now.tv_usec / 1000),
-                 static_cast<unsigned>(getpid()), static_cast<unsigned long>(pthread_self()));
+    const int formatted = std::snprintf(line, size, ">>> %s.%.3ld (vlthread): [P%u][T%lu]", clock_text,
+                                        static_cast<long>(now.tv_usec / 1000), static_cast<unsigned>(getpid()),
+                                        static_cast<unsigned long>(pthread_self()));
     return kept(formatted, size);
 }
 
@@ -66,7 +66,7 @@ struct ThreadStart {
 void *run_thread(void *argument)
 {
     const ThreadStart start = *static_cast<ThreadStart *>(argument);
-    free(argument);
+    std::free(argument);
     ks::adopt_own_state();
     void *value = start.start(start.arg);
     ks::leave_process(ks::fault_block_of_caller());
@@ -145,7 +145,7 @@ void vlthread_trace(const char *format, ...)
     std::size_t length = format_trace_prefix(line, sizeof line);
     va_list args;
     va_start(args, format);
-    const int formatted = vsnprintf(line + length, sizeof line - length, format, args);
+    const int formatted = std::vsnprintf(line + length, sizeof line - length, format, args);
     va_end(args);
     length += kept(formatted, sizeof line - length);
     (void)!write(STDERR_FILENO, line, length); // a diagnostic that cannot be written is lost
@@ -154,24 +154,24 @@ void vlthread_trace(const char *format, ...)
 void vlthread_assert_fail(const char *expr, int line)
 {
     char text[4095];
-    const int formatted = snprintf(text, sizeof text, "vlthread assertion fail: [%lu] %s at 'vlthread':%d\n",
-                                   static_cast<unsigned long>(pthread_self()), expr, line);
+    const int formatted = std::snprintf(text, sizeof text, "vlthread assertion fail: [%lu] %s at 'vlthread':%d\n",
+                                        static_cast<unsigned long>(pthread_self()), expr, line);
     (void)!write(STDERR_FILENO, text, kept(formatted, sizeof text)); // the process ends either way
-    abort();
+    std::abort();
 }
 
 int vlthread_create(vlthread_t *out_thread, vlthread_attr_t *attr, void *(*start)(void *), void *arg)
 {
     (void)vlthread_init();
     // malloc: the thread layer lies below the storage module.
-    auto *thread_start = static_cast<ThreadStart *>(malloc(sizeof(ThreadStart)));
+    auto *thread_start = static_cast<ThreadStart *>(std::malloc(sizeof(ThreadStart)));
     if (thread_start == nullptr)
         return trace_create_failure("pthread_create", EAGAIN);
     *thread_start = {start, arg};
     const int error = attr != nullptr ? create_with_attr(out_thread, attr, thread_start)
                                       : create_with_default_attr(out_thread, thread_start);
     if (error != 0)
-        free(thread_start);
+        std::free(thread_start);
     return error;
 }
 

@@ -17,9 +17,9 @@ constinit bool system_initialized = false; // guarded by the critical section
 // A program that chose a locale keeps it.
 void take_users_locale()
 {
-    const char *current = setlocale(LC_ALL, nullptr);
+    const char *current = std::setlocale(LC_ALL, nullptr);
     if (current != nullptr && std::strcmp(current, "C") == 0)
-        (void)setlocale(LC_ALL, ""); // a locale that is not installed leaves "C"
+        (void)std::setlocale(LC_ALL, ""); // a locale that is not installed leaves "C"
 }
 
 // 1 for the first caller.

@@ -58,8 +58,6 @@ bool is_recent(time_t t)
 
 } // namespace ks::date
 
-namespace date = ks::date;
-
 extern "C" {
 
 void date_get_timeval(struct timeval *out)
@@ -70,40 +68,40 @@ void date_get_timeval(struct timeval *out)
 time_t date_one_year_ago(time_t t)
 {
     tm fields{};
-    if (!date::local_fields(t, fields))
-        return date::earlier(t, date::days_365);
+    if (!ks::date::local_fields(t, fields))
+        return ks::date::earlier(t, ks::date::days_365);
     // Kept exactly: March counts with the months before the leap day, and every fourth year is a leap year. Listings
     // of all tools change from time to year on the same day.
     const long year = fields.tm_year + 1900L;
     const bool is_april_or_later = fields.tm_mon >= 3;
     const bool had_leap_day = is_april_or_later ? year % 4 == 0 : (year - 1) % 4 == 0;
-    return date::earlier(t, had_leap_day ? date::days_366 : date::days_365);
+    return ks::date::earlier(t, had_leap_day ? ks::date::days_366 : ks::date::days_365);
 }
 
 char *date_fmt_long_date_time(time_t t)
 {
-    return date::format_local(date_text_long, "%c", t);
+    return ks::date::format_local(date_text_long, "%c", t);
 }
 
 char *date_fmt_short_date_time(time_t t)
 {
-    return date::format_local(date_text_short, "%x %X", t);
+    return ks::date::format_local(date_text_short, "%x %X", t);
 }
 
 char *date_fmt_short_date(time_t t)
 {
-    return date::format_local(date_text_short_date, "%x", t);
+    return ks::date::format_local(date_text_short_date, "%x", t);
 }
 
 char *date_fmt_short_time(time_t t)
 {
-    return date::format_local(date_text_short_time, "%H:%M:%S", t);
+    return ks::date::format_local(date_text_short_time, "%H:%M:%S", t);
 }
 
 char *date_fmt_ls_date_time(time_t t)
 {
     // Kept exactly: two blanks, so that the year ends in the column in which a time ends.
-    return date::format_local(date_text_ls, date::is_recent(t) ? "%b %d %H:%M" : "%b %d  %Y", t);
+    return ks::date::format_local(date_text_ls, ks::date::is_recent(t) ? "%b %d %H:%M" : "%b %d  %Y", t);
 }
 
 char *date_fmt_token_numeric(int form, time_t t)
@@ -112,12 +110,13 @@ char *date_fmt_token_numeric(int form, time_t t)
         "%y%m%d-%H%M%S", "%Y%m%d-%H%M%S", "%y%m%d-%H%M", "%Y%m%d-%H%M",  "%y%m%d",
         "%Y%m%d",        nullptr,         nullptr,       "%y%m%d-%H:%M",
     };
-    date::here.require(form >= 0 && form <= 8, "form >= 0 && form <= 8");
+    ks::date::here.require(form >= 0 && form <= 8, "form >= 0 && form <= 8");
     if (formats[form] != nullptr)
-        return date::format_local(date_text_numeric, formats[form], t);
-    char *text = date::thread_text(date_text_numeric);
+        return ks::date::format_local(date_text_numeric, formats[form], t);
+    char *text = ks::date::thread_text(date_text_numeric);
     if (text != nullptr)
-        (void)strutl_snprintf(text, date::text_size, form == 6 ? "%ld" : "%lx", static_cast<long>(t)); // always fits
+        (void)strutl_snprintf(text, ks::date::text_size, form == 6 ? "%ld" : "%lx",
+                              static_cast<long>(t)); // always fits
     return text;
 }
 }

@@ -243,8 +243,6 @@ char *keep_token(time_t t, Precision precision, bool is_utc)
 
 } // namespace ks::date
 
-namespace date = ks::date;
-
 extern "C" {
 
 void date_token_tls_destructor(void *section)
@@ -256,33 +254,34 @@ void date_token_tls_destructor(void *section)
 
 int date_fmt_set_default_style(int style)
 {
-    date::here.require(style == date::style_traditional || style == date::style_iso, "style == 1 || style == 2");
+    ks::date::here.require(style == ks::date::style_traditional || style == ks::date::style_iso,
+                           "style == 1 || style == 2");
     const ks::LockGuard lock(ks::default_date_style_crit);
-    const int previous = date::settled_style();
-    date::default_style.store(style, std::memory_order_release);
+    const int previous = ks::date::settled_style();
+    ks::date::default_style.store(style, std::memory_order_release);
     return previous;
 }
 
 int date_fmt_get_default_date_style(void)
 {
-    const int style = date::default_style.load(std::memory_order_acquire);
-    if (style != date::style_unread)
+    const int style = ks::date::default_style.load(std::memory_order_acquire);
+    if (style != ks::date::style_unread)
         return style;
     const ks::LockGuard lock(ks::default_date_style_crit);
-    date::default_style.store(date::settled_style(), std::memory_order_release);
-    return date::default_style.load(std::memory_order_relaxed);
+    ks::date::default_style.store(ks::date::settled_style(), std::memory_order_release);
+    return ks::date::default_style.load(std::memory_order_relaxed);
 }
 
 char *date_fmt_token_general(time_t t, int precision, int style, int usec, int utc, int)
 {
-    date::here.require(precision >= date::precision_time && precision <= date::precision_microseconds,
-                       "precision >= 0 && precision <= 3");
-    date::here.require(style >= date::style_unread && style <= date::style_iso, "style >= 0 && style <= 2");
-    date::here.require(usec >= 0 && usec <= 999999, "usec >= 0 && usec <= 999999");
-    if (style == date::style_unread)
+    ks::date::here.require(precision >= ks::date::precision_time && precision <= ks::date::precision_microseconds,
+                           "precision >= 0 && precision <= 3");
+    ks::date::here.require(style >= ks::date::style_unread && style <= ks::date::style_iso, "style >= 0 && style <= 2");
+    ks::date::here.require(usec >= 0 && usec <= 999999, "usec >= 0 && usec <= 999999");
+    if (style == ks::date::style_unread)
         style = date_fmt_get_default_date_style();
-    char buffer[date::text_size];
-    if (!date::write_token(buffer, {t, precision, style, usec, utc != 0}, ks_tls_get()->date))
+    char buffer[ks::date::text_size];
+    if (!ks::date::write_token(buffer, {t, precision, style, usec, utc != 0}, ks_tls_get()->date))
         return nullptr;
     // Quietly: a daemon's log makes its stamps with this in the middle of a message.
     const std::size_t size = std::strlen(buffer) + 1;
@@ -297,26 +296,26 @@ char *date_fmt_token_general(time_t t, int precision, int style, int usec, int u
 
 char *date_fmt_token_date_time(time_t t)
 {
-    return date::keep_token(t, date::precision_time, false);
+    return ks::date::keep_token(t, ks::date::precision_time, false);
 }
 
 char *date_fmt_token_date(time_t t)
 {
-    return date::keep_token(t, date::precision_date, false);
+    return ks::date::keep_token(t, ks::date::precision_date, false);
 }
 
 char *date_fmt_token_short_date_time(time_t t)
 {
-    return date::keep_token(t, date::precision_short, false);
+    return ks::date::keep_token(t, ks::date::precision_short, false);
 }
 
 char *date_fmt_token_utc(time_t t)
 {
-    return date::keep_token(t, date::precision_time, true);
+    return ks::date::keep_token(t, ks::date::precision_time, true);
 }
 
 char *date_fmt_token_date_time_pname(time_t t)
 {
-    return date::keep_token(t, date::precision_time, false);
+    return ks::date::keep_token(t, ks::date::precision_time, false);
 }
 }

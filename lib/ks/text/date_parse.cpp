@@ -257,18 +257,16 @@ bool read_traditional(std::string_view typed, int flags, time_t &out)
 
 } // namespace ks::date
 
-namespace date = ks::date;
-
 extern "C" {
 
 int date_str_to_time_legacy(const char *s, int flags, time_t *out)
 {
-    return date::read_text(s, flags, out, date::read_traditional);
+    return ks::date::read_text(s, flags, out, ks::date::read_traditional);
 }
 
 int date_str_to_time2(const char *s, int flags, time_t *out)
 {
-    return date::read_text(s, flags, out, date::read_traditional, date::read_iso);
+    return ks::date::read_text(s, flags, out, ks::date::read_traditional, ks::date::read_iso);
 }
 
 int date_str_to_time(const char *s, int flags, time_t *out)

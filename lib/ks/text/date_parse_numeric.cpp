@@ -48,25 +48,23 @@ bool read_hexadecimal(const char *s, time_t &out)
 
 } // namespace ks::date
 
-namespace date = ks::date;
-
 extern "C" {
 
 // Kept exactly: 1 is success.
 int date_numeric_str_to_time(int form, const char *s, time_t *out)
 {
-    static constexpr date::Pattern patterns[] = {
+    static constexpr ks::date::Pattern patterns[] = {
         "YYMMDD-hhmmss", "YYYYMMDD-hhmmss", "YYMMDD-hhmm", "YYYYMMDD-hhmm", "YYMMDD", "YYYYMMDD", "", "",
         "YYMMDD-hh:mm",
     };
-    date::here.require(form >= 0 && form <= 8, "form >= 0 && form <= 8");
-    date::here.require(out != nullptr, "out != NULL");
+    ks::date::here.require(form >= 0 && form <= 8, "form >= 0 && form <= 8");
+    ks::date::here.require(out != nullptr, "out != NULL");
     if (s == nullptr)
         return 0;
     if (form == 6)
-        return date::read_decimal(s, *out) ? 1 : 0;
+        return ks::date::read_decimal(s, *out) ? 1 : 0;
     if (form == 7)
-        return date::read_hexadecimal(s, *out) ? 1 : 0;
-    return date::read_digits(patterns[form], s, *out) ? 1 : 0;
+        return ks::date::read_hexadecimal(s, *out) ? 1 : 0;
+    return ks::date::read_digits(patterns[form], s, *out) ? 1 : 0;
 }
 }

@@ -115,7 +115,9 @@ std::size_t change_case(wchar_t code, int to_upper, char *out)
 
 } // namespace
 
-bool ks::strutl::is_in_classes(const Character &character, const char *s, unsigned classes)
+namespace ks::strutl {
+
+bool is_in_classes(const Character &character, const char *s, unsigned classes)
 {
     const bool by_byte = character.length == 1 && (is_ascii(*s) || !character.valid || MB_CUR_MAX < 2);
     for (const ClassTest &test : class_tests) {
@@ -127,6 +129,8 @@ bool ks::strutl::is_in_classes(const Character &character, const char *s, unsign
     }
     return true;
 }
+
+} // namespace ks::strutl
 
 extern "C" {
 

@@ -51,7 +51,9 @@ bool total_size(int count, va_list args, std::size_t &out_size)
 
 } // namespace
 
-char *ks::strutl::int_concat(stg_area *area, int count, va_list args)
+namespace ks::strutl {
+
+char *int_concat(stg_area *area, int count, va_list args)
 {
     constexpr int most_strings = 32;
     if (count > most_strings)
@@ -74,6 +76,8 @@ char *ks::strutl::int_concat(stg_area *area, int count, va_list args)
     *end = '\0';
     return joined;
 }
+
+} // namespace ks::strutl
 
 extern "C" {
 

@@ -77,7 +77,7 @@ class Delimiters {
 
 #if STRUTL_TOKEN_BY_BLOCKS
 
-using Block = char __attribute__((vector_size(16)));
+using Block [[gnu::vector_size(16)]] = char;
 
 // Looks at aligned blocks, which never reach into a page that the string does not touch; the bytes
 // around the string that come with them are masked out.
