@@ -38,6 +38,10 @@ target_compile_options(korvaks_library INTERFACE
   $<$<COMPILE_LANGUAGE:CXX>:-fno-exceptions -fno-rtti> -fvisibility=hidden -fno-semantic-interposition -fno-plt)
 # The library has threads and handlers of its own, so it is never unloaded.
 target_link_options(korvaks_library INTERFACE -Wl,-Bsymbolic-functions -Wl,-z,nodelete)
+# Nothing throws, so that nothing of the C++ runtime is left to load in an optimised build.
+if(NOT KORVAKS_SANITIZE)
+  target_link_options(korvaks_library INTERFACE -static-libstdc++ -static-libgcc)
+endif()
 # Sanitizer runtimes are bound when the program starts; everything else must be bound at the link.
 if(NOT KORVAKS_SANITIZE)
   target_link_options(korvaks_library INTERFACE -Wl,-z,defs)

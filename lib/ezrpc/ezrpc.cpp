@@ -2,6 +2,9 @@
 //
 // Its length comes from the other side before its bytes do, so decoding trusts it only as far as bytes
 // arrive: the buffer grows with what was read, and a false length costs the sender's bytes, not ours.
+//
+// Only the stream's own operations are called, so that no program loads the platform's RPC library, and the
+// Kerberos that comes with it, for a string.
 #include <korvaks/ezrpc.h>
 
 #include <algorithm>
@@ -50,9 +53,10 @@ bool skip_padding(XDR *xdrs, std::size_t count)
 int decode(XDR *xdrs, char **string)
 {
     // The room behind an address that is already there is not known.
-    u_int count = 0;
-    if (*string != nullptr || xdr_u_int(xdrs, &count) == FALSE)
+    int32_t word = 0;
+    if (*string != nullptr || XDR_GETINT32(xdrs, &word) == FALSE)
         return FALSE;
+    const auto count = static_cast<uint32_t>(word);
     char *text = read_growing(xdrs, count);
     if (text == nullptr)
         return FALSE;
@@ -64,13 +68,27 @@ int decode(XDR *xdrs, char **string)
     return TRUE;
 }
 
+int encode(XDR *xdrs, const char *string)
+{
+    constexpr char padding[BYTES_PER_XDR_UNIT]{};
+    const std::size_t size = std::strlen(string);
+    auto word = static_cast<int32_t>(size);
+    if (size > UINT_MAX || XDR_PUTINT32(xdrs, &word) == FALSE ||
+        XDR_PUTBYTES(xdrs, string, static_cast<u_int>(size)) == FALSE)
+        return FALSE;
+    const std::size_t odd = size % BYTES_PER_XDR_UNIT;
+    return odd == 0 ? TRUE : XDR_PUTBYTES(xdrs, padding, static_cast<u_int>(BYTES_PER_XDR_UNIT - odd));
+}
+
 } // namespace
 
 extern "C" int xdr_ez_string8(XDR *xdrs, char **string)
 {
     if (xdrs->x_op == XDR_DECODE)
         return decode(xdrs, string);
-    if (xdrs->x_op == XDR_ENCODE && (*string == nullptr || std::strlen(*string) > UINT_MAX))
-        return FALSE;
-    return xdr_string(xdrs, string, UINT_MAX);
+    if (xdrs->x_op == XDR_ENCODE)
+        return *string == nullptr ? FALSE : encode(xdrs, *string);
+    std::free(*string);
+    *string = nullptr;
+    return TRUE;
 }

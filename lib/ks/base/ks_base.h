@@ -6,9 +6,11 @@
 
 #include <korvaks/base.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstddef>
 #include <cstdint>
+#include <string_view>
 #include <utility>
 
 #include <sys/time.h>
@@ -33,6 +35,14 @@ struct AssertPath {
 
     [[noreturn]] void panic(int line = __builtin_LINE()) const { pfm_panic(path, line); }
 };
+
+// substr() without its exception, which is all that the library would need the C++ runtime for. What lies
+// behind the end is empty.
+constexpr std::string_view part_of(std::string_view text, std::size_t from, std::size_t count = std::string_view::npos)
+{
+    from = std::min(from, text.size());
+    return {text.data() + from, std::min(count, text.size() - from)};
+}
 
 // Keeps errno over calls that may change it.
 class ErrnoSaver {

@@ -34,7 +34,7 @@ Option find_option(std::string_view options, char letter)
         } else if (c == letter && c != ':') {
             if (group_start == std::string_view::npos)
                 return {true, {}};
-            return {true, options.substr(group_start, options.find(']', i) - group_start)};
+            return {true, ks::part_of(options, group_start, options.find(']', i) - group_start)};
         }
     }
     return {};

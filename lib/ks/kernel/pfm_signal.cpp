@@ -4,7 +4,12 @@
 // while it waits and holds no lock (pfm_thread.cpp). docs/signals.md lists what a handler reaches.
 #include "kernel/pfm_impl.h"
 
+#include <algorithm>
+#include <charconv>
 #include <cstdlib>
+#include <string_view>
+
+#include <fcntl.h>
 
 namespace ks::fault {
 
@@ -122,6 +127,27 @@ pfm_signal_t current_handler(int sig)
     if (sigaction(sig, nullptr, &action) != 0 || (action.sa_flags & SA_SIGINFO) != 0)
         return SIG_DFL;
     return action.sa_handler;
+}
+
+// The number in base 16 behind `label` in the text of /proc/self/status; all ones when it is not there.
+uint64_t signals_behind(std::string_view label, std::string_view status)
+{
+    const std::size_t found = status.find(label);
+    uint64_t signals = ~uint64_t{0};
+    if (found != std::string_view::npos)
+        (void)std::from_chars(status.data() + found + label.size(), status.data() + status.size(), signals, 16);
+    return signals;
+}
+
+// Signals that may be ignored or caught, number n as bit n - 1. The process is asked once for all of
+// them: a start that asks for each makes 64 system calls.
+uint64_t signals_set()
+{
+    char text[4096];
+    const ks::UniqueFd file(open("/proc/self/status", O_RDONLY | O_CLOEXEC));
+    const ssize_t got = file ? read(file.get(), text, sizeof text) : -1;
+    const std::string_view status{text, static_cast<std::size_t>(std::max(got, ssize_t{0}))};
+    return signals_behind("\nSigIgn:\t", status) | signals_behind("\nSigCgt:\t", status);
 }
 
 // The handler in front of which the library stands gets the signal at once.
@@ -282,9 +308,11 @@ void build_signal_sets()
 
 void record_current_handlers()
 {
+    const ks::ErrnoSaver saver;
+    const uint64_t set = signals_set();
     for (int sig = 1; sig <= signal_count; ++sig) {
         const auto i = static_cast<std::size_t>(sig - 1);
-        const pfm_signal_t handler = current_handler(sig);
+        const pfm_signal_t handler = (set >> i & 1) != 0 ? current_handler(sig) : SIG_DFL;
         if (handler == pfm_signal_handler) // of an earlier start: what it stands for is known
             continue;
         pre_handler_sigvec[i].store(handler, std::memory_order_release);

@@ -186,7 +186,7 @@ void write_on_one_line(std::string_view piece, bool is_last, ks::imsg::StreamWri
         if (is_inner_feed)
             out.add("|");
         else
-            out.add(piece[at] == '|' ? "||" : piece.substr(at, size));
+            out.add(piece[at] == '|' ? "||" : ks::part_of(piece, at, size));
         at += size;
     }
 }
@@ -194,7 +194,7 @@ void write_on_one_line(std::string_view piece, bool is_last, ks::imsg::StreamWri
 // The text up to its last visible character.
 std::string_view without_trailing_markers(std::string_view text)
 {
-    while (text.size() >= marker_size && is_marker(text.substr(text.size() - marker_size)))
+    while (text.size() >= marker_size && is_marker(ks::part_of(text, text.size() - marker_size)))
         text.remove_suffix(marker_size);
     return text;
 }
@@ -211,11 +211,11 @@ void write_with_markers(std::string_view text, FILE *stream, ks::imsg::StreamWri
     for (std::size_t at = 0; from < text.size();) {
         at = text.find(marker_byte, at);
         const bool is_end = at == text.npos;
-        if (!is_end && !is_marker(text.substr(at))) {
+        if (!is_end && !is_marker(ks::part_of(text, at))) {
             ++at;
             continue;
         }
-        const std::string_view piece = text.substr(from, is_end ? text.npos : at - from);
+        const std::string_view piece = ks::part_of(text, from, is_end ? text.npos : at - from);
         if (on_one_line)
             write_on_one_line(piece, is_end, out);
         else

@@ -91,7 +91,8 @@ bool read_time_of_day(std::string_view whole, std::string_view fraction, TimeOfD
         if (!match(form.pattern, whole, fields))
             continue;
         long seconds = 0;
-        if (!time_of(fields, out) || (!fraction.empty() && !read_fraction(fraction.substr(1), form.last_unit, seconds)))
+        if (!time_of(fields, out) ||
+            (!fraction.empty() && !read_fraction(part_of(fraction, 1), form.last_unit, seconds)))
             return false;
         out.minute += static_cast<int>(seconds / seconds_per_minute);
         out.second += static_cast<int>(seconds % seconds_per_minute);
@@ -111,7 +112,7 @@ bool read_zone(std::string_view text, Zone &out)
         return false;
     Fields fields;
     TimeOfDay time;
-    const std::string_view digits = text.substr(1);
+    const std::string_view digits = part_of(text, 1);
     if ((!match("hh", digits, fields) && !match("hh:mm", digits, fields)) || !time_of(fields, time))
         return false;
     const long offset = time.hour * seconds_per_hour + time.minute * seconds_per_minute;
@@ -128,7 +129,7 @@ struct Moment {
 bool read_time(std::string_view text, Moment &out)
 {
     const std::string_view whole = text.substr(0, find_if(text, [](char c) { return !is_digit(c) && c != ':'; }));
-    std::string_view rest = text.substr(whole.size());
+    std::string_view rest = part_of(text, whole.size());
     std::string_view fraction; // with its point
     if (!rest.empty() && rest.front() == '.') {
         fraction = rest.substr(0, find_if(rest, [](char c) { return !is_digit(c) && c != '.'; }));
@@ -266,12 +267,12 @@ bool read_iso(std::string_view text, int flags, time_t &out)
         return read_time_alone(text, out);
     const std::size_t mark = find_if(text, [](char c) { return is_letter(c, 'T'); });
     if (mark == 0)
-        return read_time_alone(text.substr(1), out);
+        return read_time_alone(part_of(text, 1), out);
     Fields fields;
     Moment moment;
     if (!find_form(text.substr(0, mark), fields))
         return false;
-    if (mark != std::string_view::npos && (!names_a_day(fields) || !read_time(text.substr(mark + 1), moment)))
+    if (mark != std::string_view::npos && (!names_a_day(fields) || !read_time(part_of(text, mark + 1), moment)))
         return false;
     return complete(fields, moment, flags, out);
 }

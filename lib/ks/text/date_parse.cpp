@@ -17,7 +17,7 @@ bool begins_with(std::string_view text, std::string_view start)
 std::size_t find(std::string_view text, std::string_view what)
 {
     for (std::size_t at = 0; at < text.size(); ++at) {
-        if (text[at] == what.front() && begins_with(text.substr(at), what))
+        if (text[at] == what.front() && begins_with(part_of(text, at), what))
             return at;
     }
     return std::string_view::npos;
@@ -180,7 +180,7 @@ Parts split(std::string_view text)
     const std::string_view separator = word(date_msg_date_time_separator).compared();
     const std::size_t at = find(text, separator);
     if (at != std::string_view::npos)
-        return {text.substr(0, at), text.substr(at + separator.size()), true, true};
+        return {text.substr(0, at), part_of(text, at + separator.size()), true, true};
     const bool is_time = find(text, word(date_msg_time_separator).compared()) != std::string_view::npos;
     return {text, text, !is_time, is_time};
 }

@@ -50,7 +50,7 @@ std::uint32_t *Visited::slot_of(const Row &row, std::string_view name) const
 {
     const auto is_it = [&](const Row &other) {
         return other.hash == row.hash && other.above == row.above &&
-               names_.view().substr(other.offset, other.size) == name;
+               part_of(names_.view(), other.offset, other.size) == name;
     };
     const std::size_t mask = slot_count_ - 1;
     std::size_t at = row.hash & mask;
