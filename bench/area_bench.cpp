@@ -13,6 +13,7 @@
 #include <cstdlib>
 #include <memory_resource>
 #include <mutex>
+#include <thread>
 
 #ifdef BENCH_APR
 #include <apr_general.h>
@@ -23,6 +24,7 @@ namespace {
 
 constexpr std::size_t block_count = 1000;
 constexpr std::size_t first_chunk = 65536;
+constexpr std::size_t small_chunk = 1024;
 
 std::array<std::size_t, block_count> make_sizes()
 {
@@ -65,6 +67,66 @@ void use_guarded_monotonic(benchmark::State &state)
     }
 }
 BENCHMARK(use_guarded_monotonic)->Name("area/allocations_1000/pmr_with_mutex");
+
+// An area as most calls use one: a few blocks, and gone.
+void use_small_area(benchmark::State &state)
+{
+    for (auto _ : state) {
+        stg_area *area = stg_create_area(small_chunk);
+        for (std::size_t size = 16; size <= 64; size += 16)
+            use(stg_alloc(area, size));
+        stg_delete_area(&area);
+    }
+}
+BENCHMARK(use_small_area)->Name("area/small/korvaks");
+
+void use_small_monotonic(benchmark::State &state)
+{
+    for (auto _ : state) {
+        std::mutex mutex;
+        std::pmr::monotonic_buffer_resource resource(small_chunk);
+        for (std::size_t size = 16; size <= 64; size += 16) {
+            const std::lock_guard lock(mutex);
+            use(resource.allocate(size, 8));
+        }
+    }
+}
+BENCHMARK(use_small_monotonic)->Name("area/small/pmr_with_mutex");
+
+// One store for two threads, each of which takes a thousand blocks in a round.
+void share_area(benchmark::State &state)
+{
+    for (auto _ : state) {
+        stg_area *area = stg_create_area(first_chunk);
+        const auto allocate = [area] {
+            for (const std::size_t size : sizes)
+                use(stg_alloc(area, size));
+        };
+        std::thread other(allocate);
+        allocate();
+        other.join();
+        stg_delete_area(&area);
+    }
+}
+BENCHMARK(share_area)->Name("area/shared/korvaks")->UseRealTime();
+
+void share_monotonic(benchmark::State &state)
+{
+    for (auto _ : state) {
+        std::mutex mutex;
+        std::pmr::monotonic_buffer_resource resource(first_chunk);
+        const auto allocate = [&mutex, &resource] {
+            for (const std::size_t size : sizes) {
+                const std::lock_guard lock(mutex);
+                use(resource.allocate(size, 8));
+            }
+        };
+        std::thread other(allocate);
+        allocate();
+        other.join();
+    }
+}
+BENCHMARK(share_monotonic)->Name("area/shared/pmr_with_mutex")->UseRealTime();
 
 void use_heap(benchmark::State &state)
 {

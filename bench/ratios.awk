@@ -47,7 +47,7 @@ FILENAME ~ /targets$/ {
 /"time_unit":/ && is_median {
     scale = text_of($0) == "ms" ? 1e6 : text_of($0) == "us" ? 1e3 : 1
     job = name
-    if (sub(/\/manual_time$/, "", job)) # whole programs: the CPU time is that of whoever waits for them
+    if (sub(/\/(manual|real)_time$/, "", job)) # the CPU time is only that of whoever waits
         time = wall_time
     name = job
     sub(/\/[^\/]*$/, "", job)

@@ -27,8 +27,6 @@
     /* either.                                                                                                  */     \
     LOCK(clp_collectdatas_crit, VLTHREAD_RAISE_COUNTED)                                                                \
     LOCK(clp_collectdatai_crit, VLTHREAD_RAISE_COUNTED)                                                                \
-    /* The registry of areas.                                                                                   */     \
-    LOCK(stg_area_crit, VLTHREAD_RAISE_COUNTED)                                                                        \
     /* The mutexes of areas: areas print traces while theirs is held.                                           */     \
     PLACE(area)                                                                                                        \
     /* Product directories, switches, and all state of the message modules.                                     */     \

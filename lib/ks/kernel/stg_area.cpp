@@ -5,7 +5,9 @@
 #include "kernel/ks_locks.h"
 
 #include <algorithm>
+#include <cstdlib>
 #include <cstring>
+#include <utility>
 
 #include <sched.h>
 
@@ -18,22 +20,11 @@ constexpr ks::AssertPath here{"lib/ks/stg"};
 
 constexpr uint64_t chunk_bytes_cap = 102400;
 constexpr double large_request_share = 0.7;
-constexpr uint64_t fill_step = 16384;
+constexpr uint64_t fill_step_first = 512;
+constexpr uint64_t fill_step_max = 16384;
 constexpr long area_trace_level = 4;
 constexpr long alloc_trace_level = 5;
 constexpr long whole_chunk_check_level = 2;
-constexpr std::size_t registry_slots_initial = 512;
-constexpr std::size_t word_bits = 32;
-
-// The registry: a table of areas by slot and a bitmap of the slots in use.
-struct Registry {
-    stg_area **areas;
-    std::size_t capacity;
-    uint32_t *in_use;
-    std::size_t words;
-};
-
-constinit Registry registry{}; // guarded by stg_area_crit
 
 void require_area(const stg_area *area)
 {
@@ -79,27 +70,52 @@ int fill_value(const stg_area *area)
     return area->zero != 0 ? 0 : 0xFF;
 }
 
-// Fills the chunk up to `end` at least. It goes in steps, so that what is never handed out is never
-// touched.
+// Fills the chunk up to `end` at least. It goes in steps that grow with what is used, so that what is
+// never handed out is never touched.
 void fill_up_to(StgChunk *chunk, uint64_t end)
 {
     if (end <= chunk->filled)
         return;
-    const uint64_t filled = std::min(chunk->size, std::max(end, chunk->filled + fill_step));
+    const uint64_t step = std::clamp(chunk->filled, fill_step_first, fill_step_max);
+    const uint64_t filled = std::min(chunk->size, std::max(end, chunk->filled + step));
     std::memset(chunk->data + chunk->filled, chunk->fill, filled - chunk->filled);
     chunk->filled = filled;
 }
 
 // Chunks ---------------------------------------------------------------------------------------
 
+// A chunk is one heap block, with the data behind the record, or two while "ks/stg" is traced, whose
+// traces and guards tell them apart.
+bool is_one_block(const StgChunk *chunk)
+{
+    return chunk->data == reinterpret_cast<const char *>(chunk + 1);
+}
+
+StgChunk *chunk_in_block(void *block, uint64_t size)
+{
+    auto *const chunk = static_cast<StgChunk *>(block);
+    if (chunk != nullptr)
+        *chunk = {0, nullptr, size, reinterpret_cast<char *>(chunk + 1), 0, 0};
+    return chunk;
+}
+
+std::size_t block_size(uint64_t size)
+{
+    std::size_t total = 0;
+    return __builtin_add_overflow(size, sizeof(StgChunk), &total) ? SIZE_MAX & ~std::size_t{7} : total;
+}
+
 void free_chunk(StgChunk *chunk, int quiet)
 {
-    stg_free_int(chunk->data, quiet);
+    if (!is_one_block(chunk))
+        stg_free_int(chunk->data, quiet);
     stg_free_int(chunk, quiet);
 }
 
 StgChunk *obtain_chunk(uint64_t size, int quiet)
 {
+    if (!ks::may_be_traced(1))
+        return chunk_in_block(stg_malloc_int(block_size(size), quiet), size);
     auto *chunk = static_cast<StgChunk *>(stg_malloc_int(sizeof(StgChunk), quiet));
     if (chunk == nullptr)
         return nullptr;
@@ -129,9 +145,9 @@ uint64_t wanted_size(const stg_area *area)
     return std::min(wanted, chunk_bytes_cap);
 }
 
-StgChunk *add_chunk(stg_area *area, std::size_t request, int quiet)
+// Bytes of data of the next chunk, which is to hold the request.
+std::size_t chunk_size(uint64_t wanted, std::size_t request)
 {
-    const uint64_t wanted = wanted_size(area);
     std::size_t size = wanted;
     if (static_cast<double>(request) > large_request_share * static_cast<double>(wanted) &&
         __builtin_add_overflow(size, request, &size)) {
@@ -139,18 +155,29 @@ StgChunk *add_chunk(stg_area *area, std::size_t request, int quiet)
     }
     if (!ks::round_up_8(size, size))
         size = SIZE_MAX & ~std::size_t{7};
-    StgChunk *chunk = obtain_chunk(size, quiet);
-    if (chunk == nullptr)
-        return nullptr;
-    area->obtained += size;
+    return size;
+}
+
+void add_chunk(stg_area *area, StgChunk *chunk, uint64_t wanted)
+{
+    area->obtained += chunk->size;
     if (area->chunks != nullptr || area->incr_set == 0)
         area->desired += wanted;
     chunk->fill = fill_value(area);
-    if (quiet == 0 && ks::stg_is_traced(area_trace_level))
-        ks::stg_print(ks::msg_trace, ks::stg_msg_chunk_created, address_number(area), address_number(chunk),
-                      static_cast<unsigned>(size));
     chunk->next = area->chunks;
     area->chunks = chunk;
+}
+
+StgChunk *make_chunk(stg_area *area, std::size_t request, int quiet)
+{
+    const uint64_t wanted = wanted_size(area);
+    StgChunk *chunk = obtain_chunk(chunk_size(wanted, request), quiet);
+    if (chunk == nullptr)
+        return nullptr;
+    if (quiet == 0 && ks::stg_is_traced(area_trace_level))
+        ks::stg_print(ks::msg_trace, ks::stg_msg_chunk_created, address_number(area), address_number(chunk),
+                      static_cast<unsigned>(chunk->size));
+    add_chunk(area, chunk, wanted);
     return chunk;
 }
 
@@ -203,16 +230,35 @@ char *take_room(StgChunk *chunk, size_t request)
     return result;
 }
 
-// The short way: nothing to wait for, check or trace. NULL when another thread is inside, a fork is
-// under way, or the newest chunk has no room that is filled.
+// The rest of the short way, for a request that the newest chunk has no filled room for. It says nothing:
+// NULL when memory is exhausted, which the long way finds again and reports.
+[[gnu::noinline]] void *make_room_at_once(stg_area *area, std::size_t request)
+{
+    StgChunk *chunk = find_room(area, request);
+    if (chunk == nullptr) {
+        const uint64_t wanted = wanted_size(area);
+        const std::size_t size = chunk_size(wanted, request);
+        chunk = chunk_in_block(std::malloc(block_size(size)), size);
+        if (chunk == nullptr)
+            return nullptr;
+        add_chunk(area, chunk, wanted);
+    }
+    fill_up_to(chunk, chunk->used + request);
+    return take_room(chunk, request);
+}
+
+// The short way, while "ks/stg" is not traced: nothing is checked or told. NULL when another thread is
+// inside for long, a fork is under way, or memory is exhausted.
 [[gnu::always_inline]] inline void *allocate_at_once(stg_area *area, std::size_t request)
 {
     pfm_fault_block *const block = ks::fault_block_of_caller();
-    if (!ks::try_enter_area(block, area->busy))
-        return nullptr;
+    if (!ks::try_enter_area(block, area->busy)) [[unlikely]] {
+        if (!ks::try_enter_busy_area(block, area->busy))
+            return nullptr;
+    }
     StgChunk *const chunk = area->chunks;
     const bool is_ready = chunk != nullptr && request <= chunk->filled - chunk->used;
-    void *const result = is_ready ? take_room(chunk, request) : nullptr;
+    void *const result = is_ready ? take_room(chunk, request) : make_room_at_once(area, request);
     ks::leave_area(block, area->busy);
     return result;
 }
@@ -223,7 +269,7 @@ char *take_room(StgChunk *chunk, size_t request)
     const AreaLock lock(area);
     StgChunk *chunk = find_room(area, request);
     if (chunk == nullptr) {
-        chunk = add_chunk(area, request, quiet);
+        chunk = make_chunk(area, request, quiet);
         if (chunk == nullptr)
             return nullptr;
     }
@@ -244,7 +290,7 @@ char *take_room(StgChunk *chunk, size_t request)
     std::size_t request = 0;
     if (!ks::round_up_8(size, request)) [[unlikely]]
         return exhausted();
-    if (quiet != 0 || !ks::may_be_traced(1)) [[likely]] {
+    if (!ks::may_be_traced(1)) [[likely]] {
         if (void *const result = allocate_at_once(area, request); result != nullptr) [[likely]]
             return result;
     }
@@ -285,93 +331,27 @@ void clear(stg_area *area, int keep_first, int quiet)
     }
 }
 
-// Registry -------------------------------------------------------------------------------------
-
-// False on exhaustion.
-bool make_registry()
+// Frees all chunks of an area that is being deleted, without a word; false when somebody is inside.
+bool clear_at_once(stg_area *area)
 {
-    if (registry.areas != nullptr)
-        return true;
-    constexpr std::size_t words = registry_slots_initial / word_bits;
-    auto *areas = static_cast<stg_area **>(stg_malloc_int(registry_slots_initial * sizeof(stg_area *), 1));
-    auto *in_use = static_cast<uint32_t *>(stg_malloc_int(words * sizeof(uint32_t), 1));
-    if (areas == nullptr || in_use == nullptr) {
-        stg_free_int(areas, 1);
-        stg_free_int(in_use, 1);
+    pfm_fault_block *const block = ks::fault_block_of_caller();
+    if (!ks::try_enter_area(block, area->busy))
         return false;
-    }
-    std::memset(areas, 0, registry_slots_initial * sizeof(stg_area *));
-    std::memset(in_use, 0, words * sizeof(uint32_t));
-    registry = {areas, registry_slots_initial, in_use, words};
+    for (StgChunk *chunk = area->chunks; chunk != nullptr;)
+        free_chunk(std::exchange(chunk, chunk->next), 1);
+    area->chunks = nullptr;
+    ks::leave_area(block, area->busy);
     return true;
 }
 
-// The sum over the bitmap's words of the set bits counted from each word's low end.
-uint32_t next_slot()
-{
-    uint32_t slot = 0;
-    for (std::size_t i = 0; i < registry.words; ++i)
-        slot += static_cast<uint32_t>(__builtin_ctzll(~static_cast<uint64_t>(registry.in_use[i])));
-    return slot;
-}
+// Making and deleting ---------------------------------------------------------------------------
 
-bool grow_table(uint32_t slot)
+// An area has its mutex from the start; there is nothing to be made that could fail.
+void init_area_lock(stg_area *area)
 {
-    if (slot < registry.capacity)
-        return true;
-    const std::size_t capacity = std::max<std::size_t>(slot + std::size_t{1}, registry.capacity * 2);
-    auto *areas = static_cast<stg_area **>(stg_realloc_int(registry.areas, capacity * sizeof(stg_area *), 1));
-    if (areas == nullptr)
-        return false;
-    std::fill(areas + registry.capacity, areas + capacity, nullptr);
-    registry.areas = areas;
-    registry.capacity = capacity;
-    return true;
-}
-
-// Twice the bits, of which only the first 64 of the old map are kept.
-bool widen_bitmap()
-{
-    constexpr std::size_t words = 1024 / word_bits;
-    auto *in_use = static_cast<uint32_t *>(stg_malloc_int(words * sizeof(uint32_t), 1));
-    if (in_use == nullptr)
-        return false;
-    std::memset(in_use, 0, words * sizeof(uint32_t));
-    std::memcpy(in_use, registry.in_use, 64 / 8);
-    stg_free_int(registry.in_use, 1);
-    registry.in_use = in_use;
-    registry.words = words;
-    return true;
-}
-
-// Kept exactly: the slot's bit is combined with AND, so the bitmap stays clear, every area gets
-// slot 0 and the registry forgets it at once. stg_dump() relies on finding nothing.
-bool enter_in_registry(stg_area *area)
-{
-    const ks::LockGuard lock(ks::stg_area_crit);
-    if (!make_registry())
-        return false;
-    const uint32_t slot = next_slot();
-    if (slot >= registry.words * word_bits && !widen_bitmap())
-        return false;
-    if (!grow_table(slot))
-        return false;
-    area->slot = slot;
-    registry.areas[slot] = area;
-    registry.in_use[slot / word_bits] &= uint32_t{1} << (slot % word_bits);
-    return true;
-}
-
-void leave_registry(stg_area *area)
-{
-    const ks::LockGuard lock(ks::stg_area_crit);
-    registry.areas[area->slot] = nullptr;
-    registry.in_use[area->slot / word_bits] &= ~(uint32_t{1} << (area->slot % word_bits));
-}
-
-[[nodiscard]] bool make_area_lock(stg_area *area)
-{
-    return vlthread_mutex_init_full(&area->lock, 0, ks::lock_level_area, 0, ks::lock_order()) == 0;
+    area->lock = VLTHREAD_MUTEX_INITIALIZER;
+    area->lock.level = ks::lock_level_area;
+    area->lock.order_class = ks::lock_order();
 }
 
 stg_area *create(uint64_t first_size, int quiet)
@@ -382,11 +362,7 @@ stg_area *create(uint64_t first_size, int quiet)
     *area = {};
     area->first_size = first_size;
     area->incr = first_size;
-    if (!make_area_lock(area) || !enter_in_registry(area)) {
-        stg_free_int(area, quiet);
-        errno = ENOMEM;
-        return STG_AREA_NULL;
-    }
+    init_area_lock(area);
     if (quiet == 0 && ks::stg_is_traced(area_trace_level))
         ks::stg_print(ks::msg_trace, ks::stg_msg_area_created, address_number(area));
     return area;
@@ -398,8 +374,7 @@ void destroy(stg_area **handle, int quiet)
     require_area(area);
     if (quiet == 0 && ks::stg_is_traced(area_trace_level))
         ks::stg_print(ks::msg_trace, ks::stg_msg_area_deleting, address_number(area));
-    leave_registry(area);
-    {
+    if (ks::may_be_traced(1) || !clear_at_once(area)) {
         const AreaLock lock(area);
         clear(area, 0, quiet);
     }
@@ -437,7 +412,7 @@ void stg_free_foreign_area_lock(stg_area *area)
 {
     if (is_held_by_caller(&area->lock))
         return;
-    (void)make_area_lock(area); // it could be made once, in the parent
+    init_area_lock(area);
     area->busy = 0;
 }
 
@@ -535,13 +510,10 @@ void stg_dump_area(stg_area *area)
     dump(area);
 }
 
+// Kept exactly: areas are entered in a registry whose bitmap is combined with AND and so stays clear. Every
+// area has its first slot, none is ever found there, and nobody need enter any: there is nothing to print.
 void stg_dump(void)
 {
     const ks::InhibitGuard inhibit;
-    const ks::LockGuard lock(ks::stg_area_crit);
-    for (std::size_t slot = 0; slot < registry.words * word_bits; ++slot) {
-        if ((registry.in_use[slot / word_bits] >> (slot % word_bits) & 1) != 0)
-            dump(registry.areas[slot]);
-    }
 }
 }

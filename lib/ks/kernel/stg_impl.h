@@ -66,7 +66,7 @@ template <typename... Args> void stg_print(MsgKind kind, StgMsg message, Args...
     (void)imsg_print(kind, &_stg_ks_msg_table, message, args...); // there is no other way to report
 }
 
-// One piece of memory that an area hands out from the front. Record and data are heap blocks.
+// One piece of memory that an area hands out from the front.
 struct StgChunk {
     uint64_t used;  // bytes already handed out
     StgChunk *next; // the next older chunk
@@ -85,7 +85,6 @@ struct stg_area {
     uint64_t obtained;    // sizes of the chunks since the area was last cleared
     uint64_t desired;     // wanted (capped) sizes of the same
     float growth;         // 0: no growth
-    uint32_t slot;        // index in the registry
     uint32_t zero;        // fresh chunks hold 0 instead of 0xFF
     uint32_t incr_set;    // stg_set_incr() was called
     uint32_t busy;        // 1: some thread is changing the area

@@ -36,6 +36,14 @@ bool holds_process_lock()
     });
 }
 
+// Tells the processor that this is a loop of looks.
+void pause_briefly()
+{
+#if defined(__x86_64__)
+    __builtin_ia32_pause();
+#endif
+}
+
 bool may_be_waited_for(const pfm_fault_block *block)
 {
     return block->area_holds != nullptr || holds_process_lock();
@@ -111,6 +119,17 @@ void wait_for_print()
 }
 
 } // namespace
+
+bool try_enter_busy_area(pfm_fault_block *block, uint32_t &busy)
+{
+    constexpr int looks_max = 200; // about a microsecond; a system call to sleep costs more
+    for (int look = 0; look < looks_max && fork_gate.load(std::memory_order_relaxed) == ForkGate::open; ++look) {
+        if (__atomic_load_n(&busy, __ATOMIC_RELAXED) == 0 && try_enter_area(block, busy))
+            return true;
+        pause_briefly();
+    }
+    return false;
+}
 
 void wait_at_fork_gate()
 {

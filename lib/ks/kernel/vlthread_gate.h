@@ -66,6 +66,10 @@ inline bool try_enter_area(pfm_fault_block *block, uint32_t &busy)
     return false;
 }
 
+// The same for an area that another thread is inside of, which is out after a few instructions as a
+// rule: waits for that long.
+[[gnu::noinline]] bool try_enter_busy_area(pfm_fault_block *block, uint32_t &busy);
+
 inline void leave_area(pfm_fault_block *block, uint32_t &busy)
 {
     __atomic_store_n(&busy, 0, __ATOMIC_RELEASE);
