@@ -49,6 +49,16 @@ template <typename Mutex> void lock_unlock(benchmark::State &state)
 BENCHMARK(lock_unlock<KorvaksMutex>)->Name("lock/mutex/korvaks");
 BENCHMARK(lock_unlock<RecursivePthreadMutex>)->Name("lock/mutex/pthread_recursive");
 
+void critical_section(benchmark::State &state)
+{
+    for (auto _ : state) {
+        vlthread_enter_critical_section();
+        vlthread_leave_critical_section();
+    }
+}
+BENCHMARK(critical_section)->Name("lock/critical_section/korvaks");
+BENCHMARK(lock_unlock<RecursivePthreadMutex>)->Name("lock/critical_section/pthread_recursive");
+
 template <typename Mutex> void enter_again(benchmark::State &state)
 {
     Mutex mutex;

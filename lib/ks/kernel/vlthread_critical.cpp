@@ -15,18 +15,21 @@ using ks::vlthread_critical_section_mutex;
 using ks::vlthread_lib_attached_tid;
 
 // Entered, with the mutex held: the caller is the attached thread and known.
-void complete_entry()
+[[gnu::always_inline]] inline void complete_entry()
 {
-    pfm_flush_notify_channel();
-    vlthread_lib_attached_tid.store(pthread_self(), std::memory_order_release);
-    (void)vlthread_pending_raise(nullptr); // caches the caller's entry, adding it if absent
+    if (vlthread_lib_attached_tid.load(std::memory_order_relaxed) == ks::self())
+        pfm_flush_notify_channel(); // which is the attached thread's alone
+    vlthread_lib_attached_tid.store(ks::self(), std::memory_order_release);
+    const pfm_fault_block *const block = ks::current_fault_block;
+    if (block == nullptr || block->state == nullptr) [[unlikely]]
+        (void)vlthread_pending_raise(nullptr); // caches the caller's entry, adding it if absent
     if (ks::is_tracing())
         vlthread_trace("Has entered Vellum critical section\n");
 }
 
-void require_inside()
+[[gnu::always_inline]] inline void require_inside()
 {
-    ks::vlthread_require(vlthread_equal(vlthread_lib_attached_tid.load(std::memory_order_acquire), vlthread_self()),
+    ks::vlthread_require(vlthread_lib_attached_tid.load(std::memory_order_acquire) == ks::self(),
                          "vlthread_equal(vlthread_lib_attached_tid, vlthread_self())", 1060);
     const bool inside =
         ks::is_held_by_caller(&vlthread_critical_section_mutex) && vlthread_critical_section_mutex.recursion_count > 0;
@@ -35,14 +38,16 @@ void require_inside()
 
 // Kept exactly: the attached thread is cleared before its entry is looked for, so the entry that
 // is removed is that of thread 0, and a thread that leaves stays on the state list. Threads rely
-// on it: their raise status outlives the critical section.
-void detach()
+// on it: their raise status outlives the critical section. No thread has that number, so that the
+// list is asked only where the answer, that there is none, is traced.
+[[gnu::always_inline]] inline void detach()
 {
     vlthread_lib_attached_tid.store(VLTHREAD_INVALID_TID, std::memory_order_release);
-    ks::remove_thread_from_process(vlthread_lib_attached_tid.load(std::memory_order_relaxed));
+    if (ks::is_tracing())
+        ks::remove_thread_from_process(VLTHREAD_INVALID_TID);
 }
 
-void let_go()
+[[gnu::always_inline]] inline void let_go()
 {
     (void)vlthread_mutex_unlock(&vlthread_critical_section_mutex); // the caller holds it
     if (ks::is_tracing())

@@ -173,6 +173,42 @@ constexpr Access writing{"wrlock",
     return take(rwlock, access, access.trying);
 }
 
+[[gnu::always_inline]] inline int release(vlthread_rwlock_t *rwlock)
+{
+    // Read before the release: afterwards the lock may be gone.
+    const bool counted = is_counted(rwlock);
+    // Cleared by every unlock, a reader's too, and before the release: afterwards the field may
+    // already name the next writer.
+    const vlthread_t writer = writer_of(rwlock);
+    if (writer != VLTHREAD_INVALID_TID) // a reader has nothing to clear
+        set_writer(rwlock, VLTHREAD_INVALID_TID);
+    const int error = pthread_rwlock_unlock(&rwlock->lock);
+    if (error != 0) [[unlikely]] {
+        set_writer(rwlock, writer);
+        return error;
+    }
+    pfm_fault_block *const block = ks::fault_block_of_caller();
+    if (counted) [[likely]]
+        --block->pfm_inh_count;
+    if (writer == VLTHREAD_INVALID_TID)
+        --block->read_holds;
+    return 0;
+}
+
+[[gnu::noinline]] int release_in_full(vlthread_rwlock_t *rwlock)
+{
+    if (!is_of_this_process(rwlock))
+        renew_after_fork(rwlock);
+    const int error = release(rwlock);
+    if (!ks::is_tracing())
+        return error;
+    if (error != 0)
+        vlthread_trace("Unable to unlock rwlock ('%s' failed): %s\n", "pthread_rwlock_unlock", std::strerror(error));
+    else
+        vlthread_trace("Unlocked rwlock: %p\n", static_cast<void *>(rwlock));
+    return error;
+}
+
 } // namespace
 
 namespace ks {
@@ -229,30 +265,8 @@ int vlthread_rwlock_wrlock_trylock(vlthread_rwlock_t *rwlock)
 
 int vlthread_rwlock_unlock(vlthread_rwlock_t *rwlock)
 {
-    if (!is_of_this_process(rwlock)) [[unlikely]]
-        renew_after_fork(rwlock);
-    // Read before the release: afterwards the lock may be gone.
-    const bool counted = is_counted(rwlock);
-    // Cleared by every unlock, a reader's too, and before the release: afterwards the field may
-    // already name the next writer.
-    const vlthread_t writer = writer_of(rwlock);
-    if (writer != VLTHREAD_INVALID_TID) // a reader has nothing to clear
-        set_writer(rwlock, VLTHREAD_INVALID_TID);
-    const int error = pthread_rwlock_unlock(&rwlock->lock);
-    if (error != 0) [[unlikely]] {
-        set_writer(rwlock, writer);
-        if (ks::is_tracing())
-            vlthread_trace("Unable to unlock rwlock ('%s' failed): %s\n", "pthread_rwlock_unlock",
-                           std::strerror(error));
-        return error;
-    }
-    pfm_fault_block *const block = ks::fault_block_of_caller();
-    if (counted) [[likely]]
-        --block->pfm_inh_count;
-    if (writer == VLTHREAD_INVALID_TID)
-        --block->read_holds;
-    if (ks::is_tracing()) [[unlikely]]
-        vlthread_trace("Unlocked rwlock: %p\n", static_cast<void *>(rwlock));
-    return 0;
+    if (!is_plain(rwlock)) [[unlikely]]
+        return release_in_full(rwlock);
+    return release(rwlock);
 }
 }
