@@ -134,9 +134,9 @@ char *date_usage_date_time(void)
     if (text == nullptr)
         return nullptr;
     std::size_t size = 0;
-    for (const int number : {date_msg_usage, date_msg_usage_iso}) {
+    for (const auto number : {date_msg_usage, date_msg_usage_iso}) {
         text[size] = '\0';
-        if (imsg_snprintf(text + size, ks::date::usage_size - size, &_date_ks_msg_table, number) < 0)
+        if (imsg_snprintf(text + size, ks::date::usage_size - size, &_date_ks_msg_table, static_cast<int>(number)) < 0)
             text[size] = '\0';
         size += std::strlen(text + size);
     }
