@@ -68,6 +68,20 @@ KS_API unsigned char *compress_compress(size_t length, const unsigned char *data
  */
 KS_API unsigned char *compress_uncompress(size_t length, const unsigned char *block, size_t *out_length);
 
+/**
+ * compress_uncompress() without its messages, for a caller that says itself what is wrong with a file, or that tries a
+ * block that may be none. Where memory is exhausted the storage level is quiet as well.
+ *
+ * @param length, block, out_length  as for compress_uncompress()
+ * @return as compress_uncompress(): NULL with errno EINVAL for a block that is refused, ENOMEM when memory is
+ * exhausted.
+ *
+ * Threads: any.
+ * Raises:  yes: each time about a MiB of data has been restored. The data is given back first, and `*out_length` is
+ *          as it was.
+ */
+KS_API unsigned char *compress_uncompress_quiet(size_t length, const unsigned char *block, size_t *out_length);
+
 #ifdef __cplusplus
 }
 #endif

@@ -160,6 +160,10 @@ KS_API int date_fmt_get_default_date_style(void);
 /**
  * Makes a date token, a text without blanks.
  *
+ * Kept exactly: with precision 0, 1 and 3 the traditional style has two digits of the year, as logs and scripts
+ * know it. date_str_to_time2() takes 69 to 99 for 1969 to 1999 and refuses what lies before 1970, so the token of a time
+ * from 2069 on is refused, or read back as one of a century before or earlier. The ISO style is not cut.
+ *
  * It never prints, so that a log may use the ISO style in the middle of a message. The traditional style
  * fetches words from the message catalogue, once per process, and is not to be used while a lock of the
  * message modules is held.
@@ -226,6 +230,10 @@ KS_API char *date_fmt_token_date_time_pname(time_t t);
 /**
  * Writes a numeric token.
  *
+ * Kept exactly: forms 0, 2, 4 and 8 have two digits of the year, since files are named so.
+ * date_numeric_str_to_time() reads back what was written for the years 1970 to 2069; another year comes back as the
+ * one of these that ends alike. Forms 1, 3 and 5 have four digits, and read back every year from 0 to 9999.
+ *
  * @param form  0 to 8, from the table above; another number ends the process (an assertion)
  * @param t     seconds since 1970; a time below 0 is written as well, in form 7 as its 64 bits
  * @return the thread's own text until the thread calls this function again; NULL with errno EOVERFLOW
@@ -266,7 +274,7 @@ KS_API int date_numeric_str_to_time(int form, const char *s, time_t *out);
 /**@{*/
 
 /**
- * Reads a date as a user types it: the traditional grammar (see date_usage_date_time()), else ISO 8601.
+ * Reads a date as a user types it: the traditional grammar, else ISO 8601 (see date_usage_date_time()).
  *
  * White space at both ends is allowed, inside it is a failure; so is a text of more than 1023 bytes.
  * Letters may have either case. A date without time is 00:00:00. A time without date is today's, and
@@ -292,7 +300,7 @@ KS_API int date_str_to_time(const char *s, int flags, time_t *out);
 
 /**
  * Reads the traditional grammar only:
- * "now", "none", <date>.<time>, <date> or <time>, as date_usage_date_time() describes them.
+ * "now", "none", <date>.<time>, <date> or <time>, as the first lines of date_usage_date_time() describe them.
  *
  * Years 00 to 68 are 2000 to 2068, 69 to 99 are 1969 to 1999; years 100 to 1968 fail, and so does every
  * time before 1970. Without a year it is the current one, whatever `flags` says. Everything else, and what
@@ -309,7 +317,8 @@ KS_API int date_str_to_time(const char *s, int flags, time_t *out);
 KS_API int date_str_to_time_legacy(const char *s, int flags, time_t *out);
 
 /**
- * Describes the traditional grammar in three lines, for a tool's usage text.
+ * Describes what date_str_to_time2() reads, for a tool's usage text: the traditional grammar in three lines, and in a
+ * fourth that ISO 8601 is read as well, with examples.
  *
  * The text comes from the message catalogue. It is there for people: a translated one changes nothing of
  * what is read.

@@ -3,8 +3,8 @@
  * Messages: the one path by which tools, servers and daemons report anything.
  *
  * A message is a number in a message table (base.h). Its text comes from the message catalogue
- * that the table names (NLSPATH, LANG), else from the table; a catalogue text is used only when it
- * takes the same arguments as the table's. The *kind* gives it a head and a stream:
+ * that the table names (NLSPATH, LANG, the installed prefix), else from the table; a catalogue text is
+ * used only when it takes the same arguments as the table's. The *kind* gives it a head and a stream:
  *
  *     kind         IMSG_OK  IMSG_OUTPUT  IMSG_WARNING      IMSG_ERROR       IMSG_TRACE        IMSG_SYSTEM
  *     stream       stdout   stdout       stderr            stderr           stderr            stderr

@@ -31,8 +31,12 @@
  * the handlers that pfm_signal() registered. SIGINT, SIGHUP and SIGTERM raise status
  * PFM_RAISE_INTERRUPT in every thread. SIGTSTP stops the process when no thread is inhibited.
  *
- * Signals that were ignored when the manager started stay ignored: a tool that a shell runs with
- * "nohup" or in the background is not ended by SIGINT or SIGHUP.
+ * SIGINT, SIGHUP and SIGTERM that were ignored when the manager started stay ignored: a tool that a shell
+ * runs with "nohup" or in the background is not ended by SIGINT or SIGHUP. A program that registers a
+ * handler of its own for one gets SIG_IGN back from pfm_signal(), and puts it back. An ignored SIGTSTP
+ * stops nothing; an ignored SIGCHLD becomes the default, so that children leave a status.
+ *
+ * docs/stopping.md shows whole programs that stop in order: workers, children, and the end by the signal.
  *
  * Every call starts the manager (pfm_init()) when needed. Any thread may call anything here
  * unless a comment says otherwise. Misuse ends the process with an assertion message.

@@ -184,11 +184,31 @@ KS_API int wild_glob(const char *words, const char *dir, char **out_list);
 KS_API int wild_glob_single(const char *word, const char *dir, char **out_list);
 
 /**
+ * Expands words as wild_glob_ext() does, into an array of names, each exactly as it is: what holds blanks, quotes or
+ * line breaks needs no reading back.
+ *
+ * Paths that a pattern matches are the same, in the same order. A word that wild_glob_ext() takes as it stands becomes
+ * the name that it stands for: one that begins with a quote loses all its quotes, and either kind the backslash before
+ * each character that it escapes. So "a b" in quotes, and a\ b, are both the name of three characters.
+ *
+ * @param words, dir, root, split  as for wild_glob_ext()
+ * @param out_names  receives the names with a NULL behind the last, as one heap block of the caller's: stg_free() of it
+ *                   frees the names too. An array of the NULL alone when there are none; NULL after a failure and a
+ *                   raise
+ * @param out_count  receives the number of names; 0 after a failure and a raise
+ * @return 0 or a code, as wild_glob_ext(), whose rules hold. Nothing is printed, and errno tells nothing.
+ *
+ * Threads: any, as wild_glob_ext(). Raises: yes, as wild_glob_ext().
+ */
+KS_API int wild_glob_list(const char *words, const char *dir, const char *root, int split, char ***out_names,
+                          size_t *out_count);
+
+/**
  * Makes a copy of a string as a word of a list: each double quote behind a backslash, and all of it in
  * double quotes when it holds a blank.
  *
  * Other separators, backslashes and single quotes stay as they are, so that a name with one of those does not
- * come back whole when the list is cut into words.
+ * come back whole when the list is cut into words: wild_glob_list() gives names themselves.
  *
  * @param s  any text; "" gives ""
  * @return a heap string of the caller's (stg_free()); NULL on exhaustion (errno ENOMEM, nothing printed).

@@ -3,6 +3,7 @@
 
 #include <korvaks/wild.h>
 
+#include <algorithm>
 #include <cstring>
 #include <filesystem>
 
@@ -79,6 +80,13 @@ void check_list(const char *words, const std::string &dir, int split)
     const fuzz::Given<char> given(result == 0 ? list : nullptr);
     FUZZ_REQUIRE(result == 0 || result == WILD_MALFORMED || (result >= WILD_NO_MATCH && result <= WILD_LIMIT));
     FUZZ_REQUIRE((list != nullptr) == (result == 0));
+    char **names = nullptr;
+    std::size_t count = 0;
+    FUZZ_REQUIRE(wild_glob_list(words, dir.c_str(), dir.c_str(), split, &names, &count) == result);
+    const fuzz::Given<char *> given_names(names);
+    FUZZ_REQUIRE(names == nullptr ? result != 0 && count == 0
+                                  : std::find(names, names + count, nullptr) == names + count);
+    FUZZ_REQUIRE(names == nullptr || names[count] == nullptr);
 }
 
 // A list without wildcards comes back as it was but for what separates the words.

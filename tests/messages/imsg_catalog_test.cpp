@@ -193,7 +193,7 @@ TEST(ImsgCatalog, TablesWithHolesAreSafe)
 // Where the build puts it, seen from this program.
 std::string generated(const std::string &name)
 {
-    return (fs::read_symlink("/proc/self/exe").parent_path().parent_path() / "share/korvaks/nls" / name).string();
+    return (fs::read_symlink("/proc/self/exe").parent_path().parent_path() / "catalogues" / name).string();
 }
 
 // What gencat made of the texts is what the tables hold, style markers and quotes included.

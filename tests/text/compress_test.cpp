@@ -281,6 +281,13 @@ TEST(Compress, RefusedBlocksAreReported)
         });
         EXPECT_EQ(result.exit_status, 0);
         EXPECT_NE(result.err.find("Bad format number for \"compressed data\"\n"), std::string::npos) << result.err;
+        const test::ChildResult quiet = test::run_child([&] {
+            std::size_t size = 99;
+            return compress_uncompress_quiet(block.size(), block.data(), &size) != nullptr || size != 0 ||
+                   errno != EINVAL;
+        });
+        EXPECT_EQ(quiet.exit_status, 0);
+        EXPECT_EQ(quiet.out + quiet.err, "");
     }
 }
 

@@ -327,7 +327,9 @@ TEST(DateTimes, NowAndConversions)
     EXPECT_STREQ(date_usage_date_time(),
                  "<date-time> = <date>.<time> | <date> | <time> | \"now\" | \"none\"\n"
                  "<date>      = d[d]-<month>[-[yy]yy] | <day-of-week> | \"today\" | \"yesterday\"\n"
-                 "<time>      = h[h]:m[m][:s[s]][UTC[+|-][h[h][:mm]]] (24-hour time)\n");
+                 "<time>      = h[h]:m[m][:s[s]][UTC[+|-][h[h][:mm]]] (24-hour time)\n"
+                 "A <date-time> may be in ISO 8601, too: 2024-03-05, 2024-03-05T14:03:59+01:00, --03-05, T14:03, "
+                 "2024-W10 ...\n");
 }
 
 TEST(DateWords, ATranslationChangesTheTraditionalStyleOnly)

@@ -208,6 +208,17 @@ TEST_F(FaultFiles, Compression)
         .says("Unable to allocate storage.\n")
         .cleanup(free_blocks)
         .sweep();
+    Operation("compress_uncompress_quiet")
+        .setup(pack)
+        .act([] {
+            unpacked_length = 99;
+            return (unpacked = compress_uncompress_quiet(packed_length, packed, &unpacked_length)) != nullptr;
+        })
+        .gives(is_unpacked)
+        .keeps([] { return unpacked == nullptr && unpacked_length == 0; })
+        .sets_errno()
+        .cleanup(free_blocks)
+        .sweep();
     // A block that is refused, which prints.
     unpacking.act([] { return !unpack(4); }).gives([] { return true; }).sweep_raises();
 }

@@ -50,6 +50,30 @@ TEST(FaultWild, Expansion)
             .sweep_raises();
 }
 
+char **array = nullptr;
+std::size_t count = 0;
+
+TEST(FaultWild, ExpansionIntoAnArray)
+{
+    const test::TempDir dir;
+    test::write_file(dir.file("a"), "");
+    Operation("wild_glob_list")
+        .setup([] { array = nullptr; })
+        .act([&] {
+            return wild_glob_list("'it '\\'s ... * x\\ y", dir.path().c_str(), nullptr, 1, &array, &count) == 0;
+        })
+        .gives([&](const Trial &trial) {
+            const char *const names[] = {"it 's", dir.path().c_str(), nullptr, "x y"};
+            return (trial.fired && trial.plan.answer != ENOMEM) ||
+                   (count == 4 && array[4] == nullptr && array[2] == dir.file("a") &&
+                    !std::strcmp(array[0], names[0]) && !std::strcmp(array[3], names[3]));
+        })
+        .keeps([] { return array == nullptr && count == 0; })
+        .cleanup([] { stg_free(array); })
+        .sweep()
+        .sweep_raises();
+}
+
 TEST(FaultWild, MatchingAndCopying)
 {
     std::string path;

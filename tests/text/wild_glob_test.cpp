@@ -75,6 +75,31 @@ TEST(WildGlob, CutsWords)
     EXPECT_EQ(glob(" a b ", dir.path(), nullptr, 0), "a b ");
 }
 
+// Names that a text with blanks between them cannot tell apart.
+TEST(WildGlob, GivesNamesAsTheyAre)
+{
+    const test::TempDir dir;
+    const Paths names{"\n", " ", "\"", "'", "*", "\\", "a b", "a\" \"b", "q'\n\t'q"};
+    make(dir, names);
+    const std::pair<std::string, Paths> rows[] = {
+        {" \t\n", {}},
+        {"*", names},
+        {R"("" 'a\'b' "c d"\ e\"f x\ y\*\\ "it's" 'open )", {"", "a'b", "c d e\"f", "x y*\\", "it's", "open "}},
+        {"[a] b", {"-6"}},
+    };
+    for (const auto &[words, expected] : rows) {
+        char **array = nullptr;
+        std::size_t count = 99;
+        const int result = wild_glob_list(words.c_str(), dir.path().c_str(), nullptr, 1, &array, &count);
+        Paths found = result == 0 ? Paths(array, array + count) : Paths{std::to_string(result)};
+        EXPECT_EQ(array == nullptr ? 0 : count, result == 0 ? found.size() : 0);
+        for (std::string &name : found)
+            name.erase(0, name.starts_with(dir.path()) ? dir.path().size() + 1 : 0);
+        EXPECT_EQ(found, expected) << words;
+        stg_free(array);
+    }
+}
+
 // Whatever a word says, "..", link or not, it does not lead out of the root.
 TEST(WildGlob, StaysBelowTheRoot)
 {

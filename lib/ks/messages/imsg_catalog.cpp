@@ -86,8 +86,7 @@ void open_catalog(Catalog &catalog, const char *name)
 {
     close_catalog(catalog);
     std::memcpy(catalog.name, name, std::strlen(name) + 1);
-    // With flag 0 the search follows LANG, even where that locale is not installed.
-    catalog.handle = catopen(name, 0);
+    catalog.handle = ks::imsg::find_catalog_file(name);
     catalog.is_open = catalog.handle != failed_open;
 }
 

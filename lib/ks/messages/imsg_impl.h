@@ -21,6 +21,8 @@
 #include <cstdio>
 #include <string_view>
 
+#include <nl_types.h>
+
 struct imsg_tls;
 
 namespace ks::imsg {
@@ -117,6 +119,10 @@ void note_in_capture_log(const msg_table &table, unsigned number);
 const char *text_of_locked(const Message &message);
 const char *text_of(const Message &message);
 const char *default_text_of(const msg_table &table, unsigned number);
+
+// imsg_catalog_path.cpp
+// What catopen() gives, for a catalogue of that name on NLSPATH or among the installed ones. Lock held.
+nl_catd find_catalog_file(const char *name);
 
 // imsg_directives.cpp
 // Why a text must not be formatted with the arguments of a default text; NULL when it may.

@@ -4,6 +4,7 @@
 
 #include "text/compress_impl.h"
 #include "kernel/ks_guard.h"
+#include "kernel/stg_quiet.h"
 #include "base/ks_msg.h"
 #include "base/msg_port.h"
 
@@ -306,38 +307,54 @@ bool restore(const unsigned char *block, std::size_t length, unsigned char *data
     return is_good;
 }
 
-// The result of every failure.
-unsigned char *nothing(int error, std::size_t *out_length)
+struct Restored {
+    unsigned char *data; // NULL on failure
+    std::size_t length;
+    int error; // of a failure: EINVAL when the block is refused, ENOMEM
+};
+
+Restored uncompress(size_t length, const unsigned char *block, void *(*allocate)(std::size_t size))
 {
-    errno = error;
-    *out_length = 0;
-    return nullptr;
+    constexpr Restored refused{nullptr, 0, EINVAL};
+    if (length < header_bytes || block[0] != format_number)
+        return refused;
+    const std::size_t data_length = declared_length(block);
+    if (!can_hold(length - header_bytes, data_length))
+        return refused;
+    auto *data = static_cast<unsigned char *>(allocate(data_length));
+    if (data == nullptr)
+        return {nullptr, 0, ENOMEM};
+    if (!restore(block, length, data, data_length)) {
+        stg_free_int(data, 1); // quiet: its trace could raise before the buffer is gone
+        return refused;
+    }
+    return {data, data_length, 0};
 }
 
-unsigned char *refuse(std::size_t *out_length)
+unsigned char *give(const Restored &restored, std::size_t *out_length)
 {
-    (void)imsg_print(ks::msg_error, &_ks_ks_msg_table, ks_msg_bad_format_number, "compressed data");
-    return nothing(EINVAL, out_length);
+    if (restored.data == nullptr)
+        errno = restored.error;
+    *out_length = restored.length;
+    return restored.data;
 }
 
 } // namespace
 
-extern "C" unsigned char *compress_uncompress(size_t length, const unsigned char *block, size_t *out_length)
+extern "C" {
+
+unsigned char *compress_uncompress(size_t length, const unsigned char *block, size_t *out_length)
 {
-    if (length < header_bytes || block[0] != format_number)
-        return refuse(out_length);
-    const std::size_t data_length = declared_length(block);
-    if (!can_hold(length - header_bytes, data_length))
-        return refuse(out_length);
-    auto *data = static_cast<unsigned char *>(stg_malloc(data_length));
-    if (data == nullptr) {
+    const Restored restored = uncompress(length, block, stg_malloc);
+    if (restored.error == EINVAL)
+        (void)imsg_print(ks::msg_error, &_ks_ks_msg_table, ks_msg_bad_format_number, "compressed data");
+    if (restored.error == ENOMEM)
         (void)imsg_print(ks::msg_error, &_ks_ks_msg_table, ks_msg_no_storage);
-        return nothing(ENOMEM, out_length);
-    }
-    if (!restore(block, length, data, data_length)) {
-        stg_free_int(data, 1); // quiet: its trace could raise before the buffer is gone
-        return refuse(out_length);
-    }
-    *out_length = data_length;
-    return data;
+    return give(restored, out_length);
+}
+
+unsigned char *compress_uncompress_quiet(size_t length, const unsigned char *block, size_t *out_length)
+{
+    return give(uncompress(length, block, ks::heap_try_malloc), out_length);
+}
 }

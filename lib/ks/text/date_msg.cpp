@@ -57,6 +57,8 @@ constexpr ks::MsgRow rows[] = {
      "<time>      = h[h]:m[m][:s[s]][UTC[+|-][h[h][:mm]]] (24-hour time)\n"},
     {date_msg_none, 46, "NONE"},
     {date_msg_utc, 47, "UTC"},
+    {date_msg_usage_iso, 48,
+     "A <date-time> may be in ISO 8601, too: 2024-03-05, 2024-03-05T14:03:59+01:00, --03-05, T14:03, 2024-W10 ...\n"},
 };
 constexpr auto columns = ks::split_sparse_rows<date_msg_count>(rows);
 constexpr std::uint16_t catalog_set = 12;

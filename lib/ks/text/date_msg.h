@@ -54,6 +54,7 @@ enum DateMsg : unsigned {
     date_msg_usage,
     date_msg_none,
     date_msg_utc,
+    date_msg_usage_iso,
 
     date_msg_count = 49,
 };

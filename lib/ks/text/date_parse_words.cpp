@@ -131,8 +131,15 @@ char *date_usage_date_time(void)
     char *&text = tls->date.usage;
     if (text == nullptr)
         text = static_cast<char *>(stg_alloc_nr(tls->area, ks::date::usage_size));
-    if (text != nullptr && imsg_snprintf(text, ks::date::usage_size, &_date_ks_msg_table, date_msg_usage) < 0)
-        *text = '\0';
+    if (text == nullptr)
+        return nullptr;
+    std::size_t size = 0;
+    for (const auto number : {date_msg_usage, date_msg_usage_iso}) {
+        text[size] = '\0';
+        if (imsg_snprintf(text + size, ks::date::usage_size - size, &_date_ks_msg_table, static_cast<int>(number)) < 0)
+            text[size] = '\0';
+        size += std::strlen(text + size);
+    }
     return text;
 }
 }

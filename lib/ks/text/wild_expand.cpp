@@ -129,9 +129,19 @@ int open_directory(const char *path)
 
 int Expander::add_plain(std::string_view word)
 {
-    if (list.size > 0 && !list.append(' '))
-        return WILD_LIMIT;
-    return list.append(word) ? 0 : WILD_LIMIT;
+    return begin_word() && list.append(word) ? 0 : WILD_LIMIT;
+}
+
+int Expander::add_name(std::string_view name)
+{
+    const bool is_added =
+        has_bare_names ? list.append(name) && list.append('\0') : begin_word() && append_transformed(list, name);
+    return is_added ? 0 : WILD_LIMIT;
+}
+
+int Expander::add_literal(const char *compiled)
+{
+    return make_literal(compiled) ? add_name(literal_.view()) : WILD_LIMIT;
 }
 
 int Expander::run(const char *directory, bool is_confining, char *compiled)
@@ -287,16 +297,14 @@ int Expander::add_path_if_there()
 
 int Expander::add_path()
 {
-    if (list.size > 0 && !list.append(' '))
-        return WILD_LIMIT;
     if (!is_ended_by_slash_)
-        return append_transformed(list, path_text()) ? 0 : WILD_LIMIT;
+        return add_name(path_text());
     const std::size_t path_size = path_.size;
     if (path_size == 0 && !path_.append('.'))
         return WILD_LIMIT;
-    const bool is_added = append_component("") && append_transformed(list, path_.view());
+    const int result = append_component("") ? add_name(path_.view()) : WILD_LIMIT;
     path_.cut(path_size);
-    return is_added ? 0 : WILD_LIMIT;
+    return result;
 }
 
 // Keeps the names of the directory at the path that match a component, sorted; or, without one, its
@@ -390,6 +398,11 @@ void Expander::leave(const Level &level)
         names_.cut(level.names_size);
 }
 
+bool Expander::begin_word()
+{
+    return list.size == 0 || list.append(' ');
+}
+
 bool Expander::append_component(std::string_view component)
 {
     const bool is_joined = path_.size == 0 || path_.view().ends_with('/');
@@ -402,16 +415,23 @@ bool Expander::number_path(std::string_view name)
     return !may_return_ || visited_.number_below(number_, name, number_);
 }
 
-bool Expander::append_literal(const char *component)
+bool Expander::make_literal(const char *compiled)
 {
     literal_.size = 0;
-    for (const char *at = component; *at != '\0'; ++at) {
+    if (!literal_.reserve(0))
+        return false;
+    for (const char *at = compiled; *at != '\0'; ++at) {
         if (*at == item_mark)
             ++at;
         if (!literal_.append(*at))
             return false;
     }
-    return append_component(literal_.view()) && number_path(literal_.view());
+    return true;
+}
+
+bool Expander::append_literal(const char *component)
+{
+    return make_literal(component) && append_component(literal_.view()) && number_path(literal_.view());
 }
 
 bool Expander::is_directory() const

@@ -38,10 +38,17 @@ enum class Listing {
 // strings one behind the other, ended by an empty one.
 class Expander {
   public:
+    // Words with one blank between, each as transform_string() makes it; or names as they are, each with its NUL.
     Text list;
+    bool has_bare_names = false;
 
     // Adds a word as it stands.
     [[nodiscard]] int add_plain(std::string_view word);
+
+    [[nodiscard]] int add_name(std::string_view name);
+
+    // Adds the name that a compiled word without wildcards stands for.
+    [[nodiscard]] int add_literal(const char *compiled);
 
     // Adds what a compiled word with wildcards matches, from a directory on, which is not left by ".." when it
     // is confining. The word is cut up in place, and takes one byte more than it had.
@@ -88,7 +95,9 @@ class Expander {
     bool keep_entry(const char *name, EntryKind kind);
     void leave(const Level &level);
 
+    [[nodiscard]] bool begin_word();
     bool append_component(std::string_view component);
+    bool make_literal(const char *compiled);
     bool append_literal(const char *component);
     bool number_path(std::string_view name);
     const char *path_text() const { return path_.size == 0 ? "." : path_.data; }

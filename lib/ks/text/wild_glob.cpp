@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <climits>
+#include <utility>
 
 namespace ks::wild {
 
@@ -109,6 +110,40 @@ int expand_wild(Expander &expander, char *compiled, const Places &places)
     return expander.run(is_confining ? places.root : "/", is_confining, compiled);
 }
 
+// What is left of a word when its quotes are taken off, and the backslash before each character that it escapes.
+[[nodiscard]] bool take_off_quotes(Text &out, std::string_view word)
+{
+    char quote = '\0'; // the one that is open
+    out.size = 0;
+    if (!out.reserve(word.size()))
+        return false;
+    for (std::size_t i = 0; i < word.size();) {
+        const bool is_quote = quote != '\0' ? word[i] == quote : word[i] == '"' || word[i] == '\'';
+        if (is_quote) {
+            quote = quote != '\0' ? '\0' : word[i];
+            ++i;
+            continue;
+        }
+        if (word[i] == '\\' && i + 1 < word.size())
+            ++i;
+        const std::string_view character = word.substr(i, character_length(word.data() + i));
+        if (!out.append(character))
+            return false;
+        i += character.size();
+    }
+    return true;
+}
+
+// Adds a word that is no pattern: it begins with a quote, or is compiled and has no wildcards.
+int add_plain(Expander &expander, Text &scratch, const char *compiled, std::string_view word)
+{
+    if (!expander.has_bare_names)
+        return expander.add_plain(word);
+    if (compiled != nullptr)
+        return expander.add_literal(compiled);
+    return take_off_quotes(scratch, word) ? expander.add_name(scratch.view()) : WILD_LIMIT;
+}
+
 int expand_word(Expander &expander, Text &home, Text &compiled, std::string_view word, const Places &places)
 {
     if (word.front() == '~') {
@@ -123,13 +158,33 @@ int expand_word(Expander &expander, Text &home, Text &compiled, std::string_view
         if (result < 0)
             return result;
     }
-    return has_wild ? expand_wild(expander, compiled.data, places) : expander.add_plain(word);
+    if (has_wild)
+        return expand_wild(expander, compiled.data, places);
+    return add_plain(expander, home, is_quoted ? nullptr : compiled.data, word);
+}
+
+// The names of a list, each ended by NUL, behind an array of pointers to them that NULL ends. NULL on exhaustion.
+char **make_array(const Text &names, std::size_t &out_count)
+{
+    const auto count = static_cast<std::size_t>(std::count(names.data, names.data + names.size, '\0'));
+    const std::size_t array_bytes = (count + 1) * sizeof(char *); // each has a byte of the names
+    auto *array = static_cast<char **>(heap_try_malloc(array_bytes + names.size));
+    if (array == nullptr)
+        return nullptr;
+    auto *name = static_cast<char *>(std::memcpy(array + count + 1, names.data, names.size));
+    for (std::size_t i = 0; i < count; ++i) {
+        array[i] = name;
+        name += std::strlen(name) + 1;
+    }
+    array[count] = nullptr;
+    out_count = count;
+    return array;
 }
 
 struct Work {
     Expander expander;
-    Text home;
-    Text compiled;
+    Text home{};
+    Text compiled{};
     int result = 0;
 
     void run(const char *words, const Places &places, bool is_split)
@@ -140,6 +195,19 @@ struct Work {
             result = WILD_LIMIT;
         while (result == 0 && reader.next(word))
             result = expand_word(expander, home, compiled, word, places);
+    }
+
+    // Runs, and gives out what was found.
+    template <typename Give> int run_protected(const char *words, const Places &places, bool is_split, Give give)
+    {
+        const int32_t raised = protect([&] { run(words, places, is_split); });
+        if (raised == 0 && result == 0)
+            result = give();
+        const int final_result = result;
+        release();
+        if (raised != 0)
+            pfm_raise(raised);
+        return final_result;
     }
 
     void release()
@@ -160,16 +228,23 @@ int wild_glob_ext(const char *words, const char *dir, const char *root, int spli
 {
     *out_list = nullptr;
     ks::wild::Work work;
-    const ks::wild::Places places{dir, root};
-    const int32_t raised = ks::protect([&] { work.run(words, places, split != 0); });
-    if (raised == 0 && work.result == 0) {
-        *out_list = work.expander.list.data;
-        work.expander.list.data = nullptr;
-    }
-    work.release();
-    if (raised != 0)
-        pfm_raise(raised);
-    return work.result;
+    return work.run_protected(words, {dir, root}, split != 0, [&] {
+        *out_list = std::exchange(work.expander.list.data, nullptr);
+        return 0;
+    });
+}
+
+int wild_glob_list(const char *words, const char *dir, const char *root, int split, char ***out_names,
+                   size_t *out_count)
+{
+    *out_names = nullptr;
+    *out_count = 0;
+    ks::wild::Work work;
+    work.expander.has_bare_names = true;
+    return work.run_protected(words, {dir, root}, split != 0, [&] {
+        *out_names = ks::wild::make_array(work.expander.list, *out_count);
+        return *out_names != nullptr ? 0 : WILD_LIMIT;
+    });
 }
 
 int wild_glob(const char *words, const char *dir, char **out_list)
