@@ -79,7 +79,8 @@ template <bool is_plain> class StrKey {
         if (string_ == nullptr || other == nullptr)
             return string_ == other;
         if constexpr (is_plain)
-            return std::strcmp(string_, other) == 0;
+            return ht.copyk != 0 ? ks::hash::is_equal_to_copy(string_, length_, other)
+                                 : std::strcmp(string_, other) == 0;
         else
             return ht.compare_fn(string_, other) != 0;
     }
