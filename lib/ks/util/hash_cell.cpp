@@ -162,9 +162,14 @@ template <typename Key>
 [[gnu::always_inline]] inline hash_cell *find_cell(const Table &table, const Key &key, uint32_t hval)
 {
     hash_cell *cell = table.record.bkts[bucket_of(table, hval)];
-    while (cell != nullptr && !key.matches(table.record, *cell, hval))
-        cell = cell->next;
-    return cell;
+    for (; cell != nullptr; cell = cell->next) {
+        // A copied key begins behind the data, often in the next line: both come at once.
+        if constexpr (Key::keytype != HASH_KEY_INT)
+            __builtin_prefetch(reinterpret_cast<const char *>(cell) + table.key_offset);
+        if (key.matches(table.record, *cell, hval))
+            return cell;
+    }
+    return nullptr;
 }
 
 // The next free cell with the key in it; NULL on exhaustion, and then it is still free.
