@@ -1,7 +1,7 @@
 // Bounded formatting, and the scan of a format for its directives.
 //
-// Most formats ask for strings and integers as they are. These are formatted here, in a fraction of the time; a format
-// with anything else in it, a width, a flag, another conversion, goes to the C library as a whole.
+// Most directives ask for strings and integers as they are. These are formatted here, in a fraction of the time; from
+// the first one with anything else in it, a width, a flag, another conversion, the C library formats the rest.
 #include "util/strutl_impl.h"
 
 #include <algorithm>
@@ -124,6 +124,16 @@ class Output {
         return length_;
     }
 
+    // The C library's part, behind all others: false when it fails.
+    bool add_rest(const char *format, va_list args)
+    {
+        const bool has_room = length_ < room_;
+        const int count =
+            std::vsnprintf(has_room ? buf_ + length_ : nullptr, has_room ? room_ - length_ + 1 : 0, format, args);
+        length_ += count < 0 ? 0 : static_cast<std::size_t>(count);
+        return count >= 0;
+    }
+
   private:
     char *buf_;
     std::size_t room_; // without the NUL
@@ -169,7 +179,8 @@ bool add_integer_argument(Output &out, char conversion, Arguments &arguments)
     }
 }
 
-// Formats what follows a "%" and moves behind it; false when that is left to the C library.
+// Formats the directive behind a "%" and moves behind it; false, with nothing moved, when that is left to the C
+// library.
 bool add_directive(Output &out, const char *&at, Arguments &arguments)
 {
     switch (*at) {
@@ -181,15 +192,32 @@ bool add_directive(Output &out, const char *&at, Arguments &arguments)
         add_string(out, va_arg(arguments.list, const char *));
         return true;
     case 'l':
-        ++at;
-        return add_integer_argument<long, unsigned long>(out, *at++, arguments);
+        if (!add_integer_argument<long, unsigned long>(out, at[1], arguments))
+            return false;
+        at += 2;
+        return true;
     default:
-        return add_integer_argument<int, unsigned>(out, *at++, arguments);
+        if (!add_integer_argument<int, unsigned>(out, *at, arguments))
+            return false;
+        ++at;
+        return true;
     }
 }
 
-// False when the format is left to the C library, which then takes the arguments from the first one on.
-bool format_simple(Output &out, const char *format, Arguments &arguments)
+// Whether a directive stores the length so far, which the C library knows of what it has formatted itself.
+bool stores_length(const char *format)
+{
+    for (const char *at = strchrnul(format, '%'); *at != '\0'; at = strchrnul(at, '%')) {
+        at += 1 + std::strspn(at + 1, "0123456789 #'+-.*$Ihljztq");
+        if (*at == 'n')
+            return true;
+        at += *at == '%' ? 1 : 0;
+    }
+    return false;
+}
+
+// False when the C library has to do it all, or fails.
+bool format_in_parts(Output &out, const char *format, Arguments &arguments)
 {
     for (;;) {
         const char *percent = strchrnul(format, '%');
@@ -198,7 +226,7 @@ bool format_simple(Output &out, const char *format, Arguments &arguments)
             return true;
         format = percent + 1;
         if (!add_directive(out, format, arguments))
-            return false;
+            return !stores_length(percent) && out.add_rest(percent, arguments.list);
     }
 }
 
@@ -235,13 +263,10 @@ int strutl_vsnprintf(char *buf, size_t size, const char *format, va_list args)
     Output out(buf, size);
     Arguments arguments;
     va_copy(arguments.list, args);
-    const bool is_simple = format_simple(out, format, arguments);
+    const bool is_done = format_in_parts(out, format, arguments);
     va_end(arguments.list);
-    if (is_simple) {
-        const std::size_t length = out.finish();
-        if (length <= INT_MAX)
-            return static_cast<int>(length);
-    }
+    if (is_done && out.finish() <= INT_MAX)
+        return static_cast<int>(out.finish());
     return std::vsnprintf(buf, size, format, args);
 }
 
