@@ -1,14 +1,20 @@
 // What do the string utilities cost against the C library's calls of the same purpose? Each call
-// goes through the text of one page (4 KiB), formatting through one line.
+// goes through the text of one page (4 KiB), formatting through one line. A size string is "1.5M" or its
+// like; the environment's variables are two in a path, against the words of a shell.
 #include "bench_input.h"
 
 #include <korvaks/strutl.h>
 
 #include <benchmark/benchmark.h>
 
+#include <korvaks/stg.h>
+
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <string>
+
+#include <wordexp.h>
 
 namespace {
 
@@ -86,5 +92,87 @@ void find_with_strstr(benchmark::State &state)
         state.SkipWithError("not found");
 }
 BENCHMARK(find_with_strstr)->Name("text/find_str/strstr");
+
+// As people write them.
+const char *const sizes[] = {"64k", "100", "1.5M", "2G", "4096", "512K", "0.25g", "10m"};
+
+unsigned size_by_strtod(const char *text, unsigned long *out_bytes)
+{
+    char *end = nullptr;
+    errno = 0;
+    const double number = std::strtod(text, &end);
+    if (end == text || errno != 0 || (*end != '\0' && end[1] != '\0'))
+        return 1;
+    double factor = 1;
+    switch (*end) {
+    case 'g':
+    case 'G':
+        factor *= 1024;
+        [[fallthrough]];
+    case 'm':
+    case 'M':
+        factor *= 1024;
+        [[fallthrough]];
+    case 'k':
+    case 'K':
+        factor *= 1024;
+        [[fallthrough]];
+    case '\0':
+        break;
+    default:
+        return 1;
+    }
+    *out_bytes = static_cast<unsigned long>(number * factor);
+    return 0;
+}
+
+template <auto read> void read_sizes(benchmark::State &state)
+{
+    unsigned long sum = 0;
+    for (auto _ : state) {
+        for (const char *text : sizes) {
+            unsigned long size = 0;
+            if (read(text, &size) != 0)
+                state.SkipWithError("not read");
+            sum += size;
+        }
+    }
+    benchmark::DoNotOptimize(sum);
+}
+BENCHMARK(read_sizes<strutl_kstr_or_str_to_long>)->Name("text/size_string/korvaks");
+BENCHMARK(read_sizes<size_by_strtod>)->Name("text/size_string/strtod");
+
+constexpr const char *path_with_variables = "$BENCH_ROOT/src/${BENCH_PART}/main.cpp";
+constexpr const char *path_expanded = "/usr/local/src/kernel/main.cpp";
+
+void set_variables()
+{
+    setenv("BENCH_ROOT", "/usr/local", 1);
+    setenv("BENCH_PART", "kernel", 1);
+}
+
+void expand_with_korvaks(benchmark::State &state)
+{
+    set_variables();
+    for (auto _ : state) {
+        char *text = strutl_expand_evs(path_with_variables);
+        if (std::strcmp(text, path_expanded) != 0)
+            state.SkipWithError("not expanded");
+        stg_free(text);
+    }
+}
+BENCHMARK(expand_with_korvaks)->Name("text/expand_env/korvaks");
+
+void expand_with_wordexp(benchmark::State &state)
+{
+    set_variables();
+    for (auto _ : state) {
+        wordexp_t words;
+        if (wordexp(path_with_variables, &words, WRDE_NOCMD) != 0 || std::strcmp(words.we_wordv[0], path_expanded) != 0)
+            state.SkipWithError("not expanded");
+        wordfree(&words);
+    }
+}
+BENCHMARK(expand_with_wordexp)->Name("text/expand_env/wordexp");
 
 } // namespace

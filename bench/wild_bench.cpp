@@ -26,6 +26,9 @@ using Texts = std::vector<std::string>;
 const Texts name_patterns = {"*.c", "lib*.so.?", "[a-m]*_test.cpp", "*draft*", "report-??.txt"};
 const Texts path_patterns = {"src/*/*.cpp", "lib/*/lib*.so*", "*/include/[a-m]*.h", "doc/*/*/index.*"};
 
+// Each takes the front of a path and then fails behind a `*`.
+const Texts failing_patterns = {"src/*.cpp", "src/kernel/*_bench.cpp", "src/*/main.[xyz]", "src/*/*_unit.h"};
+
 Texts make_names()
 {
     const Texts stems = {"main", "libkernel", "list_test", "report-07", "an_old_draft_of_it", "index"};
@@ -45,6 +48,14 @@ Texts make_paths()
         for (const std::string &name : make_names())
             paths.push_back(directory + name);
     }
+    return paths;
+}
+
+Texts make_failing_paths()
+{
+    Texts paths;
+    for (const std::string &name : make_names())
+        paths.push_back("src/kernel/" + name);
     return paths;
 }
 
@@ -71,7 +82,8 @@ bool match_with_fnmatch(const char *pattern, const char *text, bool is_path)
 
 using Matches = bool(const char *pattern, const char *text, bool is_path);
 
-void match(benchmark::State &state, Matches *matches, const Texts &patterns, const Texts &texts, bool is_path)
+void match(benchmark::State &state, Matches *matches, const Texts &patterns, const Texts &texts, bool is_path,
+           bool is_failing = false)
 {
     std::size_t found = 0;
     for (auto _ : state) {
@@ -80,8 +92,8 @@ void match(benchmark::State &state, Matches *matches, const Texts &patterns, con
                 found += matches(pattern.c_str(), text.c_str(), is_path) ? 1 : 0;
         }
     }
-    if (found == 0)
-        state.SkipWithError("no matches");
+    if ((found == 0) != is_failing)
+        state.SkipWithError(is_failing ? "a match" : "no matches");
 }
 BENCHMARK_CAPTURE(match, names_korvaks, match_with_korvaks, compiled(name_patterns), make_names(), false)
     ->Name("wild/match_names/korvaks");
@@ -91,6 +103,10 @@ BENCHMARK_CAPTURE(match, paths_korvaks, match_with_korvaks, compiled(path_patter
     ->Name("wild/match_paths/korvaks");
 BENCHMARK_CAPTURE(match, paths_fnmatch, match_with_fnmatch, path_patterns, make_paths(), true)
     ->Name("wild/match_paths/fnmatch");
+BENCHMARK_CAPTURE(match, fail_korvaks, match_with_korvaks, compiled(failing_patterns), make_failing_paths(), true, true)
+    ->Name("wild/fail_behind_run/korvaks");
+BENCHMARK_CAPTURE(match, fail_fnmatch, match_with_fnmatch, failing_patterns, make_failing_paths(), true, true)
+    ->Name("wild/fail_behind_run/fnmatch");
 
 // 10,000 files, removed with the program's end.
 class Tree {

@@ -277,6 +277,24 @@ TEST(HashFunctions, MixEveryByteInTurn)
     EXPECT_EQ(hash_int_hash_key_fn(&negative), static_cast<uint32_t>(-3)); // arithmetic shift
 }
 
+// Copied keys are compared by words; these have one hash value and differ in length, in a whole word, or behind it.
+TEST(HashStrings, WithOneHashValueAreDifferentKeys)
+{
+    for (const auto &[one, other] :
+         {std::pair{"dxxljnph", "ylqalktn"}, std::pair{"exjiegq", "xxbctzoir"},
+          std::pair{"acdnazh", "szbhykshnqdepovf"}, std::pair{"prefix: ascalyx", "prefix: mjzmcpd"}}) {
+        ASSERT_EQ(hash_str_hash_key_fn(one), hash_str_hash_key_fn(other));
+        for (const unsigned is_copied : {0u, 1u}) {
+            hash_ht *ht = hash_str_create(1, 8, is_copied);
+            EXPECT_EQ(hash_str_enter(ht, one, nullptr, nullptr), 0);
+            EXPECT_EQ(hash_str_lookup(ht, other, nullptr, nullptr), 0) << other;
+            EXPECT_EQ(hash_str_enter(ht, other, nullptr, nullptr), 0);
+            EXPECT_EQ(hash_str_lookup(ht, one, nullptr, nullptr), 1);
+            hash_delete_ht(&ht);
+        }
+    }
+}
+
 // The vectors of the function's authors: key 00 to 0f, input 00 to n - 1.
 TEST(HashSeeded, IsSipHash)
 {

@@ -78,6 +78,10 @@ TEST(StrutlNumber, SizesWithASuffix)
         {"2g", 2097152, 2147483648},
         {"1G", 1048576, 1073741824},
         {"1.5k", 1, 1536},
+        {"999999999999999", 976562499999, 999999999999999},
+        {"18446744073709551615k", failed, failed}, // 2 to the 64th kilobytes, for a double
+        {"0x10", 1, 16},
+        {"1e3K", 1000, 1024000},
         {"3000", 2, 3000},
         {"0.1", 1, 1},
         {"nan", 1, 1},
@@ -282,6 +286,25 @@ TEST(StrutlPrintf, FormattingIsBounded)
     EXPECT_EQ(strutl_snprintf(buf, sizeof buf, "%d", 12345), 5);
     EXPECT_STREQ(buf, "123");
     EXPECT_EQ(strutl_snprintf(nullptr, 0, "%s", "abc"), 3);
+}
+
+TEST(StrutlPrintf, FormattingIsThatOfTheCLibrary)
+{
+    const char *formats[] = {"%s: %d|%i|%u|%x|%ld|%lu|%lx|%%", "%s %d %i %u %x %ld %lu %lx",
+                             "%s%5d%+i%u%#x%12ld%lu%lx%", "%s %d %i %u %x %.9ld %lu %lx %l",
+                             "%5.2s%% %d %i %u %c %ld %lu %lx"};
+    for (const char *format : formats) {
+        for (std::size_t size = 0; size < 120; ++size) {
+            const auto print = [&](auto *function, char *buf) {
+                return function(buf, size, format, size % 2 == 0 ? "text" : nullptr, INT_MIN, -1, UINT_MAX, 0xBEEFu,
+                                LONG_MIN, ULONG_MAX, ULONG_MAX);
+            };
+            char expected[120] = "untouched";
+            char got[120] = "untouched";
+            ASSERT_EQ(print(strutl_snprintf, got), print(snprintf, expected)) << format;
+            ASSERT_EQ(std::string(got), expected) << size;
+        }
+    }
 }
 
 } // namespace

@@ -18,6 +18,7 @@ using ks::compress::distance_bits;
 using ks::compress::format_number;
 using ks::compress::header_bytes;
 using ks::compress::length_bits;
+using ks::compress::load_le32;
 using ks::compress::load_le64;
 using ks::compress::match_max;
 using ks::compress::match_min;
@@ -134,8 +135,14 @@ std::uint32_t hash_of(const unsigned char *bytes)
     return (b2 * 64 + b1 * 8 + b0) * b0 % hash_values;
 }
 
-// How many of the first `longest` bytes are common, with wide_bytes readable behind both.
+// How many of the first `longest` bytes are common, with wide_bytes readable behind both. And whether three bytes are
+// equal: one comparison, since most candidates fail at any of them.
 struct WideCompare {
+    static bool has_equal_three(const unsigned char *a, const unsigned char *b)
+    {
+        return ((load_le32(a) ^ load_le32(b)) << 8) == 0;
+    }
+
     static unsigned common_length(const unsigned char *a, const unsigned char *b, unsigned)
     {
         for (unsigned at = 0; at < match_max; at += 8) {
@@ -149,6 +156,11 @@ struct WideCompare {
 
 // The same near the end of the data.
 struct NarrowCompare {
+    static bool has_equal_three(const unsigned char *a, const unsigned char *b)
+    {
+        return a[0] == b[0] && a[1] == b[1] && a[2] == b[2];
+    }
+
     static unsigned common_length(const unsigned char *a, const unsigned char *b, unsigned longest)
     {
         unsigned at = 0;
@@ -169,7 +181,7 @@ Match find_match(const Chains &chains, const unsigned char *data, std::size_t p,
         const unsigned char *here = data + p;
         const unsigned char *there = here - behind;
         const unsigned end = best.length - (match_min - 1);
-        if (there[end] == here[end] && there[end + 1] == here[end + 1] && there[end + 2] == here[end + 2]) {
+        if (Compare::has_equal_three(there + end, here + end)) {
             const unsigned length = Compare::common_length(there, here, longest);
             if (length > best.length)
                 best = {behind, length};

@@ -54,6 +54,13 @@ inline std::uint64_t load_le64(const unsigned char *bytes)
     return swap_unless(std::endian::little, load_u64(bytes));
 }
 
+inline std::uint32_t load_le32(const unsigned char *bytes)
+{
+    std::uint32_t word;
+    std::memcpy(&word, bytes, sizeof word);
+    return std::endian::native == std::endian::little ? word : __builtin_bswap32(word);
+}
+
 inline void store_le64(unsigned char *bytes, std::uint64_t word)
 {
     word = swap_unless(std::endian::little, word);

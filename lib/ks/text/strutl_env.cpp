@@ -1,5 +1,8 @@
 // Environment variables in strings.
 //
+// What most strings need fits into room on the stack, so that nothing is left behind by a raise and no cleanup record
+// is made, which takes two system calls. A string that needs more is expanded once again, in an area.
+//
 // The environment lock stands behind area mutexes and message state in the lock order, so nothing is
 // allocated while it is held: a value is copied into room that is already there.
 #include "util/strutl_impl.h"
@@ -14,18 +17,22 @@ namespace {
 
 using ks::strutl::char_length;
 using ks::strutl::Encoding;
+using ks::strutl::is_ascii;
 using ks::strutl::locale_encoding;
 using ks::strutl::store;
 
 constexpr std::size_t first_area_size = 1024;
+constexpr std::size_t small_string_size = 512; // with its NUL
+constexpr std::size_t small_text_size = 1024;
 
 // How much longer than the text that it began with a result of several passes may become: each pass can multiply it.
 constexpr std::size_t growth_max = std::size_t{1} << 20;
 
-// Text that grows in an area, up to a limit.
-class AreaText {
+// Text that grows in an area, up to a limit, or that stays in the room it is given.
+class Text {
   public:
-    AreaText(stg_area *area, std::size_t limit) : area_(area), limit_(limit) {}
+    Text(stg_area *area, std::size_t limit) : area_(area), limit_(limit) {}
+    Text(char *room, std::size_t capacity, std::size_t limit) : limit_(limit), data_(room), capacity_(capacity) {}
 
     const char *data() const { return data_; }
     std::size_t size() const { return size_; }
@@ -33,7 +40,8 @@ class AreaText {
     char *end() { return data_ + size_; }
     void grow_by(std::size_t count) { size_ += count; }
 
-    int error() const { return error_; } // of what failed
+    int error() const { return error_; }                  // of what failed
+    bool has_no_room() const { return error_ == ENOSPC; } // that is all that failed
 
     [[nodiscard]] bool reserve(std::size_t count)
     {
@@ -43,6 +51,10 @@ class AreaText {
         }
         if (count <= room())
             return true;
+        if (area_ == STG_AREA_NULL) {
+            error_ = ENOSPC;
+            return false;
+        }
         std::size_t wanted = 0;
         if (__builtin_add_overflow(size_, count, &wanted) || __builtin_mul_overflow(wanted, std::size_t{2}, &wanted))
             return false;
@@ -68,7 +80,7 @@ class AreaText {
     }
 
   private:
-    stg_area *area_;
+    stg_area *area_ = STG_AREA_NULL; // none: the room it has is all
     std::size_t limit_;
     int error_ = ENOMEM;
     char *data_ = nullptr;
@@ -85,9 +97,18 @@ struct Expansion {
     int error = ENOMEM; // when there is no result
 };
 
+bool is_ascii_alnum(char c)
+{
+    return (c >= '0' && c <= '9') || (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z');
+}
+
 bool is_name_character(const char *s, std::size_t &out_length)
 {
-    return strutl_test_char(s, MB_LEN_MAX, STRUTL_ALNUM, &out_length) != 0 || *s == '_';
+    if (is_ascii(*s)) { // of which all locales say the same
+        out_length = 1;
+        return is_ascii_alnum(*s) || *s == '_';
+    }
+    return strutl_test_char(s, MB_LEN_MAX, STRUTL_ALNUM, &out_length) != 0;
 }
 
 bool starts_reference(const char *after_dollar)
@@ -115,7 +136,7 @@ std::size_t plain_length(const char *at, Encoding encoding)
     return static_cast<std::size_t>(at - start);
 }
 
-bool append_value(const char *name, AreaText &text)
+bool append_value(const char *name, Text &text)
 {
     for (;;) {
         evutl_lock_environ();
@@ -135,7 +156,7 @@ bool append_value(const char *name, AreaText &text)
 }
 
 // Expands the reference whose "$" stands before `at`, and moves behind it.
-bool append_reference(char *&at, AreaText &text)
+bool append_reference(char *&at, Text &text)
 {
     const bool is_braced = *at == '{';
     char *name = is_braced ? at + 1 : at;
@@ -154,7 +175,7 @@ bool append_reference(char *&at, AreaText &text)
     return appended;
 }
 
-bool append_escaped(char *&at, AreaText &text)
+bool append_escaped(char *&at, Text &text)
 {
     const char *literal = at[1] == '\0' ? at : at + 1;
     const std::size_t length = char_length(literal);
@@ -163,7 +184,7 @@ bool append_escaped(char *&at, AreaText &text)
 }
 
 // Works on a copy of its own, in which names are terminated in place.
-bool expand(char *at, AreaText &text, unsigned &found)
+bool expand(char *at, Text &text, unsigned &found)
 {
     const Encoding encoding = locale_encoding();
     for (;;) {
@@ -187,7 +208,7 @@ bool expand(char *at, AreaText &text, unsigned &found)
     }
 }
 
-char *heap_copy(const AreaText &text)
+char *heap_copy(const Text &text)
 {
     char *copy = static_cast<char *>(stg_malloc(text.size() + 1));
     if (copy == nullptr)
@@ -198,29 +219,60 @@ char *heap_copy(const AreaText &text)
     return copy;
 }
 
-void run(const char *str, Expansion &expansion)
+void expand_into_heap(char *copy, Text &text, Expansion &expansion)
+{
+    if (expand(copy, text, expansion.found))
+        expansion.result = heap_copy(text);
+    else
+        expansion.error = text.error();
+}
+
+// False when it needs more room than there is here.
+bool run_in_small_room(const char *str, Expansion &expansion)
+{
+    char copy[small_string_size];
+    const std::size_t size = std::strlen(str) + 1;
+    if (size > sizeof copy)
+        return false;
+    std::memcpy(copy, str, size);
+    char room[small_text_size];
+    Text text(room, sizeof room, expansion.limit);
+    expand_into_heap(copy, text, expansion);
+    return !text.has_no_room();
+}
+
+void run_in_area(const char *str, Expansion &expansion)
 {
     expansion.area = stg_create_area(first_area_size);
     if (expansion.area == STG_AREA_NULL)
         return;
-    AreaText text(expansion.area, expansion.limit);
+    Text text(expansion.area, expansion.limit);
     char *copy = stg_area_strdup(expansion.area, str);
-    if (copy != nullptr && !expand(copy, text, expansion.found))
-        expansion.error = text.error();
-    else if (copy != nullptr)
-        expansion.result = heap_copy(text);
+    if (copy != nullptr)
+        expand_into_heap(copy, text, expansion);
     stg_delete_area(&expansion.area);
 }
 
-// The result, or NULL with errno. A raise goes on when nothing is left behind.
+// A raise goes on when nothing is left behind.
+void run_protected(const char *str, Expansion &expansion)
+{
+    const int32_t raised = ks::protect([&] { run_in_area(str, expansion); });
+    if (raised == 0)
+        return;
+    if (expansion.area != STG_AREA_NULL)
+        stg_delete_area(&expansion.area);
+    stg_free(expansion.result);
+    pfm_raise(raised);
+}
+
+// The result, or NULL with errno.
 char *expand_once(const char *str, Expansion &expansion)
 {
-    const int32_t raised = ks::protect([&] { run(str, expansion); });
-    if (raised != 0) {
-        if (expansion.area != STG_AREA_NULL)
-            stg_delete_area(&expansion.area);
-        stg_free(expansion.result);
-        pfm_raise(raised);
+    pfm_test_raise(nullptr); // as the area's cleanup record would be
+    const Expansion fresh = expansion;
+    if (!run_in_small_room(str, expansion)) {
+        expansion = fresh;
+        run_protected(str, expansion);
     }
     if (expansion.result == nullptr)
         errno = expansion.error;

@@ -9,6 +9,8 @@
 #include <iterator>
 #include <type_traits>
 
+#include <sys/mman.h>
+
 static_assert(std::is_standard_layout_v<hash_ht> && std::is_trivially_copyable_v<hash_ht>);
 static_assert(offsetof(hash_ht, bkts) == 0 && offsetof(hash_ht, area) == 8 && offsetof(hash_ht, cells) == 16);
 static_assert(offsetof(hash_ht, first_cell) == 24 && offsetof(hash_ht, last_cell) == 32);
@@ -120,6 +122,21 @@ void set_functions(Table &table, Functions wanted)
     table.plain_keytype = Functions{ht.hash_fn, ht.compare_fn} == built_in ? ht.keytype : ks::hash::not_plain;
 }
 
+// Every look-up begins at a random place of the array. In small pages a large one has more of them than the
+// processor keeps addresses of, and each look-up then reads the page tables as well. All of it is
+// written at once, so that whole large pages cost no memory. A kernel without them changes nothing.
+void ask_for_large_pages(hash_cell **buckets, std::size_t bytes)
+{
+    constexpr std::size_t large_page = std::size_t{2} << 20;
+    if (bytes < 2 * large_page)
+        return;
+    const ks::ErrnoSaver saver;
+    const auto begin = reinterpret_cast<std::uintptr_t>(buckets);
+    const std::uintptr_t first = (begin + large_page - 1) / large_page * large_page;
+    const std::uintptr_t end = (begin + bytes) / large_page * large_page;
+    (void)madvise(reinterpret_cast<void *>(first), end - first, MADV_HUGEPAGE); // advice, no more
+}
+
 // Each cell goes to the head of its new chain, in the order in which its old one held them.
 void move_cells(const Table &table, hash_cell **old_bkts, uint64_t old_nbkts)
 {
@@ -163,8 +180,10 @@ hash_cell **make_buckets(uint64_t nbkts)
 {
     const std::size_t bytes = nbkts * sizeof(hash_cell *); // nbkts is at most bucket_count_max
     auto **buckets = static_cast<hash_cell **>(stg_malloc(bytes));
-    if (buckets != nullptr)
-        std::memset(buckets, 0, bytes);
+    if (buckets == nullptr)
+        return nullptr;
+    ask_for_large_pages(buckets, bytes);
+    std::memset(buckets, 0, bytes);
     return buckets;
 }
 

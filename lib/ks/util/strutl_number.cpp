@@ -82,14 +82,39 @@ double suffix_factor(const char *suffix, const SizeUnits &units)
     }
 }
 
+// A number of digits only, as most sizes are written, that a double holds exactly; false for all others. No locale has
+// a say in it.
+bool read_digits(const char *str, double &out_number, const char *&out_end)
+{
+    constexpr std::ptrdiff_t digits_max = 15;
+    std::uint64_t number = 0;
+    const char *at = str;
+    for (; *at >= '0' && *at <= '9' && at - str <= digits_max; ++at)
+        number = number * 10 + static_cast<std::uint64_t>(*at - '0');
+    const std::ptrdiff_t digits = at - str;
+    out_number = static_cast<double>(number);
+    out_end = at;
+    return digits > 0 && digits <= digits_max;
+}
+
+// The factor of a size, with its number; 0 for text that is none.
+double read_number_and_factor(const char *str, const SizeUnits &units, double &out_number)
+{
+    const char *suffix = nullptr;
+    if (read_digits(str, out_number, suffix)) {
+        const double factor = suffix_factor(suffix, units);
+        if (factor != 0)
+            return factor;
+    }
+    char *end = nullptr;
+    return strutl_strtod_extended(str, &out_number, &end) == 0 ? suffix_factor(end, units) : 0;
+}
+
 unsigned read_size(const char *str, const SizeUnits &units, unsigned long *out_size)
 {
     constexpr double first_beyond = 18446744073709551616.0; // 2 to the 64th
     double number = 0;
-    char *suffix = nullptr;
-    if (strutl_strtod_extended(str, &number, &suffix) != 0)
-        return 1;
-    const double factor = suffix_factor(suffix, units);
+    const double factor = read_number_and_factor(str, units, number);
     if (factor == 0)
         return 1;
     const double size = number * factor;

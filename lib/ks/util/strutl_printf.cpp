@@ -1,7 +1,13 @@
 // Bounded formatting, and the scan of a format for its directives.
+//
+// Most directives ask for strings and integers as they are. These are formatted here, in a fraction of the time; from
+// the first one with anything else in it, a width, a flag, another conversion, the C library formats the rest.
 #include "util/strutl_impl.h"
 
+#include <algorithm>
+#include <charconv>
 #include <cstdio>
+#include <iterator>
 
 namespace {
 
@@ -98,6 +104,132 @@ Directive read_directive(const char *at)
     return directive;
 }
 
+// A buffer that counts what does not fit.
+class Output {
+  public:
+    Output(char *buf, std::size_t size) : buf_(buf), room_(size == 0 ? 0 : size - 1), is_given_(size != 0) {}
+
+    void add(const char *text, std::size_t count)
+    {
+        if (length_ < room_)
+            std::memcpy(buf_ + length_, text, std::min(count, room_ - length_));
+        length_ += count;
+    }
+
+    // The length of all, with what fits of it in the buffer.
+    std::size_t finish()
+    {
+        if (is_given_)
+            buf_[std::min(length_, room_)] = '\0';
+        return length_;
+    }
+
+    // The C library's part, behind all others: false when it fails.
+    bool add_rest(const char *format, va_list args)
+    {
+        const bool has_room = length_ < room_;
+        const int count =
+            std::vsnprintf(has_room ? buf_ + length_ : nullptr, has_room ? room_ - length_ + 1 : 0, format, args);
+        length_ += count < 0 ? 0 : static_cast<std::size_t>(count);
+        return count >= 0;
+    }
+
+  private:
+    char *buf_;
+    std::size_t room_; // without the NUL
+    bool is_given_;
+    std::size_t length_ = 0;
+};
+
+// A struct, so that it can be passed by reference.
+struct Arguments {
+    va_list list;
+};
+
+template <typename Integer> void add_integer(Output &out, Integer value, int base)
+{
+    char digits[24]; // of 64 bits in base 10 or 16, and a sign
+    const std::to_chars_result result = std::to_chars(std::begin(digits), std::end(digits), value, base);
+    out.add(digits, static_cast<std::size_t>(result.ptr - digits));
+}
+
+void add_string(Output &out, const char *text)
+{
+    if (text == nullptr)
+        text = "(null)"; // as the C library shows it
+    out.add(text, std::strlen(text));
+}
+
+template <typename Signed, typename Unsigned>
+bool add_integer_argument(Output &out, char conversion, Arguments &arguments)
+{
+    switch (conversion) {
+    case 'd':
+    case 'i':
+        add_integer(out, va_arg(arguments.list, Signed), 10);
+        return true;
+    case 'u':
+        add_integer(out, va_arg(arguments.list, Unsigned), 10);
+        return true;
+    case 'x':
+        add_integer(out, va_arg(arguments.list, Unsigned), 16);
+        return true;
+    default:
+        return false;
+    }
+}
+
+// Formats the directive behind a "%" and moves behind it; false, with nothing moved, when that is left to the C
+// library.
+bool add_directive(Output &out, const char *&at, Arguments &arguments)
+{
+    switch (*at) {
+    case '%':
+        out.add(at++, 1);
+        return true;
+    case 's':
+        ++at;
+        add_string(out, va_arg(arguments.list, const char *));
+        return true;
+    case 'l':
+        if (!add_integer_argument<long, unsigned long>(out, at[1], arguments))
+            return false;
+        at += 2;
+        return true;
+    default:
+        if (!add_integer_argument<int, unsigned>(out, *at, arguments))
+            return false;
+        ++at;
+        return true;
+    }
+}
+
+// Whether a directive stores the length so far, which the C library knows of what it has formatted itself.
+bool stores_length(const char *format)
+{
+    for (const char *at = strchrnul(format, '%'); *at != '\0'; at = strchrnul(at, '%')) {
+        at += 1 + std::strspn(at + 1, "0123456789 #'+-.*$Ihljztq");
+        if (*at == 'n')
+            return true;
+        at += *at == '%' ? 1 : 0;
+    }
+    return false;
+}
+
+// False when the C library has to do it all, or fails.
+bool format_in_parts(Output &out, const char *format, Arguments &arguments)
+{
+    for (;;) {
+        const char *percent = strchrnul(format, '%');
+        out.add(format, static_cast<std::size_t>(percent - format));
+        if (*percent == '\0')
+            return true;
+        format = percent + 1;
+        if (!add_directive(out, format, arguments))
+            return !stores_length(percent) && out.add_rest(percent, arguments.list);
+    }
+}
+
 } // namespace
 
 extern "C" {
@@ -128,6 +260,13 @@ unsigned strutl_find_printf_directive(const char *fmt, size_t start, size_t dir_
 
 int strutl_vsnprintf(char *buf, size_t size, const char *format, va_list args)
 {
+    Output out(buf, size);
+    Arguments arguments;
+    va_copy(arguments.list, args);
+    const bool is_done = format_in_parts(out, format, arguments);
+    va_end(arguments.list);
+    if (is_done && out.finish() <= INT_MAX)
+        return static_cast<int>(out.finish());
     return std::vsnprintf(buf, size, format, args);
 }
 
@@ -135,7 +274,7 @@ int strutl_snprintf(char *buf, size_t size, const char *format, ...)
 {
     va_list args;
     va_start(args, format);
-    const int length = std::vsnprintf(buf, size, format, args);
+    const int length = strutl_vsnprintf(buf, size, format, args);
     va_end(args);
     return length;
 }
