@@ -1,19 +1,15 @@
 #include "depot.h"
 
+#include "depot_names.h"
 #include "depot_report.h"
 
-#include <korvaks/compress.h>
 #include <korvaks/date.h>
 #include <korvaks/imsg.h>
-#include <korvaks/ks_sort.h>
-#include <korvaks/pfm.h>
 
 #include <cerrno>
 #include <climits>
-#include <cstdio>
 #include <cstring>
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -22,132 +18,24 @@ namespace depot {
 
 namespace {
 
-constexpr char suffix[] = ".vde";
-constexpr std::size_t suffix_bytes = sizeof suffix - 1;
-static_assert(name_bytes_max + suffix_bytes == NAME_MAX);
-
-bool fail(Msg number, const char *name)
+bool is_stream(const char *path)
 {
-    report(IMSG_ERROR, number, shown(name));
-    return false;
+    return std::strcmp(path, standard_stream) == 0;
 }
 
-bool fail(Msg number, const char *name, int failure)
-{
-    report(IMSG_ERROR, number, shown(name), imsg_strerror(failure));
-    return false;
-}
-
-bool fail(Fault fault, const char *name)
-{
-    constexpr Msg messages[] = {msg_count,    msg_not_an_entry, msg_unknown_version, msg_bad_header,
-                                msg_bad_size, msg_bad_block,    msg_bad_content};
-    return fail(messages[static_cast<std::size_t>(fault)], name);
-}
-
-// What the transfer of one file holds. Plain numbers and pointers: a raise runs no destructor.
-struct Transfer {
-    int source = -1;
-    int target_directory = -1;
-    Bytes content;
-    Bytes block;
-    Aside aside;
-    unsigned char header[header_bytes_max];
-};
-
-void release(Transfer &transfer)
-{
-    discard_aside(transfer.aside);
-    close_descriptor(transfer.source);
-    close_descriptor(transfer.target_directory);
-    release(transfer.content);
-    release(transfer.block);
-}
-
-// Runs `work` under a cleanup record: when it ends, and also when Ctrl-C ends it, everything the
-// transfer holds is given back and no half file is left.
-//
-// The transfer belongs to the caller: a variable of this function that `work` changes would be
-// indeterminate after the jump.
-template <typename Work> bool run_protected(Transfer &transfer, const Work &work)
-{
-    pfm_cleanup_rec record = {};
-    record.status = sigsetjmp(record.jump, 1);
-    if (const int32_t status = pfm_cleanup_start(&record, 0); status != 0) {
-        release(transfer);
-        pfm_raise(status); // on to the end of the program
-        return false;
-    }
-    const bool is_done = work();
-    pfm_cleanup_rls(&record);
-    release(transfer);
-    return is_done;
-}
-
-const char *base_name(const char *path)
-{
-    const char *const slash = std::strrchr(path, '/');
-    return slash == nullptr ? path : slash + 1;
-}
-
-bool is_dots(const char *name)
-{
-    return std::strcmp(name, ".") == 0 || std::strcmp(name, "..") == 0;
-}
-
-bool check_name(const char *name, const char *given)
+bool is_good_name(const char *name)
 {
     const std::size_t length = std::strlen(name);
-    if (length > 0 && length <= name_bytes_max && std::strchr(name, '/') == nullptr && !is_dots(name))
-        return true;
-    report(IMSG_ERROR, msg_bad_name, shown(given), name_bytes_max);
-    return false;
+    return length > 0 && length <= name_bytes_max && std::strchr(name, '/') == nullptr && !is_dots(name);
 }
 
-// The file that holds an entry.
-struct EntryFile {
-    explicit EntryFile(const char *entry) { (void)std::snprintf(name, sizeof name, "%s%s", entry, suffix); }
-    char name[NAME_MAX + 1];
-};
-
-// The entry's name in the name of its file, which is cut for it; false for a file of another kind.
-bool strip_suffix(char *name)
+// A file that failed to get its name, or got it and may lose it with the next crash.
+bool fail_to_commit(const Aside &aside, const char *name, int failure)
 {
-    const std::size_t length = std::strlen(name);
-    if (length <= suffix_bytes || std::strcmp(name + length - suffix_bytes, suffix) != 0)
-        return false;
-    name[length - suffix_bytes] = '\0';
-    return true;
+    return fail(aside.is_in_place ? msg_not_synced : msg_cannot_write, name, failure);
 }
 
 // Storing.
-
-bool open_source(Transfer &transfer, const char *path, struct stat &out_status)
-{
-    transfer.source = open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-    if (transfer.source < 0 || fstat(transfer.source, &out_status) != 0)
-        return fail(msg_cannot_read, path, errno);
-    if (!S_ISREG(out_status.st_mode) && !S_ISFIFO(out_status.st_mode))
-        return fail(msg_not_plain, path);
-    return true;
-}
-
-bool pack_source(Transfer &transfer, const char *path, std::uint64_t expected)
-{
-    const int failure = read_all(transfer.source, expected, content_bytes_max, transfer.content);
-    if (failure == EFBIG)
-        return fail(msg_too_big, path);
-    if (failure != 0)
-        return fail(msg_cannot_read, path, failure);
-    transfer.block.data = compress_compress(transfer.content.size, transfer.content.data, &transfer.block.size);
-    return transfer.block.data != nullptr || fail(msg_cannot_read, path, ENOMEM);
-}
-
-bool has_entry(const Depot &depot, const char *name)
-{
-    struct stat status;
-    return fstatat(depot.directory, EntryFile(name).name, &status, AT_SYMLINK_NOFOLLOW) == 0;
-}
 
 timespec now()
 {
@@ -156,27 +44,69 @@ timespec now()
     return {time.tv_sec, time.tv_usec * 1000};
 }
 
-int write_entry(Transfer &transfer, const Label &label, const timespec &changed, const char *file_name)
+// Before the first entry: the depot's directory is read once to tidy it up. Where it holds no entry yet, it may
+// be unsafe on disk, whoever made it.
+bool make_ready(Depot &depot)
 {
-    Entry entry;
-    describe(transfer.content, transfer.block, entry);
-    entry.changed = changed;
-    entry.stored = now();
-    entry.owner = label.owner;
-    entry.comment = label.comment;
-    const std::size_t header_bytes = write_header(entry, transfer.header);
-    if (const int failure = write_all(transfer.aside.fd, transfer.header, header_bytes); failure != 0)
-        return failure;
-    if (const int failure = write_all(transfer.aside.fd, transfer.block.data, transfer.block.size); failure != 0)
-        return failure;
-    return commit_aside(transfer.aside, file_name, label.may_replace);
+    if (depot.is_ready)
+        return true;
+    const int failure = remove_left_behind(depot) ? 0 : sync_parent(depot.directory);
+    depot.is_ready = failure == 0;
+    return depot.is_ready || fail(msg_no_depot, depot.path, failure);
 }
 
-bool put(Transfer &transfer, const Depot &depot, const char *path, const Label &label)
+bool open_source(Transfer &transfer, const char *path, struct stat &out_status)
 {
-    const char *const name = base_name(path);
+    const bool is_stdin = is_stream(path);
+    transfer.source = is_stdin ? fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1)
+                               : open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    if (transfer.source < 0 || fstat(transfer.source, &out_status) != 0)
+        return fail(msg_cannot_read, path, errno);
+    if (S_ISREG(out_status.st_mode))
+        return true;
+    if (!is_stdin && !S_ISFIFO(out_status.st_mode))
+        return fail(msg_not_plain, path);
+    if (is_stdin) { // what a pipe or terminal has of this tells nothing about the content
+        out_status.st_mode = 0666;
+        out_status.st_mtim = now();
+    }
+    return true;
+}
+
+// Time and size tell of a change, whoever made it.
+bool check_unchanged(const Transfer &transfer, const struct stat &before)
+{
+    struct stat after;
+    if (fstat(transfer.source, &after) != 0)
+        return fail(msg_cannot_read, transfer.source_name, errno);
+    const bool is_same = after.st_size == before.st_size && after.st_mtim.tv_sec == before.st_mtim.tv_sec &&
+                         after.st_mtim.tv_nsec == before.st_mtim.tv_nsec;
+    return !S_ISREG(after.st_mode) || is_same || fail(msg_changed, transfer.source_name);
+}
+
+// The header is written twice: at first to keep its place.
+bool write_entry(Transfer &transfer, Entry &entry, const struct stat &status)
+{
+    const std::size_t header_bytes = write_header(entry, transfer.header);
+    int failure = write_aside(transfer.aside, transfer.header, header_bytes);
+    if (failure == 0) {
+        if (!pack(transfer, entry) || !check_unchanged(transfer, status))
+            return false;
+        (void)write_header(entry, transfer.header);
+        failure = rewrite_aside(transfer.aside, transfer.header, header_bytes);
+    }
+    return failure == 0 || fail(msg_cannot_write, transfer.target_name, failure);
+}
+
+bool put(Depot &depot, const char *path, const Label &label)
+{
+    Transfer &transfer = depot.transfer;
+    const char *const name = label.name != nullptr ? label.name : base_name(path);
     struct stat status;
-    if (!check_name(name, path) || !open_source(transfer, path, status))
+    transfer.source_name = path;
+    transfer.target_name = name;
+    if (!check_name(name, label.name != nullptr ? name : path) || !open_source(transfer, path, status) ||
+        !make_ready(depot))
         return false;
     // Only to save work: what decides is how the entry gets its name.
     if (!label.may_replace && has_entry(depot, name))
@@ -184,66 +114,63 @@ bool put(Transfer &transfer, const Depot &depot, const char *path, const Label &
     // The entry may be read by those who may read the file.
     if (const int failure = open_aside(depot.directory, status.st_mode & 0666, transfer.aside); failure != 0)
         return fail(msg_cannot_write, name, failure);
-    if (!pack_source(transfer, path, static_cast<std::uint64_t>(status.st_size)))
+    Entry entry;
+    entry.changed = status.st_mtim;
+    entry.stored = now();
+    entry.permissions = status.st_mode & 0777;
+    entry.owner = label.owner;
+    entry.comment = label.comment;
+    if (!write_entry(transfer, entry, status))
         return false;
-    const int failure = write_entry(transfer, label, status.st_mtim, EntryFile(name).name);
+    const int failure = commit_aside(transfer.aside, EntryFile(name).name, label.may_replace);
     if (failure == EEXIST)
         return fail(msg_entry_exists, name);
     if (failure != 0)
-        return fail(msg_cannot_write, name, failure);
-    report(IMSG_OK, msg_stored, shown(name), static_cast<unsigned long long>(transfer.content.size),
-           static_cast<unsigned long long>(transfer.block.size));
+        return fail_to_commit(transfer.aside, name, failure);
+    report(IMSG_OK, msg_stored, shown(name), static_cast<unsigned long long>(entry.length),
+           static_cast<unsigned long long>(entry.stored_length));
     return true;
 }
 
 // Fetching.
 
-bool open_entry_file(const Depot &depot, const char *name, int &out_fd, struct stat &out_status)
+bool open_entry_file(Depot &depot, const char *name, struct stat &out_status)
 {
     if (!check_name(name, name))
         return false;
-    out_fd = openat(depot.directory, EntryFile(name).name, O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC);
-    if (out_fd < 0 && errno == ENOENT)
+    int &fd = depot.transfer.source;
+    fd = openat(depot.directory, EntryFile(name).name, O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC);
+    if (fd < 0 && errno == ENOENT)
         return fail(msg_no_entry, name);
-    if (out_fd < 0 && errno == ELOOP)
+    if (fd < 0 && errno == ELOOP)
         return fail(Fault::foreign, name);
-    if (out_fd < 0 || fstat(out_fd, &out_status) != 0)
+    if (fd < 0 || fstat(fd, &out_status) != 0)
         return fail(msg_cannot_read, name, errno);
     return S_ISREG(out_status.st_mode) || fail(Fault::foreign, name);
 }
 
-// Opens an entry's file, reads its header, and stops in front of its block. The entry's owner and
-// comment are parts of the transfer.
-bool open_entry(Transfer &transfer, const Depot &depot, const char *name, Entry &out_entry, mode_t &out_mode)
+// Opens an entry's file, reads its header, and stops behind it. The entry's owner and comment are parts of the
+// transfer. `out_mode` are the permissions that a copy of the file gets: to read and write as the entry's file
+// has them now, to execute as the file had.
+bool open_entry(Depot &depot, const char *name, Entry &out_entry, mode_t &out_mode)
 {
+    Transfer &transfer = depot.transfer;
     struct stat status;
-    if (!open_entry_file(depot, name, transfer.source, status))
+    transfer.source_name = name;
+    if (!open_entry_file(depot, name, status))
         return false;
-    const ssize_t count = read(transfer.source, transfer.header, sizeof transfer.header);
-    if (count < 0)
-        return fail(msg_cannot_read, name, errno);
+    std::size_t count = 0;
+    if (const int failure = read_fully(transfer.source, transfer.header, sizeof transfer.header, count); failure != 0)
+        return fail(msg_cannot_read, name, failure);
     std::size_t header_bytes = 0;
-    const Fault fault = read_header(transfer.header, static_cast<std::size_t>(count),
-                                    static_cast<std::uint64_t>(status.st_size), out_entry, header_bytes);
+    const Fault fault =
+        read_header(transfer.header, count, static_cast<std::uint64_t>(status.st_size), out_entry, header_bytes);
     if (fault != Fault::none)
         return fail(fault, name);
     if (lseek(transfer.source, static_cast<off_t>(header_bytes), SEEK_SET) < 0)
         return fail(msg_cannot_read, name, errno);
-    out_mode = status.st_mode & 0666;
+    out_mode = (status.st_mode & 0666) | (out_entry.permissions & 0111);
     return true;
-}
-
-// Reads and checks all of an entry.
-bool load_entry(Transfer &transfer, const Depot &depot, const char *name, Entry &out_entry, mode_t &out_mode)
-{
-    if (!open_entry(transfer, depot, name, out_entry, out_mode))
-        return false;
-    const std::uint64_t length = out_entry.block_length;
-    const int failure = read_all(transfer.source, length, length, transfer.block);
-    if (failure != 0 && failure != EFBIG)
-        return fail(msg_cannot_read, name, failure);
-    const Fault fault = unpack(out_entry, transfer.block, transfer.content);
-    return fault == Fault::none || fail(fault, name);
 }
 
 bool open_target_directory(Transfer &transfer, const char *target)
@@ -274,33 +201,42 @@ bool check_target(const Transfer &transfer, const char *target, bool replace)
     return replace || fail(msg_exists, target);
 }
 
-int write_target(Transfer &transfer, const timespec &changed, const char *target, bool replace)
+int commit_target(Transfer &transfer, const timespec &changed, bool replace)
 {
-    if (const int failure = write_all(transfer.aside.fd, transfer.content.data, transfer.content.size); failure != 0)
-        return failure;
     const timespec times[] = {{0, UTIME_NOW}, changed};
     if (futimens(transfer.aside.fd, times) != 0)
         return errno;
-    return commit_aside(transfer.aside, base_name(target), replace);
+    return commit_aside(transfer.aside, base_name(transfer.target_name), replace);
 }
 
-bool get(Transfer &transfer, const Depot &depot, const char *name, const char *target, bool replace)
+bool get_into_file(Transfer &transfer, const Entry &entry, mode_t mode, bool replace)
 {
-    Entry entry;
-    mode_t mode = 0;
-    if (!load_entry(transfer, depot, name, entry, mode))
-        return false;
+    const char *const target = transfer.target_name;
     if (!open_target_directory(transfer, target) || !check_target(transfer, target, replace))
         return false;
-    int failure = open_aside(transfer.target_directory, mode, transfer.aside);
-    if (failure == 0)
-        failure = write_target(transfer, entry.changed, target, replace);
+    if (const int failure = open_aside(transfer.target_directory, mode, transfer.aside); failure != 0)
+        return fail(msg_cannot_write, target, failure);
+    if (!unpack(transfer, entry, to_aside))
+        return false;
+    const int failure = commit_target(transfer, entry.changed, replace);
     if (failure == EEXIST)
         return fail(msg_exists, target);
     if (failure != 0)
-        return fail(msg_cannot_write, target, failure);
-    report(IMSG_OK, msg_fetched, shown(name), shown(target));
+        return fail_to_commit(transfer.aside, target, failure);
+    report(IMSG_OK, msg_fetched, shown(transfer.source_name), shown(target));
     return true;
+}
+
+bool get(Depot &depot, const char *name, const char *target, bool replace)
+{
+    Entry entry;
+    mode_t mode = 0;
+    depot.transfer.target_name = target;
+    if (!open_entry(depot, name, entry, mode))
+        return false;
+    if (is_stream(target))
+        return unpack(depot.transfer, entry, to_output);
+    return get_into_file(depot.transfer, entry, mode, replace);
 }
 
 // Makes a text the area's.
@@ -313,122 +249,78 @@ bool copy_text(stg_area *area, std::string_view &text)
     return true;
 }
 
-// Names.
-
-int compare_names(const void *a, const void *b, void *)
+// Ends what a function has begun with the depot's transfer.
+bool ended(Depot &depot, bool is_done)
 {
-    return std::strcmp(*static_cast<const char *const *>(a), *static_cast<const char *const *>(b));
-}
-
-// Adds a copy of a name. Room doubles whenever the count is a power of two.
-bool add_name(stg_area *area, const char *name, Names &names)
-{
-    if ((names.count & (names.count - 1)) == 0) {
-        const std::size_t room = names.count == 0 ? 1 : names.count * 2;
-        auto **const items = static_cast<const char **>(stg_alloc(area, room * sizeof *names.items));
-        if (items == nullptr)
-            return false;
-        if (names.count > 0)
-            std::memcpy(items, names.items, names.count * sizeof *items);
-        names.items = items;
-    }
-    const char *const copy = stg_area_strdup(area, name);
-    if (copy == nullptr)
-        return false;
-    names.items[names.count++] = copy;
-    return true;
-}
-
-// Sorts the directory's files into entries and others; 0 or an errno number. No raise point, so that
-// the open directory needs no cleanup record.
-int read_directory(const Depot &depot, stg_area *area, Names &entries, Names &others)
-{
-    const int fd = openat(depot.directory, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (fd < 0)
-        return errno;
-    DIR *const files = fdopendir(fd);
-    if (files == nullptr) {
-        (void)close(fd);
-        return ENOMEM;
-    }
-    int failure = 0;
-    errno = 0;
-    while (dirent *file = readdir(files)) {
-        if (is_dots(file->d_name) || is_aside(file->d_name))
-            continue;
-        Names &names = strip_suffix(file->d_name) ? entries : others;
-        if (!add_name(area, file->d_name, names)) {
-            failure = ENOMEM;
-            break;
-        }
-        errno = 0;
-    }
-    if (failure == 0)
-        failure = errno; // 0 at the directory's end
-    (void)closedir(files);
-    return failure;
-}
-
-// A depot that was just made is to survive a crash together with what is put into it.
-int sync_parent(int directory)
-{
-    int parent = openat(directory, "..", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (parent < 0)
-        return errno;
-    const int failure = fsync(parent) == 0 ? 0 : errno;
-    close_descriptor(parent);
-    return failure;
+    end_transfer(depot.transfer);
+    return is_done;
 }
 
 } // namespace
 
 bool open_depot(const char *path, bool make, Depot &out_depot)
 {
-    const bool is_new = make && mkdir(path, 0777) == 0;
+    constexpr int how = O_RDONLY | O_DIRECTORY | O_CLOEXEC;
     out_depot.path = path;
-    out_depot.directory = open(path, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (out_depot.directory < 0)
-        return fail(msg_no_depot, path, errno);
-    const int failure = is_new ? sync_parent(out_depot.directory) : 0;
-    return failure == 0 || fail(msg_no_depot, path, failure);
+    out_depot.directory = open(path, how);
+    if (out_depot.directory < 0 && errno == ENOENT && make) {
+        out_depot.is_new = mkdir(path, 0777) == 0;
+        if (!out_depot.is_new && errno != EEXIST)
+            return fail(msg_no_new_depot, path, errno);
+        out_depot.directory = open(path, how);
+    }
+    return out_depot.directory >= 0 || fail(msg_no_depot, path, errno);
 }
 
 void close_depot(Depot &depot)
 {
+    release(depot.transfer);
+    if (depot.is_new)
+        (void)rmdir(depot.path); // which fails where anything is in it
     close_descriptor(depot.directory);
 }
 
-bool put_file(const Depot &depot, const char *path, const Label &label)
+const char *base_name(const char *path)
 {
-    Transfer transfer;
-    return run_protected(transfer, [&] { return put(transfer, depot, path, label); });
+    const char *const slash = std::strrchr(path, '/');
+    return slash == nullptr ? path : slash + 1;
 }
 
-bool get_file(const Depot &depot, const char *name, const char *target, bool replace)
+bool check_name(const char *name, const char *given)
 {
-    Transfer transfer;
-    return run_protected(transfer,
-                         [&] { return get(transfer, depot, name, target == nullptr ? name : target, replace); });
+    if (!is_good_name(name))
+        report(IMSG_ERROR, msg_bad_name, shown(given), name_bytes_max);
+    return is_good_name(name);
 }
 
-bool verify_entry(const Depot &depot, const char *name)
+bool has_entry(const Depot &depot, const char *name)
 {
-    Transfer transfer;
-    return run_protected(transfer, [&] {
-        Entry entry;
-        mode_t mode = 0;
-        return load_entry(transfer, depot, name, entry, mode);
-    });
+    struct stat status;
+    return is_good_name(name) && fstatat(depot.directory, EntryFile(name).name, &status, AT_SYMLINK_NOFOLLOW) == 0;
 }
 
-bool read_entry(const Depot &depot, stg_area *area, const char *name, Entry &out_entry)
+bool put_file(Depot &depot, const char *path, const Label &label)
 {
-    Transfer transfer;
-    return run_protected(transfer, [&] {
-        mode_t mode = 0;
-        return open_entry(transfer, depot, name, out_entry, mode) && copy_text(area, out_entry.owner) &&
-               copy_text(area, out_entry.comment);
-    });
+    return ended(depot, put(depot, path, label));
+}
+
+bool get_file(Depot &depot, const char *name, const char *target, bool replace)
+{
+    return ended(depot, get(depot, name, target == nullptr ? name : target, replace));
+}
+
+bool verify_entry(Depot &depot, const char *name)
+{
+    Entry entry;
+    mode_t mode = 0;
+    return ended(depot, open_entry(depot, name, entry, mode) && unpack(depot.transfer, entry, to_nowhere));
+}
+
+bool read_entry(Depot &depot, stg_area *area, const char *name, Entry &out_entry)
+{
+    mode_t mode = 0;
+    return ended(depot, open_entry(depot, name, out_entry, mode) && copy_text(area, out_entry.owner) &&
+                            copy_text(area, out_entry.comment));
 }
 
 bool remove_entry(const Depot &depot, const char *name)
@@ -438,20 +330,8 @@ bool remove_entry(const Depot &depot, const char *name)
     if (unlinkat(depot.directory, EntryFile(name).name, 0) != 0)
         return errno == ENOENT ? fail(msg_no_entry, name) : fail(msg_cannot_remove, name, errno);
     if (fsync(depot.directory) != 0)
-        return fail(msg_cannot_remove, name, errno);
+        return fail(msg_removal_not_synced, name, errno);
     report(IMSG_OK, msg_removed, shown(name));
-    return true;
-}
-
-bool read_names(const Depot &depot, stg_area *area, Names &out_names)
-{
-    Names others;
-    if (const int failure = read_directory(depot, area, out_names, others); failure != 0)
-        return fail(msg_no_depot, depot.path, failure);
-    ks_qsort(out_names.items, out_names.count, sizeof *out_names.items, compare_names, nullptr);
-    ks_qsort(others.items, others.count, sizeof *others.items, compare_names, nullptr);
-    for (std::size_t i = 0; i < others.count; ++i)
-        report(IMSG_WARNING, msg_foreign, shown(others.items[i]));
     return true;
 }
 

@@ -5,8 +5,10 @@
 #include "depot_report.h"
 
 #include <korvaks/evutl.h>
+#include <korvaks/ks_sort.h>
 #include <korvaks/sysutl.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <climits>
@@ -17,55 +19,75 @@ namespace depot {
 
 namespace {
 
-// Flags. The names with two dashes are older than the others; scripts use them.
+// Flags. Each is written with one dash, or with two: the same text from its second character on, or from its first.
+
+constexpr bool is_group_mark(const clp_flag_desc &flag)
+{
+    constexpr clp_flag_desc start = CLP_START_MUTUAL_EXCLUSION;
+    constexpr clp_flag_desc end = CLP_END_MUTUAL_EXCLUSION;
+    return flag.value == start.value || flag.value == end.value;
+}
 
 constexpr clp_flag_desc common_flags[] = {
-    {"-d[epot]", flag_depot, 0},
-    {"--d[epot]", flag_depot, CLP_ALIAS_FLAG},
-    {"-h[elp]", flag_help, 0},
-    {"--h[elp]", flag_help, CLP_ALIAS_FLAG},
-    {nullptr, 0, 0},
+    {"--d[epot]", flag_depot, 0},
+    {"--h[elp]", flag_help, 0},
 };
 
-// The table of a command: its own flags, then those of all, with the table's end.
+template <std::size_t count> constexpr auto both_spellings(const std::array<clp_flag_desc, count> &flags)
+{
+    std::array<clp_flag_desc, 2 * count + 1> table{}; // with the table's end
+    std::size_t i = 0;
+    for (const clp_flag_desc &flag : flags) {
+        if (is_group_mark(flag)) {
+            table[i++] = flag;
+            continue;
+        }
+        table[i++] = {flag.name + 1, flag.value, flag.flags};
+        table[i++] = {flag.name, flag.value, flag.flags | CLP_ALIAS_FLAG};
+    }
+    return table;
+}
+
+// The table of a command: its own flags, then those of all.
 template <std::size_t count> consteval auto with_common_flags(const clp_flag_desc (&own)[count])
 {
     std::array<clp_flag_desc, count + std::size(common_flags)> flags{};
-    std::size_t i = 0;
-    for (const clp_flag_desc &flag : own)
-        flags[i++] = flag;
-    for (const clp_flag_desc &flag : common_flags)
-        flags[i++] = flag;
-    return flags;
+    std::ranges::copy(common_flags, std::ranges::copy(own, flags.begin()).out);
+    return both_spellings(flags);
 }
 
+constexpr auto general = with_common_flags({{"--version", flag_version, 0}});
+constexpr auto plain_flags = both_spellings(std::to_array(common_flags));
+
 constexpr auto put_flags = with_common_flags({
-    {"-c[omment]", flag_comment, CLP_REPEATABLE_FLAG},
+    {"--n[ame]", flag_name, 0},
+    {"--c[omment]", flag_comment, CLP_REPEATABLE_FLAG},
     CLP_START_MUTUAL_EXCLUSION,
-    {"-r[eplace]", flag_replace, 0},
-    {"-nr[eplace]", flag_keep, 0},
+    {"--r[eplace]", flag_replace, 0},
+    {"--nr[eplace]", flag_keep, 0},
     CLP_END_MUTUAL_EXCLUSION,
 });
 
 constexpr auto get_flags = with_common_flags({
-    {"-o[ut]", flag_out, 0},
-    {"--o[ut]", flag_out, CLP_ALIAS_FLAG},
-    {"-f[orce]", flag_force, 0},
-    {"--f[orce]", flag_force, CLP_ALIAS_FLAG},
+    {"--o[ut]", flag_out, 0},
+    {"--f[orce]", flag_force, 0},
 });
 
 constexpr auto list_flags = with_common_flags({
     CLP_START_MUTUAL_EXCLUSION,
-    {"-l[ong]", flag_long, 0},
-    {"-s[hort]", flag_short, 0},
-    {"-fmt", flag_format, 0},
+    {"--l[ong]", flag_long, 0},
+    {"--s[hort]", flag_short, 0},
+    {"--fmt", flag_format, 0},
+    {"--0", flag_nul, 0},
     CLP_END_MUTUAL_EXCLUSION,
-    {"-since", flag_since, 0},
+    {"--since", flag_since, 0},
 });
 
 constexpr FlagText flag_texts[] = {
     {msg_argument_depot, msg_flag_depot},
     {msg_none, msg_flag_help},
+    {msg_none, msg_flag_version},
+    {msg_argument_name, msg_flag_name},
     {msg_argument_comment, msg_flag_comment},
     {msg_none, msg_flag_replace},
     {msg_none, msg_flag_keep},
@@ -74,101 +96,177 @@ constexpr FlagText flag_texts[] = {
     {msg_none, msg_flag_long},
     {msg_none, msg_flag_short},
     {msg_argument_format, msg_flag_format},
+    {msg_none, msg_flag_nul},
     {msg_argument_since, msg_flag_since},
 };
 static_assert(std::size(flag_texts) == flag_count);
 
 // Commands.
 
-// The comment's length is checked before anything is made.
-bool put_files(Job &job)
+Status status_of(bool is_done)
+{
+    return is_done ? Status::done : Status::failed;
+}
+
+Status misused(Msg number, const char *word)
+{
+    (void)fail(number, word);
+    return Status::misused;
+}
+
+int compare_base_names(const void *a, const void *b, void *)
+{
+    return std::strcmp(base_name(*static_cast<const char *const *>(a)),
+                       base_name(*static_cast<const char *const *>(b)));
+}
+
+// Of two files of one name the second would replace the first.
+Status check_names_differ(const Job &job)
+{
+    const CommandLine &line = job.line;
+    auto **const paths = static_cast<const char **>(stg_alloc(job.area, line.word_count * sizeof *line.words));
+    if (paths == nullptr)
+        return Status::failed;
+    std::copy_n(line.words, line.word_count, paths);
+    ks_qsort(paths, line.word_count, sizeof *paths, compare_base_names, nullptr);
+    for (std::size_t i = 1; i < line.word_count; ++i) {
+        if (compare_base_names(&paths[i - 1], &paths[i], nullptr) == 0) {
+            report(IMSG_ERROR, msg_same_name, shown(paths[i - 1]), shown(paths[i]));
+            return Status::misused;
+        }
+    }
+    return Status::done;
+}
+
+// All that can be seen before anything is made.
+Status check_put(const Job &job)
+{
+    const CommandLine &line = job.line;
+    if (line.has(flag_comment) && std::strlen(line.values[flag_comment]) > comment_bytes_max) {
+        report(IMSG_ERROR, msg_long_comment, static_cast<int>(comment_bytes_max));
+        return Status::misused;
+    }
+    if (line.has(flag_name))
+        return line.word_count == 1 ? Status::done : misused(msg_one_name, line.words[1]);
+    for (std::size_t i = 0; i < line.word_count; ++i)
+        if (std::strcmp(line.words[i], standard_stream) == 0)
+            return misused(msg_stdin_needs_name, line.words[i]);
+    return check_names_differ(job);
+}
+
+Status put_files(Job &job)
 {
     const CommandLine &line = job.line;
     char owner[owner_bytes_max + 1];
-    const Label label = {owner, line.has(flag_comment) ? line.values[flag_comment] : "", !line.has(flag_keep)};
-    if (std::strlen(label.comment) > comment_bytes_max) {
-        report(IMSG_ERROR, msg_long_comment, static_cast<int>(comment_bytes_max));
-        return false;
-    }
+    if (const Status status = check_put(job); status != Status::done)
+        return status;
     if (sysutl_user_name(owner, sizeof owner) != 0) {
         report(IMSG_ERROR, msg_no_owner, imsg_strerror(errno));
-        return false;
+        return Status::failed;
     }
-    if (!open_depot_of(job, true))
-        return false;
+    if (const Status status = open_depot_of(job, true); status != Status::done)
+        return status;
+    const Label label = {line.values[flag_name], owner, line.has(flag_comment) ? line.values[flag_comment] : "",
+                         !line.has(flag_keep)};
     bool is_done = true;
     for (std::size_t i = 0; i < line.word_count; ++i)
         is_done = put_file(job.depot, line.words[i], label) && is_done;
-    return is_done;
+    return status_of(is_done);
 }
 
-bool get_named(Job &job)
+Status get_entries(Job &job)
 {
     const CommandLine &line = job.line;
-    return open_depot_of(job, false) && get_file(job.depot, line.words[0], line.values[flag_out], line.has(flag_force));
+    Names names;
+    const Status found = find_entries(job, names);
+    if (found == Status::misused)
+        return found;
+    if (line.has(flag_out) && names.count > 1)
+        return misused(msg_one_out, line.values[flag_out]);
+    bool is_done = found == Status::done;
+    for (std::size_t i = 0; i < names.count; ++i)
+        is_done = get_file(job.depot, names.items[i], line.values[flag_out], line.has(flag_force)) && is_done;
+    return status_of(is_done);
 }
 
-bool verify_entries(Job &job)
+Status verify_entries(Job &job)
 {
-    Names names = {job.line.words, job.line.word_count};
-    if (!open_depot_of(job, false) || (names.count == 0 && !read_names(job.depot, job.area, names)))
-        return false;
+    Names names;
+    const Status found = find_entries(job, names);
+    if (found == Status::misused)
+        return found;
+    if (found != Status::done && names.count == 0)
+        return found;
     unsigned long sound = 0;
     for (std::size_t i = 0; i < names.count; ++i)
         sound += verify_entry(job.depot, names.items[i]) ? 1 : 0;
     report(IMSG_OK, msg_verified, sound, static_cast<unsigned long>(names.count));
-    return sound == names.count;
+    return status_of(found == Status::done && sound == names.count);
 }
 
-bool remove_entries(Job &job)
+Status remove_entries(Job &job)
 {
-    if (!open_depot_of(job, false))
-        return false;
-    bool is_done = true;
-    for (std::size_t i = 0; i < job.line.word_count; ++i)
-        is_done = remove_entry(job.depot, job.line.words[i]) && is_done;
-    return is_done;
+    Names names;
+    const Status found = find_entries(job, names);
+    if (found == Status::misused)
+        return found;
+    bool is_done = found == Status::done;
+    for (std::size_t i = 0; i < names.count; ++i)
+        is_done = remove_entry(job.depot, names.items[i]) && is_done;
+    return status_of(is_done);
 }
 
-bool help(Job &job)
+Status help(Job &job)
 {
     const Command *command = nullptr;
     if (job.line.word_count > 0) {
         command = find_command(job.line.words[0]);
         if (command == nullptr)
-            return false;
+            return Status::misused;
     }
     show_help(command);
-    return true;
+    return Status::done;
 }
 
 constexpr std::size_t any_number = SIZE_MAX;
 
 constexpr Command commands[] = {
     {"p[ut]", put_flags.data(), 1, any_number, msg_argument_put, msg_summary_put, msg_notes_put, nullptr, put_files},
-    {"g[et]", get_flags.data(), 1, 1, msg_argument_get, msg_summary_get, msg_notes_get, nullptr, get_named},
+    {"g[et]", get_flags.data(), 1, any_number, msg_argument_get, msg_summary_get, msg_notes_get, nullptr, get_entries},
     {"l[ist]", list_flags.data(), 0, any_number, msg_argument_list, msg_summary_list, msg_notes_list, explain_list,
      list_entries},
-    {"v[erify]", common_flags, 0, any_number, msg_argument_verify, msg_summary_verify, msg_notes_verify, nullptr,
+    {"v[erify]", plain_flags.data(), 0, any_number, msg_argument_verify, msg_summary_verify, msg_notes_verify, nullptr,
      verify_entries},
-    {"r[emove]", common_flags, 1, any_number, msg_argument_remove, msg_summary_remove, msg_notes_remove, nullptr,
+    {"r[emove]", plain_flags.data(), 1, any_number, msg_argument_remove, msg_summary_remove, msg_notes_remove, nullptr,
      remove_entries},
-    {"h[elp]", common_flags, 0, 1, msg_argument_help, msg_summary_help, msg_notes_help, nullptr, help},
+    {"h[elp]", plain_flags.data(), 0, 1, msg_argument_help, msg_summary_help, msg_notes_help, nullptr, help},
 };
 
 } // namespace
 
-bool open_depot_of(Job &job, bool make)
+Status open_depot_of(Job &job, bool make)
 {
     constexpr unsigned how = EVUTL_GETENV_NONEMPTY | EVUTL_GETENV_WHOLE | EVUTL_GETENV_SECURE;
     const char *directory = job.line.values[flag_depot];
     if (directory == nullptr) {
         auto *const buffer = static_cast<char *>(stg_alloc(job.area, PATH_MAX));
-        directory = buffer == nullptr ? nullptr : getenv_safe("VELDEPOT_DIR", buffer, PATH_MAX, how);
+        if (buffer == nullptr)
+            return Status::failed;
+        directory = getenv_safe("VELDEPOT_DIR", buffer, PATH_MAX, how);
     }
-    if (directory == nullptr)
+    if (directory == nullptr) {
         report(IMSG_ERROR, msg_no_directory);
-    return directory != nullptr && open_depot(directory, make, job.depot);
+        return Status::misused;
+    }
+    return status_of(open_depot(directory, make, job.depot));
+}
+
+Status find_entries(Job &job, Names &out_names)
+{
+    if (const Status status = open_depot_of(job, false); status != Status::done)
+        return status;
+    const Found found = find_names(job.depot, job.area, {job.line.words, job.line.word_count}, out_names);
+    return found == Found::no_words ? Status::misused : status_of(found == Found::all);
 }
 
 const FlagText &text_of_flag(std::uint32_t flag)
@@ -192,7 +290,7 @@ const Command *find_command(const char *word)
 
 const clp_flag_desc *general_flags()
 {
-    return common_flags;
+    return general.data();
 }
 
 } // namespace depot

@@ -4,6 +4,7 @@
 
 #include "depot.h"
 #include "depot_msg.h"
+#include "depot_names.h"
 
 #include <korvaks/clp.h>
 #include <korvaks/stg.h>
@@ -17,6 +18,8 @@ namespace depot {
 enum Flag : std::uint32_t {
     flag_depot,
     flag_help,
+    flag_version,
+    flag_name,
     flag_comment,
     flag_replace,
     flag_keep,
@@ -25,6 +28,7 @@ enum Flag : std::uint32_t {
     flag_long,
     flag_short,
     flag_format,
+    flag_nul,
     flag_since,
     flag_count
 };
@@ -55,7 +59,14 @@ struct Job {
     Depot depot;
 };
 
-bool open_depot_of(Job &job, bool make);
+// How a command ended: the program's exit status.
+enum class Status : int { done = 0, failed = 1, misused = 2 };
+
+// Opens the depot that the command line or the environment names.
+Status open_depot_of(Job &job, bool make);
+
+// And finds the entries that its words mean; `failed`: some of them.
+Status find_entries(Job &job, Names &out_names);
 
 struct Command {
     const char *name; // with a "[" where it may be cut off
@@ -65,8 +76,8 @@ struct Command {
     Msg arguments;
     Msg summary;
     Msg notes;
-    void (*explain)();     // more for its help page, or NULL
-    bool (*run)(Job &job); // does all it can; false when anything failed
+    void (*explain)();       // more for its help page, or NULL
+    Status (*run)(Job &job); // does all it can
 };
 
 std::span<const Command> all_commands();
@@ -74,7 +85,7 @@ std::span<const Command> all_commands();
 // NULL when there is none of that name; that has been reported.
 const Command *find_command(const char *word);
 
-// Those before a command; each command takes them too.
+// Those before a command; each command takes them too, but for the version.
 const clp_flag_desc *general_flags();
 
 } // namespace depot

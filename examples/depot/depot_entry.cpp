@@ -1,8 +1,5 @@
 #include "depot_entry.h"
 
-#include <korvaks/compress.h>
-#include <korvaks/fileutl.h>
-
 #include <cstring>
 
 namespace depot {
@@ -11,9 +8,10 @@ namespace {
 
 constexpr std::string_view magic = "VELDEPOT";
 constexpr std::uint32_t version_without_owner = 1;
-constexpr std::uint32_t version = 2;
+constexpr std::uint32_t version = 3;
 constexpr std::size_t first_part_bytes = 52;  // as in version 1, its checksum included
-constexpr std::size_t second_part_bytes = 20; // without owner and comment, its checksum included
+constexpr std::size_t second_part_bytes = 22; // without owner and comment, its checksum included
+constexpr std::size_t permission_bytes = 2;   // of these, since version 3
 constexpr std::size_t checksum_bytes = 4;
 constexpr std::uint32_t nanoseconds_max = 999999999;
 static_assert(header_bytes_max == first_part_bytes + second_part_bytes + owner_bytes_max + comment_bytes_max);
@@ -25,7 +23,7 @@ std::uint32_t checksum_of(const void *data, std::size_t size)
 
 class Writer {
   public:
-    explicit Writer(unsigned char *to) : part_(to), to_(to) {}
+    explicit Writer(unsigned char *to) : from_(to), to_(to) {}
 
     void put(std::uint64_t number, unsigned bytes)
     {
@@ -41,17 +39,10 @@ class Writer {
         put(static_cast<std::uint64_t>(time.tv_nsec), 4);
     }
 
-    // The checksum of what was put since the last one.
-    void end_part()
-    {
-        put(checksum_of(part_, static_cast<std::size_t>(to_ - part_)), checksum_bytes);
-        part_ = to_;
-    }
-
-    unsigned char *end() const { return to_; }
+    std::size_t size() const { return static_cast<std::size_t>(to_ - from_); }
 
   private:
-    unsigned char *part_;
+    unsigned char *from_;
     unsigned char *to_;
 };
 
@@ -92,26 +83,54 @@ class Reader {
     const unsigned char *from_;
 };
 
-// Whether a part of the header ends in the checksum of what is before it.
-bool is_part_whole(const unsigned char *part, std::size_t size)
+std::uint32_t checksum_taken_twice(const void *data, std::size_t size)
 {
-    return checksum_of(part, size - checksum_bytes) == Reader(part + size - checksum_bytes).get_32();
+    Checksum sum;
+    sum.add(data, size);
+    sum.add(data, size);
+    return sum.value();
+}
+
+// Whether bytes end in a checksum of what is before it.
+template <typename Function> bool is_whole(const unsigned char *bytes, std::size_t size, const Function &checksum)
+{
+    return checksum(bytes, size - checksum_bytes) == Reader(bytes + size - checksum_bytes).get_32();
+}
+
+std::uint64_t block_count(std::uint64_t length)
+{
+    return length / block_content_bytes + (length % block_content_bytes != 0 ? 1 : 0);
+}
+
+// Whether so many bytes can hold a content, before memory is taken for either. A compressed block of the older
+// versions has 5 bytes of its own, at most 9 bits for a byte, and at least 18 for 34 bytes.
+bool can_hold(const Entry &entry)
+{
+    const std::uint64_t stored = entry.stored_length;
+    const std::uint64_t length = entry.length;
+    if (entry.is_in_blocks) {
+        const std::uint64_t heads = block_count(length) * block_head_bytes;
+        return stored >= heads && stored - heads <= length;
+    }
+    return length <= UINT32_MAX && stored >= 5 && stored - 5 <= length + (length + 7) / 8 &&
+           length <= (stored - 5) * 8 / 18 * 34 + 34;
 }
 
 Fault read_first_part(const unsigned char *header, Entry &out_entry, std::uint32_t &out_version)
 {
-    if (!is_part_whole(header, first_part_bytes))
+    if (!is_whole(header, first_part_bytes, checksum_of))
         return Fault::header;
     Reader reader(header + magic.size());
     out_version = reader.get_32();
-    if (out_version != version && out_version != version_without_owner)
+    if (out_version < version_without_owner || out_version > version)
         return Fault::version;
+    out_entry.is_in_blocks = out_version == version;
     out_entry.checksum = reader.get_32();
     out_entry.length = reader.get_64();
-    out_entry.block_length = reader.get_64();
+    out_entry.stored_length = reader.get_64();
     const bool is_time = reader.get_time(out_entry.changed);
-    out_entry.block_checksum = reader.get_32();
-    return is_time && out_entry.length <= content_bytes_max ? Fault::none : Fault::header;
+    out_entry.stored_checksum = reader.get_32();
+    return is_time && can_hold(out_entry) ? Fault::none : Fault::header;
 }
 
 bool holds_nul(std::string_view text)
@@ -119,20 +138,24 @@ bool holds_nul(std::string_view text)
     return text.find('\0') != std::string_view::npos;
 }
 
-Fault read_second_part(const unsigned char *part, std::size_t available, Entry &out_entry, std::size_t &out_size)
+Fault read_second_part(const unsigned char *header, std::size_t available, Entry &out_entry, std::size_t &out_size)
 {
-    if (available < second_part_bytes)
+    const unsigned char *const part = header + first_part_bytes;
+    out_size = second_part_bytes - (out_entry.is_in_blocks ? 0 : permission_bytes);
+    if (available < out_size)
         return Fault::size;
     Reader reader(part);
     const bool is_time = reader.get_time(out_entry.stored);
     const std::size_t owner_bytes = reader.get_16();
     const std::size_t comment_bytes = reader.get_16();
-    if (!is_time || owner_bytes > owner_bytes_max || comment_bytes > comment_bytes_max)
+    out_entry.permissions = out_entry.is_in_blocks ? reader.get_16() : 0;
+    if (!is_time || owner_bytes > owner_bytes_max || comment_bytes > comment_bytes_max || out_entry.permissions > 0777)
         return Fault::header;
-    out_size = second_part_bytes + owner_bytes + comment_bytes;
+    out_size += owner_bytes + comment_bytes;
     if (available < out_size)
         return Fault::size;
-    if (!is_part_whole(part, out_size))
+    if (!(out_entry.is_in_blocks ? is_whole(header, first_part_bytes + out_size, checksum_taken_twice)
+                                 : is_whole(part, out_size, checksum_of)))
         return Fault::header;
     out_entry.owner = reader.get_text(owner_bytes);
     out_entry.comment = reader.get_text(comment_bytes);
@@ -141,14 +164,6 @@ Fault read_second_part(const unsigned char *part, std::size_t available, Entry &
 
 } // namespace
 
-void describe(const Bytes &content, const Bytes &block, Entry &entry)
-{
-    entry.checksum = checksum_of(content.data, content.size);
-    entry.length = content.size;
-    entry.block_checksum = checksum_of(block.data, block.size);
-    entry.block_length = block.size;
-}
-
 std::size_t write_header(const Entry &entry, unsigned char *header)
 {
     Writer writer(header);
@@ -156,17 +171,18 @@ std::size_t write_header(const Entry &entry, unsigned char *header)
     writer.put(version, 4);
     writer.put(entry.checksum, 4);
     writer.put(entry.length, 8);
-    writer.put(entry.block_length, 8);
+    writer.put(entry.stored_length, 8);
     writer.put(entry.changed);
-    writer.put(entry.block_checksum, 4);
-    writer.end_part();
+    writer.put(entry.stored_checksum, 4);
+    writer.put(checksum_of(header, writer.size()), checksum_bytes);
     writer.put(entry.stored);
     writer.put(entry.owner.size(), 2);
     writer.put(entry.comment.size(), 2);
+    writer.put(entry.permissions, 2);
     writer.put(entry.owner);
     writer.put(entry.comment);
-    writer.end_part();
-    return static_cast<std::size_t>(writer.end() - header);
+    writer.put(checksum_taken_twice(header, writer.size()), checksum_bytes);
+    return writer.size();
 }
 
 Fault read_header(const unsigned char *header, std::size_t available, std::uint64_t file_bytes, Entry &out_entry,
@@ -181,27 +197,37 @@ Fault read_header(const unsigned char *header, std::size_t available, std::uint6
         return fault;
     std::size_t more = 0;
     Fault fault = Fault::none;
-    if (found == version)
-        fault = read_second_part(header + first_part_bytes, available - first_part_bytes, out_entry, more);
+    if (found != version_without_owner)
+        fault = read_second_part(header, available - first_part_bytes, out_entry, more);
     else
         out_entry.stored = out_entry.changed;
     out_header_bytes = first_part_bytes + more;
     if (fault != Fault::none)
         return fault;
-    const bool is_whole = file_bytes >= out_header_bytes && out_entry.block_length == file_bytes - out_header_bytes;
+    const bool is_whole = file_bytes >= out_header_bytes && out_entry.stored_length == file_bytes - out_header_bytes;
     return is_whole ? Fault::none : Fault::size;
 }
 
-Fault unpack(const Entry &entry, const Bytes &block, Bytes &out_content)
+void write_block_head(const BlockHead &block, unsigned char *head)
 {
-    if (block.size != entry.block_length)
-        return Fault::size;
-    if (checksum_of(block.data, block.size) != entry.block_checksum)
-        return Fault::block;
-    out_content.data = compress_uncompress(block.size, block.data, &out_content.size);
-    if (out_content.data == nullptr || out_content.size != entry.length)
-        return Fault::content;
-    return checksum_of(out_content.data, out_content.size) == entry.checksum ? Fault::none : Fault::content;
+    Writer writer(head);
+    writer.put(block.stored_bytes, 4);
+    writer.put(block.checksum, 4);
+}
+
+BlockHead read_block_head(const unsigned char *head)
+{
+    Reader reader(head);
+    const std::uint32_t stored_bytes = reader.get_32();
+    return {stored_bytes, reader.get_32()};
+}
+
+void add_block(Checksum &sum, const unsigned char *stored, std::size_t size)
+{
+    unsigned char length[4];
+    Writer(length).put(size, sizeof length);
+    sum.add(length, sizeof length);
+    sum.add(stored, size);
 }
 
 } // namespace depot

@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <iterator>
@@ -35,7 +36,7 @@ const char *size_of(const Row &row, char)
 
 const char *stored_size_of(const Row &row, char)
 {
-    return bytes_text(row.entry.block_length);
+    return bytes_text(row.entry.stored_length);
 }
 
 const char *ratio_of(const Row &row, char)
@@ -43,7 +44,7 @@ const char *ratio_of(const Row &row, char)
     const Entry &entry = row.entry;
     if (entry.length == 0)
         return text_of(msg_unknown);
-    const double percent = 100.0 * static_cast<double>(entry.block_length) / static_cast<double>(entry.length);
+    const double percent = 100.0 * static_cast<double>(entry.stored_length) / static_cast<double>(entry.length);
     return text_of(msg_percent, static_cast<unsigned>(percent + 0.5));
 }
 
@@ -52,13 +53,15 @@ const char *checksum_of(const Row &row, char)
     return text_of(msg_checksum, row.entry.checksum);
 }
 
-// In the date style of the process.
+// In the date style of the process. A time that the calendar does not have is shown as seconds.
 const char *date_text(const timespec &time, char modifier)
 {
     const char *const date = modifier == 'D'   ? date_fmt_token_date(time.tv_sec)
                              : modifier == 'S' ? date_fmt_token_short_date_time(time.tv_sec)
                              : modifier == 'U' ? date_fmt_token_utc(time.tv_sec)
                                                : date_fmt_token_date_time(time.tv_sec);
+    if (date == nullptr && errno == ENOMEM)
+        return no_text();
     return date != nullptr ? date : text_of(msg_seconds, static_cast<long long>(time.tv_sec));
 }
 
@@ -175,9 +178,11 @@ bool print(const char *format, const Row *row)
     char *const text = format_row(format, row);
     if (text == nullptr)
         return false;
-    report(IMSG_OUTPUT, msg_text, text); // a raise ends the program, and the text with it
+    if (is_output_complete())
+        put_out(text);
     stg_free(text);
-    return true;
+    drop_texts();
+    return is_output_complete();
 }
 
 // "%n %s ... ": the conversions.

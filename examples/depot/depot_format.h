@@ -6,7 +6,7 @@
 namespace depot {
 
 struct Row {
-    const char *name; // as it may be shown
+    const char *name; // as it is to be shown
     Entry entry;
 };
 

@@ -35,6 +35,13 @@ void add_argument(Line &line, const clp_flag_desc &flag)
         line.add(" ", text_of(argument));
 }
 
+// "-o[ut] FILE"
+void add_name(Line &line, const clp_flag_desc &flag)
+{
+    line.add(flag.name);
+    add_argument(line, flag);
+}
+
 // "[-c[omment] TEXT]... [-r[eplace] | -nr[eplace]]": in a group, "|" stands for the brackets.
 void add_flags(Line &line, const clp_flag_desc *flags)
 {
@@ -48,8 +55,8 @@ void add_flags(Line &line, const clp_flag_desc *flags)
             before = " [";
             line.add("]");
         } else if (is_flag(*flag)) {
-            line.add(before, flag->name);
-            add_argument(line, *flag);
+            line.add(before);
+            add_name(line, *flag);
             if (!is_in_group)
                 line.add("]");
             if ((flag->flags & CLP_REPEATABLE_FLAG) != 0)
@@ -57,16 +64,6 @@ void add_flags(Line &line, const clp_flag_desc *flags)
             before = is_in_group ? " | " : " [";
         }
     }
-}
-
-// "-o[ut], --o[ut] FILE": a flag with its aliases.
-void add_names(Line &line, const clp_flag_desc *flag)
-{
-    line.add(flag->name);
-    for (const clp_flag_desc *alias = flag + 1; alias->name != nullptr; ++alias)
-        if (alias->value == flag->value)
-            line.add(", ", alias->name);
-    add_argument(line, *flag);
 }
 
 int width_of(const char *text)
@@ -81,7 +78,7 @@ int width_of_names(const clp_flag_desc *flags)
         if (!is_flag(*flag))
             continue;
         Line names;
-        add_names(names, flag);
+        add_name(names, *flag);
         width = std::max(width, width_of(names.text()));
     }
     return width;
@@ -95,7 +92,7 @@ void show_flags(const clp_flag_desc *flags)
         if (!is_flag(*flag))
             continue;
         Line names;
-        add_names(names, flag);
+        add_name(names, *flag);
         report(IMSG_OUTPUT, msg_help_row, padded(names.text(), width), text_of(text_of_flag(flag->value).meaning));
     }
 }

@@ -5,6 +5,8 @@
 
 #include <korvaks/strutl.h>
 
+#include <cstring>
+
 namespace depot {
 
 namespace {
@@ -58,9 +60,15 @@ bool take_value(clp_handle *handle, stg_area *area, std::uint32_t flag, CommandL
     return line.values[flag] != nullptr;
 }
 
+// "-" alone is a word: standard input.
+bool is_at_dash(const clp_handle *handle)
+{
+    return handle->index < handle->argc && std::strcmp(handle->argv[handle->index], standard_stream) == 0;
+}
+
 Taken take_flags(clp_handle *handle, stg_area *area, CommandLine &line)
 {
-    for (;;) {
+    while (!is_at_dash(handle)) {
         std::uint32_t flag = 0;
         const int result = clp_get_next_flag_value(handle, 1, &flag);
         if (result == wrong)
@@ -70,6 +78,7 @@ Taken take_flags(clp_handle *handle, stg_area *area, CommandLine &line)
         if (!take_value(handle, area, flag, line))
             return wrong;
     }
+    return nothing;
 }
 
 // From the command's name on, flags are those of the command.

@@ -1,98 +1,30 @@
 #include "depot_list.h"
 
 #include "depot_format.h"
-#include "depot_help.h"
 #include "depot_report.h"
 
 #include <korvaks/date.h>
 #include <korvaks/strutl.h>
-#include <korvaks/wild.h>
 
 #include <algorithm>
 #include <cstring>
 #include <optional>
-#include <span>
 #include <string_view>
 
 namespace depot {
 
 namespace {
 
-struct Pattern {
-    const char *text;
-    const char *compiled;
-    bool has_wildcards;
-    bool is_matched;
-};
-
-// What is to be listed.
-struct Selection {
-    std::span<Pattern> patterns; // none: every name
-    std::optional<time_t> since;
-};
-
-bool compile_pattern(stg_area *area, const char *text, Pattern &out_pattern)
+// False for a text that is no date, which has been reported.
+bool read_since(const CommandLine &line, std::optional<time_t> &out_since)
 {
-    constexpr std::size_t reserve = 8; // for the NUL and what the compiler keeps free
-    const std::size_t size = 2 * std::strlen(text) + reserve;
-    auto *const compiled = static_cast<char *>(stg_alloc(area, size));
-    if (compiled == nullptr)
-        return false;
-    int has_wildcards = 0;
-    if (wild_compile_pattern(text, size, compiled, &has_wildcards) < 0) {
-        report(IMSG_ERROR, msg_bad_pattern, shown(text));
-        return false;
-    }
-    out_pattern = {text, compiled, has_wildcards != 0, false};
+    if (!line.has(flag_since))
+        return true;
+    time_t since = 0;
+    if (date_str_to_time(line.values[flag_since], 0, &since) != 0)
+        return fail(msg_bad_date, line.values[flag_since]);
+    out_since = since;
     return true;
-}
-
-bool read_selection(Job &job, Selection &out_selection)
-{
-    const CommandLine &line = job.line;
-    if (line.has(flag_since)) {
-        time_t since = 0;
-        if (date_str_to_time(line.values[flag_since], 0, &since) != 0) {
-            report(IMSG_ERROR, msg_bad_date, shown(line.values[flag_since]));
-            return false;
-        }
-        out_selection.since = since;
-    }
-    auto *const patterns = static_cast<Pattern *>(stg_alloc(job.area, (line.word_count + 1) * sizeof(Pattern)));
-    if (patterns == nullptr)
-        return false;
-    for (std::size_t i = 0; i < line.word_count; ++i)
-        if (!compile_pattern(job.area, line.words[i], patterns[i]))
-            return false;
-    out_selection.patterns = {patterns, line.word_count};
-    return true;
-}
-
-// Every pattern is tried, so that each one's own matches are known.
-bool is_named(Selection &selection, const char *name)
-{
-    bool is_matched = selection.patterns.empty();
-    for (Pattern &pattern : selection.patterns) {
-        if (wild_match(pattern.compiled, name, 0) != 0)
-            is_matched = pattern.is_matched = true;
-    }
-    return is_matched;
-}
-
-bool is_recent(const Selection &selection, const Entry &entry)
-{
-    return !selection.since || entry.stored.tv_sec >= *selection.since;
-}
-
-bool check_matches(const Selection &selection)
-{
-    bool is_done = true;
-    for (const Pattern &pattern : selection.patterns) {
-        if (!pattern.is_matched)
-            report(IMSG_ERROR, pattern.has_wildcards ? msg_no_match : msg_no_entry, shown(pattern.text));
-        is_done = is_done && pattern.is_matched;
-    }
-    return is_done;
 }
 
 struct Rows {
@@ -100,8 +32,15 @@ struct Rows {
     std::size_t count = 0;
 };
 
+// A name as the list shows it: a program gets it as it is.
+const char *listed(const Job &job, const char *name)
+{
+    const bool is_raw = job.line.has(flag_nul) || is_output_to_program();
+    return is_raw ? name : stg_area_strdup(job.area, shown(name));
+}
+
 // False when an entry could not be read; the others are there.
-bool read_rows(Job &job, Selection &selection, const Names &names, Rows &out_rows)
+bool read_rows(Job &job, std::optional<time_t> since, const Names &names, Rows &out_rows)
 {
     out_rows.items = static_cast<Row *>(stg_alloc(job.area, (names.count + 1) * sizeof(Row)));
     if (out_rows.items == nullptr)
@@ -109,12 +48,10 @@ bool read_rows(Job &job, Selection &selection, const Names &names, Rows &out_row
     bool is_done = true;
     for (std::size_t i = 0; i < names.count; ++i) {
         Row row = {};
-        if (!is_named(selection, names.items[i]))
-            continue;
-        if (!read_entry(job.depot, job.area, names.items[i], row.entry))
+        if (!read_entry(job.depot, job.area, names.items[i], row.entry)) {
             is_done = false;
-        else if (is_recent(selection, row.entry)) {
-            row.name = stg_area_strdup(job.area, shown(names.items[i]));
+        } else if (!since || row.entry.stored.tv_sec >= *since) {
+            row.name = listed(job, names.items[i]);
             if (row.name == nullptr)
                 return false;
             out_rows.items[out_rows.count++] = row;
@@ -130,7 +67,7 @@ Row total_of(stg_area *area, const Rows &rows)
     total.name = stg_area_strdup(area, text_of(msg_list_total, static_cast<unsigned long>(rows.count)));
     for (std::size_t i = 0; i < rows.count; ++i) {
         total.entry.length += rows.items[i].entry.length;
-        total.entry.block_length += rows.items[i].entry.block_length;
+        total.entry.stored_length += rows.items[i].entry.stored_length;
     }
     return total;
 }
@@ -140,12 +77,16 @@ struct Widths {
     int date;
 };
 
+// A name that needs more columns stands out in its own row alone.
+constexpr int name_columns_max = 40;
+
 Widths widths_of(const Rows &rows, const Row &total)
 {
     const auto width = [](const char *text) { return static_cast<int>(imsg_strwidth(text)); };
     Widths widths = {std::max(width(total.name), width(text_of(msg_head_name))), width(text_of(msg_head_date))};
     for (std::size_t i = 0; i < rows.count; ++i) {
-        widths.name = std::max(widths.name, width(rows.items[i].name));
+        if (const int columns = width(rows.items[i].name); columns <= name_columns_max)
+            widths.name = std::max(widths.name, columns);
         widths.date = std::max(widths.date, width_of_date(rows.items[i]));
     }
     return widths;
@@ -193,27 +134,44 @@ bool print_each(const char *format, const Rows &rows)
     return is_done;
 }
 
-} // namespace
+// Whatever a name holds, it holds no NUL.
+bool print_names(const Rows &rows)
+{
+    for (std::size_t i = 0; i < rows.count; ++i)
+        put_out({rows.items[i].name, std::strlen(rows.items[i].name) + 1});
+    return is_output_complete();
+}
 
-bool list_entries(Job &job)
+bool print(Job &job, const Rows &rows)
 {
     const CommandLine &line = job.line;
-    Selection selection;
-    if (!read_selection(job, selection) || (line.has(flag_format) && !check_format(line.values[flag_format])))
-        return false;
+    if (line.has(flag_format))
+        return print_each(line.values[flag_format], rows);
+    if (line.has(flag_nul))
+        return print_names(rows);
+    if (line.has(flag_short))
+        return print_each("%n\n", rows);
+    return print_columns(job.area, rows, line.has(flag_long));
+}
+
+} // namespace
+
+Status list_entries(Job &job)
+{
+    const CommandLine &line = job.line;
+    std::optional<time_t> since;
+    if (!read_since(line, since) || (line.has(flag_format) && !check_format(line.values[flag_format])))
+        return Status::misused;
     Names names;
     Rows rows;
-    if (!open_depot_of(job, false) || !read_names(job.depot, job.area, names))
-        return false;
-    bool is_done = read_rows(job, selection, names, rows);
-    is_done = check_matches(selection) && is_done;
+    const Status found = find_entries(job, names);
+    if (found == Status::misused)
+        return found;
+    bool is_done = found == Status::done;
+    is_done = read_rows(job, since, names, rows) && is_done;
     if (!is_done && rows.count == 0)
-        return false; // what is wrong has been said, and nothing is left to list
-    if (line.has(flag_format))
-        return print_each(line.values[flag_format], rows) && is_done;
-    if (line.has(flag_short))
-        return print_each("%n\n", rows) && is_done;
-    return print_columns(job.area, rows, line.has(flag_long)) && is_done;
+        return Status::failed; // what is wrong has been said, and nothing is left to list
+    return print(job, rows) && is_done ? Status::done : Status::failed;
 }
 
 void explain_list()

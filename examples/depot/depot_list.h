@@ -5,7 +5,7 @@
 
 namespace depot {
 
-bool list_entries(Job &job);
+Status list_entries(Job &job);
 
 // More for its help page: formats and dates.
 void explain_list();

@@ -28,15 +28,24 @@ constexpr Row rows[] = {
     {msg_bad_date, "\"%s\" is no date; write it like yesterday, 05-Mar-24.14:03 or 2024-03-05T14:03.\n"},
     {msg_bad_pattern, "Bad pattern \"%s\": a \"[\" and a \"]\" belong together, or stand behind a backslash.\n"},
     {msg_bad_format, "A format may hold %sand %%[column]t; see \"veldepot help list\".\n"},
+    {msg_same_name, "Two files of one name: \"%s\" and \"%s\"; nothing was stored.\n"},
+    {msg_one_name, "With -name one file is stored: \"%s\" is one too many.\n"},
+    {msg_stdin_needs_name, "\"%s\" is standard input, whose entry needs a -name; a file of that name is ./-.\n"},
+    {msg_one_out, "With -out one entry is fetched; nothing was written to \"%s\".\n"},
 
     {msg_bad_name, "\"%s\" cannot name an entry: a name has 1 to %d bytes, no \"/\", and is not \".\" or \"..\".\n"},
     {msg_no_owner, "Unable to find your name: %s\n"},
     {msg_no_depot, "Unable to open depot \"%s\": %s\n"},
+    {msg_no_new_depot, "Unable to make depot \"%s\": %s\n"},
     {msg_cannot_read, "Unable to read \"%s\": %s\n"},
     {msg_cannot_write, "Unable to write \"%s\": %s\n"},
     {msg_cannot_remove, "Unable to remove \"%s\": %s\n"},
     {msg_not_plain, "\"%s\" is not a plain file.\n"},
-    {msg_too_big, "\"%s\" is too big: a file must be smaller than 4 GiB.\n"},
+    {msg_changed, "\"%s\" changed while it was read, and was not stored.\n"},
+    {msg_no_memory, "Not enough memory for \"%s\".\n"},
+    {msg_output_lost, "Unable to write to standard output: something is missing there.\n"},
+    {msg_not_synced, "\"%s\" is in place, but may not outlast a crash of the system: %s\n"},
+    {msg_removal_not_synced, "\"%s\" is removed, but may be back after a crash of the system: %s\n"},
     {msg_exists, "\"%s\" exists; use -f to replace it.\n"},
     {msg_entry_exists, "Entry \"%s\" exists and was not replaced.\n"},
     {msg_no_entry, "No entry \"%s\" in the depot.\n"},
@@ -53,6 +62,10 @@ constexpr Row rows[] = {
     {msg_fetched, "Fetched \"%s\" into \"%s\".\n"},
     {msg_removed, "Removed \"%s\".\n"},
     {msg_verified, "%lu of %lu entries are sound.\n"},
+    {msg_version, "veldepot %s\n"},
+    {msg_progress, "\r%s %8llu MiB "},
+    {msg_progress_end, "\r                                                       \r"},
+    {msg_output, "standard output"},
 
     {msg_text, "%s"},
     {msg_list_total, "%lu in all"},
@@ -79,53 +92,63 @@ constexpr Row rows[] = {
     {msg_help_row, "  %s  %s\n"},
     {msg_help_notation,
      "\nA command or flag may be cut off where its \"[\" stands, or later. Of flags with \"|\" between them one\n"
-     "may be given; what has \"...\" behind it may be repeated.\n"},
+     "may be given; what has \"...\" behind it may be repeated. A flag may have two dashes as well: --help.\n"},
     {msg_help_general,
-     "\nA file is held in memory while it is stored or fetched, together with its compressed form (some 2.1\n"
-     "times its size), and must be smaller than 4 GiB. An interrupted command leaves every entry and every\n"
-     "file as it was, or finished.\n"
+     "\nFiles may be of any size. An interrupted command leaves every entry and every file as it was, or\n"
+     "finished.\n"
+     "\nThe exit status is 0 when all was done, 1 when something failed, and 2 when the command line is wrong;\n"
+     "a command that is interrupted ends by the signal.\n"
      "\n\"veldepot help COMMAND\" tells more about a command.\n"},
     {msg_argument_command, "COMMAND [ARGUMENT]..."},
     {msg_argument_put, "FILE..."},
-    {msg_argument_get, "NAME"},
+    {msg_argument_get, "PATTERN..."},
     {msg_argument_list, "[PATTERN]..."},
-    {msg_argument_verify, "[NAME]..."},
-    {msg_argument_remove, "NAME..."},
+    {msg_argument_verify, "[PATTERN]..."},
+    {msg_argument_remove, "PATTERN..."},
     {msg_argument_help, "[COMMAND]"},
     {msg_summary_put, "store files"},
-    {msg_summary_get, "fetch an entry"},
+    {msg_summary_get, "fetch entries"},
     {msg_summary_list, "list entries"},
     {msg_summary_verify, "check entries against their checksums"},
     {msg_summary_remove, "remove entries"},
     {msg_summary_help, "show this text, or more about a command"},
     {msg_notes_put,
      "\nEach FILE becomes an entry of its base name, with your name, the time and the comment. An entry of\n"
-     "that name is replaced, comment and all, unless -nreplace is given. A depot that does not exist is made.\n"},
+     "that name is replaced, comment and all, unless -nreplace is given. A depot that does not exist is made.\n"
+     "\"-\" is standard input, and needs a -name. A file that changes while it is read is not stored.\n"},
     {msg_notes_get,
-     "\nThe entry is checked, and written to FILE or to a file of its own name with the time at which the\n"
-     "stored file was last changed. Only a plain file is ever replaced.\n"},
+     "\nEach entry is checked, and written to a file of its own name, or one entry to FILE, with the time and\n"
+     "the permissions to execute that the stored file had. Only a plain file is ever replaced. With \"-out -\"\n"
+     "the content goes to standard output, each piece when it is checked: the exit status tells whether all is\n"
+     "there.\n"
+     "\nA PATTERN is the name of an entry, or one as \"veldepot help list\" describes it.\n"},
     {msg_notes_list,
      "\nLists the entries that match a PATTERN, or all. In a PATTERN \"*\" stands for any characters, \"?\" for\n"
-     "any one, \"[a-z]\" for one of these; a backslash makes the next character ordinary. One that matches\n"
-     "nothing is an error. The date of an entry is when it was stored.\n"},
+     "any one, \"[a-z]\" for one of these; a backslash makes the next character ordinary. The whole name of an\n"
+     "entry always means that entry. One that matches nothing is an error. The date of an entry is when it was\n"
+     "stored.\n"},
     {msg_notes_verify, "\nChecks these entries, or all. Every byte is looked at.\n"},
     {msg_notes_remove, "\nRemoves these entries for good.\n"},
     {msg_notes_help, "\nShows what the tool is for, or all about one COMMAND.\n"},
     {msg_argument_depot, "DIR"},
+    {msg_argument_name, "NAME"},
     {msg_argument_comment, "TEXT"},
     {msg_argument_out, "FILE"},
     {msg_argument_format, "FORMAT"},
     {msg_argument_since, "DATE"},
     {msg_flag_depot, "the depot's directory, else that of VELDEPOT_DIR"},
     {msg_flag_help, "show help about the command instead"},
+    {msg_flag_version, "show the program's version instead"},
+    {msg_flag_name, "the entry's name, for one FILE"},
     {msg_flag_comment, "a comment to keep with the entries; each one is a line of it"},
     {msg_flag_replace, "replace entries that exist (as without a flag)"},
     {msg_flag_keep, "keep entries that exist: storing again is an error"},
-    {msg_flag_out, "where to write to"},
+    {msg_flag_out, "where to write one entry to; - is standard output"},
     {msg_flag_force, "replace a file that exists"},
     {msg_flag_long, "also show ratio, date, owner and comment"},
     {msg_flag_short, "show names only"},
     {msg_flag_format, "show each entry in this format"},
+    {msg_flag_nul, "show names only, as they are, with a NUL behind each"},
     {msg_flag_since, "only entries stored then or later"},
     {msg_help_format, "\nA FORMAT is text with conversions:\n"},
     {msg_format_name, "name"},
@@ -142,7 +165,7 @@ constexpr Row rows[] = {
      "A width and a precision may stand behind the \"%%\": %%8s is right-aligned, %%-20n left-aligned, %%.10c cut "
      "off.\n"
      "%%%% is a percent sign, \\n ends a line, \\t is a tab. Nothing is added: without a \\n all entries stand in one\n"
-     "line. In names and comments, what is not printable is shown as \\ooo, in octal digits.\n"},
+     "line. In comments, and in names on a terminal, what is not printable is shown as \\ooo, in octal digits.\n"},
     {msg_help_dates, "\nA DATE is one as in ISO 8601, 2024-03-05 or 2024-03-05T14:03+01:00, or a <date-time>:\n\n%s"},
 };
 

@@ -19,33 +19,46 @@ enum Msg : unsigned {
     msg_bad_date,        // word
     msg_bad_pattern,     // pattern
     msg_bad_format,      // the conversions there are
+    msg_same_name,       // two paths
+    msg_one_name,        // second path
+    msg_stdin_needs_name,
+    msg_one_out, // its argument
 
     // Errors of the work.
-    msg_bad_name,        // name, most bytes
-    msg_no_owner,        // error text
-    msg_no_depot,        // directory, error text
-    msg_cannot_read,     // name, error text
-    msg_cannot_write,    // name, error text
-    msg_cannot_remove,   // name, error text
-    msg_not_plain,       // name
-    msg_too_big,         // name
-    msg_exists,          // name
-    msg_entry_exists,    // name
-    msg_no_entry,        // name
-    msg_no_match,        // pattern
-    msg_not_an_entry,    // name
-    msg_unknown_version, // name
-    msg_bad_header,      // name
-    msg_bad_size,        // name
-    msg_bad_block,       // name
-    msg_bad_content,     // name
-    msg_foreign,         // name
+    msg_bad_name,      // name, most bytes
+    msg_no_owner,      // error text
+    msg_no_depot,      // directory, error text
+    msg_no_new_depot,  // directory, error text
+    msg_cannot_read,   // name, error text
+    msg_cannot_write,  // name, error text
+    msg_cannot_remove, // name, error text
+    msg_not_plain,     // name
+    msg_changed,       // name
+    msg_no_memory,     // name
+    msg_output_lost,
+    msg_not_synced,         // name, error text
+    msg_removal_not_synced, // name, error text
+    msg_exists,             // name
+    msg_entry_exists,       // name
+    msg_no_entry,           // name
+    msg_no_match,           // pattern
+    msg_not_an_entry,       // name
+    msg_unknown_version,    // name
+    msg_bad_header,         // name
+    msg_bad_size,           // name
+    msg_bad_block,          // name
+    msg_bad_content,        // name
+    msg_foreign,            // name
 
     // What was done.
     msg_stored,   // name, bytes, stored bytes
     msg_fetched,  // name, file
     msg_removed,  // name
     msg_verified, // sound entries, entries
+    msg_version,  // of the program
+    msg_progress, // name, MiB
+    msg_progress_end,
+    msg_output, // the name of standard output
 
     // The list. A value without text, as an old entry's owner, is shown as msg_unknown.
     msg_text,         // any text, as it is
@@ -94,12 +107,15 @@ enum Msg : unsigned {
     msg_notes_remove,
     msg_notes_help,
     msg_argument_depot,
+    msg_argument_name,
     msg_argument_comment,
     msg_argument_out,
     msg_argument_format,
     msg_argument_since,
     msg_flag_depot,
     msg_flag_help,
+    msg_flag_version,
+    msg_flag_name,
     msg_flag_comment,
     msg_flag_replace,
     msg_flag_keep,
@@ -108,6 +124,7 @@ enum Msg : unsigned {
     msg_flag_long,
     msg_flag_short,
     msg_flag_format,
+    msg_flag_nul,
     msg_flag_since,
     msg_help_format,
     msg_format_name,

@@ -52,7 +52,8 @@ TEST_F(DepotCommand, MayBeCutOff)
         {{"l"}, {"list"}},
         {{"lis"}, {"list"}},
         {{"v", "old.txt"}, {"verify", "old.txt"}},
-        {{"l", "-l"}, {"list", "-long"}},
+        {{"l", "--l"}, {"list", "-long"}},
+        {{"l", "--fmt", "%n", "--since", "2026-01-01"}, {"list", "-fmt", "%n", "-since", "2026-01-01"}},
         {{"l", "-sho"}, {"list", "-short"}},
         {{"l", "-s", "-d", "depot"}, {"list", "-short"}},
         {{"h", "pu"}, {"help", "put"}},
@@ -97,7 +98,7 @@ TEST_F(DepotCommand, NamesTheWordThatIsWrong)
         {{"put", "x", "-c"}, "Flag \"-comment\" needs an argument, TEXT.", "usage: veldepot p[ut] "},
         {{"get", "x", "--o"}, "Flag \"--out\" needs an argument, FILE.", "usage: veldepot g[et] "},
         {{"get"}, "Too few arguments for \"get\".", "usage: veldepot g[et] "},
-        {{"g", "x", "y", "z"}, "Too many arguments for \"get\": \"y\".", "usage: veldepot g[et] "},
+        {{"h", "x", "y", "z"}, "Too many arguments for \"help\": \"y\".", "usage: veldepot h[elp] "},
         {{"list", "-since", "never"},
          "\"never\" is no date; write it like yesterday, 05-Mar-24.14:03 or 2024-03-05T14:03.",
          ""},
@@ -114,7 +115,7 @@ TEST_F(DepotCommand, NamesTheWordThatIsWrong)
     for (const auto &one : cases) {
         SCOPED_TRACE(testing::PrintToString(one.words));
         const ChildResult result = run(one.words);
-        EXPECT_EQ(result.exit_status, 1);
+        EXPECT_EQ(result.exit_status, 2);
         EXPECT_EQ(result.out, "");
         const std::size_t end = result.err.find('\n');
         EXPECT_EQ(result.err.substr(0, end), "veldepot: Error: " + one.error);
@@ -132,19 +133,20 @@ TEST_F(DepotCommand, ExplainsItselfAndEveryCommand)
         Words rows; // besides those of all
     } pages[] = {
         {"",
-         "veldepot [-d[epot] DIR] [-h[elp]] COMMAND [ARGUMENT]...",
+         "veldepot [-version] [-d[epot] DIR] [-h[elp]] COMMAND [ARGUMENT]...",
          {"p[ut]", "g[et]", "l[ist]", "v[erify]", "r[emove]", "h[elp]"}},
         {"put",
-         "veldepot p[ut] [-c[omment] TEXT]... [-r[eplace] | -nr[eplace]] [-d[epot] DIR] [-h[elp]] FILE...",
-         {"-c[omment] TEXT", "-r[eplace]", "-nr[eplace]"}},
+         "veldepot p[ut] [-n[ame] NAME] [-c[omment] TEXT]... [-r[eplace] | -nr[eplace]] [-d[epot] DIR] [-h[elp]] "
+         "FILE...",
+         {"-n[ame] NAME", "-c[omment] TEXT", "-r[eplace]", "-nr[eplace]"}},
         {"get",
-         "veldepot g[et] [-o[ut] FILE] [-f[orce]] [-d[epot] DIR] [-h[elp]] NAME",
-         {"-o[ut], --o[ut] FILE", "-f[orce], --f[orce]"}},
+         "veldepot g[et] [-o[ut] FILE] [-f[orce]] [-d[epot] DIR] [-h[elp]] PATTERN...",
+         {"-o[ut] FILE", "-f[orce]"}},
         {"list",
-         "veldepot l[ist] [-l[ong] | -s[hort] | -fmt FORMAT] [-since DATE] [-d[epot] DIR] [-h[elp]] [PATTERN]...",
+         "veldepot l[ist] [-l[ong] | -s[hort] | -fmt FORMAT | -0] [-since DATE] [-d[epot] DIR] [-h[elp]] [PATTERN]...",
          {"-l[ong]", "-s[hort]", "-fmt FORMAT", "-since DATE", "%n", "%s", "%z", "%r", "%k", "%d", "%m", "%u", "%c"}},
-        {"verify", "veldepot v[erify] [-d[epot] DIR] [-h[elp]] [NAME]...", {}},
-        {"remove", "veldepot r[emove] [-d[epot] DIR] [-h[elp]] NAME...", {}},
+        {"verify", "veldepot v[erify] [-d[epot] DIR] [-h[elp]] [PATTERN]...", {}},
+        {"remove", "veldepot r[emove] [-d[epot] DIR] [-h[elp]] PATTERN...", {}},
         {"help", "veldepot h[elp] [-d[epot] DIR] [-h[elp]] [COMMAND]", {}},
     };
     for (const auto &[command, usage, own_rows] : pages) {
@@ -153,10 +155,13 @@ TEST_F(DepotCommand, ExplainsItselfAndEveryCommand)
         EXPECT_EQ(page.substr(0, page.find('\n')), "usage: " + usage);
         EXPECT_EQ(page, command.empty() ? good({}) : good({command, "-help"}));
         Words rows = own_rows;
-        rows.insert(rows.end(), {"-d[epot], --d[epot] DIR", "-h[elp], --h[elp]"});
+        rows.insert(rows.end(), {"-d[epot] DIR", "-h[elp]"});
         for (const std::string &row : rows)
             EXPECT_TRUE(has_row(page, row)) << row;
     }
+    EXPECT_EQ(good({"--version"}), good({"-version"}));
+    EXPECT_NE(good({"help"}).find("exit status is 0 when all was done, 1 when something failed, and 2 when"),
+              std::string::npos);
     const std::string list_page = good({"help", "list"});
     for (const std::string text : {"%Dd only the day, %Sd short, %Ud in UTC\n", "%-20n left-aligned, %.10c cut off.\n",
                                    "\n%% is a percent sign, \\n ends a line, ", "\n<date-time> = "})
@@ -234,7 +239,8 @@ TEST_F(DepotCommand, ShowsEveryNameSafelyAndFindsItByPattern)
         std::string pattern;
         for (const char c : name)
             pattern += std::string("\\") + c;
-        EXPECT_EQ(good({"list", "-fmt", "<%n>\\n", "--", pattern}), "<" + shown + ">\n");
+        EXPECT_EQ(good({"list", "-fmt", "<%n>\\n", "--", pattern}), "<" + name + ">\n");
+        EXPECT_EQ(good({"list", "-0", "--", name}), name + '\0');
         EXPECT_EQ(good({"remove", "--", name}), "Removed \"" + shown + "\".\n");
     }
 }
@@ -278,7 +284,7 @@ TEST_F(DepotCommand, IsKeptInTheHostsHistory)
     EXPECT_FALSE(std::filesystem::exists(log));
     test::write_file("host/config/collect_history", "");
     put("a b", "1");
-    EXPECT_EQ(run({"mend", "a\nb"}).exit_status, 1);
+    EXPECT_EQ(run({"mend", "a\nb"}).exit_status, 2);
     unsetenv("VELM_HOSTDATA_DIR");
     put("not kept", "1");
     const std::string line = "[0-9]{4}(:[0-9]{2}){5}\\.[0-9]{3} \\(uid=" + std::to_string(geteuid()) +

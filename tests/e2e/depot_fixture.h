@@ -64,18 +64,35 @@ inline std::string with_checksum(const std::string &part)
 // The file of an entry that holds "abc", in the format as it is written down.
 inline const std::string abc_block("\1\0\0\0\3abc", 8);
 
-inline std::string first_part(unsigned version, const timespec &changed)
+inline std::string first_part(unsigned version, const timespec &changed, std::uint64_t length = 3,
+                              std::uint64_t stored_length = 8, const std::string &stored_checksum = checksum(abc_block))
 {
-    return with_checksum("VELDEPOT" + big_endian(version, 4) + checksum("abc") + big_endian(3, 8) + big_endian(8, 8) +
-                         big_endian(static_cast<std::uint64_t>(changed.tv_sec), 8) +
-                         big_endian(static_cast<std::uint64_t>(changed.tv_nsec), 4) + checksum(abc_block));
+    return with_checksum("VELDEPOT" + big_endian(version, 4) + checksum("abc") + big_endian(length, 8) +
+                         big_endian(stored_length, 8) + big_endian(static_cast<std::uint64_t>(changed.tv_sec), 8) +
+                         big_endian(static_cast<std::uint64_t>(changed.tv_nsec), 4) + stored_checksum);
+}
+
+// `mode` is of version 3 alone.
+inline std::string second_fields(const timespec &stored, const std::string &owner, const std::string &comment,
+                                 const std::string &mode = "")
+{
+    return big_endian(static_cast<std::uint64_t>(stored.tv_sec), 8) +
+           big_endian(static_cast<std::uint64_t>(stored.tv_nsec), 4) + big_endian(owner.size(), 2) +
+           big_endian(comment.size(), 2) + mode + owner + comment;
 }
 
 inline std::string second_part(const timespec &stored, const std::string &owner, const std::string &comment)
 {
-    return with_checksum(big_endian(static_cast<std::uint64_t>(stored.tv_sec), 8) +
-                         big_endian(static_cast<std::uint64_t>(stored.tv_nsec), 4) + big_endian(owner.size(), 2) +
-                         big_endian(comment.size(), 2) + owner + comment);
+    return with_checksum(second_fields(stored, owner, comment));
+}
+
+// Version 3, with the block as it is given behind its head.
+inline std::string entry_in_blocks(const timespec &changed, const std::string &fields, const std::string &block = "abc",
+                                   std::uint64_t length = 3)
+{
+    const std::string stored = big_endian(block.size(), 4) + block;
+    const std::string header = first_part(3, changed, length, 8 + block.size(), checksum(stored)) + fields;
+    return header + checksum(header + header) + stored.substr(0, 4) + checksum(stored) + block;
 }
 
 inline std::string user_name()

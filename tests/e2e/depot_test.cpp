@@ -18,6 +18,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "depot_msg.h"
 #include "e2e/depot_fixture.h"
 
 namespace {
@@ -26,9 +27,11 @@ using test::abc_block;
 using test::big_endian;
 using test::ChildResult;
 using test::DepotTest;
+using test::entry_in_blocks;
 using test::first_part;
 using test::random_bytes;
 using test::run_program;
+using test::second_fields;
 using test::second_part;
 using test::user_name;
 using test::with_checksum;
@@ -72,6 +75,7 @@ TEST_F(DepotTest, KeepsFilesWithTheirNamesContentsAndTimes)
 TEST_F(DepotTest, WritesTheFormatThatIsWrittenDown)
 {
     test::write_file("abc", "abc");
+    ASSERT_EQ(chmod("abc", 0755), 0);
     const timespec times[] = {{0, UTIME_NOW}, {0x0102030405, 0x10203}};
     ASSERT_EQ(utimensat(AT_FDCWD, "abc", times, 0), 0);
     const time_t before = time(nullptr);
@@ -79,20 +83,23 @@ TEST_F(DepotTest, WritesTheFormatThatIsWrittenDown)
     const time_t after = time(nullptr);
 
     const std::string bytes = test::read_file("depot/abc.vde");
-    const std::string first = first_part(2, times[1]);
-    ASSERT_GT(bytes.size(), first.size() + 12);
+    constexpr std::size_t first = 52;
+    ASSERT_GT(bytes.size(), first + 12);
     timespec stored = {};
     for (std::size_t i = 0; i < 12; ++i) {
         auto &field = i < 8 ? stored.tv_sec : stored.tv_nsec;
-        field = field << 8 | static_cast<unsigned char>(bytes[first.size() + i]);
+        field = field << 8 | static_cast<unsigned char>(bytes[first + i]);
     }
     EXPECT_GE(stored.tv_sec, before - 1); // time() may lag behind by a tick
     EXPECT_LE(stored.tv_sec, after + 1);
-    EXPECT_EQ(bytes, first + second_part(stored, user_name(), "why not\n\xff") + abc_block);
+    EXPECT_EQ(bytes, entry_in_blocks(times[1], second_fields(stored, user_name(), "why not\n\xff", "\1\355")));
 }
 
-TEST_F(DepotTest, ReadsEntriesOfTheFirstVersion)
+TEST_F(DepotTest, ReadsEntriesOfTheOlderVersions)
 {
+    put_entry_file("older", first_part(2, {1, 2}) + second_part({3, 4}, "o", "c") + abc_block);
+    EXPECT_EQ(content_of("older"), "abc");
+    good({"remove", "older"});
     put_entry_file("old", first_part(1, {1234567890, 5}) + abc_block);
     EXPECT_EQ(content_of("old"), "abc");
     struct stat status = {};
@@ -117,7 +124,14 @@ TEST_F(DepotTest, RefusesHeadersThatNoPutWrites)
     } cases[] = {
         {first + second_part(time, std::string(255, 'o'), std::string(1023, 'c')) + abc_block, ""},
         {first + second_part(time, "", "") + abc_block, ""},
-        {first_part(3, time) + second_part(time, "", "") + abc_block, " was written by a newer program.\n"},
+        {first_part(4, time) + second_part(time, "", "") + abc_block, " was written by a newer program.\n"},
+        {entry_in_blocks(time, fields + lengths(0, 0) + "\1\377"), ""},
+        {entry_in_blocks(time, fields + lengths(0, 0) + "\2" + '\0'), damaged},
+        {entry_in_blocks(time, fields + lengths(0, 0) + "\1\377", "abcd"), damaged},
+        {entry_in_blocks(time, fields + lengths(0, 0) + "\1\377", "abc", (1 << 20) + 1), damaged},
+        {first_part(1, time, 3, 4) + "abcd", damaged},
+        {first_part(1, time, 3, 10) + std::string(10, '\1'), damaged},
+        {first_part(1, time, 1 << 20, 8) + abc_block, damaged},
         {first_part(0, time) + abc_block, " was written by a newer program.\n"},
         {first_part(1, {1, 1000000000}) + abc_block, damaged},
         {first + second_part({1, 1000000000}, "", "") + abc_block, damaged},
@@ -139,6 +153,12 @@ TEST_F(DepotTest, RefusesHeadersThatNoPutWrites)
         EXPECT_EQ(result.err, cases[i].error.empty() ? "" : "veldepot: Error: Entry \"e\"" + cases[i].error);
         EXPECT_EQ(run({"list", "-s"}).out, cases[i].error.empty() ? "e\n" : "");
     }
+    const std::string no_block = entry_in_blocks(time, fields + lengths(0, 0) + "\1\377", "ab");
+    for (const std::string &bytes : {no_block, no_block.substr(0, no_block.size() - 2) + "xb"}) {
+        put_entry_file("e", bytes);
+        EXPECT_EQ(run({"get", "e", "-o", "-"}).out, "");
+        EXPECT_NE(run({"verify"}).err.find("Entry \"e\" is damaged: its "), std::string::npos);
+    }
 }
 
 TEST_F(DepotTest, ListsInColumnsAndInOrder)
@@ -146,11 +166,14 @@ TEST_F(DepotTest, ListsInColumnsAndInOrder)
     put("zeros", std::string(1000, '\0'));
     put("A\tlong\\name", "");
     put("a", "abc");
-    EXPECT_EQ(good({"list"}), "NAME                         SIZE          STORED  CHECKSUM\n"
-                              "A\\011long\\134name               0               5  00000000\n"
-                              "a                               3               8  b37f2436\n"
-                              "zeros                        1000              78  861b9d08\n"
-                              "3 in all                     1003              91\n");
+    put(std::string(41, 'l'), "");
+    EXPECT_EQ(good({"list"}), "NAME                   SIZE          STORED  CHECKSUM\n"
+                              "A\tlong\\name               0               0  00000000\n"
+                              "a                         3              11  b37f2436\n" +
+                                  std::string(41, 'l') +
+                                  "               0               0  00000000\n"
+                                  "zeros                  1000              86  861b9d08\n"
+                                  "4 in all               1003              97\n");
 }
 
 TEST_F(DepotTest, NoticesEveryDamage)
@@ -194,6 +217,7 @@ TEST_F(DepotTest, SaysWhatIsWrongAndGoesOn)
     const struct {
         Words words;
         std::string error;
+        int exit_status = 1;
     } cases[] = {
         {{"put", "nowhere"}, "Error: Unable to read \"nowhere\": No such file or directory\n"},
         {{"put", "directory"}, "Error: \"directory\" is not a plain file.\n"},
@@ -214,23 +238,34 @@ TEST_F(DepotTest, SaysWhatIsWrongAndGoesOn)
         {{"list", "he*", "nowhere", "*x"},
          "No entry \"nowhere\" in the depot.\nveldepot: Error: No entry matches \"*x\".\n"},
         {{"put", "-nr", "here"}, "Error: Entry \"here\" exists and was not replaced.\n"},
-        {{"put", "-c", std::string(1023, 'c'), "-c", "", "here"}, "The comment is too long: it may have 1023 bytes.\n"},
+        {{"put", "-c", std::string(1023, 'c'), "-c", "", "here"},
+         "The comment is too long: it may have 1023 bytes.\n",
+         2},
+        {{"put", "more", "directory/here", "here"},
+         "Two files of one name: \"directory/here\" and \"here\"; nothing was stored.\n",
+         2},
+        {{"put", "-"}, "\"-\" is standard input, whose entry needs a -name", 2},
+        {{"put", "-name", "a/b", "here"}, "Error: \"a/b\" cannot name an entry: "},
+        {{"put", "-name", "x", "-", "here"}, "With -name one file is stored: \"here\" is one too many.\n", 2},
+        {{"get", "here", "h*", "nowhere"}, "No entry \"nowhere\" in the depot.\n"},
+        {{"put", "-d", "nowhere", "directory"}, "\"directory\" is not a plain file.\n"},
+        {{"put", "-d", "nowhere/depot", "here"}, "Unable to make depot \"nowhere/depot\": No such file or directory\n"},
     };
     for (const auto &one : cases) {
         SCOPED_TRACE(testing::PrintToString(one.words));
         const ChildResult result = run(one.words);
-        EXPECT_EQ(result.exit_status, 1);
+        EXPECT_EQ(result.exit_status, one.exit_status);
         EXPECT_EQ(result.err.find("veldepot: "), 0u) << result.err;
         EXPECT_NE(result.err.find(one.error), std::string::npos) << result.err;
     }
     EXPECT_EQ(run({"list", "-s", "nowhere", "h?re"}).out, "here\n");
     test::write_file("more", "2");
-    EXPECT_EQ(run({"put", "nowhere", "more"}).out, "Stored \"more\": 1 bytes in 6.\n");
+    EXPECT_EQ(run({"put", "nowhere", "more"}).out, "Stored \"more\": 1 bytes in 9.\n");
     EXPECT_EQ(run({"remove", "nowhere", "more"}).out, "Removed \"more\".\n");
     const ChildResult warned = run({"verify"});
     EXPECT_EQ(warned.exit_status, 0);
     EXPECT_EQ(warned.err, "veldepot: Warning: \"README\" in the depot's directory is not part of the depot.\n");
-    EXPECT_EQ(run({"list"}, [] { dup2(open("/dev/full", O_WRONLY), 1); }).exit_status, 1);
+    EXPECT_FALSE(std::filesystem::exists("nowhere"));
 }
 
 TEST_F(DepotTest, TakesItsDepotFromTheEnvironment)
@@ -246,7 +281,8 @@ TEST_F(DepotTest, TakesItsDepotFromTheEnvironment)
 
 TEST_F(DepotTest, SpeaksTheLanguageOfItsCatalogue)
 {
-    test::write_file("veldepot.msg", "$set 1\n$quote \"\n21 \"Kein Eintrag \\\"%s\\\".\\n\"\n");
+    test::write_file("veldepot.msg", "$set 1\n$quote \"\n" + std::to_string(depot::msg_no_entry + 1) +
+                                         " \"Kein Eintrag \\\"%s\\\".\\n\"\n");
     const ChildResult made = run_program({GENCAT_PROGRAM, "veldepot.cat", "veldepot.msg"});
     ASSERT_EQ(made.exit_status, 0) << made.err;
     setenv("NLSPATH", (home_.path() + "/%N.cat").c_str(), 1);
@@ -283,10 +319,59 @@ TEST_F(DepotTest, AnInterruptLeavesNoHalfFile)
         kill(child->pid(), signal);
         const ChildResult result = child->finish();
         close(writer);
-        EXPECT_EQ(result.exit_status, 4) << result.err;
+        EXPECT_EQ(result.signal, signal) << result.err;
         EXPECT_EQ(asides(), Words{});
         EXPECT_EQ(content_of("pipe"), "old");
     }
+}
+
+TEST_F(DepotTest, AFileThatChangesWhileItIsReadIsNotStored)
+{
+    put("file", "old");
+    for (const bool grows : {true, false}) {
+        SCOPED_TRACE(grows);
+        std::filesystem::resize_file("file", 64 << 20);
+        const auto child = start({"put", "file"});
+        ASSERT_TRUE(wait_for_aside());
+        kill(child->pid(), SIGSTOP);
+        ASSERT_TRUE(child->wait_for_stop(SIGSTOP));
+        if (grows)
+            std::filesystem::resize_file("file", 65 << 20);
+        else
+            ASSERT_EQ(utimensat(AT_FDCWD, "file", nullptr, 0), 0);
+        kill(child->pid(), SIGCONT);
+        const ChildResult result = child->finish();
+        EXPECT_EQ(result.exit_status, 1);
+        EXPECT_EQ(result.err, "veldepot: Error: \"file\" changed while it was read, and was not stored.\n");
+        EXPECT_EQ(asides(), Words{});
+        EXPECT_EQ(content_of("file"), "old");
+    }
+}
+
+TEST_F(DepotTest, FetchesByNameAndPatternAndGivesExecutableBitsBack)
+{
+    const std::string left_behind = ".veldepot-0123456789abcdef"; // whatever it is, it is the user's
+    for (const std::string name : {"a1", "a2", "*", "other", "[o-"})
+        put(name, name);
+    for (const std::string name : {"a1", "a2", "other", "[o-"})
+        std::filesystem::remove(name);
+    test::write_file(left_behind, "");
+    ASSERT_EQ(chmod("*", 0751), 0);
+    umask(022);
+    good({"put", "*"});
+    EXPECT_EQ(good({"get", "-f", "a?", "a*", "*"}), "Fetched \"*\" into \"*\".\nFetched \"a1\" into \"a1\".\n"
+                                                    "Fetched \"a2\" into \"a2\".\n");
+    EXPECT_EQ(good({"get", "[o-", "-o", "-"}), "[o-");
+    EXPECT_EQ(run({"get", "a?", "-o", "-"}).err,
+              "veldepot: Error: With -out one entry is fetched; nothing was written to \"-\".\n");
+    struct stat status = {};
+    ASSERT_EQ(stat("*", &status), 0);
+    EXPECT_EQ(status.st_mode & 0777, 0751u);
+    ASSERT_EQ(stat("a1", &status), 0);
+    EXPECT_EQ(status.st_mode & 0777, 0644u);
+    EXPECT_EQ(good({"remove", "*", "a*"}), "Removed \"*\".\nRemoved \"a1\".\nRemoved \"a2\".\n");
+    EXPECT_EQ(good({"list", "-0"}), std::string("[o-\0other\0", 10));
+    EXPECT_TRUE(std::filesystem::exists(left_behind));
 }
 
 TEST_F(DepotTest, RemovesWhatAKilledPutLeftAndNothingOfALivingOne)

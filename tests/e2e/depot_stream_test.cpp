@@ -1,0 +1,183 @@
+// veldepot among pipes and terminals: streams of any size, Ctrl-C, what a terminal is shown, lost output.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <string>
+
+#include <fcntl.h>
+#include <poll.h>
+#include <pty.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "e2e/depot_fixture.h"
+
+namespace {
+
+using test::ChildResult;
+using test::Words;
+using Clock = std::chrono::steady_clock;
+
+// A shell with a terminal of its own.
+class Session {
+  public:
+    explicit Session(const std::string &command)
+    {
+        pid_ = forkpty(&terminal_, nullptr, nullptr, nullptr);
+        if (pid_ == 0)
+            _exit(test::exec({"/bin/bash", "--norc", "-c", command}));
+    }
+    ~Session()
+    {
+        if (pid_ > 0)
+            kill(pid_, SIGKILL);
+        close(terminal_);
+    }
+    Session(const Session &) = delete;
+    Session &operator=(const Session &) = delete;
+
+    void press_interrupt() const { EXPECT_EQ(write(terminal_, "\003", 1), 1); }
+
+    // What the terminal was shown until `text` was; "": to the end.
+    std::string shown_until(const std::string &text)
+    {
+        std::string shown;
+        char bytes[4096];
+        for (pollfd ready{terminal_, POLLIN, 0}; poll(&ready, 1, 20000) == 1;) {
+            const ssize_t count = read(terminal_, bytes, sizeof bytes);
+            if (count <= 0)
+                break;
+            shown.append(bytes, static_cast<std::size_t>(count));
+            if (!text.empty() && shown.find(text) != std::string::npos)
+                break;
+        }
+        return shown;
+    }
+
+    int wait_status()
+    {
+        int status = -1;
+        EXPECT_EQ(waitpid(pid_, &status, 0), pid_);
+        pid_ = 0;
+        return status;
+    }
+
+  private:
+    int terminal_ = -1;
+    pid_t pid_ = 0;
+};
+
+class DepotStream : public test::DepotTest {
+  protected:
+    static std::string loop_of(const std::string &command)
+    {
+        return "for i in 1 2 3; do " VELDEPOT_PROGRAM " -d depot " + command + "; done; echo at the end";
+    }
+
+    // The shell must end by the signal as well, and show nothing more than the key.
+    static void interrupt(Session &session)
+    {
+        const auto pressed = Clock::now();
+        session.press_interrupt();
+        const std::string shown = session.shown_until("");
+        EXPECT_EQ(shown.find("at the end"), std::string::npos) << shown;
+        const int status = session.wait_status();
+        EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGINT) << status;
+        EXPECT_LT(Clock::now() - pressed, std::chrono::seconds(1)); // some 0.05 s on an idle machine
+    }
+};
+
+TEST_F(DepotStream, AnInterruptEndsALongPutAndTheShellsLoop)
+{
+    test::write_file("big", "");
+    std::filesystem::resize_file("big", std::uintmax_t{8} << 30);
+    Session session(loop_of("put big"));
+    EXPECT_NE(session.shown_until(" MiB").find("\rbig "), std::string::npos);
+    interrupt(session);
+    EXPECT_FALSE(std::filesystem::exists("depot")) << "made, and left with nothing in it";
+}
+
+TEST_F(DepotStream, AnInterruptEndsAGetWhosePipeIsFull)
+{
+    put("noise", test::random_bytes(1 << 20, 1));
+    ASSERT_EQ(mkfifo("pipe", 0600), 0);
+    Session session(loop_of("get -out - noise >pipe"));
+    const int reader = open("pipe", O_RDONLY);
+    pollfd ready{reader, POLLIN, 0};
+    ASSERT_EQ(poll(&ready, 1, 20000), 1);
+    interrupt(session);
+    close(reader);
+}
+
+TEST_F(DepotStream, GoesThroughInLittleMemory)
+{
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__) // which map terabytes
+    GTEST_SKIP();
+#endif
+    test::write_file("big", "");
+    std::filesystem::resize_file("big", 300 << 20);
+    const auto limit = [] {
+        const rlimit memory = {64 << 20, 64 << 20};
+        setrlimit(RLIMIT_AS, &memory);
+    };
+    EXPECT_EQ(run({"put", "-name", "x", "-"}, [&] { limit(), dup2(open("big", O_RDONLY), 0); }).err, "");
+    EXPECT_EQ(run({"get", "x"}, limit).err, "");
+    EXPECT_EQ(test::run_program({"/usr/bin/cmp", "big", "x"}).exit_status, 0);
+}
+
+TEST_F(DepotStream, NoMemoryIsNoDamage)
+{
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    GTEST_SKIP();
+#endif
+    put_entry_file("old", test::first_part(1, {1, 2}, 60 << 20, 60 << 20));
+    std::filesystem::resize_file("depot/old.vde", 52 + (60 << 20));
+    const ChildResult result = run({"verify"}, [] {
+        const rlimit memory = {64 << 20, 64 << 20};
+        setrlimit(RLIMIT_AS, &memory);
+    });
+    EXPECT_NE(result.err.find("veldepot: Error: Not enough memory for \"old\".\n"), std::string::npos) << result.err;
+    EXPECT_EQ(result.err.find("damaged"), std::string::npos);
+}
+
+TEST_F(DepotStream, ATerminalIsShownNoNameThatPlaysTricks)
+{
+    setenv("LC_ALL", "C.UTF-8", 1);
+    const std::string name = "a\u202eb\tc\u00e4";
+    put(name, "1");
+    EXPECT_EQ(good({"list", "-s"}), name + "\n");
+    for (const std::string form : {"-s", "-fmt '%n\\n'"}) {
+        Session session(VELDEPOT_PROGRAM " -d depot list " + form);
+        EXPECT_EQ(session.shown_until(""), "a\\342\\200\\256b\\011c\u00e4\r\n");
+    }
+}
+
+TEST_F(DepotStream, OutputThatIsLostIsAFailure)
+{
+    put("file", "1");
+    const std::string lost = "veldepot: Error: Unable to write to standard output: something is missing there.\n";
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    close(ends[0]);
+    for (const Words &words : {Words{"list"}, Words{"put", "file"}, Words{"help"}}) {
+        SCOPED_TRACE(words[0]);
+        for (const bool is_full : {true, false}) {
+            const ChildResult result = run(words, [&] { is_full ? dup2(open("/dev/full", O_WRONLY), 1) : close(1); });
+            EXPECT_EQ(result.exit_status, 1);
+            EXPECT_EQ(result.err, lost);
+        }
+        const ChildResult result = run(words, [&] { dup2(ends[1], 1); });
+        EXPECT_EQ(result.exit_status, 1);
+        EXPECT_EQ(result.err, "") << "whoever read it has seen enough";
+    }
+    EXPECT_EQ(run({"get", "file", "-o", "-"}, [&] { dup2(ends[1], 1); }).err, "");
+    EXPECT_EQ(content_of("file"), "1");
+    close(ends[1]);
+}
+
+} // namespace

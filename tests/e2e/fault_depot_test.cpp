@@ -1,0 +1,132 @@
+// Storing and fetching under failing calls, noise and raises: the old or the new, whole, and nothing beside it.
+#include "depot.h"
+#include "depot_format.h"
+#include "depot_report.h"
+#include "harness/child.h"
+#include "harness/fault_sweep.h"
+
+#include <filesystem>
+#include <string>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+namespace {
+
+using test::fault::Call;
+using test::fault::Operation;
+using test::fault::Trial;
+
+const depot::Label label = {nullptr, "owner", "comment", true};
+depot::Depot opened; // a raise leaves it as it is
+
+std::size_t files_in(const char *directory)
+{
+    std::size_t count = 0;
+    for (const auto &entry : std::filesystem::directory_iterator(directory))
+        count += entry.path().empty() ? 0 : 1;
+    return count;
+}
+
+bool is_verified()
+{
+    depot::Depot other;
+    const bool is_sound = depot::open_depot("depot", false, other) && depot::verify_entry(other, "file");
+    depot::close_depot(other);
+    return is_sound;
+}
+
+class FaultDepot : public testing::Test {
+  protected:
+    // More than a block, of which the second is stored as it is.
+    void SetUp() override
+    {
+        old_content_ = std::string(1 << 20, 'o') + "noise";
+        new_content_ = std::string(1 << 20, 'n') + "NOISE";
+        ASSERT_EQ(chdir(home_.path().c_str()), 0);
+    }
+    void TearDown() override { ASSERT_EQ(chdir("/"), 0); }
+
+    // The old entry, made once, and the new file.
+    void start()
+    {
+        const char *const path = "depot/file.vde";
+        opened = {};
+        if (old_entry_.empty()) {
+            (void)depot::start_messages("veldepot");
+            dup2(open("/dev/null", O_WRONLY | O_CLOEXEC), 1);
+            test::write_file("file", old_content_);
+            (void)(depot::open_depot("depot", true, opened) && depot::put_file(opened, "file", label));
+            depot::close_depot(opened);
+            old_entry_ = test::read_file(path);
+        }
+        test::write_file(path, old_entry_);
+        test::write_file("file", new_content_);
+    }
+
+    Operation operation(const char *name)
+    {
+        return Operation(name)
+            .setup([this] { start(); })
+            .cleanup([] { depot::close_depot(opened); })
+            .spares({Call::close});
+    }
+
+    test::TempDir home_;
+    std::string old_content_;
+    std::string new_content_;
+    std::string old_entry_;
+};
+
+TEST_F(FaultDepot, ALineOfAListIsWholeOrAnError)
+{
+    const depot::Row row = {"name", {.stored = {1, 0}, .owner = "owner", .comment = {}}};
+    Operation("a line")
+        .setup([] { (void)depot::start_messages("veldepot"); })
+        .cleanup(depot::end_messages)
+        .act([row] { return depot::print_row("%n %s %d %u\n", row); })
+        .keeps([](const Trial &trial) { return trial.failed(Call::allocation); })
+        .sweep_first_use();
+}
+
+const char *wrong_in_depot(const Trial &)
+{
+    depot::close_depot(opened);
+    if (files_in("depot") != 1)
+        return "a file is left in the depot";
+    return is_verified() ? nullptr : "the entry is not whole";
+}
+
+TEST_F(FaultDepot, PutKeepsTheOldEntryOrMakesTheNew)
+{
+    operation("put")
+        .act([] { return depot::open_depot("depot", true, opened) && depot::put_file(opened, "file", label); })
+        .check(wrong_in_depot)
+        .sweep()
+        .sweep_raises()
+        .sweep_noise(10);
+}
+
+TEST_F(FaultDepot, GetKeepsTheOldFileOrMakesTheNew)
+{
+    operation("get")
+        .act([] { return depot::open_depot("depot", false, opened) && depot::get_file(opened, "file", nullptr, true); })
+        .check([this](const Trial &trial) -> const char * {
+            depot::close_depot(opened);
+            if (files_in(".") != 2)
+                return "a file is left";
+            const std::string content = test::read_file("file");
+            const bool may_be_done = trial.is_done || trial.raised != 0;
+            const bool may_be_refused = !trial.is_done;
+            const bool is_right =
+                (may_be_done && content == old_content_) || (may_be_refused && content == new_content_);
+            return is_right ? nullptr : "the file is not whole";
+        })
+        .sweep()
+        .sweep_raises()
+        .sweep_noise(10);
+}
+
+} // namespace
