@@ -91,7 +91,7 @@ typedef struct rt_counters {
  * between two events that are due. Its cost grows with the logarithm of the number of events; where the index
  * over them finds no memory, with the number, and no event is lost.
  *
- * @param fn       called once on the attached thread, with `arg`; not NULL
+ * @param fn       called once on the attached thread, with `arg`; NULL ends the process ("fn != NULL")
  * @param arg      any value
  * @param seconds  whole seconds from now; 0 or less is due at once. A sum that no time can hold is the latest or
  *                 the earliest one.
@@ -150,7 +150,7 @@ KS_API rt_event *rt_sched_rel_mt(rt_event_fn fn, void *arg, const struct timeval
  * Schedules an event in memory of the caller's, so that no memory can be missing.
  *
  * The memory must live and stay untouched until the event has fired (when `fn` is called it is the caller's again)
- * or was cancelled. It must not hold an event that is scheduled.
+ * or was cancelled. One that holds an event that is scheduled ends the process ("event->magic != RT_MAGIC").
  *
  * @param fn, arg, seconds  as for rt_sched()
  * @param event_memory      the record, aligned as a pointer; what it holds is overwritten

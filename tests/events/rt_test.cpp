@@ -306,6 +306,12 @@ TEST(Rt, MisuseEndsTheProcess)
          },
          "(timeout->tv_sec >= 0 && timeout->tv_sec < abs_time.tv_sec)"},
         {[] { rt_sched_int(note, nullptr, 0, seen.data(), 55); }, "(max_event_size >= sizeof(struct rt_event))"},
+        {[] {
+             static rt_event memory;
+             rt_sched_int(note, nullptr, 9, &memory, sizeof memory);
+             rt_sched_int(note, nullptr, 9, &memory, sizeof memory);
+         },
+         "(event->magic != RT_MAGIC)"},
         {[] { rt_free_event(rt_sched_mt(note, nullptr, 9)); }, "(event->magic != RT_MAGIC)"},
         {[=] { rt_handle_fd(6, ignore, 0, nullptr); }, "***ABORT***  'lib/ks/rt'"},
         {[=] { rt_handle_fd_set(3, ignore_set, nullptr, nullptr); }, "***ABORT***  'lib/ks/rt'"},

@@ -70,6 +70,18 @@ rt_event *place_of(const rt_event *event)
     return prev;
 }
 
+// Whether caller's memory holds an event that is scheduled. It may hold anything: only pointers of the list are
+// followed.
+bool is_on_list(const rt_event *memory)
+{
+    if (memory->magic != RT_MAGIC)
+        return false;
+    const rt_event *before = place_of(memory); // behind all of its due time
+    while (before != nullptr && before != memory && !is_earlier(*before, *memory))
+        before = before->prev;
+    return before == memory;
+}
+
 void link_behind(rt_event *place, rt_event *event)
 {
     event->prev = place;
@@ -99,6 +111,7 @@ rt_event *obtain_record()
 // Fills the record in and puts it on the list; under rt_crit.
 void insert(rt_event *event, const Order &order, const timeval &due, bool is_caller_owned)
 {
+    here.require(order.fn != nullptr, "fn != NULL");
     event->tv_sec = due.tv_sec;
     event->tv_usec = due.tv_usec;
     event->fn = order.fn;
@@ -178,6 +191,7 @@ rt_event *rt_sched_int(rt_event_fn fn, void *arg, long seconds, void *event_memo
     auto *event = static_cast<rt_event *>(event_memory);
     const timeval due = rt::seconds_from_now(seconds);
     const ks::LockGuard lock(ks::rt_crit);
+    rt::here.require(!rt::is_on_list(event), "event->magic != RT_MAGIC");
     rt::insert(event, {fn, arg, false}, due, true);
     return event;
 }

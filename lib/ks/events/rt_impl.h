@@ -54,6 +54,7 @@ struct State {
     uint64_t wait = 0;       // waits begun so far; who serves what one found stops when another has begun
     uint64_t removals = 0;   // handlers removed so far
 
+    uint64_t news = 0;       // what a loop that is about to wait has to know of, counted
     bool is_waiting = false; // and whoever has news writes to the wake-up descriptor
 
     std::atomic<uint64_t> events_fired{0};
@@ -81,17 +82,9 @@ void recycle(rt_event *event);
 int add_wake_descriptors(ks_fd_set &set, bool &out_complete);
 // Under rt_crit: takes them out of the set again and takes their news.
 void take_wake_ups(ks_fd_set &ready);
-// Under rt_crit: the loop, if it waits, looks anew.
+// Under rt_crit: the loop looks anew, if it waits or is about to.
 void wake_loop();
 // In the child of a fork: what it inherited is the parent's.
 void drop_inherited_wake_descriptors();
-
-// One wait, and the handlers of what it found. Entered inhibited.
-enum class Waited {
-    timed_out, // or woken
-    interrupted,
-    served,
-};
-Waited wait_and_serve(const timeval *timeout);
 
 } // namespace ks::rt

@@ -94,10 +94,13 @@ void ensure_working_sets()
     here.panic();
 }
 
-void begin_wait(Asked &asked, const timeval *timeout)
+// The wait is none when there is news that whoever chose the time-out did not know.
+void begin_wait(Asked &asked, const timeval *timeout, const uint64_t *known_news)
 {
     ensure_working_sets();
     const ks::LockGuard lock(ks::rt_crit);
+    if (known_news != nullptr && *known_news != state.news)
+        timeout = &no_time;
     collect(asked);
     asked.wait = ++state.wait;
     asked.removals = state.removals;
@@ -287,12 +290,13 @@ bool take_shutdown()
     return state.shutdown_flag.exchange(false);
 }
 
-// What a pass of the loop has to do.
+// What a pass of the loop has to do: an event to fire, or a wait.
 struct Pass {
-    enum { wait_for_ever, wait_until_due, fire } what;
-    timeval until_due;
-    rt_event_fn fn;
-    void *arg;
+    rt_event_fn fn = nullptr; // NULL: a wait
+    void *arg = nullptr;
+    bool has_limit = false;
+    timeval limit{};
+    uint64_t news = 0; // that there was when this was settled
 };
 
 // From now to the due time, as long or short as a time can be.
@@ -316,29 +320,31 @@ timeval time_until(const rt_event &event)
 Pass begin_pass(bool looks_first)
 {
     const ks::LockGuard lock(ks::rt_crit);
-    if (state.first == nullptr)
-        return {Pass::wait_for_ever, {}, nullptr, nullptr};
+    Pass pass;
+    pass.news = state.news;
+    const bool is_to_end = state.shutdown_flag.load(std::memory_order_relaxed);
+    pass.has_limit = state.first != nullptr || is_to_end;
+    if (state.first == nullptr || is_to_end)
+        return pass; // which looks, where it is to end, and then does
     const timeval until_due = time_until(*state.first);
-    if (until_due.tv_sec > longest_wait.tv_sec)
-        return {Pass::wait_until_due, longest_wait, nullptr, nullptr};
     if (until_due.tv_sec >= 0)
-        return {Pass::wait_until_due, until_due, nullptr, nullptr};
-    if (looks_first)
-        return {Pass::wait_until_due, no_time, nullptr, nullptr};
+        pass.limit = until_due.tv_sec > longest_wait.tv_sec ? longest_wait : until_due;
+    if (until_due.tv_sec >= 0 || looks_first)
+        return pass;
     rt_event *event = take_first_event();
-    const Pass pass{Pass::fire, {}, event->fn, event->arg};
+    pass.fn = event->fn;
+    pass.arg = event->arg;
     if (event->mt == 0 && event->caller_owned == 0)
         recycle(event);
     return pass;
 }
 
-} // namespace
-
-Waited wait_and_serve(const timeval *timeout)
+// One wait, and the handlers of what it found. Entered inhibited. False when the wait was interrupted.
+bool wait_and_serve(const timeval *timeout, const uint64_t *known_news)
 {
     require_main_thread();
     Asked asked;
-    begin_wait(asked, timeout);
+    begin_wait(asked, timeout, known_news);
     trace_wait(asked);
     const int ready = wait_for(asked);
     const int error = errno;
@@ -349,11 +355,12 @@ Waited wait_and_serve(const timeval *timeout)
     if (ready < 0 && error != EINTR)
         here.require(error == EBADF && has_changed(asked), "errno == EINTR");
     pfm_enable();
-    if (ready <= 0)
-        return ready < 0 ? Waited::interrupted : Waited::timed_out;
-    serve(asked.wait);
-    return Waited::served;
+    if (ready > 0)
+        serve(asked.wait);
+    return ready >= 0;
 }
+
+} // namespace
 
 } // namespace ks::rt
 
@@ -369,17 +376,17 @@ void rt_run(void)
     // Between two events that are due the descriptors are looked at once.
     bool looks_first = false;
     while (!rt::take_shutdown()) {
-        pfm_inhibit();
+        // A raise is delivered before an event is taken: none is lost to it.
+        pfm_test_raise(nullptr);
         const rt::Pass pass = rt::begin_pass(looks_first && rt::state.has_any_handler.load(std::memory_order_relaxed));
-        looks_first = pass.what == rt::Pass::fire;
-        if (pass.what == rt::Pass::fire) {
-            pfm_enable();
+        looks_first = pass.fn != nullptr;
+        if (pass.fn != nullptr) {
             rt::state.events_fired.fetch_add(1, std::memory_order_relaxed);
             pass.fn(pass.arg);
             continue;
         }
-        const timeval *timeout = pass.what == rt::Pass::wait_for_ever ? nullptr : &pass.until_due;
-        if (rt::wait_and_serve(timeout) == rt::Waited::interrupted)
+        pfm_inhibit();
+        if (!rt::wait_and_serve(pass.has_limit ? &pass.limit : nullptr, &pass.news))
             ks::reap_children();
     }
 }
@@ -389,13 +396,13 @@ void rt_poll(void)
     rt::ensure_inited();
     rt::require_main_thread();
     pfm_inhibit();
-    (void)rt::wait_and_serve(&rt::no_time); // what came of it is served
+    (void)rt::wait_and_serve(&rt::no_time, nullptr); // what came of it is served
 }
 
 void rt_wait(const struct timeval *timeout)
 {
     rt::ensure_inited();
-    (void)rt::wait_and_serve(timeout); // what came of it is served
+    (void)rt::wait_and_serve(timeout, nullptr); // what came of it is served
 }
 
 void rt_shutdown(void)

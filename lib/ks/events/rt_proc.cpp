@@ -243,13 +243,11 @@ extern "C" void rt_proc_callback(void *argument)
             return;
         take_off(child);
     }
-    rt_proc_child &shown = child->shown;
-    int32_t raised = 0;
-    if (shown.callback != nullptr)
-        raised = ks::protect([&shown] { shown.callback(shown.pid, shown.status, shown.arg, &shown); });
+    // A copy, since a raise may leave the callback. Nothing before it is a raise point: no death is lost to one.
+    rt_proc_child shown = child->shown;
     release(child);
-    if (raised != 0)
-        pfm_raise(raised);
+    if (shown.callback != nullptr)
+        shown.callback(shown.pid, shown.status, shown.arg, &shown);
 }
 
 // --- Start ---

@@ -76,6 +76,7 @@ void take_wake_ups(ks_fd_set &ready)
 
 void wake_loop()
 {
+    ++state.news;
     if (!state.is_waiting)
         return;
     const ErrnoSaver saver;
