@@ -1,4 +1,5 @@
 // The event runtime, its children and the programs they run under failing calls, and their delivery checks.
+#include "harness/child.h"
 #include "harness/fault_sweep.h"
 
 #include "events/children.h"
@@ -8,6 +9,8 @@
 #include <korvaks/pfm.h>
 #include <korvaks/rt_proc.h>
 
+#include <algorithm>
+#include <array>
 #include <cerrno>
 
 #include <sys/wait.h>
@@ -47,32 +50,21 @@ void count_and_stop(void *)
     rt_shutdown();
 }
 
-TEST(FaultRt, Scheduling)
+TEST(FaultRt, TheOrderWithoutMemory)
 {
-    rt_event *event = nullptr;
-    Operation("rt_sched")
-        .act([&] { return (event = rt_sched(count_and_stop, nullptr, 9)) != nullptr; })
-        .cleanup([&] { (void)rt_unsched(event); })
-        .keeps([] { return has_said(no_room); })
-        .sweep_first_use();
     // Without memory for the index they stand in their order all the same.
     std::array<rt_event, 100> events;
     Operation("rt_sched_int of 100")
         .act([&] {
-            for (std::size_t i = 0; i < events.size(); ++i)
-                (void)rt_sched_int(count_and_stop, nullptr, static_cast<long>(i * 37 % 100), &events[i],
-                                   sizeof events[i]);
-        })
-        .cleanup([&] {
-            for (rt_event &each : events)
-                EXPECT_EQ(rt_unsched(&each), 1);
+            for (long i = 0; rt_event & each : events)
+                (void)rt_sched_int(count_and_stop, nullptr, i++ * 37 % 100, &each, sizeof each);
         })
         .gives([&] {
-            for (const rt_event &each : events)
-                if (each.next != nullptr && each.next->tv_sec < each.tv_sec)
-                    return false;
-            return true;
+            return std::none_of(events.begin(), events.end(), [](const rt_event &each) {
+                return (each.next != nullptr && each.next->tv_sec < each.tv_sec) || rt_event_in_timeout(&each) != 0;
+            });
         })
+        .cleanup([&] { std::for_each(events.begin(), events.end(), [](rt_event &each) { (void)rt_unsched(&each); }); })
         .sweep_first_use();
 }
 
@@ -84,13 +76,16 @@ TEST(FaultRt, HandlersAndTheLoop)
             ready_fd = ends[0];
         calls = 0;
     };
-    Operation("rt_handle_fd, rt_handle_fd_set")
+    rt_event *event = nullptr;
+    Operation("rt_sched, rt_handle_fd, rt_handle_fd_set")
         .setup(setup)
-        .act([] {
-            return rt_handle_fd(RT_FD_READ, count, ready_fd, nullptr) == 1 &&
+        .act([&] {
+            return (event = rt_sched(count_and_stop, nullptr, 9)) != nullptr &&
+                   rt_handle_fd(RT_FD_READ, count, ready_fd, nullptr) == 1 &&
                    rt_handle_fd_set(RT_FD_WRITE, count_set, &members, nullptr) == 1;
         })
-        .cleanup([] {
+        .cleanup([&] {
+            (void)rt_unsched(event);
             (void)rt_unhandle_fd(RT_FD_READ, ready_fd);
             (void)rt_unhandle_fd_set(RT_FD_WRITE, &members);
         })
@@ -168,37 +163,44 @@ TEST(FaultRtProc, ForkAndReport)
     Operation("rt_proc_birth_announcement to the report of the death")
         .setup([] {
             reset();
-            pid = fork();
-            if (pid == 0)
+            if ((pid = fork()) == 0)
                 _exit(4);
         })
-        .act([] {
-            const bool is_done = rt_proc_birth_announcement(pid, end_of_child, nullptr) == 0;
-            if (is_done)
-                rt_run();
-            return is_done;
-        })
+        .act([] { (void)rt_proc_birth_announcement(pid, end_of_child, nullptr), rt_run(); })
         .cleanup(bury_all)
         .gives([] { return WEXITSTATUS(status_seen) == 4; })
         .sweep_raises();
     Operation("wait_for_child")
-        .setup(reset)
+        .setup([] {
+            if ((pid = fork()) == 0)
+                _exit(5);
+        })
         .act([] {
             const ks::InhibitGuard inhibited;
-            pid = fork();
-            if (pid == 0)
-                _exit(5);
-            if (pid < 0)
-                return false;
             int waited = -1;
-            do
-                waited = ks::wait_for_child(pid, status_seen);
-            while (waited != 0 && errno == EINTR);
+            while ((waited = ks::wait_for_child(pid, status_seen)) != 0 && errno == EINTR)
+                ;
             return waited == 0;
         })
         .gives([] { return WEXITSTATUS(status_seen) == 5; })
-        .keeps([](const Trial &trial) { return trial.failed(Call::fork) || trial.failed(Call::poll); })
+        .keeps([](const Trial &trial) { return trial.failed(Call::poll); })
         .sweep();
+}
+
+TEST(FaultRtProc, ARaiseInACallbackLeavesTheLoopAndNothingElse)
+{
+    test::in_child([] {
+        if (rt_proc_fork([](pid_t, int32_t, void *, rt_proc_child *) { pfm_raise(6); }, nullptr, VLTHREAD_FORK_PLAIN) ==
+            0)
+            _exit(0);
+        EXPECT_EQ(ks::protect([] { rt_run(); }), 6);
+        EXPECT_EQ(rt_proc_any_procs(), 0);
+        // A wait of the library's own ends, although the program has reaped the child.
+        if ((pid = fork()) == 0)
+            _exit(7);
+        (void)waitpid(pid, nullptr, 0); // or the catcher was first, and has kept it
+        EXPECT_TRUE(ks::wait_for_child(pid, status_seen) == 0 ? WEXITSTATUS(status_seen) == 7 : errno == ECHILD);
+    });
 }
 
 TEST(FaultKsProc, Start)
