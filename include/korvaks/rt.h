@@ -158,7 +158,7 @@ KS_API rt_event *rt_sched_rel_mt(rt_event_fn fn, void *arg, const struct timeval
  *                          ("max_event_size >= sizeof(struct rt_event)")
  * @return the event, in `event_memory`; never NULL.
  *
- * Threads: any; handlers of signals that pfm_signal() registered too.
+ * Threads: any; handlers that pfm_signal() registered too, which run on a thread of their own.
  * Raises:  no.
  */
 KS_API rt_event *rt_sched_int(rt_event_fn fn, void *arg, long seconds, void *event_memory, size_t max_event_size);

@@ -125,6 +125,8 @@ void reset()
     constexpr timeval moment{0, 1};
     pfm_inhibit();
     rt_wait(&moment); // makes what is made on first use
+    (void)rt_sched_int(count_and_stop, nullptr, 0, &stopper, sizeof stopper);
+    (void)rt_unsched(&stopper);
     status_seen = -1;
     pid = -1;
 }

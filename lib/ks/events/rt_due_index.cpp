@@ -111,23 +111,46 @@ bool DueIndex::make_room(Place &place)
     return true;
 }
 
-void DueIndex::note(rt_event *event)
+// Whether an entry of the event's due time is there, which then names it.
+bool DueIndex::update(Place place, rt_event *event)
 {
-    Place place = find(event);
-    if (place.is_found && is_at(at(place), event)) {
-        blocks_[place.block]->entries[place.entry].last = event;
-        return;
-    }
-    if (place.is_found)
-        ++place.entry; // behind what is due before
-    if (!make_room(place))
-        return;
+    if (!place.is_found || !is_at(at(place), event))
+        return false;
+    blocks_[place.block]->entries[place.entry].last = event;
+    return true;
+}
+
+void DueIndex::insert_entry(Place place, rt_event *event)
+{
     Block &block = *blocks_[place.block];
     const auto to = block.entries.begin() + static_cast<std::ptrdiff_t>(place.entry);
     const auto end = block.entries.begin() + static_cast<std::ptrdiff_t>(block.count);
     std::copy_backward(to, end, end + 1);
     *to = {event->tv_sec, event->tv_usec, event};
     ++block.count;
+}
+
+void DueIndex::note(rt_event *event)
+{
+    Place place = find(event);
+    if (update(place, event))
+        return;
+    if (place.is_found)
+        ++place.entry; // behind what is due before
+    if (make_room(place))
+        insert_entry(place, event);
+}
+
+void DueIndex::note_in_place(rt_event *event)
+{
+    Place place = find(event);
+    if (block_count_ == 0 || update(place, event))
+        return;
+    Block &block = *blocks_[place.block];
+    if (block.count < entries_per_block)
+        insert_entry({place.block, place.entry + (place.is_found ? 1 : 0), true}, event);
+    else if (place.is_found)
+        block.entries[place.entry] = {event->tv_sec, event->tv_usec, event};
 }
 
 void DueIndex::merge_with_next(std::size_t index)

@@ -26,6 +26,10 @@ class DueIndex {
     // `event` is on the list now, behind all of its due time.
     void note(rt_event *event);
 
+    // The same for a signal's way, without memory: where there is no room the entry before gives its place up, so that
+    // a search still begins close to the event.
+    void note_in_place(rt_event *event);
+
     // `event` is about to be taken off the list.
     void forget(const rt_event *event);
 
@@ -52,6 +56,8 @@ class DueIndex {
     std::size_t find_block(const rt_event *event) const;
     Place find(const rt_event *event) const;
     const Entry &at(Place place) const { return blocks_[place.block]->entries[place.entry]; }
+    bool update(Place place, rt_event *event);
+    void insert_entry(Place place, rt_event *event);
     bool make_room(Place &place);
     bool insert_block(std::size_t index);
     void remove_block(std::size_t index);

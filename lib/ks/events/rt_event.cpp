@@ -88,7 +88,6 @@ void link_behind(rt_event *place, rt_event *event)
     event->next = place != nullptr ? place->next : state.first;
     (place != nullptr ? place->next : state.first) = event;
     (event->next != nullptr ? event->next->prev : state.last) = event;
-    state.index.note(event);
 }
 
 void take_off(rt_event *event)
@@ -108,8 +107,8 @@ rt_event *obtain_record()
     return std::exchange(state.free_list, state.free_list->next);
 }
 
-// Fills the record in and puts it on the list; under rt_crit.
-void insert(rt_event *event, const Order &order, const timeval &due, bool is_caller_owned)
+// Fills the record in and puts it on the list, not yet in the index; under rt_crit.
+void fill_and_link(rt_event *event, const Order &order, const timeval &due, bool is_caller_owned)
 {
     here.require(order.fn != nullptr, "fn != NULL");
     event->tv_sec = due.tv_sec;
@@ -122,6 +121,12 @@ void insert(rt_event *event, const Order &order, const timeval &due, bool is_cal
     link_behind(place_of(event), event);
     if (event->prev == nullptr)
         wake_loop();
+}
+
+void insert(rt_event *event, const Order &order, const timeval &due, bool is_caller_owned)
+{
+    fill_and_link(event, order, due, is_caller_owned);
+    state.index.note(event);
 }
 
 rt_event *sched_abs_int(const Order &order, const timeval &due)
@@ -138,6 +143,14 @@ rt_event *sched_abs_int(const Order &order, const timeval &due)
 }
 
 } // namespace
+
+void sched_in_place(rt_event_fn fn, void *arg, rt_event *event)
+{
+    const timeval now = ks::wall_clock();
+    const ks::LockGuard lock(ks::rt_crit);
+    fill_and_link(event, {fn, arg, false}, now, true);
+    state.index.note_in_place(event);
+}
 
 rt_event *take_first_event()
 {

@@ -72,7 +72,10 @@ inline void ensure_inited()
 // Message 2. A raise point: nothing is held.
 void report_exhaustion(int line = __builtin_LINE());
 
-// rt_event.cpp, under rt_crit
+// rt_event.cpp
+// rt_sched_int(), due now, for a signal's way: it allocates nothing, also not for the index.
+void sched_in_place(rt_event_fn fn, void *arg, rt_event *event);
+// Under rt_crit.
 rt_event *take_first_event();
 void recycle(rt_event *event);
 

@@ -7,7 +7,7 @@
 #include "base/ks_base.h"
 #include "base/msg_port.h"
 #include "events/children.h"
-#include "events/rt_msg.h"
+#include "events/rt_impl.h"
 #include "kernel/ks_guard.h"
 #include "kernel/ks_locks.h"
 #include "kernel/stg_quiet.h"
@@ -163,7 +163,7 @@ void report(Child *child, int32_t status)
 {
     child->is_dead = true;
     child->shown.status = status;
-    (void)rt_sched_int(rt_proc_callback, child, 0, &child->shown.event, sizeof child->shown.event); // never NULL
+    ks::rt::sched_in_place(rt_proc_callback, child, &child->shown.event);
 }
 
 void bury(Child *child, int32_t status)
@@ -227,7 +227,9 @@ extern "C" void rt_proc_signal_catcher(int)
 {
     if (state.is_exiting.load(std::memory_order_acquire))
         return;
-    const ChildrenGuard guard;
+    const ks::LockGuard lock(ks::rt_proc_crit);
+    if (state.is_inherited) // nothing was announced here, and whoever waits for a child reaps it
+        return;
     int status = 0;
     for (pid_t pid; (pid = waitpid(-1, &status, WNOHANG)) > 0;)
         note_death(pid, status);
@@ -279,7 +281,8 @@ bool take_sigchld()
         return true;
     const pfm_signal_t previous = pfm_signal(SIGCHLD, rt_proc_signal_catcher);
     if (!is_own_handler(previous)) {
-        (void)pfm_signal(SIGCHLD, previous); // was registered a moment ago
+        if (previous != SIG_ERR)
+            (void)pfm_signal(SIGCHLD, previous); // was registered a moment ago
         return false;
     }
     here.require(vlthread_atfork(nullptr, nullptr, rt_proc_fork_child) == 0,
