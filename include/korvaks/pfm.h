@@ -24,7 +24,7 @@
  *
  * *Delivery checks* are made by pfm_inhibit(), pfm_enable(), their _suspend forms, both count
  * queries, pfm_test_raise(), pfm_cleanup_start(), and for process types 2 and 3 also by
- * pfm_cleanup_rls(), pfm_cleanup_reset() and pfm_select_inhibited(); each of them is a raise
+ * pfm_cleanup_rls(), pfm_cleanup_reset(), pfm_select_inhibited() and pfm_poll_inhibited(); each of them is a raise
  * point. So is every message that is printed.
  *
  * Signals of an ordinary process are taken by the library's signal-handler thread, which calls
@@ -48,6 +48,7 @@
 #ifndef KORVAKS_PFM_H
 #define KORVAKS_PFM_H
 
+#include <poll.h>
 #include <setjmp.h>
 #include <signal.h>
 #include <sys/time.h>
@@ -316,6 +317,22 @@ KS_API int32_t pfm_inhibit_suspend_count(void);
  */
 KS_API int pfm_select_inhibited(int nfds, ks_fd_set *readfds, ks_fd_set *writefds, ks_fd_set *exceptfds,
                                 struct timeval *timeout);
+
+/**
+ * poll(2) that a raise interrupts, at any inhibit count: for waits in the middle of work that holds raises off.
+ * The raise is delivered by the caller's next delivery check with a count of 0. On another thread than the
+ * attached one this is poll() alone.
+ *
+ * @param fds         entries as for poll(), of any descriptors; their `revents` are written only when the wait
+ *                    ends with a result of 0 or more. May be NULL when there are none.
+ * @param count       entries; 0 waits for a raise or the time-out alone
+ * @param timeout_ms  milliseconds; 0 looks and does not wait, below 0 waits without end
+ * @return as poll(): the number of entries with `revents`, 0 at the time-out; -1 with EINTR when a raise, a stop
+ *         or a signal arrived, with ENOMEM where more than 31 entries cannot be copied, else with poll()'s errno.
+ *         A pending raise ends one wait only: a caller that goes on waiting inhibited is not woken by it again.
+ * Threads: any. A cancellation point. Raises: for process types 2 and 3, at an inhibit count of 0.
+ */
+KS_API int pfm_poll_inhibited(struct pollfd *fds, nfds_t count, int timeout_ms);
 
 /**
  * The read end of the notify pipe, for loops of their own: readable when something is pending. Made when there

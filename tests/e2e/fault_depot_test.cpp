@@ -43,8 +43,8 @@ class FaultDepot : public testing::Test {
     // More than a block, of which the second is stored as it is.
     void SetUp() override
     {
-        old_content_ = std::string(1 << 20, 'o') + "noise";
-        new_content_ = std::string(1 << 20, 'n') + "NOISE";
+        old_content_ = "noise" + std::string(1 << 20, 'o');
+        new_content_ = "NOISE" + std::string(1 << 20, 'n');
         ASSERT_EQ(chdir(home_.path().c_str()), 0);
     }
     void TearDown() override { ASSERT_EQ(chdir("/"), 0); }

@@ -10,6 +10,7 @@
 #include <korvaks/tls_impl.h>
 #include <korvaks/vlthread.h>
 
+#include <array>
 #include <atomic>
 #include <cerrno>
 #include <csignal>
@@ -226,6 +227,16 @@ TEST(FaultManager, InterruptibleWait)
         })
         .sweep()
         .sweep_raises();
+    Operation("pfm_poll_inhibited of 40 entries")
+        .act([&] {
+            std::array<pollfd, 40> fds;
+            fds.fill({-1, POLLIN, 0});
+            return (result = pfm_poll_inhibited(fds.data(), fds.size(), 0)) == 0;
+        })
+        .keeps([&] { return result == -1; })
+        .notices()
+        .sets_errno()
+        .sweep();
     Operation("pfm_select_inhibited with a raise pending")
         .setup([] { pfm_notify_vl_thread(4); })
         .act([&] {

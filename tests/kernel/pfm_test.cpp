@@ -14,6 +14,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <thread>
+#include <vector>
 
 #include <unistd.h>
 
@@ -198,6 +199,36 @@ TEST(PfmSelect, LeavesOtherDescriptorsAsSelectDoes)
         EXPECT_EQ(ks_fd_has(&set, fds[0]), 1);
         ks_fd_add(&set, KS_FD_MAX);
         EXPECT_EQ(ks_fd_has(&set, KS_FD_MAX), 1);
+    });
+}
+
+// Few entries and more than are copied on the stack; inhibited twice, which no select may be.
+TEST(PfmPoll, IsPollUntilANotificationArrives)
+{
+    test::in_child([] {
+        int ends[2];
+        ASSERT_EQ(pipe(ends), 0);
+        EXPECT_EQ(ks::protect([&] {
+                      pfm_inhibit();
+                      pfm_inhibit();
+                      for (const nfds_t count : {nfds_t{2}, nfds_t{300}}) {
+                          std::vector<pollfd> fds(count, pollfd{ends[0], POLLIN, 7});
+                          EXPECT_EQ(pfm_poll_inhibited(fds.data(), count, 1), 0);
+                          EXPECT_EQ(fds[1].revents, 0);
+                          fds[1] = {ends[1], POLLOUT, 0};
+                          EXPECT_EQ(pfm_poll_inhibited(fds.data(), count, -1), 1);
+                          EXPECT_EQ(fds[1].revents, POLLOUT);
+                          fds[1].events = 0;
+                          std::thread notifier(pfm_notify_vl_thread, 4);
+                          EXPECT_EQ(pfm_poll_inhibited(fds.data(), count, -1), -1);
+                          EXPECT_EQ(errno, EINTR);
+                          notifier.join();
+                      }
+                      pfm_enable();
+                      pfm_enable();
+                      ADD_FAILURE() << "not taken by the last enable";
+                  }),
+                  4);
     });
 }
 

@@ -154,6 +154,9 @@ bool has_library_start_begun();
 // Leaves the critical section and the attachment, whatever the state of either.
 void abandon_critical_section();
 
+// After a fork: frees a counted process-wide lock that a fork leaves alone, unless the child's thread owns it.
+void free_foreign_lock(vlthread_mutex_t &lock, LockLevel level);
+
 // After a fork: the critical section of a thread that does not exist in the child is free.
 void drop_foreign_critical_section();
 

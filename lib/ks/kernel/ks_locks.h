@@ -19,6 +19,9 @@
     /* The library critical section; its recursion count is the depth. The attached thread holds it for long   */      \
     /* stretches, so a fork does not wait for it.                                                               */     \
     LOCK(vlthread_critical_section_mutex, VLTHREAD_RAISE_COUNTED)                                                      \
+    /* Forks of children whose deaths are reported, and who owns SIGCHLD. Held across a fork, so that a fork    */     \
+    /* does not collect it; free in a child whose thread does not own it.                                       */     \
+    LOCK(rt_proc_fork_crit, VLTHREAD_RAISE_COUNTED)                                                                    \
     /* Start and end of the fault manager, signal tables, on-exit handlers (which run under it).               */      \
     LOCK(pfm_crit, VLTHREAD_RAISE_COUNTED)                                                                             \
     /* cl's table of error texts, while it is filled.                                                           */     \
@@ -27,6 +30,10 @@
     /* either.                                                                                                  */     \
     LOCK(clp_collectdatas_crit, VLTHREAD_RAISE_COUNTED)                                                                \
     LOCK(clp_collectdatai_crit, VLTHREAD_RAISE_COUNTED)                                                                \
+    /* Children: the living, the reaped, deaths nobody announced and threads that wait for one.                 */     \
+    LOCK(rt_proc_crit, VLTHREAD_RAISE_COUNTED)                                                                         \
+    /* Timed events, descriptor handlers, and the flags of the loop.                                            */     \
+    LOCK(rt_crit, VLTHREAD_RAISE_COUNTED)                                                                              \
     /* The mutexes of areas: areas print traces while theirs is held.                                           */     \
     PLACE(area)                                                                                                        \
     /* Product directories, switches, and all state of the message modules.                                     */     \

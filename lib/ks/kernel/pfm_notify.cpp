@@ -181,6 +181,31 @@ int select_with_channel(int nfds, ks_fd_set *readfds, ks_fd_set *writefds, ks_fd
     return ready;
 }
 
+// Entries of a caller that are copied without memory of the heap.
+constexpr nfds_t fds_on_stack = 31;
+
+// poll() over the caller's entries and, as the last of the copy, the notify channel.
+int poll_with_channel(pollfd *copy, pollfd *fds, nfds_t count, int timeout_ms)
+{
+    std::copy_n(fds, count, copy);
+    copy[count] = {pfm_get_notify_channel(), POLLIN, 0};
+    const timespec timeout{timeout_ms / 1000, timeout_ms % 1000 * 1'000'000};
+    const int ready = ppoll(copy, count + 1, timeout_ms >= 0 ? &timeout : nullptr, nullptr);
+    if (ready > 0 && copy[count].revents != 0)
+        return interrupted();
+    if (ready >= 0)
+        std::copy_n(copy, count, fds);
+    return ready;
+}
+
+// What each wait of the attached thread looks at before it waits; true when it is not to wait at all.
+bool is_interrupted_before_wait(pfm_fault_block *block)
+{
+    if (delivers_at_records())
+        check_delivery(block);
+    return is_stop_held();
+}
+
 } // namespace
 
 void write_notify_channel(int32_t status)
@@ -262,10 +287,34 @@ int pfm_select_inhibited(int nfds, ks_fd_set *readfds, ks_fd_set *writefds, ks_f
     ks::fault::here.require(block->pfm_inh_count == 1, "pfm_inh_count == 1", 1314);
     if (!ks::fault::is_attached())
         return ks::fault::call_select(nfds, readfds, writefds, exceptfds, timeout);
-    if (ks::fault::delivers_at_records())
-        ks::fault::check_delivery(block);
-    if (ks::fault::is_stop_held())
+    if (ks::fault::is_interrupted_before_wait(block))
         return ks::fault::interrupted();
     return ks::fault::select_with_channel(nfds, readfds, writefds, exceptfds, timeout);
+}
+
+int pfm_poll_inhibited(struct pollfd *fds, nfds_t count, int timeout_ms)
+{
+    ks::fault::ensure_started();
+    if (!ks::fault::is_attached())
+        return poll(fds, count, timeout_ms);
+    if (ks::fault::is_interrupted_before_wait(ks::fault_block_of_caller()))
+        return ks::fault::interrupted();
+    if (count <= ks::fault::fds_on_stack) {
+        std::array<pollfd, ks::fault::fds_on_stack + 1> copy;
+        return ks::fault::poll_with_channel(copy.data(), fds, count, timeout_ms);
+    }
+    std::size_t bytes = 0;
+    auto *copy =
+        __builtin_mul_overflow(count + 1, sizeof(pollfd), &bytes) ? nullptr : static_cast<pollfd *>(std::malloc(bytes));
+    if (copy == nullptr) {
+        errno = ENOMEM;
+        return -1;
+    }
+    int ready = 0;
+    pthread_cleanup_push(std::free, copy); // a cancelled wait does not return
+    ready = ks::fault::poll_with_channel(copy, fds, count, timeout_ms);
+    const ks::ErrnoSaver saver;
+    pthread_cleanup_pop(1);
+    return ready;
 }
 }

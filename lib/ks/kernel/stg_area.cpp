@@ -230,8 +230,8 @@ char *take_room(StgChunk *chunk, size_t request)
     return result;
 }
 
-// The rest of the short way, for a request that the newest chunk has no filled room for. It says nothing:
-// NULL when memory is exhausted, which the long way finds again and reports.
+// The rest of the short way, for a request that the newest chunk has no filled room for; NULL when
+// memory is exhausted. It says nothing.
 [[gnu::noinline]] void *make_room_at_once(stg_area *area, std::size_t request)
 {
     StgChunk *chunk = find_room(area, request);
@@ -247,20 +247,11 @@ char *take_room(StgChunk *chunk, size_t request)
     return take_room(chunk, request);
 }
 
-// The short way, while "ks/stg" is not traced: nothing is checked or told. NULL when another thread is
-// inside for long, a fork is under way, or memory is exhausted.
-[[gnu::always_inline]] inline void *allocate_at_once(stg_area *area, std::size_t request)
+[[gnu::always_inline]] inline void *allocate_marked(stg_area *area, std::size_t request)
 {
-    pfm_fault_block *const block = ks::fault_block_of_caller();
-    if (!ks::try_enter_area(block, area->busy)) [[unlikely]] {
-        if (!ks::try_enter_busy_area(block, area->busy))
-            return nullptr;
-    }
     StgChunk *const chunk = area->chunks;
     const bool is_ready = chunk != nullptr && request <= chunk->filled - chunk->used;
-    void *const result = is_ready ? take_room(chunk, request) : make_room_at_once(area, request);
-    ks::leave_area(block, area->busy);
-    return result;
+    return is_ready ? take_room(chunk, request) : make_room_at_once(area, request);
 }
 
 // Kept out of line, so that it does not weigh on the short way.
@@ -290,9 +281,14 @@ char *take_room(StgChunk *chunk, size_t request)
     std::size_t request = 0;
     if (!ks::round_up_8(size, request)) [[unlikely]]
         return exhausted();
-    if (!ks::may_be_traced(1)) [[likely]] {
-        if (void *const result = allocate_at_once(area, request); result != nullptr) [[likely]]
-            return result;
+    // The short way, while "ks/stg" is not traced: nothing is checked or told, and no mutex is needed
+    // unless another thread is inside for long or a fork is under way.
+    pfm_fault_block *const block = ks::fault_block_of_caller();
+    if (!ks::may_be_traced(1) && (ks::try_enter_area(block, area->busy) || ks::try_enter_busy_area(block, area->busy)))
+        [[likely]] {
+        void *const result = allocate_marked(area, request);
+        ks::leave_area(block, area->busy);
+        return result != nullptr ? result : exhausted();
     }
     return allocate_locked(area, request, quiet);
 }

@@ -86,12 +86,16 @@ void abandon_critical_section()
     (void)vlthread_lib_attached_tid.compare_exchange_strong(attached, VLTHREAD_INVALID_TID); // or it was another
 }
 
+void free_foreign_lock(vlthread_mutex_t &lock, LockLevel level)
+{
+    if (!is_held_by_caller(&lock))
+        (void)vlthread_mutex_init_full(&lock, 0, level, 0, lock_order()); // no attribute that could be refused
+}
+
 void drop_foreign_critical_section()
 {
-    if (!is_held_by_caller(&vlthread_critical_section_mutex))
-        (void)vlthread_mutex_init_full(&vlthread_critical_section_mutex, 0, lock_level_vlthread_critical_section_mutex,
-                                       0, lock_order()); // no attribute that could be refused
-    (void)vlthread_force_attach_lib();                   // always 0: the child's only thread is its attached one
+    free_foreign_lock(vlthread_critical_section_mutex, lock_level_vlthread_critical_section_mutex);
+    (void)vlthread_force_attach_lib(); // always 0: the child's only thread is its attached one
 }
 
 } // namespace ks

@@ -21,19 +21,25 @@ constexpr int rounds_max = 8;
 // Held by the forking thread while the gate is not open.
 constinit pthread_mutex_t gate_mutex = PTHREAD_MUTEX_INITIALIZER;
 
-// The locks that a fork takes one by one: the critical section is left alone, the first is waited for
-// with the gate open, and the thread layer's own come last.
+// Locks that a fork leaves alone: the critical section, which is held for minutes, and the lock that is held
+// around the forks of children whose deaths are reported.
+bool is_left_alone(const vlthread_mutex_t *lock)
+{
+    return lock == &vlthread_critical_section_mutex || lock == &rt_proc_fork_crit;
+}
+
+// The locks that a fork takes one by one: the first is waited for with the gate open, and the thread layer's
+// own come last.
 bool is_taken_under_gate(const vlthread_mutex_t *lock)
 {
-    return lock != &vlthread_critical_section_mutex && lock != &pfm_crit;
+    return !is_left_alone(lock) && lock != &pfm_crit;
 }
 
 bool holds_process_lock()
 {
     const auto locks = process_locks();
-    return std::any_of(locks.begin(), locks.end(), [](const vlthread_mutex_t *lock) {
-        return lock != &vlthread_critical_section_mutex && is_held_by_caller(lock);
-    });
+    return std::any_of(locks.begin(), locks.end(),
+                       [](const vlthread_mutex_t *lock) { return !is_left_alone(lock) && is_held_by_caller(lock); });
 }
 
 // Tells the processor that this is a loop of looks.
@@ -140,7 +146,7 @@ void wait_at_fork_gate()
 void wait_before_process_lock(const vlthread_mutex_t *mutex)
 {
     const auto locks = process_locks();
-    if (mutex == &vlthread_critical_section_mutex || std::find(locks.begin(), locks.end(), mutex) == locks.end())
+    if (is_left_alone(mutex) || std::find(locks.begin(), locks.end(), mutex) == locks.end())
         return;
     if (fork_gate.load(std::memory_order_acquire) != ForkGate::open && !may_be_waited_for(fault_block_of_caller()))
         wait_at_fork_gate();
@@ -173,6 +179,7 @@ void release_library()
 void settle_library_in_child()
 {
     drop_foreign_critical_section();
+    free_foreign_lock(rt_proc_fork_crit, lock_level_rt_proc_fork_crit);
     forget_other_threads();
     drop_other_fault_blocks([](const pfm_fault_block *block) {
         for (const stg_area_hold *hold = block->area_holds; hold != nullptr; hold = hold->outer)

@@ -21,7 +21,7 @@ const nl_catd failed_open = reinterpret_cast<nl_catd>(-1);
 
 constinit std::array<char, PATH_MAX> installed_dir{}; // guarded by ks_product_crit; "": not looked for yet
 
-// The folder, ended by '/'. A library whose place is not known, or too long for a path, has its catalogues at the root.
+// The folder, ended by '/'; "-" for a library whose place is not known for good, or too long for a path.
 const char *installed_catalogs()
 {
     if (installed_dir[0] != '\0')
@@ -32,19 +32,19 @@ const char *installed_catalogs()
     const std::string_view folder = file.substr(0, file.rfind('/') + 1);
     const int size = std::snprintf(installed_dir.data(), installed_dir.size(), "%.*s%s/",
                                    static_cast<int>(folder.size()), folder.data(), KORVAKS_CATALOG_FROM_LIBRARY);
-    if (folder.empty() || size < 0 || static_cast<std::size_t>(size) >= installed_dir.size())
-        std::strcpy(installed_dir.data(), "/");
+    if (!folder.starts_with('/') || size < 0 || static_cast<std::size_t>(size) >= installed_dir.size())
+        std::strcpy(installed_dir.data(), "-");
     return installed_dir.data();
 }
 
 // `language` may be "".
 nl_catd open_installed(std::string_view language, const char *name)
 {
+    const char *const folder = installed_catalogs();
     char path[PATH_MAX];
-    const int size =
-        std::snprintf(path, sizeof path, "%s%.*s%s%s.cat", installed_catalogs(), static_cast<int>(language.size()),
-                      language.data(), language.empty() ? "" : "/", name);
-    if (size < 0 || static_cast<std::size_t>(size) >= sizeof path)
+    const int size = std::snprintf(path, sizeof path, "%s%.*s%s%s.cat", folder, static_cast<int>(language.size()),
+                                   language.data(), language.empty() ? "" : "/", name);
+    if (*folder != '/' || size < 0 || static_cast<std::size_t>(size) >= sizeof path)
         return failed_open;
     return catopen(path, 0);
 }

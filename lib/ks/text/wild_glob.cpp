@@ -77,7 +77,7 @@ int expand_home(Text &home, std::string_view &word)
     char name[user_name_bytes];
     if (name_size >= sizeof name)
         return WILD_LIMIT;
-    word.copy(name, name_size, 1);
+    ks::part_of(word, 1).copy(name, name_size);
     name[name_size] = '\0';
     if (name_size == 0 && sysutl_user_name(name, sizeof name) != 0)
         return WILD_NO_HOME;
@@ -126,7 +126,7 @@ int expand_wild(Expander &expander, char *compiled, const Places &places)
         }
         if (word[i] == '\\' && i + 1 < word.size())
             ++i;
-        const std::string_view character = word.substr(i, character_length(word.data() + i));
+        const std::string_view character = ks::part_of(word, i, character_length(word.data() + i));
         if (!out.append(character))
             return false;
         i += character.size();

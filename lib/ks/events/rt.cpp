@@ -1,0 +1,51 @@
+// The state of the event runtime, its start, and what becomes of it in a fork.
+#include "events/rt_impl.h"
+
+#include "base/msg_port.h"
+#include "events/children.h"
+
+#include <korvaks/imsg.h>
+
+namespace ks::rt {
+
+constinit State state{};
+
+void report_exhaustion(int line)
+{
+    (void)imsg_print(ks::msg_error, &_rt_ks_msg_table, rt_msg_malloc_failed, here.path, line); // the result says it too
+}
+
+namespace {
+
+extern "C" void rt_fork_child(int)
+{
+    const ks::LockGuard lock(ks::rt_crit);
+    drop_inherited_wake_descriptors();
+    state.is_waiting = false; // who waits is a thread of the parent
+}
+
+} // namespace
+
+} // namespace ks::rt
+
+namespace rt = ks::rt;
+
+extern "C" {
+
+void rt_init(void)
+{
+    pfm_init();
+    const ks::LockGuard lock(ks::rt_crit);
+    if (rt::state.is_inited.load(std::memory_order_relaxed))
+        return;
+    // Without memory for it the next call tries again: it is needed only by a child that runs a loop.
+    rt::state.is_inited.store(vlthread_atfork(nullptr, nullptr, rt::rt_fork_child) == 0, std::memory_order_release);
+}
+
+void rt_get_counters(rt_counters *out_counters)
+{
+    *out_counters = {rt::state.events_fired.load(std::memory_order_relaxed),
+                     rt::state.handlers_run.load(std::memory_order_relaxed),
+                     ks::children_reaped.load(std::memory_order_relaxed)};
+}
+}

@@ -1,0 +1,414 @@
+// The loop: firing what is due, waiting, and serving descriptors.
+#include "events/rt_impl.h"
+
+#include "base/msg_port.h"
+#include "events/children.h"
+#include "kernel/stg_quiet.h"
+
+#include <korvaks/imsg.h>
+#include <korvaks/pfm.h>
+#include <korvaks/strutl.h>
+
+#include <algorithm>
+#include <cstring>
+
+namespace ks::rt {
+
+namespace {
+
+constexpr long trace_level = 2;
+constexpr timeval no_time{0, 0};
+constexpr timeval longest_wait{100'000'000, 0};
+constexpr timeval without_wake_up{1, 0}; // longest wait of a loop that cannot be woken
+constexpr int64_t usec_per_sec = 1'000'000;
+
+// What one wait asks for.
+struct Asked {
+    FdSets sets;
+    std::array<bool, kind_count> is_used; // a set that is not is not given to the wait
+    int highest_fd;
+    uint64_t wait;
+    uint64_t removals;
+    timeval timeout;
+    bool has_timeout;
+};
+
+void require_main_thread()
+{
+    here.require(vlthread_equal(vlthread_attached_tid(), vlthread_self()) != 0, "VLTHREAD_IS_MAIN_THREAD()");
+}
+
+bool is_shorter(const timeval &a, const timeval &b)
+{
+    return a.tv_sec != b.tv_sec ? a.tv_sec < b.tv_sec : a.tv_usec < b.tv_usec;
+}
+
+// --- What is waited for ---
+
+// A caller's set, which other threads may be changing.
+uint64_t word_of(const ks_fd_set *set, std::size_t i)
+{
+    return __atomic_load_n(&set->words[i], __ATOMIC_RELAXED);
+}
+
+// Words beyond the first 256 are the runtime's own: no caller's set is read there, so that message 8, which would
+// say that descriptors in them are left out, has no occasion.
+int add_set(const ks_fd_set *from, ks_fd_set &to)
+{
+    int highest = -1;
+    for (std::size_t i = 0; i < rt_fd_set_num; ++i) {
+        const uint64_t word = word_of(from, i);
+        to.words[i] |= word;
+        if (word != 0)
+            highest = static_cast<int>(i * 64) + 63 - __builtin_clzll(word);
+    }
+    return highest;
+}
+
+// Under rt_crit: the descriptors of all handlers.
+void collect(Asked &asked)
+{
+    asked.highest_fd = -1;
+    for (std::size_t kind = 0; kind < kind_count; ++kind) {
+        const FdTable &table = state.fds[kind];
+        asked.is_used[kind] = kind == RT_FD_READ || table.count() != 0 || state.fd_sets[kind] != nullptr;
+        if (!asked.is_used[kind])
+            continue;
+        asked.sets[kind] = table.members();
+        asked.highest_fd = std::max(asked.highest_fd, table.highest_fd());
+        for (const FdSetHandler *handler = state.fd_sets[kind]; handler != nullptr; handler = handler->next)
+            asked.highest_fd = std::max(asked.highest_fd, add_set(handler->fd_set_fds, asked.sets[kind]));
+    }
+}
+
+void ensure_working_sets()
+{
+    {
+        const ks::LockGuard lock(ks::rt_crit);
+        if (state.ready == nullptr)
+            state.ready = static_cast<FdSets *>(ks::heap_try_malloc(sizeof(FdSets)));
+        if (state.ready != nullptr)
+            return;
+    }
+    report_exhaustion();
+    here.panic();
+}
+
+// The wait is none when there is news that whoever chose the time-out did not know.
+void begin_wait(Asked &asked, const timeval *timeout, const uint64_t *known_news)
+{
+    ensure_working_sets();
+    const ks::LockGuard lock(ks::rt_crit);
+    if (known_news != nullptr && *known_news != state.news)
+        timeout = &no_time;
+    collect(asked);
+    asked.wait = ++state.wait;
+    asked.removals = state.removals;
+    asked.has_timeout = timeout != nullptr;
+    asked.timeout = timeout != nullptr ? *timeout : no_time;
+    const bool is_look = asked.has_timeout && asked.timeout.tv_sec == 0 && asked.timeout.tv_usec == 0;
+    if (is_look)
+        return; // over before anybody could have news
+    bool can_be_woken = false;
+    asked.highest_fd = std::max(asked.highest_fd, add_wake_descriptors(asked.sets[RT_FD_READ], can_be_woken));
+    state.is_waiting = true;
+    if (!can_be_woken && (!asked.has_timeout || is_shorter(without_wake_up, asked.timeout))) {
+        asked.has_timeout = true;
+        asked.timeout = without_wake_up;
+    }
+}
+
+int wait_for(Asked &asked)
+{
+    ks_fd_set *given[kind_count];
+    for (std::size_t kind = 0; kind < kind_count; ++kind)
+        given[kind] = asked.is_used[kind] ? &asked.sets[kind] : nullptr;
+    return pfm_select_inhibited(asked.highest_fd + 1, given[RT_FD_READ], given[RT_FD_WRITE], given[RT_FD_EXCEPT],
+                                asked.has_timeout ? &asked.timeout : nullptr);
+}
+
+int members(const ks_fd_set &set)
+{
+    int count = 0;
+    for (const uint64_t word : set.words)
+        count += __builtin_popcountll(word);
+    return count;
+}
+
+void trace_wait(const Asked &asked)
+{
+    if (!ks::is_traced(subsystem, trace_level))
+        return;
+    std::array<int, kind_count> counts{};
+    for (std::size_t kind = 0; kind < kind_count; ++kind)
+        counts[kind] = asked.is_used[kind] ? members(asked.sets[kind]) : 0;
+    char limit[48] = "without end";
+    if (asked.has_timeout)
+        (void)strutl_snprintf(limit, sizeof limit, "for at most %ld.%06ld s", static_cast<long>(asked.timeout.tv_sec),
+                              static_cast<long>(asked.timeout.tv_usec));
+    (void)imsg_print_shared(IMSG_TRACE, subsystem, "rt_wait: %d to read, %d to write, %d with exceptions, %s\n",
+                            IMSG_RAW, counts[RT_FD_READ], counts[RT_FD_WRITE], counts[RT_FD_EXCEPT], limit);
+}
+
+// --- What was found ---
+
+// A descriptor that was closed is a caller's error, unless what is waited for has changed meanwhile.
+bool has_changed(Asked &asked)
+{
+    const int channel = pfm_get_notify_channel(); // in the set that was waited for
+    Asked now;
+    const ks::LockGuard lock(ks::rt_crit);
+    if (state.removals != asked.removals)
+        return true;
+    collect(now);
+    bool is_complete = false;
+    (void)add_wake_descriptors(now.sets[RT_FD_READ], is_complete); // they are in neither set of a look
+    (void)add_wake_descriptors(asked.sets[RT_FD_READ], is_complete);
+    ks_fd_add(&now.sets[RT_FD_READ], channel);
+    ks_fd_add(&asked.sets[RT_FD_READ], channel);
+    for (std::size_t kind = 0; kind < kind_count; ++kind) {
+        if (now.is_used[kind] != asked.is_used[kind])
+            return true;
+        if (now.is_used[kind] && std::memcmp(&now.sets[kind], &asked.sets[kind], sizeof(ks_fd_set)) != 0)
+            return true;
+    }
+    return false;
+}
+
+void end_wait()
+{
+    const ks::LockGuard lock(ks::rt_crit);
+    state.is_waiting = false;
+}
+
+void end_wait_with(Asked &asked)
+{
+    const ks::LockGuard lock(ks::rt_crit);
+    state.is_waiting = false;
+    take_wake_ups(asked.sets[RT_FD_READ]);
+    for (std::size_t kind = 0; kind < kind_count; ++kind) {
+        if (!asked.is_used[kind])
+            continue;
+        state.fds[kind].mark_due(asked.sets[kind], asked.wait);
+        if (state.fd_sets[kind] != nullptr)
+            (*state.ready)[kind] = asked.sets[kind];
+    }
+}
+
+// --- Serving ---
+
+// Each gives false when there is nothing more to serve: another wait has begun.
+bool is_over(uint64_t wait)
+{
+    return state.wait != wait;
+}
+
+void count_call()
+{
+    state.handlers_run.fetch_add(1, std::memory_order_relaxed);
+}
+
+bool serve_fds(std::size_t kind, uint64_t wait)
+{
+    for (;;) {
+        FdHandler call{};
+        {
+            const ks::LockGuard lock(ks::rt_crit);
+            if (is_over(wait))
+                return false;
+            const FdHandler *handler = state.fds[kind].take_due();
+            if (handler == nullptr)
+                return true;
+            call = *handler; // which may be removed while it runs
+        }
+        count_call();
+        call.fn(call.fd, call.arg);
+    }
+}
+
+// Moves what is ready of a handler's set from `ready` to `part`; false when that is nothing.
+bool take_part(const FdSetHandler &handler, ks_fd_set &ready, ks_fd_set &part)
+{
+    uint64_t any = 0;
+    ks_fd_zero(&part);
+    for (std::size_t i = 0; i < rt_fd_set_num; ++i) {
+        part.words[i] = ready.words[i] & word_of(handler.fd_set_fds, i);
+        ready.words[i] &= ~part.words[i];
+        any |= part.words[i];
+    }
+    return any != 0;
+}
+
+// The next handler from `handler` on with something ready, NULL for none; under rt_crit.
+FdSetHandler *find_ready(FdSetHandler *handler, ks_fd_set &ready, uint64_t wait, ks_fd_set &part)
+{
+    while (handler != nullptr && (handler->wait >= wait || !take_part(*handler, ready, part)))
+        handler = handler->next;
+    return handler;
+}
+
+bool serve_fd_sets(std::size_t kind, uint64_t wait)
+{
+    FdSetHandler *served = nullptr;
+    uint64_t removals = 0;
+    for (;;) {
+        FdSetHandler call{};
+        ks_fd_set part; // of this call: a wait inside it finds something else
+        {
+            const ks::LockGuard lock(ks::rt_crit);
+            if (is_over(wait))
+                return false;
+            // From the head again when any handler was removed: the one just served may be gone.
+            const bool goes_on = served != nullptr && removals == state.removals;
+            served = find_ready(goes_on ? served->next : state.fd_sets[kind], (*state.ready)[kind], wait, part);
+            if (served == nullptr)
+                return true;
+            removals = state.removals;
+            call = *served;
+        }
+        count_call();
+        call.fn(&part, call.arg);
+    }
+}
+
+void serve(uint64_t wait)
+{
+    for (std::size_t kind = 0; kind < kind_count; ++kind) {
+        if (!serve_fds(kind, wait) || !serve_fd_sets(kind, wait))
+            return;
+    }
+}
+
+// --- Running ---
+
+// Whether shutdown was asked for, once.
+bool take_shutdown()
+{
+    if (!state.shutdown_flag.load(std::memory_order_acquire)) [[likely]]
+        return false;
+    const ks::LockGuard lock(ks::rt_crit);
+    return state.shutdown_flag.exchange(false);
+}
+
+// What a pass of the loop has to do: an event to fire, or a wait.
+struct Pass {
+    rt_event_fn fn = nullptr; // NULL: a wait
+    void *arg = nullptr;
+    bool has_limit = false;
+    timeval limit{};
+    uint64_t news = 0; // that there was when this was settled
+};
+
+// From now to the due time, as long or short as a time can be.
+timeval time_until(const rt_event &event)
+{
+    const timeval now = ks::wall_clock();
+    int64_t carried = event.tv_usec / usec_per_sec;
+    int64_t usec = event.tv_usec % usec_per_sec - now.tv_usec;
+    while (usec < 0) {
+        usec += usec_per_sec;
+        --carried;
+    }
+    int64_t sec = 0;
+    if (__builtin_sub_overflow(event.tv_sec, static_cast<int64_t>(now.tv_sec), &sec) ||
+        __builtin_add_overflow(sec, carried, &sec))
+        return event.tv_sec < 0 ? timeval{INT64_MIN, 0} : longest_wait;
+    return {sec, usec};
+}
+
+// With `looks_first` an event that is due waits for one look at the descriptors.
+Pass begin_pass(bool looks_first)
+{
+    const ks::LockGuard lock(ks::rt_crit);
+    Pass pass;
+    pass.news = state.news;
+    const bool is_to_end = state.shutdown_flag.load(std::memory_order_relaxed);
+    pass.has_limit = state.first != nullptr || is_to_end;
+    if (state.first == nullptr || is_to_end)
+        return pass; // which looks, where it is to end, and then does
+    const timeval until_due = time_until(*state.first);
+    if (until_due.tv_sec >= 0)
+        pass.limit = until_due.tv_sec > longest_wait.tv_sec ? longest_wait : until_due;
+    if (until_due.tv_sec >= 0 || looks_first)
+        return pass;
+    rt_event *event = take_first_event();
+    pass.fn = event->fn;
+    pass.arg = event->arg;
+    if (event->mt == 0 && event->caller_owned == 0)
+        recycle(event);
+    return pass;
+}
+
+// One wait, and the handlers of what it found. Entered inhibited. False when the wait was interrupted.
+bool wait_and_serve(const timeval *timeout, const uint64_t *known_news)
+{
+    require_main_thread();
+    Asked asked;
+    begin_wait(asked, timeout, known_news);
+    trace_wait(asked);
+    const int ready = wait_for(asked);
+    const int error = errno;
+    if (ready > 0)
+        end_wait_with(asked);
+    else
+        end_wait();
+    if (ready < 0 && error != EINTR)
+        here.require(error == EBADF && has_changed(asked), "errno == EINTR");
+    pfm_enable();
+    if (ready > 0)
+        serve(asked.wait);
+    return ready >= 0;
+}
+
+} // namespace
+
+} // namespace ks::rt
+
+namespace rt = ks::rt;
+
+extern "C" {
+
+void rt_run(void)
+{
+    rt::ensure_inited();
+    rt::require_main_thread();
+    ks::reap_children();
+    // Between two events that are due the descriptors are looked at once.
+    bool looks_first = false;
+    while (!rt::take_shutdown()) {
+        // A raise is delivered before an event is taken: none is lost to it.
+        pfm_test_raise(nullptr);
+        const rt::Pass pass = rt::begin_pass(looks_first && rt::state.has_any_handler.load(std::memory_order_relaxed));
+        looks_first = pass.fn != nullptr;
+        if (pass.fn != nullptr) {
+            rt::state.events_fired.fetch_add(1, std::memory_order_relaxed);
+            pass.fn(pass.arg);
+            continue;
+        }
+        pfm_inhibit();
+        if (!rt::wait_and_serve(pass.has_limit ? &pass.limit : nullptr, &pass.news))
+            ks::reap_children();
+    }
+}
+
+void rt_poll(void)
+{
+    rt::ensure_inited();
+    rt::require_main_thread();
+    pfm_inhibit();
+    (void)rt::wait_and_serve(&rt::no_time, nullptr); // what came of it is served
+}
+
+void rt_wait(const struct timeval *timeout)
+{
+    rt::ensure_inited();
+    (void)rt::wait_and_serve(timeout, nullptr); // what came of it is served
+}
+
+void rt_shutdown(void)
+{
+    const ks::LockGuard lock(ks::rt_crit);
+    rt::state.shutdown_flag.store(true, std::memory_order_release);
+    rt::wake_loop();
+}
+}
