@@ -545,7 +545,6 @@ const End ends_of_start[] = {
     {Call::allocation, " (pfm): [P#][T#]Unable to set PFM TLS #\n", true},
     {Call::key, " (pfm): [P#][T#]Unable to set PFM TLS #\n", true},
     {Call::allocation, "area != STG_AREA_NULL at 'vlthread':1670\n", true},
-    {Call::mutex, "area != STG_AREA_NULL at 'vlthread':1670\n", true},
     {Call::allocation, "***ABORT***  'include/tls_impl':140\n", true},
     {Call::key, "***ABORT***  'include/tls_impl':140\n", true},
     // The entry on the state list, the signal-handler thread and what it waits on.

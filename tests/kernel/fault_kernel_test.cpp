@@ -119,14 +119,13 @@ TEST(FaultThreads, MutexesKeysAndBlocks)
         .act([&] { return (block = vlthread_alloc_tls(200)) != nullptr; })
         .cleanup([&] { vlthread_free_tls(block); })
         .notices()
-        .ends({{Call::allocation, no_area}, {Call::mutex, no_area}})
+        .ends({{Call::allocation, no_area}})
         .sweep();
     Operation("ks_tls_get")
         .act([] { (void)ks_tls_get(); })
         .ends({{Call::allocation, "***ABORT***  'include/tls_impl':140\n"},
                {Call::key, "***ABORT***  'include/tls_impl':140\n"},
-               {Call::allocation, no_area},
-               {Call::mutex, no_area}})
+               {Call::allocation, no_area}})
         .sweep_first_use();
 }
 

@@ -28,24 +28,23 @@ extern "C" void rt_fork_child(int)
 
 } // namespace ks::rt
 
-namespace rt = ks::rt;
-
 extern "C" {
 
 void rt_init(void)
 {
     pfm_init();
     const ks::LockGuard lock(ks::rt_crit);
-    if (rt::state.is_inited.load(std::memory_order_relaxed))
+    if (ks::rt::state.is_inited.load(std::memory_order_relaxed))
         return;
     // Without memory for it the next call tries again: it is needed only by a child that runs a loop.
-    rt::state.is_inited.store(vlthread_atfork(nullptr, nullptr, rt::rt_fork_child) == 0, std::memory_order_release);
+    ks::rt::state.is_inited.store(vlthread_atfork(nullptr, nullptr, ks::rt::rt_fork_child) == 0,
+                                  std::memory_order_release);
 }
 
 void rt_get_counters(rt_counters *out_counters)
 {
-    *out_counters = {rt::state.events_fired.load(std::memory_order_relaxed),
-                     rt::state.handlers_run.load(std::memory_order_relaxed),
+    *out_counters = {ks::rt::state.events_fired.load(std::memory_order_relaxed),
+                     ks::rt::state.handlers_run.load(std::memory_order_relaxed),
                      ks::children_reaped.load(std::memory_order_relaxed)};
 }
 }

@@ -169,43 +169,41 @@ void recycle(rt_event *event)
 
 } // namespace ks::rt
 
-namespace rt = ks::rt;
-
 extern "C" {
 
 rt_event *rt_sched(rt_event_fn fn, void *arg, long seconds)
 {
-    return rt::sched_abs_int({fn, arg, false}, rt::seconds_from_now(seconds));
+    return ks::rt::sched_abs_int({fn, arg, false}, ks::rt::seconds_from_now(seconds));
 }
 
 rt_event *rt_sched_mt(rt_event_fn fn, void *arg, long seconds)
 {
-    return rt::sched_abs_int({fn, arg, true}, rt::seconds_from_now(seconds));
+    return ks::rt::sched_abs_int({fn, arg, true}, ks::rt::seconds_from_now(seconds));
 }
 
 rt_event *rt_sched_rel(rt_event_fn fn, void *arg, const struct timeval *timeout)
 {
-    return rt::sched_abs_int({fn, arg, false}, rt::time_from_now(*timeout));
+    return ks::rt::sched_abs_int({fn, arg, false}, ks::rt::time_from_now(*timeout));
 }
 
 rt_event *rt_sched_rel_mt(rt_event_fn fn, void *arg, const struct timeval *timeout)
 {
-    return rt::sched_abs_int({fn, arg, true}, rt::time_from_now(*timeout));
+    return ks::rt::sched_abs_int({fn, arg, true}, ks::rt::time_from_now(*timeout));
 }
 
 rt_event *rt_sched_abs(rt_event_fn fn, void *arg, const struct timeval *abs_time)
 {
-    return rt::sched_abs_int({fn, arg, false}, *abs_time);
+    return ks::rt::sched_abs_int({fn, arg, false}, *abs_time);
 }
 
 rt_event *rt_sched_int(rt_event_fn fn, void *arg, long seconds, void *event_memory, size_t max_event_size)
 {
-    rt::here.require(max_event_size >= sizeof(struct rt_event), "max_event_size >= sizeof(struct rt_event)");
+    ks::rt::here.require(max_event_size >= sizeof(struct rt_event), "max_event_size >= sizeof(struct rt_event)");
     auto *event = static_cast<rt_event *>(event_memory);
-    const timeval due = rt::seconds_from_now(seconds);
+    const timeval due = ks::rt::seconds_from_now(seconds);
     const ks::LockGuard lock(ks::rt_crit);
-    rt::here.require(!rt::is_on_list(event), "event->magic != RT_MAGIC");
-    rt::insert(event, {fn, arg, false}, due, true);
+    ks::rt::here.require(!ks::rt::is_on_list(event), "event->magic != RT_MAGIC");
+    ks::rt::insert(event, {fn, arg, false}, due, true);
     return event;
 }
 
@@ -216,9 +214,9 @@ ks_status rt_unsched_mt(rt_event *event, int mt)
     const ks::LockGuard lock(ks::rt_crit);
     if (event->magic != RT_MAGIC)
         return mt != 0 && event->magic == RT_MAGIC_DONE ? RT_ALREADY_FIRED : RT_NOT_SCHEDULED;
-    rt::take_off(event);
+    ks::rt::take_off(event);
     if (event->caller_owned == 0)
-        rt::recycle(event);
+        ks::rt::recycle(event);
     return KS_ST_OK;
 }
 
@@ -231,7 +229,7 @@ rt_event *rt_resched(rt_event *event, long seconds)
 {
     if (event == nullptr)
         return nullptr;
-    rt::Order order{};
+    ks::rt::Order order{};
     {
         const ks::LockGuard lock(ks::rt_crit); // until it is cancelled nobody else gets the record
         order = {event->fn, event->arg, false};
@@ -246,7 +244,7 @@ rt_event *rt_resched_mt(rt_event *event, long seconds)
 {
     if (event == nullptr)
         return nullptr;
-    rt::Order order{};
+    ks::rt::Order order{};
     {
         const ks::LockGuard lock(ks::rt_crit); // until it is cancelled nobody else gets the record
         order = {event->fn, event->arg, true};
@@ -261,9 +259,9 @@ void rt_free_event(rt_event *event)
     if (event == nullptr)
         return;
     const ks::LockGuard lock(ks::rt_crit);
-    rt::here.require(event->magic != RT_MAGIC, "event->magic != RT_MAGIC");
+    ks::rt::here.require(event->magic != RT_MAGIC, "event->magic != RT_MAGIC");
     if (event->caller_owned == 0 && event->mt != 0)
-        rt::recycle(event);
+        ks::rt::recycle(event);
 }
 
 int rt_event_in_timeout(const rt_event *event)

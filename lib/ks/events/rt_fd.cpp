@@ -92,13 +92,11 @@ template <typename Handler> Handler *make(const Handler &content)
 
 } // namespace ks::rt
 
-namespace rt = ks::rt;
-
 extern "C" {
 
 int rt_fd_validate_max_fd(int fd)
 {
-    if (fd <= rt::rt_num_fds)
+    if (fd <= ks::rt::rt_num_fds)
         return 1;
     (void)imsg_print(ks::msg_error, &_rt_ks_msg_table, rt_msg_fd_too_large, fd); // the result says it too
     return 0;
@@ -106,17 +104,17 @@ int rt_fd_validate_max_fd(int fd)
 
 int rt_handle_fd(int kind, rt_fd_fn fn, int fd, void *arg)
 {
-    rt::ensure_inited();
-    if (kind == rt::kind_none)
+    ks::rt::ensure_inited();
+    if (kind == ks::rt::kind_none)
         return 1;
-    rt::FdTable &table = rt::state.fds[rt::table_of(kind)];
+    ks::rt::FdTable &table = ks::rt::state.fds[ks::rt::table_of(kind)];
     if (rt_fd_validate_max_fd(fd) == 0)
         return 0;
-    rt::here.require(fd >= 0, "fd >= 0");
-    rt::FdHandler *handler = rt::make(rt::FdHandler{fn, fd, 0, arg, 0});
+    ks::rt::here.require(fd >= 0, "fd >= 0");
+    ks::rt::FdHandler *handler = ks::rt::make(ks::rt::FdHandler{fn, fd, 0, arg, 0});
     if (handler == nullptr)
         return 0;
-    if (rt::add(table, handler))
+    if (ks::rt::add(table, handler))
         return 1;
     stg_free_int(handler, 1);
     return 0;
@@ -124,44 +122,44 @@ int rt_handle_fd(int kind, rt_fd_fn fn, int fd, void *arg)
 
 int rt_unhandle_fd(int kind, int fd)
 {
-    if (kind == rt::kind_none)
+    if (kind == ks::rt::kind_none)
         return 1;
-    rt::FdTable &table = rt::state.fds[rt::table_of(kind)];
+    ks::rt::FdTable &table = ks::rt::state.fds[ks::rt::table_of(kind)];
     if (fd < 0 || fd > KS_FD_MAX)
         return 0;
     const ks::LockGuard lock(ks::rt_crit);
-    rt::FdHandler *handler = table.remove(fd);
+    ks::rt::FdHandler *handler = table.remove(fd);
     if (handler == nullptr)
         return 0;
     stg_free_int(handler, 1);
-    ++rt::state.removals;
-    rt::note_change();
+    ++ks::rt::state.removals;
+    ks::rt::note_change();
     return 1;
 }
 
 int rt_handle_fd_set(int kind, rt_fd_set_fn fn, const ks_fd_set *fd_set_fds, void *arg)
 {
-    rt::ensure_inited();
-    const std::size_t list = rt::set_list_of(kind);
-    rt::FdSetHandler *handler = rt::make(rt::FdSetHandler{nullptr, fn, fd_set_fds, arg, 0});
+    ks::rt::ensure_inited();
+    const std::size_t list = ks::rt::set_list_of(kind);
+    ks::rt::FdSetHandler *handler = ks::rt::make(ks::rt::FdSetHandler{nullptr, fn, fd_set_fds, arg, 0});
     if (handler == nullptr)
         return 0;
-    rt::add(list, handler);
+    ks::rt::add(list, handler);
     return 1;
 }
 
 int rt_unhandle_fd_set(int kind, const ks_fd_set *fd_set_fds)
 {
-    const std::size_t list = rt::set_list_of(kind);
+    const std::size_t list = ks::rt::set_list_of(kind);
     const ks::LockGuard lock(ks::rt_crit);
-    rt::FdSetHandler **link = rt::find(list, fd_set_fds);
-    rt::FdSetHandler *handler = *link;
+    ks::rt::FdSetHandler **link = ks::rt::find(list, fd_set_fds);
+    ks::rt::FdSetHandler *handler = *link;
     if (handler == nullptr)
         return 0;
     *link = handler->next;
     stg_free_int(handler, 1);
-    ++rt::state.removals;
-    rt::note_change();
+    ++ks::rt::state.removals;
+    ks::rt::note_change();
     return 1;
 }
 }

@@ -364,51 +364,50 @@ bool wait_and_serve(const timeval *timeout, const uint64_t *known_news)
 
 } // namespace ks::rt
 
-namespace rt = ks::rt;
-
 extern "C" {
 
 void rt_run(void)
 {
-    rt::ensure_inited();
-    rt::require_main_thread();
+    ks::rt::ensure_inited();
+    ks::rt::require_main_thread();
     ks::reap_children();
     // Between two events that are due the descriptors are looked at once.
     bool looks_first = false;
-    while (!rt::take_shutdown()) {
+    while (!ks::rt::take_shutdown()) {
         // A raise is delivered before an event is taken: none is lost to it.
         pfm_test_raise(nullptr);
-        const rt::Pass pass = rt::begin_pass(looks_first && rt::state.has_any_handler.load(std::memory_order_relaxed));
+        const ks::rt::Pass pass =
+            ks::rt::begin_pass(looks_first && ks::rt::state.has_any_handler.load(std::memory_order_relaxed));
         looks_first = pass.fn != nullptr;
         if (pass.fn != nullptr) {
-            rt::state.events_fired.fetch_add(1, std::memory_order_relaxed);
+            ks::rt::state.events_fired.fetch_add(1, std::memory_order_relaxed);
             pass.fn(pass.arg);
             continue;
         }
         pfm_inhibit();
-        if (!rt::wait_and_serve(pass.has_limit ? &pass.limit : nullptr, &pass.news))
+        if (!ks::rt::wait_and_serve(pass.has_limit ? &pass.limit : nullptr, &pass.news))
             ks::reap_children();
     }
 }
 
 void rt_poll(void)
 {
-    rt::ensure_inited();
-    rt::require_main_thread();
+    ks::rt::ensure_inited();
+    ks::rt::require_main_thread();
     pfm_inhibit();
-    (void)rt::wait_and_serve(&rt::no_time, nullptr); // what came of it is served
+    (void)ks::rt::wait_and_serve(&ks::rt::no_time, nullptr); // what came of it is served
 }
 
 void rt_wait(const struct timeval *timeout)
 {
-    rt::ensure_inited();
-    (void)rt::wait_and_serve(timeout, nullptr); // what came of it is served
+    ks::rt::ensure_inited();
+    (void)ks::rt::wait_and_serve(timeout, nullptr); // what came of it is served
 }
 
 void rt_shutdown(void)
 {
     const ks::LockGuard lock(ks::rt_crit);
-    rt::state.shutdown_flag.store(true, std::memory_order_release);
-    rt::wake_loop();
+    ks::rt::state.shutdown_flag.store(true, std::memory_order_release);
+    ks::rt::wake_loop();
 }
 }

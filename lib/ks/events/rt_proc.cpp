@@ -400,19 +400,17 @@ class Waiting {
 
 } // namespace ks::proc
 
-namespace proc = ks::proc;
-
 void ks::reap_children()
 {
-    if (proc::state.initialized.load(std::memory_order_acquire))
-        proc::rt_proc_signal_catcher(SIGCHLD);
+    if (ks::proc::state.initialized.load(std::memory_order_acquire))
+        ks::proc::rt_proc_signal_catcher(SIGCHLD);
 }
 
 int ks::wait_for_child(pid_t pid, int32_t &out_status)
 {
     constexpr int look_again_ms = 20; // without a descriptor that tells
-    const UniqueFd ending(proc::open_pid(pid));
-    proc::Waiting waiting(pid);
+    const UniqueFd ending(ks::proc::open_pid(pid));
+    ks::proc::Waiting waiting(pid);
     int waited = 0;
     int wait_errno = 0;
     for (;;) {
@@ -434,7 +432,7 @@ extern "C" {
 int rt_proc_initialize(void)
 {
     const ks::InhibitGuard inhibited;
-    if (proc::take_sigchld())
+    if (ks::proc::take_sigchld())
         return 0;
     (void)imsg_print(ks::msg_error, &_rt_ks_msg_table, rt_msg_sigchld_conflict); // the result says it too
     return -1;
@@ -442,30 +440,30 @@ int rt_proc_initialize(void)
 
 pid_t rt_proc_fork(rt_proc_fn callback, void *arg, int kind)
 {
-    proc::ensure_initialized();
+    ks::proc::ensure_initialized();
     const ks::ShortInhibitGuard inhibited;
     bool is_exhausted = false;
-    const pid_t pid = proc::fork_announced(callback, arg, kind, is_exhausted);
+    const pid_t pid = ks::proc::fork_announced(callback, arg, kind, is_exhausted);
     const ks::ErrnoSaver saver;
     if (is_exhausted)
-        proc::report_exhaustion();
+        ks::proc::report_exhaustion();
     return pid;
 }
 
 int rt_proc_birth_announcement(pid_t pid, rt_proc_fn callback, void *arg)
 {
-    proc::ensure_initialized();
-    if (proc::announce(pid, callback, arg))
+    ks::proc::ensure_initialized();
+    if (ks::proc::announce(pid, callback, arg))
         return 0;
-    proc::report_exhaustion();
+    ks::proc::report_exhaustion();
     return 1;
 }
 
 int rt_proc_disown(pid_t pid)
 {
-    proc::ensure_initialized();
-    const proc::ChildrenGuard guard;
-    proc::Child *child = proc::find(pid);
+    ks::proc::ensure_initialized();
+    const ks::proc::ChildrenGuard guard;
+    ks::proc::Child *child = ks::proc::find(pid);
     if (child == nullptr)
         return -1;
     child->shown.callback = nullptr;
@@ -475,27 +473,27 @@ int rt_proc_disown(pid_t pid)
 
 int rt_proc_killall(void)
 {
-    proc::ensure_initialized();
-    const proc::ChildrenGuard guard;
-    const llist_link &list = proc::state.active_list;
-    if (proc::is_empty(list))
+    ks::proc::ensure_initialized();
+    const ks::proc::ChildrenGuard guard;
+    const llist_link &list = ks::proc::state.active_list;
+    if (ks::proc::is_empty(list))
         return -1;
     for (const llist_link *link = list.next; link != &list; link = link->next)
-        (void)procutl_terminate(static_cast<proc::Child *>(link->owner)->shown.pid); // or it has died already
+        (void)procutl_terminate(static_cast<ks::proc::Child *>(link->owner)->shown.pid); // or it has died already
     return 0;
 }
 
 int rt_proc_any_procs(void)
 {
-    proc::ensure_initialized();
-    const proc::ChildrenGuard guard;
-    return proc::is_empty(proc::state.active_list) && proc::is_empty(proc::state.zombie_list) ? 0 : 1;
+    ks::proc::ensure_initialized();
+    const ks::proc::ChildrenGuard guard;
+    return ks::proc::is_empty(ks::proc::state.active_list) && ks::proc::is_empty(ks::proc::state.zombie_list) ? 0 : 1;
 }
 
 int rt_proc_alive(pid_t pid)
 {
-    proc::ensure_initialized();
-    const proc::ChildrenGuard guard;
-    return proc::find_living(pid) != nullptr ? 1 : 0;
+    ks::proc::ensure_initialized();
+    const ks::proc::ChildrenGuard guard;
+    return ks::proc::find_living(pid) != nullptr ? 1 : 0;
 }
 }
