@@ -345,6 +345,36 @@ TEST(KernelEnd, ACancelledWaitOwnsItsMutexInTheCleanup)
     });
 }
 
+TEST(KernelEnd, APrintIsCancelledWhenItHasGivenItsLocksBack)
+{
+    test::in_child([] {
+        ks_system_init();
+        int ends[2];
+        ASSERT_EQ(pipe(ends), 0);
+        ASSERT_EQ(dup2(ends[1], STDOUT_FILENO), STDOUT_FILENO);
+        vlthread_t id{};
+        EXPECT_EQ(vlthread_create(
+                      &id, nullptr,
+                      [](void *) -> void * {
+                          const std::string line(4096, 'x');
+                          for (;; pthread_testcancel())
+                              (void)imsg_print(2, &lines, 0, line.c_str());
+                      },
+                      nullptr),
+                  0);
+        for (int waiting = 0; waiting < 65536;)
+            (void)ioctl(ends[0], FIONREAD, &waiting);
+        (void)pthread_cancel(id);
+        (void)fcntl(ends[0], F_SETFL, O_NONBLOCK);
+        const Workers drain(1, [&] {
+            char text[4096];
+            (void)!read(ends[0], text, sizeof text);
+        });
+        (void)vlthread_join(id, nullptr);
+        EXPECT_EQ(imsg_print(2, &lines, 0, "free"), 0);
+    });
+}
+
 std::atomic<int> handler_began{0};
 
 TEST(KernelEnd, AnOnExitHandlerMayExitAndEnterTheCriticalSection)
