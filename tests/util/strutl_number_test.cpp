@@ -290,9 +290,13 @@ TEST(StrutlPrintf, FormattingIsBounded)
 
 TEST(StrutlPrintf, FormattingIsThatOfTheCLibrary)
 {
-    const char *formats[] = {"%s: %d|%i|%u|%x|%ld|%lu|%lx|%%", "%s %d %i %u %x %ld %lu %lx",
-                             "%s%5d%+i%u%#x%12ld%lu%lx%", "%s %d %i %u %x %.9ld %lu %lx %l",
-                             "%5.2s%% %d %i %u %c %ld %lu %lx"};
+    const char *formats[] = {
+        "%s: %d|%i|%u|%x|%ld|%lu|%lx|%%",  "%s %d %i %u %x %ld %lu %lx",
+        "%5.2s%% %d %i %u %c %ld %lu %lx", "%s%5d%+i%u%#x%12ld%lu%lx",
+#ifndef __SANITIZE_THREAD__ // whose vsnprintf() ends the process at a directive that is cut off
+        "%s %d %i %u %x %.9ld %lu %lx %l", "%s%5d%+i%u%#x%12ld%lu%lx%",
+#endif
+    };
     for (const char *format : formats) {
         for (std::size_t size = 0; size < 120; ++size) {
             const auto print = [&](auto *function, char *buf) {
