@@ -142,6 +142,19 @@ rt_event *sched_abs_int(const Order &order, const timeval &due)
     return nullptr;
 }
 
+// Cancels the event and keeps what it was made of, for one to be scheduled in its place; false when there is
+// to be none. Kept exactly: an mt event is scheduled anew when it could not be cancelled, any other when it
+// was. Owners of mt events rely on it.
+bool cancel_to_resched(rt_event *event, bool is_mt, Order &out_order)
+{
+    if (event == nullptr)
+        return false;
+    const ks::LockGuard lock(ks::rt_crit); // until it is cancelled nobody else gets the record
+    out_order = {event->fn, event->arg, is_mt};
+    const bool is_cancelled = rt_unsched_mt(event, is_mt ? 1 : 0) == KS_ST_OK;
+    return is_cancelled != is_mt;
+}
+
 } // namespace
 
 void sched_in_place(rt_event_fn fn, void *arg, rt_event *event)
@@ -227,31 +240,14 @@ int rt_unsched(rt_event *event)
 
 rt_event *rt_resched(rt_event *event, long seconds)
 {
-    if (event == nullptr)
-        return nullptr;
     ks::rt::Order order{};
-    {
-        const ks::LockGuard lock(ks::rt_crit); // until it is cancelled nobody else gets the record
-        order = {event->fn, event->arg, false};
-        if (rt_unsched(event) == 0)
-            return nullptr;
-    }
-    return rt_sched(order.fn, order.arg, seconds);
+    return ks::rt::cancel_to_resched(event, false, order) ? rt_sched(order.fn, order.arg, seconds) : nullptr;
 }
 
-// Kept exactly: the opposite of rt_resched(). Owners of mt events rely on it.
 rt_event *rt_resched_mt(rt_event *event, long seconds)
 {
-    if (event == nullptr)
-        return nullptr;
     ks::rt::Order order{};
-    {
-        const ks::LockGuard lock(ks::rt_crit); // until it is cancelled nobody else gets the record
-        order = {event->fn, event->arg, true};
-        if (rt_unsched_mt(event, 1) == KS_ST_OK)
-            return nullptr;
-    }
-    return rt_sched_mt(order.fn, order.arg, seconds);
+    return ks::rt::cancel_to_resched(event, true, order) ? rt_sched_mt(order.fn, order.arg, seconds) : nullptr;
 }
 
 void rt_free_event(rt_event *event)

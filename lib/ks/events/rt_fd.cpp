@@ -88,6 +88,14 @@ template <typename Handler> Handler *make(const Handler &content)
     return made;
 }
 
+// Frees the record of a handler that is off its list, and tells the loop. Under rt_crit.
+void drop(void *handler)
+{
+    stg_free_int(handler, 1);
+    ++state.removals;
+    note_change();
+}
+
 } // namespace
 
 } // namespace ks::rt
@@ -131,9 +139,7 @@ int rt_unhandle_fd(int kind, int fd)
     ks::rt::FdHandler *handler = table.remove(fd);
     if (handler == nullptr)
         return 0;
-    stg_free_int(handler, 1);
-    ++ks::rt::state.removals;
-    ks::rt::note_change();
+    ks::rt::drop(handler);
     return 1;
 }
 
@@ -157,9 +163,7 @@ int rt_unhandle_fd_set(int kind, const ks_fd_set *fd_set_fds)
     if (handler == nullptr)
         return 0;
     *link = handler->next;
-    stg_free_int(handler, 1);
-    ++ks::rt::state.removals;
-    ks::rt::note_change();
+    ks::rt::drop(handler);
     return 1;
 }
 }

@@ -32,9 +32,9 @@ void require_area(const stg_area *area)
     here.require(area != STG_AREA_HEAP, "area != STG_AREA_HEAP");
 }
 
-// Every area operation runs under the area's mutex and with the area marked busy; an allocation
-// that finds its room at once has the mark alone. An output procedure that is called for a trace of
-// the area may come back to it: then mutex and mark are its own already.
+// Every area operation runs with the area marked busy, and under its mutex too where it may print or
+// wait: an allocation or a deletion while nothing is traced has the mark alone. An output procedure that is called for
+// a trace of the area may come back to it: then mutex and mark are its own already.
 class AreaLock {
   public:
     explicit AreaLock(stg_area *area) : block_(ks::fault_block_of_caller()), hold_{block_->area_holds, area}
