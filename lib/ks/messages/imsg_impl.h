@@ -64,6 +64,7 @@ struct State {
     void *clock_arg = nullptr;
     FILE *log_stream = nullptr;      // an open log file: it takes every message
     FILE *one_line_stream = nullptr; // keeps each text on one line: the standard output of a daemon
+    bool is_daemon = false;          // keeps a daemon log, and never asks
 };
 
 extern constinit State state; // guarded by ks_product_crit
