@@ -81,7 +81,7 @@ void renew_after_fork(vlthread_rwlock_t *rwlock)
 }
 
 // What a hold adds to the counts of its thread, and an end of it takes away.
-void count_hold(const vlthread_rwlock_t *rwlock, bool writes, int change)
+[[gnu::always_inline]] inline void count_hold(const vlthread_rwlock_t *rwlock, bool writes, int change)
 {
     pfm_fault_block *const block = ks::fault_block_of_caller();
     if (is_counted(rwlock)) [[likely]]
@@ -90,8 +90,21 @@ void count_hold(const vlthread_rwlock_t *rwlock, bool writes, int change)
         block->read_holds += static_cast<uint32_t>(change);
 }
 
+// Kept out of the short paths, which then save no registers for it.
+[[gnu::noinline]] int count_refused(const vlthread_rwlock_t *rwlock, bool writes, int error)
+{
+    count_hold(rwlock, writes, -1);
+    return error;
+}
+
+[[gnu::noinline]] int restore_writer(vlthread_rwlock_t *rwlock, vlthread_t writer, int error)
+{
+    set_writer(rwlock, writer);
+    return error;
+}
+
 // The usual case, in which nothing is traced and no fork has to be looked after.
-bool is_plain(const vlthread_rwlock_t *rwlock)
+[[gnu::always_inline]] inline bool is_plain(const vlthread_rwlock_t *rwlock)
 {
     return !ks::vlthread_has_any_mode() && is_of_this_process(rwlock);
 }
@@ -129,10 +142,8 @@ constexpr Access writing{"wrlock",
 {
     count_hold(rwlock, access.writes, 1);
     const int error = posix_lock(&rwlock->lock);
-    if (error != 0) [[unlikely]] {
-        count_hold(rwlock, access.writes, -1);
-        return error;
-    }
+    if (error != 0) [[unlikely]]
+        return count_refused(rwlock, access.writes, error);
     if (access.writes)
         set_writer(rwlock, ks::self());
     return 0;
@@ -183,10 +194,8 @@ constexpr Access writing{"wrlock",
     if (writer != VLTHREAD_INVALID_TID) // a reader has nothing to clear
         set_writer(rwlock, VLTHREAD_INVALID_TID);
     const int error = pthread_rwlock_unlock(&rwlock->lock);
-    if (error != 0) [[unlikely]] {
-        set_writer(rwlock, writer);
-        return error;
-    }
+    if (error != 0) [[unlikely]]
+        return restore_writer(rwlock, writer, error);
     pfm_fault_block *const block = ks::fault_block_of_caller();
     if (counted) [[likely]]
         --block->pfm_inh_count;
