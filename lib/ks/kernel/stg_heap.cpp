@@ -121,22 +121,7 @@ void checked_free(void *ptr, int quiet)
     std::free(block);
 }
 
-} // namespace
-
-namespace ks {
-
-void *heap_try_malloc(size_t size)
-{
-    if (size == 0)
-        size = 1;
-    return stg_is_checking() ? checked_malloc(size) : std::malloc(plain_size(size));
-}
-
-} // namespace ks
-
-extern "C" {
-
-void *stg_malloc_int(size_t size, int quiet)
+[[gnu::noinline]] void *malloc_in_full(std::size_t size, int quiet)
 {
     void *block = ks::heap_try_malloc(size);
     if (block == nullptr)
@@ -145,9 +130,55 @@ void *stg_malloc_int(size_t size, int quiet)
     return block;
 }
 
+[[gnu::noinline]] void free_in_full(void *ptr, int quiet)
+{
+    trace_block(quiet, ks::stg_msg_block_freeing, ks::address_number(ptr));
+    if (is_checked(ptr))
+        checked_free(ptr, quiet);
+    else
+        std::free(ptr);
+}
+
+// Lists and tables are made of single blocks, so while nothing is traced there is one step to the C library's heap.
+[[gnu::always_inline]] inline void *malloc_block(std::size_t size, int quiet)
+{
+    if (ks::may_be_traced(1)) [[unlikely]]
+        return malloc_in_full(size, quiet);
+    void *block = std::malloc(plain_size(size));
+    return block != nullptr ? block : report_exhaustion();
+}
+
+[[gnu::always_inline]] inline void free_block(void *ptr, int quiet)
+{
+    if (ptr == nullptr)
+        return;
+    if (ks::may_be_traced(1) || is_checked(ptr)) [[unlikely]]
+        free_in_full(ptr, quiet);
+    else
+        std::free(ptr);
+}
+
+} // namespace
+
+namespace ks {
+
+void *heap_try_malloc(size_t size)
+{
+    return stg_is_checking() ? checked_malloc(size == 0 ? 1 : size) : std::malloc(plain_size(size));
+}
+
+} // namespace ks
+
+extern "C" {
+
+void *stg_malloc_int(size_t size, int quiet)
+{
+    return malloc_block(size, quiet);
+}
+
 void *stg_malloc(size_t size)
 {
-    return stg_malloc_int(size, 0);
+    return malloc_block(size, 0);
 }
 
 void *stg_realloc_int(void *ptr, size_t size, int quiet)
@@ -172,18 +203,12 @@ void *stg_realloc(void *ptr, size_t size)
 
 void stg_free_int(void *ptr, int quiet)
 {
-    if (ptr == nullptr)
-        return;
-    trace_block(quiet, ks::stg_msg_block_freeing, ks::address_number(ptr));
-    if (is_checked(ptr))
-        checked_free(ptr, quiet);
-    else
-        std::free(ptr);
+    free_block(ptr, quiet);
 }
 
 void stg_free(void *ptr)
 {
-    stg_free_int(ptr, 0);
+    free_block(ptr, 0);
 }
 
 char *stg_strdup(const char *s)

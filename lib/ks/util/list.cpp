@@ -99,6 +99,14 @@ list_element *give(list_element *element, void **out_data)
     return element;
 }
 
+[[gnu::always_inline]] inline list_element *insert_or_panic(list_record *list, list_element *after, void *data)
+{
+    list_element *element = insert_new(*list, after, data);
+    if (element == nullptr) [[unlikely]]
+        panic_without_storage();
+    return element;
+}
+
 // Adds the copy of an element; raises are held off until its attribute bytes are in place too.
 void append_copy(list_record *dest, const list_element *original, std::size_t attr_bytes)
 {
@@ -156,16 +164,13 @@ void list_destroy(list_record *list)
 list_element *list_append(list_record *list, void *data)
 {
     here.require(list != nullptr, "list != NULL");
-    return list_insert(list, list->last, data);
+    return insert_or_panic(list, list->last, data);
 }
 
 list_element *list_insert(list_record *list, list_element *after, void *data)
 {
     here.require(list != nullptr, "list != NULL");
-    list_element *element = insert_new(*list, after, data);
-    if (element == nullptr) [[unlikely]]
-        panic_without_storage();
-    return element;
+    return insert_or_panic(list, after, data);
 }
 
 void list_remove(list_record *list, list_element *element)
