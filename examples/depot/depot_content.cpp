@@ -75,7 +75,7 @@ bool read_stored(Transfer &transfer, unsigned char *to, std::size_t size)
 bool restore(Transfer &transfer, const unsigned char *block, std::size_t block_size, std::size_t size)
 {
     std::size_t restored_size = 0;
-    transfer.result = compress_uncompress(block_size, block, &restored_size);
+    transfer.result = compress_uncompress_quiet(block_size, block, &restored_size);
     if (transfer.result == nullptr && errno == ENOMEM)
         return fail(Fault::memory, transfer.source_name);
     return (transfer.result != nullptr && restored_size == size) || fail(Fault::content, transfer.source_name);

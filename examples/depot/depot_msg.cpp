@@ -166,7 +166,7 @@ constexpr Row rows[] = {
      "off.\n"
      "%%%% is a percent sign, \\n ends a line, \\t is a tab. Nothing is added: without a \\n all entries stand in one\n"
      "line. In comments, and in names on a terminal, what is not printable is shown as \\ooo, in octal digits.\n"},
-    {msg_help_dates, "\nA DATE is one as in ISO 8601, 2024-03-05 or 2024-03-05T14:03+01:00, or a <date-time>:\n\n%s"},
+    {msg_help_dates, "\nA DATE is a <date-time>:\n\n%s"},
 };
 
 struct Columns {
