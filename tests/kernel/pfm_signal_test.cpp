@@ -216,22 +216,6 @@ TEST(PfmStop, StopsAtOnceWhenNobodyInhibitsAndAgainAfterContinuing)
     child.expect_end("ready");
 }
 
-TEST(PfmStop, InterruptsTheWaitSoThatEnableCanStop)
-{
-    test::Child child([] {
-        pfm_init();
-        pfm_inhibit();
-        say("ready");
-        wait_and_enable();
-        return 7;
-    });
-    ASSERT_TRUE(child.wait_for_output("ready"));
-    kill(child.pid(), SIGTSTP);
-    ASSERT_TRUE(child.wait_for_stop(SIGTSTP));
-    kill(child.pid(), SIGCONT);
-    EXPECT_EQ(child.finish().exit_status, 7);
-}
-
 std::atomic<bool> entered{false};
 std::atomic<bool> passed{false};
 
