@@ -25,27 +25,6 @@ Words split(const std::string &line, stg_area *area)
     return {argv, argv + argc};
 }
 
-TEST(ClpParseString, KnowsItsExamples)
-{
-    stg_area *area = stg_create_area(1000);
-    const std::pair<const char *, Words> cases[] = {
-        {"", {}},
-        {" \t\n", {}},
-        {"a  bc\td ", {"a", "bc", "d"}},
-        {"'a b'cd", {"a b", "cd"}},
-        {"'ab'cd", {"ab"}}, // more words than runs: dropped
-        {"x'a b'c", {"xa b", "c"}},
-        {"'' \"\" x", {"", "", "x"}},
-        {"a\\'b \\\\ \\x \\", {"a'b", "\\", "\\x", "\\"}},
-        {"'a\\'b\\\\ \\x'", {"a\\'b\\\\ \\x"}},
-        {"a\\ b", {"a\\", "b"}},
-        {"\"it's\" 'say \"x\"'", {"it's", "say \"x\""}},
-    };
-    for (const auto &[line, words] : cases)
-        EXPECT_EQ(split(line, area), words) << line;
-    stg_delete_area(&area);
-}
-
 TEST(ClpParseString, ReportsWhatItCannotRead)
 {
     const std::string most(8191, 'x');

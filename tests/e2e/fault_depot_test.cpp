@@ -1,6 +1,5 @@
 // Storing and fetching under failing calls, noise and raises: the old or the new, whole, and nothing beside it.
 #include "depot.h"
-#include "depot_format.h"
 #include "depot_report.h"
 #include "harness/child.h"
 #include "harness/fault_sweep.h"
@@ -80,17 +79,6 @@ class FaultDepot : public testing::Test {
     std::string old_entry_;
 };
 
-TEST_F(FaultDepot, ALineOfAListIsWholeOrAnError)
-{
-    const depot::Row row = {"name", {.stored = {1, 0}, .owner = "owner", .comment = {}}};
-    Operation("a line")
-        .setup([] { (void)depot::start_messages("veldepot"); })
-        .cleanup(depot::end_messages)
-        .act([row] { return depot::print_row("%n %s %d %u\n", row); })
-        .keeps([](const Trial &trial) { return trial.failed(Call::allocation); })
-        .sweep_first_use();
-}
-
 const char *wrong_in_depot(const Trial &)
 {
     depot::close_depot(opened);
@@ -105,8 +93,7 @@ TEST_F(FaultDepot, PutKeepsTheOldEntryOrMakesTheNew)
         .act([] { return depot::open_depot("depot", true, opened) && depot::put_file(opened, "file", label); })
         .check(wrong_in_depot)
         .sweep()
-        .sweep_raises()
-        .sweep_noise(10);
+        .sweep_raises();
 }
 
 TEST_F(FaultDepot, GetKeepsTheOldFileOrMakesTheNew)
@@ -125,8 +112,7 @@ TEST_F(FaultDepot, GetKeepsTheOldFileOrMakesTheNew)
             return is_right ? nullptr : "the file is not whole";
         })
         .sweep()
-        .sweep_raises()
-        .sweep_noise(10);
+        .sweep_raises();
 }
 
 } // namespace

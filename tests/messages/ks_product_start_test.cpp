@@ -6,13 +6,10 @@
 #include <korvaks/tls_impl.h>
 #include <korvaks/vlthread.h>
 
-#include <atomic>
-#include <barrier>
 #include <clocale>
 #include <cstdio>
 #include <cstdlib>
 #include <thread>
-#include <vector>
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -46,27 +43,6 @@ TEST(KsSystemInit, StartsOnceAndAttachesTheCaller)
         return is_right && ks_initialized() != 0 ? 0 : 5;
     });
     EXPECT_EQ(result.exit_status, 0) << result.err;
-}
-
-// However starts meet, none fails and exactly one is the first.
-TEST(KsSystemInit, ConcurrentStarts)
-{
-    for (int round = 0; round < 40; ++round) {
-        const auto result = test::run_child([] {
-            std::barrier start(8);
-            std::atomic<uint32_t> first{0};
-            std::vector<std::jthread> threads;
-            for (int i = 0; i < 8; ++i)
-                threads.emplace_back([&] {
-                    start.arrive_and_wait();
-                    for (int call = 0; call < 50; ++call)
-                        first += ks_system_init();
-                });
-            threads.clear();
-            return static_cast<int>(first);
-        });
-        ASSERT_EQ(result.exit_status, 1) << "signal " << result.signal << ": " << result.err;
-    }
 }
 
 TEST(KsSystemInit, UsersLocaleUnlessTheProgramChoseOne)

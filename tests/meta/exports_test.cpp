@@ -90,20 +90,6 @@ TEST(Exports, AreWhatTheHeadersDeclare)
     EXPECT_EQ(exported_names(KORVAKS_EZRPC), ezrpc);
 }
 
-// The reading of declarations above, on every form that a header uses.
-TEST(Exports, DeclarationsAreReadRight)
-{
-    const std::pair<std::string, std::string> cases[] = {
-        {" int32_t pfm_cleanup_start(pfm_cleanup_rec *rec, int inhibit)", "pfm_cleanup_start"},
-        {" pfm_signal_t pfm_signal(int sig,\n    pfm_signal_t handler)", "pfm_signal"},
-        {" void *stg_alloc(stg_area *area, size_t size)", "stg_alloc"},
-        {" const msg_table _stg_ks_msg_table", "_stg_ks_msg_table"},
-        {" const int32_t hash_prime_sizes[30]", "hash_prime_sizes"},
-    };
-    for (const auto &[declaration, name] : cases)
-        EXPECT_EQ(declared_name(declaration), name);
-}
-
 TEST(Exports, BelongToDocumentedFamilies)
 {
     const auto page = meta::read_source("docs/architecture.md").text;

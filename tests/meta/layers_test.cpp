@@ -256,37 +256,6 @@ Complaints stray_platform_rpc(const Files &files)
     return complaints;
 }
 
-// A depth-first walk: a header met again while it is still open closes a circle.
-void find_circle(const Files &files, const SourceFile &file, std::vector<std::string> &open,
-                 std::set<std::string> &done, Complaints &complaints)
-{
-    const auto met = std::find(open.begin(), open.end(), file.path);
-    if (met != open.end()) {
-        std::string circle;
-        for (auto step = met; step != open.end(); ++step)
-            circle += *step + " -> ";
-        complaints.push_back(circle + file.path);
-        return;
-    }
-    if (!done.insert(file.path).second)
-        return;
-    open.push_back(file.path);
-    for (const auto &include : includes_of(files, file))
-        if (include.header != nullptr)
-            find_circle(files, *include.header, open, done, complaints);
-    open.pop_back();
-}
-
-Complaints include_circles(const Files &files)
-{
-    Complaints complaints;
-    std::vector<std::string> open;
-    std::set<std::string> done;
-    for (const auto &file : files)
-        find_circle(files, file, open, done, complaints);
-    return complaints;
-}
-
 std::string demangled(const std::string &symbol)
 {
     char *name = abi::__cxa_demangle(symbol.c_str(), nullptr, nullptr, nullptr);
@@ -409,11 +378,6 @@ TEST(Layers, PlatformRpcComesThroughOneHeader)
     EXPECT_EQ(meta::lines_of(stray_platform_rpc(library_files())), "");
 }
 
-TEST(Layers, HeadersFormNoCircle)
-{
-    EXPECT_EQ(meta::lines_of(include_circles(library_files())), "");
-}
-
 // The page draws the locks in the order of the table that makes them.
 TEST(Locks, ThePageShowsTheirOrder)
 {
@@ -463,7 +427,6 @@ TEST(LayerChecks, FindWhatTheyLookFor)
     EXPECT_EQ(foreign_private_includes(page, files), Complaints{"lib/ks/top/high.cpp includes the private low_impl.h"});
     EXPECT_EQ(installed_including_private(files), Complaints{"include/korvaks/low.h includes \"low/low_impl.h\""});
     EXPECT_EQ(stray_platform_rpc(files), Complaints{"lib/ks/low/low_impl.h includes <rpc/rpc.h>"});
-    EXPECT_EQ(include_circles(files).size(), 1u);
 
     const auto symbols = parse_symbols(
         "b/lib/ks/top/CMakeFiles/d/high.cpp.o: high_print T 0 5\nlib/ks/top/CMakeFiles/d/high.cpp.o: high_sort T 5 5\n"

@@ -273,24 +273,10 @@ cl_handle *clh = nullptr;
 int error = 0;
 char *long_option = nullptr;
 
-Operation handle_of(const char *name, cl_handle *(*parse)())
-{
-    return Operation(name)
-        .act([parse] { return (clh = parse()) != nullptr; })
-        .gives([] { return error == CL_NO_ERROR && cl_getopt(clh, "a") == 'a'; })
-        .keeps([] { return error == CL_OUT_OF_MEMORY; })
-        .cleanup([] {
-            if (clh != nullptr)
-                cl_destroy(&clh);
-        });
-}
-
 TEST(FaultOptions, Handles)
 {
     static char arguments[4][16] = {"tool", "-a", "--long", "word"};
     static char *argv[] = {arguments[0], arguments[1], arguments[2], arguments[3]};
-    handle_of("cl_parse_argv", [] { return cl_parse_argv(4, argv, &error); }).sweep();
-    handle_of("cl_parse_line", [] { return cl_parse_line("-a 'b c' word", &error); }).sweep();
     const auto is_long_option = [] { return is_same(long_option, "long"); };
     Operation("cl_getopt_long")
         .setup([] {

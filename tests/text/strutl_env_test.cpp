@@ -34,67 +34,6 @@ std::vector<std::string> split_results(const test::ChildResult &child)
     return results;
 }
 
-struct Expected {
-    std::string str;
-    std::string expanded; // "found:text"
-};
-
-std::vector<std::string> expand_all(const std::vector<Expected> &cases)
-{
-    return split_results(test::run_child([&] {
-        std::setlocale(LC_ALL, "C.UTF-8");
-        setenv("HOME", "/home/u", 1);
-        setenv("A_1", "[a]", 1);
-        setenv("_", "under", 1);
-        setenv("EMPTY", "", 1);
-        setenv("DOLLAR", "$HOME\\x", 1);
-        setenv("LONG", std::string(5000, 'l').c_str(), 1);
-        setenv("\xC3\xA9t\xC3\xA9", "summer", 1);
-        setenv("with space", "spaced", 1);
-        unsetenv("UNSET");
-        for (const Expected &c : cases) {
-            unsigned found = 9;
-            char *text = strutl_expand_evs_status(c.str.c_str(), &found);
-            std::printf("%u:%s%c", found, text == nullptr ? "no memory" : text, end_of_result);
-            stg_free(text);
-        }
-        return 0;
-    }));
-}
-
-TEST(StrutlExpand, ReferencesAndLiterals)
-{
-    const std::string many(3000, 'x');
-    const std::vector<Expected> cases = {
-        {"", "0:"},
-        {"plain", "0:plain"},
-        {"$HOME/x", "1:/home/u/x"},
-        {"${HOME}/x", "1:/home/u/x"},
-        {"a${HOME}b$HOME", "1:a/home/ub/home/u"},
-        {"$$", "0:$$"},
-        {"$ x$", "0:$ x$"},
-        {"$-$.", "0:$-$."},
-        {"\\$HOME", "0:$HOME"},
-        {"\\\\$HOME", "1:\\/home/u"},
-        {"a\\bc\\", "0:abc\\"},
-        {"${UNSET}x", "1:x"},
-        {"$UNSET-$EMPTY.", "1:-."},
-        {"$HOMEx|$A_1x|${A_1}x", "1:||[a]x"},
-        {"${}x", "1:x"},
-        {"${HOME", "1:/home/u"},
-        {"${with space}", "1:spaced"},
-        {"$_", "1:under"},
-        {"$DOLLAR", "1:$HOME\\x"},
-        {"$\xC3\xA9t\xC3\xA9.", "1:summer."},
-        {"\\\xC3\xA9", "0:\xC3\xA9"},
-        {many + "${LONG}" + many, "1:" + many + std::string(5000, 'l') + many},
-    };
-    const std::vector<std::string> expanded = expand_all(cases);
-    ASSERT_EQ(expanded.size(), cases.size());
-    for (size_t i = 0; i < cases.size(); ++i)
-        EXPECT_EQ(expanded[i], cases[i].expanded) << cases[i].str;
-}
-
 TEST(StrutlExpand, IteratesUpToALimit)
 {
     const std::string invalid = "errno " + std::to_string(EINVAL);

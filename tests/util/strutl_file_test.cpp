@@ -10,10 +10,7 @@
 #include <cstdio>
 #include <cstring>
 #include <string>
-#include <thread>
 
-#include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -172,35 +169,6 @@ TEST(StrutlFile, WritesAndReportsWhatFailed)
     EXPECT_NE(child.err.find(unopened), std::string::npos) << child.err;
     EXPECT_EQ(child.err.find(unopened, child.err.find(unopened) + 1), std::string::npos) << child.err;
     EXPECT_NE(child.err.find("Operation write, /dev/full: No space left on device\n"), std::string::npos) << child.err;
-}
-
-// A stop that is requested while the file is open comes when it is closed again.
-TEST(StrutlFile, RaiseWaitsUntilTheFileIsClosed)
-{
-    const test::TempDir dir;
-    const std::string path = dir.file("fifo");
-    ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
-    const test::ChildResult child = test::run_child([&] {
-        pfm_init();
-        const int descriptors = test::open_descriptor_count();
-        // Its open returns when the reader's does.
-        std::thread writer([&path] {
-            const int fd = open(path.c_str(), O_WRONLY);
-            pfm_notify_vl_thread(PFM_RAISE_INTERRUPT);
-            [[maybe_unused]] const ssize_t written = write(fd, "x", 1);
-            close(fd);
-        });
-        pfm_cleanup_rec rec{};
-        rec.status = sigsetjmp(rec.jump, 1);
-        const int status = pfm_cleanup_start(&rec, 0);
-        if (status == 0) {
-            stg_free(strutl_read(STG_AREA_HEAP, path.c_str(), nullptr, 1, 0));
-            return 1;
-        }
-        writer.join();
-        return status == PFM_RAISE_INTERRUPT && test::open_descriptor_count() == descriptors ? 0 : 2;
-    });
-    EXPECT_EQ(child.exit_status, 0) << child.err;
 }
 
 TEST(StrutlList, PrintsLinesAndFindsStrings)

@@ -124,7 +124,7 @@ void check_against_model(Model &model, const std::string &delimiter)
     EXPECT_EQ(strutl_match_last_char(str.c_str(), delimiter[0]), last + 1 == str.size() && !str.empty() ? 0U : 1U);
     EXPECT_EQ(strutl_mb_strlen(str.c_str()), text.size());
     const Characters other = model.draw(12);
-    (void)strutl_match_prefix(str.c_str(), join(other).c_str(), &pos);
+    EXPECT_EQ(strutl_match_prefix(str.c_str(), join(other).c_str(), &pos), text == other ? 0U : 1U);
     EXPECT_EQ(pos, model_common(text, other));
 
     Characters tokens;

@@ -1,16 +1,12 @@
 // Numbers, tokens, flag sets, the hash and printf directives.
 #include <korvaks/strutl.h>
 
-#include "harness/child.h"
-#include "harness/locale.h"
-
 #include <cerrno>
 #include <climits>
 #include <cmath>
 #include <cstring>
 #include <string>
 #include <thread>
-#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -148,37 +144,6 @@ TEST(StrutlNumber, DigitsInABase)
     EXPECT_EQ(strutl_u32tostr(1, 37, -1), nullptr);
 }
 
-std::vector<std::string> tokens(std::string text, const char *delims)
-{
-    std::vector<std::string> found;
-    for (char *token = strutl_tokenize(text.data(), delims); token != nullptr; token = strutl_tokenize(nullptr, delims))
-        found.emplace_back(token);
-    EXPECT_EQ(strutl_tokenize(nullptr, delims), nullptr);
-    return found;
-}
-
-TEST(StrutlTokenize, CutsLikeStrtok)
-{
-    using Tokens = std::vector<std::string>;
-    for (const char *name : {"C", "C.UTF-8"}) {
-        const test::ScopedLocale locale(name);
-        EXPECT_EQ(tokens("  a b,c ", " ,"), (Tokens{"a", "b", "c"}));
-        EXPECT_EQ(tokens("", " "), Tokens{});
-        EXPECT_EQ(tokens(" , ", " ,"), Tokens{});
-        EXPECT_EQ(tokens("abc", ""), Tokens{"abc"});
-        EXPECT_EQ(tokens("a\xC3\xA9 \xFF", " "), (Tokens{"a\xC3\xA9", "\xFF"}));
-    }
-    // A delimiter byte inside a character does not cut it.
-    const test::ScopedLocale locale("C.UTF-8");
-    EXPECT_EQ(tokens("a\xC3\xA9"
-                     "b\xA9"
-                     "c",
-                     "\xA9"),
-              (Tokens{"a\xC3\xA9"
-                      "b",
-                      "c"}));
-}
-
 TEST(StrutlTokenize, PlaceIsTheThreads)
 {
     char mine[] = "1 2 3";
@@ -215,46 +180,6 @@ TEST(StrutlFlags, ToText)
         EXPECT_STREQ(strutl_flags_to_str(c.flags, c.sep, rows, c.count), c.text);
 }
 
-TEST(StrutlFlags, LongTextIsCut)
-{
-    const std::string name(600, 'n');
-    const strutl_flag_item_t long_rows[] = {{name.c_str(), 1}, {name.c_str(), 2}};
-    const char *text = strutl_flags_to_str(7, nullptr, long_rows, 2);
-    EXPECT_EQ(std::string(text), (name + " " + name).substr(0, 1023));
-}
-
-// Returns the names in one string, or how it failed.
-std::string name_list(unsigned flags, const strutl_flag_item_t *items, int count)
-{
-    char **names = nullptr;
-    int n = -1;
-    if (strutl_flags_to_str_list(flags, items, count, &names, &n) != 0 || names == nullptr)
-        return "failed";
-    std::string joined;
-    for (int i = 0; i < n; ++i) {
-        joined += std::string("[") + names[i] + "]";
-        stg_free(names[i]);
-    }
-    stg_free(names);
-    return joined;
-}
-
-TEST(StrutlFlags, ToAListOfWholeRows)
-{
-    const test::ChildResult child = test::run_child([] {
-        std::printf("%s\n", name_list(3, rows, 2).c_str());
-        std::printf("%s\n", name_list(7, rows, 2).c_str());
-        std::printf("%s\n", name_list(8 + 1, rows, 2).c_str());
-        std::printf("%s\n", name_list(0, rows, 2).c_str());
-        std::vector<strutl_flag_item_t> many(20, {"x", 0});
-        for (size_t i = 0; i < many.size(); ++i)
-            many[i].value = 1UL << i;
-        std::printf("%zu\n", name_list(0x3FFFFF, many.data(), 20).size());
-        return 0;
-    });
-    EXPECT_EQ(child.out, "[A]\n[A][B]\n[A][ UNKNOWN(0x8)]\n\n" + std::to_string(20 * 3 + 20) + "\n");
-}
-
 TEST(StrutlHash, RotatesAndAdds)
 {
     EXPECT_EQ(strutl_str_to_hash32(17, ""), 17U);
@@ -262,30 +187,6 @@ TEST(StrutlHash, RotatesAndAdds)
     EXPECT_EQ(strutl_str_to_hash32(0, "ab"), 97U * 32 + 98);
     EXPECT_EQ(strutl_str_to_hash32(0x80000000U, "\xFF"), 0x10U + 0xFF);
     EXPECT_EQ(strutl_str_to_hash32(0xFFFFFFFFU, "\x01"), 0U);
-}
-
-TEST(StrutlPrintf, StarsStartAndCutText)
-{
-    char dir[4];
-    size_t next = 0;
-    strutl_printf_kind kind = strutl_printf_kind_null;
-    int width = 0;
-    int precision = 0;
-    EXPECT_EQ(strutl_find_printf_directive("%s %-*.*f", 2, sizeof dir, dir, &next, &kind, &width, &precision), 1U);
-    EXPECT_STREQ(dir, "%-*");
-    EXPECT_EQ(next, 9U);
-    EXPECT_EQ(width + precision, 2);
-    EXPECT_EQ(strutl_find_printf_directive("%d", 0, 0, nullptr, &next, &kind, &width, &precision), 1U);
-    EXPECT_EQ(next, 2U);
-    EXPECT_EQ(width + precision, 0);
-}
-
-TEST(StrutlPrintf, FormattingIsBounded)
-{
-    char buf[4];
-    EXPECT_EQ(strutl_snprintf(buf, sizeof buf, "%d", 12345), 5);
-    EXPECT_STREQ(buf, "123");
-    EXPECT_EQ(strutl_snprintf(nullptr, 0, "%s", "abc"), 3);
 }
 
 TEST(StrutlPrintf, FormattingIsThatOfTheCLibrary)

@@ -14,14 +14,6 @@ namespace {
 
 constexpr size_t none = static_cast<size_t>(-1);
 
-size_t find_str(const char *str, const char *sub)
-{
-    size_t pos = none;
-    const unsigned failed = strutl_find_str(str, 0, sub, &pos);
-    EXPECT_EQ(failed, pos == none ? 1U : 0U);
-    return pos;
-}
-
 TEST(StrutlFind, RangesEndBeforeTheirEnd)
 {
     size_t pos = none;
@@ -32,21 +24,6 @@ TEST(StrutlFind, RangesEndBeforeTheirEnd)
     EXPECT_EQ(strutl_find_str_range("xabcx", 2, 99, "cx", &pos), 0U);
     EXPECT_EQ(pos, 3U);
     EXPECT_EQ(strutl_find_str_range("xabcx", 3, 2, "", &pos), 1U);
-}
-
-// A byte of one character is no character: the continuation byte of an "é" is not found in it.
-TEST(StrutlFind, BytesInsideACharacterAreNotFound)
-{
-    const test::ScopedLocale locale("C.UTF-8");
-    EXPECT_EQ(find_str("\xC3\xA9\xA9", "\xA9"), 2U);
-    EXPECT_EQ(find_str("a\xC3\xA9", "a\xC3"), none);
-    EXPECT_EQ(find_str("a\xC3\xC3\xA9", "a\xC3"), 0U);
-    size_t pos = none;
-    EXPECT_EQ(strutl_find_char("\xC3\xA9\xA9", 0xA9, &pos), 0U);
-    EXPECT_EQ(pos, 2U);
-    EXPECT_EQ(strutl_find_last_char("\xA9\xC3\xA9", 0xA9, &pos), 0U);
-    EXPECT_EQ(pos, 0U);
-    EXPECT_EQ(strutl_match_last_char("\xC3\xA9", 0xA9), 1U);
 }
 
 TEST(StrutlFind, ClosingDelimiters)
@@ -254,26 +231,6 @@ TEST(StrutlCompare, CollationIgnoresCase)
     }
     const test::ScopedLocale locale("C.UTF-8");
     EXPECT_EQ(strutl_stricoll("\xC3\x89", "\xC3\xA9"), 0);
-}
-
-TEST(StrutlCompare, CommonPrefixInWholeCharacters)
-{
-    const test::ScopedLocale locale("C.UTF-8");
-    const struct {
-        const char *a;
-        const char *b;
-        unsigned differs;
-        size_t length;
-    } cases[] = {
-        {"abc", "abc", 0, 3}, {"abc", "abd", 1, 2}, {"abc", "ab", 1, 2},
-        {"", "", 0, 0},       {"", "a", 1, 0},      {"x\xC3\xA9", "x\xC3\xA8", 1, 1},
-    };
-    for (const auto &c : cases) {
-        SCOPED_TRACE(std::string(c.a) + "|" + c.b);
-        size_t length = 99;
-        EXPECT_EQ(strutl_match_prefix(c.a, c.b, &length), c.differs);
-        EXPECT_EQ(length, c.length);
-    }
 }
 
 TEST(StrutlName, Acceptable)
