@@ -157,12 +157,12 @@ TEST_F(DepotTest, ListsInColumnsAndInOrder)
     put("zeros", std::string(1000, '\0'));
     put("a", "abc");
     put(std::string(41, 'l'), "");
-    EXPECT_EQ(good({"list"}), "NAME                   SIZE          STORED  CHECKSUM\n"
-                              "a                         3              11  b37f2436\n" +
+    EXPECT_EQ(good({"list"}), "NAME                SIZE          STORED  CHECKSUM\n"
+                              "a                      3              11  b37f2436\n" +
                                   std::string(41, 'l') +
                                   "               0               0  00000000\n"
-                                  "zeros                  1000              86  861b9d08\n"
-                                  "3 in all               1003              97\n");
+                                  "zeros               1000              86  861b9d08\n"
+                                  "3 in all            1003              97\n");
 }
 
 TEST_F(DepotTest, NoticesEveryDamage)
