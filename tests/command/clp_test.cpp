@@ -116,7 +116,6 @@ std::string output_of(const std::function<void()> &body)
     const test::ChildResult result = test::run_child([&] {
         take_messages();
         body();
-        return 0;
     });
     EXPECT_EQ(result.exit_status, 0);
     EXPECT_EQ(result.err, "");
@@ -323,7 +322,6 @@ TEST(ClpStack, StoresTenAndCountsTheRest)
         }).join();
         for (const std::string &text : got)
             std::printf("%s\n", text.c_str());
-        return 0;
     });
     EXPECT_EQ(result.out, "unchanged\nA:B:\nunchanged\nA:B:\nunchanged\n0:1:2:3:4:5:6:7:8:9:\nunchanged\n"
                           "0:1:2:3:4:5:6:7:8:\nthread \n");

@@ -182,7 +182,6 @@ TEST(ImsgCatalog, TablesWithHolesAreSafe)
             imsg_print(IMSG_ERROR, &table, 0);
             imsg_print(IMSG_ERROR_MORE, &table, 1);
         }
-        return 0;
     });
     const std::string one = "noname: Error: text\n";
     EXPECT_EQ(result.err, one + one + one + one);

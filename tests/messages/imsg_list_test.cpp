@@ -125,7 +125,6 @@ TEST(ImsgList, GoesOnBehindBadMessages)
         printf("%d", imsg_list_add_msg(&list, "%ls", IMSG_RAW, L"\x4E00"));
         printf("%d %s", imsg_list_add_msg(&list, &_ks_ks_msg_table, 60000), list.list_buf);
         imsg_list_destroy(&list);
-        return 0;
     });
     EXPECT_EQ(result.out, "-1-1 an older text");
     const std::string report = "error writing message to `one_msg_buf'. (sz: 16384).\n";

@@ -203,7 +203,6 @@ TEST(ImsgPrint, MessagesOfThreadsDoNotMix)
                 for (int n = 0; n < 300; ++n)
                     imsg_print(IMSG_ERROR, &table, 1, std::string(700, letter).c_str());
             });
-        return 0;
     });
     int whole = 0;
     std::istringstream err(result.err);
@@ -288,7 +287,6 @@ TEST(ImsgRedirect, TwoChannelFormAndWindow)
         imsg_use_window(nullptr);
         imsg_print(IMSG_ERROR, &table, 0);
         printf("%d", out.calls);
-        return 0;
     });
     EXPECT_EQ(result.out, "4 9 1; 5");
     EXPECT_EQ(result.err, "noname: Error: plain\n");
@@ -325,7 +323,6 @@ TEST(ImsgRedirect, AProcedureMayPrint)
         imsg_print(IMSG_OK, &table, 1, std::string(5000, 'z').c_str());
         imsg_print(IMSG_OK, &table, 1, "short");
         printf("%s", taken.text.c_str());
-        return 0;
     });
     EXPECT_EQ(result.out, std::string(5000, 'z') + "\nshort\n");
     EXPECT_EQ(result.err, "noname: Warning: from the procedure\n");
@@ -344,7 +341,6 @@ TEST(ImsgAppName, IsWhatFollowsTheLastSlash)
         const char *own = imsg_get_app_name();
         std::thread([] { imsg_set_app_name("second"); }).join();
         printf(",%s", own); // a copy of the thread's own
-        return 0;
     });
     EXPECT_EQ(result.out, "noname,veltool,veltool,,noname,noname");
 }

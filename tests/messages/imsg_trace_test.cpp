@@ -58,7 +58,6 @@ TEST(ImsgTrace, EnvironmentDecides)
             errno = EDOM;
             const std::string text = answers(c.questions);
             printf("%s%s", text.c_str(), errno == EDOM ? "" : " and errno");
-            return 0;
         });
         EXPECT_EQ(result.out, c.answers);
     }
@@ -84,7 +83,6 @@ TEST(ImsgTrace, CallsOverrideTheEnvironment)
         show();
         imsg_set_trace_subsys("");
         show();
-        return 0;
     });
     EXPECT_EQ(result.out, "32767 3 32767,0110 3,0100 1,0000 1,1000 3,0000 3,");
 }

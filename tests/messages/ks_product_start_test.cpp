@@ -55,7 +55,6 @@ TEST(KsSystemInit, UsersLocaleUnlessTheProgramChoseOne)
             setlocale(LC_ALL, chosen);
             ks_system_init();
             puts(setlocale(LC_ALL, nullptr));
-            return 0;
         });
         EXPECT_EQ(result.out, expected);
     }

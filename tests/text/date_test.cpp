@@ -342,7 +342,6 @@ TEST(DateWords, ATranslationChangesTheTraditionalStyleOnly)
             time_t t = 0;
             printf("|%s %d", text, date_str_to_time_legacy(text, 0, &t));
         }
-        return 0;
     });
     EXPECT_EQ(result.exit_status, 0);
     // A separator with blanks is written without them, and texts can have none inside.

@@ -71,7 +71,6 @@ TEST(StrutlExpand, IteratesUpToALimit)
             std::printf("%s%c", text == nullptr ? ("errno " + std::to_string(errno)).c_str() : text, end_of_result);
             stg_free(text);
         }
-        return 0;
     }));
     ASSERT_EQ(results.size(), std::size(cases));
     for (size_t i = 0; i < results.size(); ++i)
