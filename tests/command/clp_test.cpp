@@ -246,6 +246,8 @@ TEST(ClpDeathTest, MisuseEndsTheProcess)
     const clp_flag_desc before[] = {
         {"-x", 1, 0}, CLP_START_MUTUAL_EXCLUSION, {"-y", 1, CLP_ALIAS_FLAG}, {nullptr, 0, 0}};
     const clp_flag_desc behind[] = {{"-y", 1, CLP_ALIAS_FLAG}, CLP_END_MUTUAL_EXCLUSION, {"-x", 1, 0}, {nullptr, 0, 0}};
+    const clp_flag_desc beyond[] = {
+        CLP_START_MUTUAL_EXCLUSION, {"-y", 1, CLP_ALIAS_FLAG}, CLP_END_MUTUAL_EXCLUSION, {"-x", 1, 0}, {nullptr, 0, 0}};
     const clp_flag_desc found[] = {
         CLP_START_MUTUAL_EXCLUSION, {"-x", 1, 0}, CLP_END_MUTUAL_EXCLUSION, {"-y", 1, CLP_ALIAS_FLAG}, {nullptr, 0, 0}};
     char word[] = "-a";
@@ -261,6 +263,7 @@ TEST(ClpDeathTest, MisuseEndsTheProcess)
     EXPECT_DEATH(make(nested), "cannot have nested CLP_START_MUTUAL_EXCLUSIONs");
     EXPECT_DEATH(clp_switch_flags(hdl, unopened, STG_AREA_NULL), "END_MUTUAL_EXCLUSION without matching CLP_START");
     EXPECT_DEATH(make(before), "alias flag \"-y\" defined without");
+    EXPECT_DEATH(make(beyond), "alias flag \"-y\" defined without");
     clp_handle *made = make(found);
     EXPECT_NE(made, nullptr);
     clp_destroy_hdl(&made);
