@@ -59,6 +59,8 @@ TEST_F(DepotCommand, MayBeCutOff)
         {{"-dep", "nowhere", "l", "--depot", "depot"}, {"list"}},
         {{"--", "list"}, {"list"}},
         {{"l", "new.txt", "-s", "old.txt"}, {"list", "-short", "old.txt", "new.txt"}}};
+    EXPECT_EQ(run_program({VELDEPOT_PROGRAM, "list"}).err,
+              "veldepot: Error: No depot: give its directory with -d or in VELDEPOT_DIR.\n");
     setenv("VELDEPOT_DIR", "depot", 1);
     for (const auto &[abbreviated, whole] : cases) {
         SCOPED_TRACE(testing::PrintToString(abbreviated));
@@ -205,26 +207,6 @@ TEST_F(DepotCommand, ListsWhatIsAskedForInTheFormThatIsAskedFor)
         else
             unsetenv("VELM_ISO_DATE_FMT");
         EXPECT_EQ(good(one.words), one.out);
-    }
-}
-
-TEST_F(DepotCommand, ShowsEveryNameSafelyAndFindsItByPattern)
-{
-    const std::pair<std::string, std::string> names[] = {{" two  blanks ", " two  blanks "},
-                                                         {"\"q'", "\"q'"},
-                                                         {"*[x]?", "*[x]?"},
-                                                         {"-l", "-l"},
-                                                         {"\xff\xc3(", "\\377\\303("},
-                                                         {"a\\b\nc", "a\\134b\\012c"}};
-    for (const auto &[name, shown] : names) {
-        SCOPED_TRACE(shown);
-        put(name, "");
-        std::string pattern;
-        for (const char c : name)
-            pattern += std::string("\\") + c;
-        EXPECT_EQ(good({"list", "-fmt", "<%n>\\n", "--", pattern}), "<" + name + ">\n");
-        EXPECT_EQ(good({"list", "-0", "--", name}), name + '\0');
-        EXPECT_EQ(good({"remove", "--", name}), "Removed \"" + shown + "\".\n");
     }
 }
 

@@ -28,7 +28,6 @@ using test::DepotTest;
 using test::entry_in_blocks;
 using test::first_part;
 using test::random_bytes;
-using test::run_program;
 using test::second_fields;
 using test::second_part;
 using test::user_name;
@@ -247,17 +246,6 @@ TEST_F(DepotTest, SaysWhatIsWrongAndGoesOn)
     EXPECT_EQ(warned.exit_status, 0);
     EXPECT_EQ(warned.err, "veldepot: Warning: \"README\" in the depot's directory is not part of the depot.\n");
     EXPECT_FALSE(std::filesystem::exists("nowhere"));
-}
-
-TEST_F(DepotTest, TakesItsDepotFromTheEnvironment)
-{
-    put("file", "1");
-    std::filesystem::rename("depot", "other");
-    const ChildResult none = run_program({VELDEPOT_PROGRAM, "list"});
-    EXPECT_EQ(none.err, "veldepot: Error: No depot: give its directory with -d or in VELDEPOT_DIR.\n");
-    setenv("VELDEPOT_DIR", "other", 1);
-    EXPECT_EQ(run_program({VELDEPOT_PROGRAM, "verify"}).out, "1 of 1 entries are sound.\n");
-    EXPECT_NE(run({"list"}).err.find("Unable to open depot \"depot\": No such file or directory\n"), std::string::npos);
 }
 
 TEST_F(DepotTest, AnInterruptLeavesNoHalfFile)

@@ -1,4 +1,4 @@
-// Storing and fetching under failing calls, noise and raises: the old or the new, whole, and nothing beside it.
+// Storing and fetching under failing calls and raises: the old or the new, whole, and nothing beside it.
 #include "depot.h"
 #include "depot_report.h"
 #include "harness/child.h"

@@ -158,16 +158,6 @@ TEST(FaultManager, Start)
 
 TEST(FaultManager, ExitAndNewStart)
 {
-    Operation("pfm_on_exit")
-        .setup([] {
-            pfm_init();
-            // Answered only by a signal-handler thread that has started.
-            pfm_signal_handler_chg_block_sig(SIG_BLOCK, SIGCHLD);
-            pfm_signal_handler_chg_block_sig(SIG_UNBLOCK, SIGCHLD);
-        })
-        .act([] { pfm_on_exit([](int, void *) {}, nullptr); })
-        .ends({{Call::allocation, no_entry}})
-        .sweep_first_use();
     static int exit_status;
     static int on_exit_status;
     Operation("pfm_on_exit, pfm_exit")
@@ -179,7 +169,7 @@ TEST(FaultManager, ExitAndNewStart)
             pfm_exit(7);
         })
         .gives([] { return exit_status == 7 && on_exit_status == 7; })
-        .ends({{Call::allocation, no_entry, true}})
+        .ends({{Call::allocation, no_entry}})
         .sweep_first_use();
 }
 
@@ -235,18 +225,6 @@ TEST(FaultManager, InterruptibleWait)
         .keeps([&] { return result == -1; })
         .notices()
         .sets_errno()
-        .sweep();
-    Operation("pfm_select_inhibited with a raise pending")
-        .setup([] { pfm_notify_vl_thread(4); })
-        .act([&] {
-            ++pfm_tls_get()->pfm_inh_count; // pfm_inhibit() would take the raise
-            result = pfm_select_inhibited(0, nullptr, nullptr, nullptr, nullptr);
-            --pfm_tls_get()->pfm_inh_count;
-        })
-        .gives([&](const Trial &trial) {
-            const int error = trial.failed(Call::select) ? trial.plan.answer : EINTR;
-            return result == -1 && trial.error == error && test::fault::take_raise() == 4;
-        })
         .sweep();
 }
 

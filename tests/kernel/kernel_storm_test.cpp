@@ -261,39 +261,46 @@ TEST(KernelStart, KeepsOutOfTheStandardDescriptors)
     });
 }
 
-TEST(KernelWait, GoesOnWithAChannelThatNoSetHolds)
+// With a channel that sets hold, and with one that none does.
+void wait_with_channel_above(int fd)
 {
-    test::in_child([] {
-        rlimit limit{};
-        (void)getrlimit(RLIMIT_NOFILE, &limit);
-        if (limit.rlim_max <= KS_FD_MAX + 8) {
-            std::puts("the hard limit of descriptors is too low for this test");
-            return;
-        }
-        limit.rlim_cur = limit.rlim_max;
-        (void)setrlimit(RLIMIT_NOFILE, &limit);
-        int ends[2];
-        ASSERT_EQ(pipe(ends), 0);
-        while (dup(ends[0]) < KS_FD_MAX) {
-        }
-        pfm_init();
-        ASSERT_GT(pfm_get_notify_channel(), KS_FD_MAX);
-        ks_fd_set read_set;
-        ks_fd_zero(&read_set);
-        ks_fd_add(&read_set, ends[0]);
-        ks_fd_set write_set = read_set;
-        ks_fd_add(&write_set, ends[1]);
-        timeval now{};
-        ASSERT_EQ(write(ends[1], "x", 1), 1);
-        pfm_inhibit();
-        EXPECT_EQ(pfm_select_inhibited(ends[1] + 1, &read_set, &write_set, nullptr, &now), 2);
-        EXPECT_TRUE(ks_fd_has(&read_set, ends[0]) && !ks_fd_has(&write_set, ends[0]) && ks_fd_has(&write_set, ends[1]));
-        pfm_notify_vl_thread(7);
-        EXPECT_EQ(pfm_select_inhibited(0, nullptr, nullptr, nullptr, nullptr), -1);
-        EXPECT_EQ(errno, EINTR);
-        vlthread_reset_raise(nullptr);
-        pfm_enable();
-    });
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    while (dup(ends[0]) < fd) {
+    }
+    pfm_init();
+    ASSERT_GT(pfm_get_notify_channel(), fd);
+    ks_fd_set read_set;
+    ks_fd_zero(&read_set);
+    ks_fd_add(&read_set, ends[0]);
+    ks_fd_set write_set = read_set;
+    ks_fd_add(&write_set, ends[1]);
+    timeval now{};
+    ASSERT_EQ(write(ends[1], "x", 1), 1);
+    pfm_inhibit();
+    EXPECT_EQ(pfm_select_inhibited(ends[1] + 1, &read_set, &write_set, nullptr, &now), 2);
+    EXPECT_TRUE(ks_fd_has(&read_set, ends[0]) && !ks_fd_has(&write_set, ends[0]) && ks_fd_has(&write_set, ends[1]));
+    pfm_notify_vl_thread(7);
+    EXPECT_EQ(pfm_select_inhibited(0, nullptr, nullptr, nullptr, nullptr), -1);
+    EXPECT_EQ(errno, EINTR);
+    vlthread_reset_raise(nullptr);
+    EXPECT_EQ(pfm_select_inhibited(0, nullptr, nullptr, nullptr, &now), 0); // the channel is empty again
+    pfm_enable();
+}
+
+TEST(KernelWait, IsInterruptedWhateverTheChannel)
+{
+    rlimit limit{};
+    (void)getrlimit(RLIMIT_NOFILE, &limit);
+    for (const int fd : {3, KS_FD_MAX})
+        test::in_child([limit, fd] {
+            const rlimit most{limit.rlim_max, limit.rlim_max};
+            (void)setrlimit(RLIMIT_NOFILE, &most);
+            if (limit.rlim_max > KS_FD_MAX + 8 || fd < KS_FD_MAX)
+                wait_with_channel_above(fd);
+            else
+                std::puts("the hard limit of descriptors is too low for this test");
+        });
 }
 
 [[noreturn]] void *end_by_exit(void *)

@@ -92,32 +92,6 @@ TEST(PfmMisuse, EndsTheProcess)
     });
 }
 
-TEST(PfmSelect, IsInterruptedByANotification)
-{
-    test::in_child([] {
-        int flushed = -1;
-        EXPECT_EQ(ks::protect([&] {
-                      pfm_inhibit();
-                      ks_fd_set fds;
-                      ks_fd_zero(&fds);
-                      pfm_notify_vl_thread(4); // before the wait
-                      EXPECT_EQ(pfm_select_inhibited(0, &fds, nullptr, nullptr, nullptr), -1);
-                      EXPECT_EQ(errno, EINTR);
-                      errno = 0;
-                      std::thread notifier(pfm_notify_vl_thread, 4);
-                      EXPECT_EQ(pfm_select_inhibited(0, nullptr, nullptr, nullptr, nullptr), -1);
-                      EXPECT_EQ(errno, EINTR);
-                      notifier.join();
-                      timeval now{};
-                      flushed = pfm_select_inhibited(0, nullptr, nullptr, nullptr, &now);
-                      pfm_enable();
-                      ADD_FAILURE() << "not taken by the enable";
-                  }),
-                  4);
-        EXPECT_EQ(flushed, 0);
-    });
-}
-
 // Few entries and more than are copied on the stack; inhibited twice, which no select may be.
 TEST(PfmPoll, IsPollUntilANotificationArrives)
 {

@@ -20,29 +20,27 @@ namespace {
 
 TEST(KsSystemInit, StartsOnceAndAttachesTheCaller)
 {
-    const auto result = test::run_child([] {
+    test::in_child([] {
         umask(0051);
-        if (ks_initialized() != 0 || ks_system_init() != 1 || !vlthread_equal(vlthread_attached_tid(), vlthread_self()))
-            return 1;
+        EXPECT_EQ(ks_initialized(), 0U);
+        EXPECT_EQ(ks_system_init(), 1U);
+        EXPECT_EQ(vlthread_attached_tid(), vlthread_self());
         umask(0);
-        if (pfm_proc() != PFM_PROCESS_ORDINARY || sysutl_get_umask() != 0051)
-            return 2;
-        if (ks_system_init() != 0 || !vlthread_equal(vlthread_attached_tid(), vlthread_self()))
-            return 3;
+        EXPECT_EQ(pfm_proc(), PFM_PROCESS_ORDINARY);
+        EXPECT_EQ(sysutl_get_umask(), 0051U);
         // Inside the critical section it only passes through.
         vlthread_enter_critical_section();
-        if (ks_system_init() != 0 || pfm_inhibit_count() != 1)
-            return 4;
+        EXPECT_EQ(ks_system_init(), 0U);
+        EXPECT_EQ(pfm_inhibit_count(), 1);
         vlthread_leave_critical_section();
         // Another thread takes the attachment over; any thread's block tells that the library is in use.
-        bool is_right = false;
-        std::thread([&is_right] {
-            is_right = ks_system_init() == 0 && vlthread_equal(vlthread_attached_tid(), vlthread_self()) &&
-                       ks_tls_get() != nullptr;
+        std::thread([] {
+            EXPECT_EQ(ks_system_init(), 0U);
+            EXPECT_EQ(vlthread_attached_tid(), vlthread_self());
+            EXPECT_NE(ks_tls_get(), nullptr);
         }).join();
-        return is_right && ks_initialized() != 0 ? 0 : 5;
+        EXPECT_NE(ks_initialized(), 0U);
     });
-    EXPECT_EQ(result.exit_status, 0) << result.err;
 }
 
 TEST(KsSystemInit, UsersLocaleUnlessTheProgramChoseOne)

@@ -90,28 +90,6 @@ TEST(Exports, AreWhatTheHeadersDeclare)
     EXPECT_EQ(exported_names(KORVAKS_EZRPC), ezrpc);
 }
 
-TEST(Exports, BelongToDocumentedFamilies)
-{
-    const auto page = meta::read_source("docs/architecture.md").text;
-    std::vector<std::string> families;
-    for (const auto &row : meta::table_below(page, "## What is exported"))
-        for (const auto &family : meta::quoted_words(row.at(0)))
-            families.push_back(family);
-    ASSERT_FALSE(families.empty());
-
-    std::set<std::string> met;
-    for (const auto &name : exported_names(KORVAKS_LIBRARY)) {
-        const auto family = std::find_if(families.begin(), families.end(),
-                                         [&](const auto &pattern) { return meta::matches(pattern, name); });
-        if (family == families.end())
-            ADD_FAILURE() << name << " belongs to no family of docs/architecture.md";
-        else
-            met.insert(*family);
-    }
-    for (const auto &family : families)
-        EXPECT_TRUE(met.contains(family)) << family << " has no member";
-}
-
 TEST(Exports, CarryTheVersion)
 {
     for (const auto &[name, version] : dynamic_symbols(KORVAKS_LIBRARY, Side::exported))

