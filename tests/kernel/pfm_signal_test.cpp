@@ -180,7 +180,7 @@ TEST(PfmStop, StopsAtOnceWhenNobodyInhibitsAndAgainAfterContinuing)
     }
 }
 
-std::atomic<bool> entered{false};
+std::atomic<int> enables{0};
 std::atomic<bool> passed{false};
 
 TEST(PfmStop, ThreadThatHoldsNothingWaitsForTheOthers)
@@ -189,19 +189,22 @@ TEST(PfmStop, ThreadThatHoldsNothingWaitsForTheOthers)
         pfm_inhibit(); // holds the stop back
         std::thread other([] {
             pfm_inhibit();
-            entered = true;
             while (!passed) { // until the stop is held, an enable goes straight on
+                ++enables;
                 pfm_enable();
                 pfm_inhibit();
-                passed = handled > 0;
             }
             pfm_enable();
         });
-        while (!entered)
+        while (enables == 0)
             std::this_thread::yield();
         ask_to_stop_and_wait();
+        usleep(10000);
+        const int at_stop = enables;
+        usleep(10000);
+        EXPECT_EQ(enables, at_stop);
         pfm_enable();
-        handled = 1;
+        passed = true;
         other.join();
     });
 }

@@ -213,6 +213,20 @@ TEST(Compress, AgreesWithTheModelOnShortData)
     }
 }
 
+// Matches of every length at every short distance.
+TEST(Compress, AgreesWithTheModelOnPeriods)
+{
+    for (std::size_t period = 1; period <= 40; ++period)
+        for (std::size_t size = period + 3; size <= period + 70; ++size) {
+            SCOPED_TRACE(period);
+            Bytes data;
+            while (data.size() < size)
+                data = std::move(data) + random_bytes(period, 0, 256, 9);
+            data.resize(size);
+            expect_same_as_model(data + Bytes{1, 2, 3, 4});
+        }
+}
+
 // The window ends at 4096, heads and chains of positions beyond it are stepped over, and positions
 // grow past 16 bits.
 TEST(Compress, AgreesWithTheModelAcrossTheWindow)
