@@ -2,11 +2,7 @@
 #include <korvaks/cl.h>
 #include <korvaks/stg.h>
 
-#include <gtest/gtest.h>
-
 #include <clocale>
-#include <string>
-#include <vector>
 
 #include "harness/child.h"
 

@@ -2,20 +2,15 @@
 #include <korvaks/clp.h>
 #include <korvaks/imsg.h>
 
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <cctype>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
-#include <functional>
 #include <memory>
 #include <sstream>
-#include <string>
 #include <string_view>
 #include <thread>
-#include <vector>
 
 #include <fcntl.h>
 #include <sys/resource.h>

@@ -2,16 +2,10 @@
 #include <korvaks/clp.h>
 #include <korvaks/imsg.h>
 
-#include <gtest/gtest.h>
-
 #include <cstdio>
 #include <cstdlib>
-#include <functional>
-#include <iterator>
-#include <string>
 #include <thread>
 #include <utility>
-#include <vector>
 
 #include "harness/child.h"
 

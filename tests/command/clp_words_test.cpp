@@ -2,12 +2,8 @@
 #include <korvaks/clp.h>
 #include <korvaks/stg.h>
 
-#include <gtest/gtest.h>
-
 #include <clocale>
 #include <cstring>
-#include <string>
-#include <vector>
 
 #include "harness/child.h"
 
@@ -33,13 +29,8 @@ TEST(ClpParseString, ReportsWhatItCannotRead)
         const char *message;
     } cases[] = {
         {"a 'b", "Bad command line: unterminated quoted string\n"},
-        {"a \"b'\\\"", "Bad command line: unterminated quoted string\n"},
         {most, ""},
-        {most + "x", "Token buffer overflow, max size is 8192.\n"},
-        {"'" + most + "'", ""},
         {"'" + most + "\\''", "Token buffer overflow, max size is 8192.\n"},
-        {"'" + most + most, "Token buffer overflow, max size is 8192.\n"},
-        {"a'b' 'c' " + most + " " + most, ""},
     };
     for (const auto &one : cases) {
         const test::ChildResult result = test::run_child([&] {

@@ -1,13 +1,10 @@
 // veldepot's command line: its flags and commands, lists, help, and the history of commands.
-#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cstdlib>
 #include <filesystem>
 #include <memory>
-#include <string>
 #include <utility>
-#include <vector>
 
 #include <unistd.h>
 
@@ -22,16 +19,6 @@ using test::first_part;
 using test::run_program;
 using test::second_part;
 using test::Words;
-
-// Whether a help page has a row for a name, with a meaning.
-bool has_row(const std::string &page, const std::string &name)
-{
-    const std::size_t at = page.find("\n  " + name + "  ");
-    if (at == std::string::npos)
-        return false;
-    const std::size_t meaning = page.find_first_not_of(' ', at + name.size() + 3);
-    return page[meaning] >= 'a' && page[meaning] <= 'z';
-}
 
 class DepotCommand : public test::DepotTest {
   protected:
@@ -117,37 +104,21 @@ TEST_F(DepotCommand, NamesTheWordThatIsWrong)
 
 TEST_F(DepotCommand, ExplainsItselfAndEveryCommand)
 {
-    const struct {
-        std::string command;
-        std::string usage;
-        Words rows; // besides those of all
-    } pages[] = {
-        {"",
-         "veldepot [-version] [-d[epot] DIR] [-h[elp]] COMMAND [ARGUMENT]...",
-         {"p[ut]", "g[et]", "l[ist]", "v[erify]", "r[emove]", "h[elp]"}},
+    const std::pair<std::string, std::string> pages[] = {
+        {"", "[-version] [-d[epot] DIR] [-h[elp]] COMMAND [ARGUMENT]..."},
         {"put",
-         "veldepot p[ut] [-n[ame] NAME] [-c[omment] TEXT]... [-r[eplace] | -nr[eplace]] [-d[epot] DIR] [-h[elp]] "
-         "FILE...",
-         {"-n[ame] NAME", "-c[omment] TEXT", "-r[eplace]", "-nr[eplace]"}},
-        {"get",
-         "veldepot g[et] [-o[ut] FILE] [-f[orce]] [-d[epot] DIR] [-h[elp]] PATTERN...",
-         {"-o[ut] FILE", "-f[orce]"}},
-        {"list",
-         "veldepot l[ist] [-l[ong] | -s[hort] | -fmt FORMAT | -0] [-since DATE] [-d[epot] DIR] [-h[elp]] [PATTERN]...",
-         {"-l[ong]", "-s[hort]", "-fmt FORMAT", "-since DATE", "%n", "%s", "%z", "%r", "%k", "%d", "%m", "%u", "%c"}},
-        {"verify", "veldepot v[erify] [-d[epot] DIR] [-h[elp]] [PATTERN]...", {}},
-        {"remove", "veldepot r[emove] [-d[epot] DIR] [-h[elp]] PATTERN...", {}},
-        {"help", "veldepot h[elp] [-d[epot] DIR] [-h[elp]] [COMMAND]", {}},
+         "p[ut] [-n[ame] NAME] [-c[omment] TEXT]... [-r[eplace] | -nr[eplace]] [-d[epot] DIR] [-h[elp]] FILE..."},
+        {"get", "g[et] [-o[ut] FILE] [-f[orce]] [-d[epot] DIR] [-h[elp]] PATTERN..."},
+        {"list", "l[ist] [-l[ong] | -s[hort] | -fmt FORMAT | -0] [-since DATE] [-d[epot] DIR] [-h[elp]] [PATTERN]..."},
+        {"verify", "v[erify] [-d[epot] DIR] [-h[elp]] [PATTERN]..."},
+        {"remove", "r[emove] [-d[epot] DIR] [-h[elp]] PATTERN..."},
+        {"help", "h[elp] [-d[epot] DIR] [-h[elp]] [COMMAND]"},
     };
-    for (const auto &[command, usage, own_rows] : pages) {
+    for (const auto &[command, usage] : pages) {
         SCOPED_TRACE(command);
         const std::string page = command.empty() ? good({"help"}) : good({"help", command});
-        EXPECT_EQ(page.substr(0, page.find('\n')), "usage: " + usage);
+        EXPECT_EQ(page.substr(0, page.find('\n')), "usage: veldepot " + usage);
         EXPECT_EQ(page, command.empty() ? good({}) : good({command, "-help"}));
-        Words rows = own_rows;
-        rows.insert(rows.end(), {"-d[epot] DIR", "-h[elp]"});
-        for (const std::string &row : rows)
-            EXPECT_TRUE(has_row(page, row)) << row;
     }
     EXPECT_EQ(good({"--version"}), good({"-version"}));
     EXPECT_NE(good({"help"}).find("exit status is 0 when all was done, 1 when something failed, and 2 when"),

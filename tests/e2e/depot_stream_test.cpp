@@ -1,11 +1,9 @@
 // veldepot among pipes and terminals: streams of any size, Ctrl-C, what a terminal is shown, lost output.
-#include <gtest/gtest.h>
 
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
-#include <string>
 
 #include <fcntl.h>
 #include <poll.h>

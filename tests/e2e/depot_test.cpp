@@ -1,17 +1,11 @@
 // veldepot's depots: what it keeps, and what nothing that happens to it may damage.
-#include <gtest/gtest.h>
 
-#include <algorithm>
 #include <chrono>
 #include <csignal>
-#include <cstdint>
 #include <filesystem>
-#include <memory>
 #include <random>
-#include <string>
 #include <thread>
 #include <utility>
-#include <vector>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -22,7 +16,6 @@
 namespace {
 
 using test::abc_block;
-using test::big_endian;
 using test::ChildResult;
 using test::DepotTest;
 using test::entry_in_blocks;
@@ -31,7 +24,6 @@ using test::random_bytes;
 using test::second_fields;
 using test::second_part;
 using test::user_name;
-using test::with_checksum;
 using test::Words;
 
 TEST_F(DepotTest, KeepsFilesWithTheirNamesContentsAndTimes)
@@ -103,52 +95,6 @@ TEST_F(DepotTest, ReadsEntriesOfTheOlderVersions)
     ASSERT_EQ(stat("fetched", &status), 0);
     EXPECT_EQ(status.st_mtim.tv_sec, 1234567890);
     EXPECT_EQ(good({"list", "-fmt", "%d %m %u '%c'"}), "2009-02-14T00:31:30+01:00 2009-02-14T00:31:30+01:00 - ''");
-}
-
-TEST_F(DepotTest, RefusesHeadersThatNoPutWrites)
-{
-    const timespec time = {1, 2};
-    const std::string first = first_part(2, time);
-    const std::string fields = big_endian(1, 8) + big_endian(2, 4);
-    const auto lengths = [](std::size_t owner, std::size_t comment) {
-        return big_endian(owner, 2) + big_endian(comment, 2);
-    };
-    const std::string damaged = " is damaged: its header does not match its checksum.\n";
-    const std::string cut = " is damaged: it has lost or gained bytes.\n";
-    const struct {
-        std::string bytes;
-        std::string error; // "": none
-    } cases[] = {
-        {first + second_part(time, std::string(255, 'o'), std::string(1023, 'c')) + abc_block, ""},
-        {first_part(4, time) + second_part(time, "", "") + abc_block, " was written by a newer program.\n"},
-        {entry_in_blocks(time, fields + lengths(0, 0) + "\1\377"), ""},
-        {entry_in_blocks(time, fields + lengths(0, 0) + "\2" + '\0'), damaged},
-        {entry_in_blocks(time, fields + lengths(0, 0) + "\1\377", "abc", (1 << 20) + 1), damaged},
-        {first_part(1, time, 3, 4) + "abcd", damaged},
-        {first_part(0, time) + abc_block, " was written by a newer program.\n"},
-        {first_part(1, {1, 1000000000}) + abc_block, damaged},
-        {first + second_part({1, 1000000000}, "", "") + abc_block, damaged},
-        {first + second_part(time, std::string(256, 'o'), "") + abc_block, damaged},
-        {first + second_part(time, "", std::string(1024, 'c')) + abc_block, damaged},
-        {first + second_part(time, "", std::string(1, '\0')) + abc_block, damaged},
-        {first + with_checksum(fields + lengths(0xffff, 0xffff)) + abc_block, damaged},
-        {first + second_part(time, "o", "c") + abc_block.substr(1), cut},
-        {first_part(1, time) + second_part(time, "o", "c") + abc_block, cut},
-    };
-    for (std::size_t i = 0; i < std::size(cases); ++i) {
-        SCOPED_TRACE(i);
-        put_entry_file("e", cases[i].bytes);
-        const ChildResult result = run({"verify", "e"});
-        EXPECT_EQ(result.exit_status, cases[i].error.empty() ? 0 : 1);
-        EXPECT_EQ(result.err, cases[i].error.empty() ? "" : "veldepot: Error: Entry \"e\"" + cases[i].error);
-        EXPECT_EQ(run({"list", "-s"}).out, cases[i].error.empty() ? "e\n" : "");
-    }
-    const std::string no_block = entry_in_blocks(time, fields + lengths(0, 0) + "\1\377", "ab");
-    for (const std::string &bytes : {no_block, no_block.substr(0, no_block.size() - 2) + "xb"}) {
-        put_entry_file("e", bytes);
-        EXPECT_EQ(run({"get", "e", "-o", "-"}).out, "");
-        EXPECT_NE(run({"verify"}).err.find("Entry \"e\" is damaged: its "), std::string::npos);
-    }
 }
 
 TEST_F(DepotTest, ListsInColumnsAndInOrder)

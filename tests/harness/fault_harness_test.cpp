@@ -4,13 +4,11 @@
 #include <korvaks/pfm.h>
 
 #include <cstdlib>
-#include <string>
 
 #include <fcntl.h>
 #include <unistd.h>
 
 #include <gtest/gtest-spi.h>
-#include <gtest/gtest.h>
 
 namespace {
 

@@ -20,7 +20,6 @@
 #include <cstring>
 #include <new>
 #include <set>
-#include <string>
 #include <string_view>
 
 #include <fcntl.h>
@@ -30,8 +29,6 @@
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
-
-#include <gtest/gtest.h>
 
 namespace test::fault {
 

@@ -15,9 +15,12 @@
 #include <concepts>
 #include <cstdint>
 #include <functional>
+#include <string>
 #include <type_traits>
 #include <utility>
 #include <vector>
+
+#include <gtest/gtest.h>
 
 namespace test::fault {
 

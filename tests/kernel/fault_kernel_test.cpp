@@ -2,7 +2,6 @@
 #include "harness/fault_sweep.h"
 
 #include "kernel/ks_guard.h"
-#include "kernel/ks_locks.h"
 
 #include <korvaks/ks_product.h>
 #include <korvaks/pfm.h>
@@ -20,8 +19,6 @@
 #include <sched.h>
 #include <sys/wait.h>
 #include <unistd.h>
-
-#include <gtest/gtest.h>
 
 namespace {
 

@@ -8,8 +8,6 @@
 #include <cerrno>
 #include <cstring>
 
-#include <gtest/gtest.h>
-
 namespace {
 
 using test::fault::Call;

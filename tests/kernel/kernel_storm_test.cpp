@@ -10,14 +10,10 @@
 #include <korvaks/stg.h>
 #include <korvaks/vlthread.h>
 
-#include <gtest/gtest.h>
-
 #include <atomic>
 #include <csignal>
 #include <cstdlib>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include <fcntl.h>
 #include <sys/ioctl.h>

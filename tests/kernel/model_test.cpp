@@ -15,8 +15,6 @@
 #include <korvaks/tls_impl.h>
 #include <korvaks/vlthread.h>
 
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <array>
 #include <atomic>
@@ -24,12 +22,9 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <functional>
 #include <memory>
 #include <random>
-#include <string>
 #include <type_traits>
-#include <vector>
 
 #include <semaphore.h>
 #include <unistd.h>

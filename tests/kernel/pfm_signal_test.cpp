@@ -6,14 +6,10 @@
 #include <korvaks/pfm.h>
 #include <korvaks/vlthread.h>
 
-#include <gtest/gtest.h>
-
 #include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <cstring>
-#include <functional>
-#include <string>
 #include <thread>
 
 #include <sys/wait.h>

@@ -7,14 +7,11 @@
 #include <korvaks/pfm.h>
 #include <korvaks/vlthread.h>
 
-#include <gtest/gtest.h>
-
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <thread>
-#include <vector>
 
 #include <unistd.h>
 

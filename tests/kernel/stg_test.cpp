@@ -5,17 +5,13 @@
 
 #include <korvaks/stg.h>
 
-#include <gtest/gtest.h>
-
 #include <atomic>
 #include <cerrno>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
-#include <functional>
 #include <thread>
 #include <utility>
-#include <vector>
 
 namespace {
 
@@ -159,17 +155,6 @@ TEST_F(StgArea, FillsFreshAndKeptChunks)
     EXPECT_TRUE(dump_of(area).sizes.empty());
     stg_free_area(area, 1); // nothing to keep
     EXPECT_TRUE(dump_of(area).sizes.empty());
-}
-
-TEST_F(StgArea, CopiesStringsAndStandsForTheHeap)
-{
-    stg_area *area = create(64);
-    EXPECT_EQ(stg_area_strdup(area, nullptr), nullptr);
-    EXPECT_STREQ(stg_area_strdup(area, "text"), "text");
-    void *block = stg_alloc(STG_AREA_HEAP, 10);
-    EXPECT_NE(block, nullptr);
-    stg_free(block);
-    stg_free(nullptr);
 }
 
 TEST_F(StgArea, HugeRequestsAreExhaustion)

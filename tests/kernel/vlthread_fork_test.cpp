@@ -8,11 +8,7 @@
 #include <korvaks/pfm.h>
 #include <korvaks/vlthread.h>
 
-#include <gtest/gtest.h>
-
 #include <csignal>
-#include <functional>
-#include <string>
 
 #include <unistd.h>
 

@@ -8,22 +8,15 @@
 #include "kernel/ks_locks.h"
 
 #include <korvaks/pfm.h>
-#include <korvaks/stg.h>
 #include <korvaks/tls_impl.h>
 #include <korvaks/vlthread.h>
-
-#include <gtest/gtest.h>
 
 #include <cerrno>
 #include <chrono>
 #include <csignal>
-#include <cstdint>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include <sys/time.h>
-#include <unistd.h>
 
 namespace {
 
@@ -205,22 +198,6 @@ TEST(VlthreadThreads, SleepGoesOnAfterInterruptions)
         EXPECT_GE(elapsed, 199ms);
         EXPECT_LT(elapsed, 5s);
     });
-}
-
-TEST(VlthreadTls, BlockHoldsItsAreaAndEndsWithIt)
-{
-    struct Block {
-        stg_area *area;
-        int values[10];
-    };
-    auto *block = static_cast<Block *>(vlthread_alloc_tls(sizeof(Block)));
-    ASSERT_NE(block, nullptr);
-    ASSERT_NE(block->area, nullptr);
-    for (const int value : block->values)
-        EXPECT_EQ(value, 0);
-    EXPECT_NE(stg_alloc(block->area, 5000), nullptr); // more from the same area
-    vlthread_free_tls(block);
-    vlthread_free_tls(nullptr);
 }
 
 } // namespace

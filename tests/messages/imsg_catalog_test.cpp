@@ -4,16 +4,11 @@
 #include <korvaks/imsg.h>
 #include <korvaks/stg.h>
 
-#include <gtest/gtest.h>
-
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
-#include <functional>
 #include <sstream>
-#include <string>
-#include <vector>
 
 #include <fcntl.h>
 #include <nl_types.h>

@@ -5,13 +5,10 @@
 #include <korvaks/imsg_list.h>
 #include <korvaks/stg.h>
 
-#include <gtest/gtest.h>
-
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
 #include <cstring>
-#include <string>
 
 #include <sys/stat.h>
 #include <unistd.h>

@@ -3,12 +3,9 @@
 #include <korvaks/imsg.h>
 #include <korvaks/imsg_list.h>
 
-#include <gtest/gtest.h>
-
 #include <csignal>
 #include <cstdio>
 #include <cstring>
-#include <string>
 
 #include "harness/child.h"
 

@@ -4,16 +4,10 @@
 
 #include <korvaks/imsg.h>
 
-#include <gtest/gtest.h>
-
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
-#include <cstring>
-#include <functional>
-#include <string>
 
-#include <fcntl.h>
 #include <poll.h>
 #include <pty.h>
 #include <sys/ioctl.h>

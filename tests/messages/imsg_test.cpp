@@ -4,8 +4,6 @@
 
 #include <korvaks/imsg.h>
 
-#include <gtest/gtest.h>
-
 #include <atomic>
 #include <cerrno>
 #include <csignal>
@@ -15,9 +13,7 @@
 #include <map>
 #include <semaphore>
 #include <sstream>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include <sched.h>
 #include <sys/ioctl.h>

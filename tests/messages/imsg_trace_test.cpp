@@ -3,16 +3,12 @@
 
 #include <korvaks/imsg.h>
 
-#include <gtest/gtest.h>
-
 #include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
-#include <string>
 #include <thread>
 #include <utility>
-#include <vector>
 
 #include <malloc.h>
 

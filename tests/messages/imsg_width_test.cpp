@@ -3,11 +3,8 @@
 
 #include <korvaks/imsg.h>
 
-#include <gtest/gtest.h>
-
 #include <clocale>
 #include <cstdlib>
-#include <string>
 
 namespace {
 

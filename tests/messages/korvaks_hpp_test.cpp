@@ -6,10 +6,6 @@
 #include <cerrno>
 #include "harness/child.h"
 
-#include <string>
-
-#include <gtest/gtest.h>
-
 namespace {
 
 enum { msg_sum, msg_failed };

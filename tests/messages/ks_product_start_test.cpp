@@ -11,7 +11,6 @@
 #include <cstdlib>
 #include <thread>
 
-#include <gtest/gtest.h>
 #include <sys/stat.h>
 
 #include "harness/child.h"

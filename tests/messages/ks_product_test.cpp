@@ -8,9 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <string>
 
-#include <gtest/gtest.h>
 #include <sys/auxv.h>
 #include <unistd.h>
 

@@ -2,7 +2,6 @@
 #include <algorithm>
 #include <cstdlib>
 #include <map>
-#include <optional>
 #include <set>
 #include <sstream>
 

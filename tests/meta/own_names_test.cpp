@@ -2,8 +2,6 @@
 // on calling its own.
 #include <dlfcn.h>
 
-#include <gtest/gtest.h>
-
 #include <korvaks/list.h>
 #include <korvaks/llist.h>
 #include <korvaks/stack.h>

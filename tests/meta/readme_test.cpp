@@ -1,8 +1,6 @@
 // The README's commands and examples do what it says, in the order in which they stand there.
 #include <regex>
 
-#include <gtest/gtest.h>
-
 #include "meta/command.h"
 #include "meta/source_tree.h"
 #include "harness/child.h"

@@ -3,8 +3,6 @@
 #include <korvaks/pfm.h>
 #include <korvaks/stg.h>
 
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
@@ -13,8 +11,6 @@
 #include <deque>
 #include <map>
 #include <random>
-#include <string>
-#include <vector>
 
 #include <malloc.h>
 #include <sys/mman.h>

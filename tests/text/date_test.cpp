@@ -6,16 +6,11 @@
 #include <korvaks/date.h>
 #include <korvaks/stg.h>
 
-#include <gtest/gtest.h>
-
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
-#include <random>
-#include <string>
 #include <thread>
-#include <vector>
 
 namespace {
 

@@ -10,12 +10,9 @@
 
 #include <cerrno>
 #include <cstring>
-#include <string>
 
 #include <fcntl.h>
 #include <unistd.h>
-
-#include <gtest/gtest.h>
 
 namespace {
 

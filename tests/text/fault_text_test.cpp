@@ -3,7 +3,6 @@
 
 #include <korvaks/cl.h>
 #include <korvaks/evutl.h>
-#include <korvaks/imsg.h>
 #include <korvaks/ks_product.h>
 #include <korvaks/list.h>
 #include <korvaks/stg.h>
@@ -15,8 +14,6 @@
 #include <cwchar>
 
 #include <unistd.h>
-
-#include <gtest/gtest.h>
 
 namespace {
 

@@ -3,11 +3,8 @@
 #include <algorithm>
 #include <array>
 #include <random>
-#include <string>
-#include <vector>
 
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <unistd.h>
 
 #include "harness/child.h"

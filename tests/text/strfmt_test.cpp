@@ -4,13 +4,9 @@
 #include <korvaks/stg.h>
 #include <korvaks/strfmt.h>
 
-#include <gtest/gtest.h>
-
 #include <array>
 #include <cstdio>
-#include <cstring>
 #include <ctime>
-#include <string>
 
 #include "harness/child.h"
 #include "harness/locale.h"

@@ -10,7 +10,6 @@
 #include <random>
 #include <set>
 
-#include <gtest/gtest.h>
 #include <pthread.h>
 #include <pwd.h>
 #include <sys/stat.h>

@@ -14,10 +14,6 @@
 #include <map>
 #include <numeric>
 #include <random>
-#include <string>
-#include <vector>
-
-#include <gtest/gtest.h>
 
 namespace {
 

@@ -4,9 +4,6 @@
 #include <korvaks/list.h>
 
 #include <cstring>
-#include <vector>
-
-#include <gtest/gtest.h>
 
 namespace {
 

@@ -7,10 +7,6 @@
 #include <cerrno>
 #include <cstring>
 #include <cwchar>
-#include <string>
-#include <vector>
-
-#include <gtest/gtest.h>
 
 namespace {
 

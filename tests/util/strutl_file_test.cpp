@@ -9,11 +9,8 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <string>
 
 #include <unistd.h>
-
-#include <gtest/gtest.h>
 
 namespace {
 

@@ -8,10 +8,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <random>
-#include <string>
-#include <vector>
-
-#include <gtest/gtest.h>
 
 namespace {
 

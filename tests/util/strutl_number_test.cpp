@@ -3,8 +3,6 @@
 
 #include <cerrno>
 #include <climits>
-#include <cmath>
-#include <cstring>
 #include <string>
 #include <thread>
 

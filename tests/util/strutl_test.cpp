@@ -5,10 +5,6 @@
 #include "harness/locale.h"
 
 #include <cstring>
-#include <string>
-#include <vector>
-
-#include <gtest/gtest.h>
 
 namespace {
 
