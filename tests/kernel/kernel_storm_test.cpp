@@ -90,22 +90,6 @@ extern "C" void count_call(int)
 
 // Signals ------------------------------------------------------------------------------------------
 
-TEST(KernelSignals, AHandlerMayBePutBackWhileItsSignalArrives)
-{
-    for (const bool ignores : {false, true})
-        test::in_child([ignores] {
-            pfm_init();
-            for (int i = 0; i < 400; ++i) {
-                const pfm_signal_t old = pfm_signal(SIGCHLD, count_call);
-                const pid_t child = fork();
-                if (child == 0)
-                    _exit(0);
-                (void)waitpid(child, nullptr, 0);
-                (void)pfm_signal(SIGCHLD, ignores ? SIG_IGN : old);
-            }
-        });
-}
-
 extern "C" void inhibit_in_handler(int)
 {
     pfm_inhibit();

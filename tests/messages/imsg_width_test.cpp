@@ -138,17 +138,14 @@ TEST(ImsgTabSize, ComesFromTheEnvironmentOnce)
     for (const auto &[value, expected] :
          {std::pair{"4", 4}, {"0", 8}, {"x", 8}, {"-3", 8}, {"2147483647", 2147483647}}) {
         SCOPED_TRACE(value);
-        const auto result = test::run_child([value = value, expected = expected] {
-            bool is_right = true;
+        test::in_child([value = value, expected = expected] {
             for (const char *now : {value, "3"}) {
                 setenv("VELLUM_TAB_SIZE", now, 1);
                 int cols = 0;
                 imsg_detabify(0, "\t", -1, 0, nullptr, &cols, nullptr);
-                is_right = is_right && cols == expected;
+                EXPECT_EQ(cols, expected);
             }
-            return is_right ? 0 : 1;
         });
-        EXPECT_EQ(result.exit_status, 0);
     }
 }
 

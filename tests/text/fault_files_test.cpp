@@ -242,19 +242,6 @@ TEST_F(FaultFiles, SystemQuestions)
             .keeps([&] { return std::strcmp(name, "before") == 0; })
             .sets_errno()
             .sweep();
-    mode_t mask = 0;
-    int fds = 0;
-    Operation("sysutl_get_umask, sysutl_get_max_fds")
-        .act([&] {
-            mask = sysutl_get_umask();
-            fds = sysutl_get_max_fds();
-        })
-        .gives([&] {
-            const mode_t now = umask(0);
-            umask(now);
-            return mask == now && fds > 0;
-        })
-        .sweep_first_use();
 }
 
 } // namespace

@@ -86,6 +86,9 @@ TEST(WildMatch, Rules)
         EXPECT_EQ(matches(pattern, string, false), as_string) << pattern << " " << string;
         EXPECT_EQ(matches(pattern, string, true), as_path) << pattern << " " << string;
     }
+    const test::ScopedLocale utf8("C.UTF-8");
+    EXPECT_TRUE(matches("[\xC3\xA8\xC3\xA9]\xC3\xA9", "\xC3\xA9\xC3\xA9", true));
+    EXPECT_FALSE(matches("\xC3\xA9", "\xC3\xA8", true));
     EXPECT_EQ(wild_is_any_pat("\1\2"), 1);
     for (const char *other : {"", "\1", "\1\2\1\2", "\1\3", "*"})
         EXPECT_EQ(wild_is_any_pat(other), 0);
