@@ -276,17 +276,6 @@ TEST(ClSubcommand, GivesTheFirstNameThatMatches)
     EXPECT_EQ(cl_errno(scan), 0);
 }
 
-TEST(ClStrerror, NamesEveryNumber)
-{
-    const test::ChildResult result = test::run_child([] {
-        for (const int number : {0, 301, 302, 303, 304, 300, 305, 1, -1})
-            std::printf("%d '%s'\n", number, cl_strerror(number));
-    });
-    EXPECT_EQ(result.out, "0 ''\n301 'Out of memory'\n302 'Bad option'\n303 'Duplicate or conflicting option'\n"
-                          "304 'Bad argument'\n300 'Unknown error'\n305 'Unknown error'\n1 'Unknown error'\n"
-                          "-1 'Unknown error'\n");
-}
-
 TEST(ClMemory, AFailureAtAnyAllocationFreesEverything)
 {
     char name[] = "tool";

@@ -318,7 +318,7 @@ TEST(ImsgRedirect, AProcedureMayPrint)
     EXPECT_EQ(result.err, "noname: Warning: from the procedure\n");
 }
 
-// --- Names and the clock ---
+// --- Names ---
 
 TEST(ImsgAppName, IsWhatFollowsTheLastSlash)
 {
@@ -333,20 +333,6 @@ TEST(ImsgAppName, IsWhatFollowsTheLastSlash)
         printf(",%s", own); // a copy of the thread's own
     });
     EXPECT_EQ(result.out, "noname,veltool,veltool,,noname,noname");
-}
-
-TEST(ImsgClock, CallsTheProcedureWithItsArgument)
-{
-    const auto result = test::run_child([] {
-        int calls = 0;
-        imsg_clock();
-        imsg_set_clock_callback([](void *arg) { ++*static_cast<int *>(arg); }, &calls);
-        imsg_clock();
-        imsg_set_clock_callback(nullptr, nullptr);
-        imsg_clock();
-        return calls;
-    });
-    EXPECT_EQ(result.exit_status, 1);
 }
 
 } // namespace

@@ -194,63 +194,31 @@ Complaints files_without_folder(const LayersPage &page, const Files &files)
     return complaints;
 }
 
-Complaints unknown_includes(const Files &files)
+// Quoted includes name a folder; includes go down; private headers stay within their module, and what is installed
+// includes only what is; the platform's RPC comes through one header.
+Complaints wrong_includes(const LayersPage &page, const Files &files)
 {
     Complaints complaints;
     each_include(files, [&](const auto &file, const auto &include) {
-        const bool ours = include.spelled[0] == '"' || include.spelled.starts_with("<korvaks/");
-        if (ours && include.header == nullptr)
-            complaints.push_back(file.path + " includes " + include.spelled);
-    });
-    return complaints;
-}
-
-Complaints upward_includes(const LayersPage &page, const Files &files)
-{
-    Complaints complaints;
-    each_include(files, [&](const auto &file, const auto &include) {
-        if (include.header != nullptr &&
-            !may_use(folder_of(page, files, file), folder_of(page, files, *include.header)))
-            complaints.push_back(file.path + " includes " + include.spelled + " from above");
-    });
-    return complaints;
-}
-
-Complaints foreign_private_includes(const LayersPage &page, const Files &files)
-{
-    const std::string suffix = "_impl.h";
-    Complaints complaints;
-    each_include(files, [&](const auto &file, const auto &include) {
-        if (include.header == nullptr || !include.header->path.starts_with(library_root))
+        const auto complain = [&](bool is_wrong, const char *why) {
+            if (is_wrong)
+                complaints.push_back(file.path + " includes " + include.spelled + why);
+        };
+        const SourceFile *header = include.header;
+        const bool is_ours = include.spelled[0] == '"' || include.spelled.starts_with("<korvaks/");
+        complain(is_ours && header == nullptr, ", which no folder holds");
+        complain(include.spelled.starts_with("<rpc/") && file.path != "lib/ks/rpc/wire/rpc_platform.h", " itself");
+        if (header == nullptr)
             return;
-        const std::string header = include.header->name();
-        if (!header.ends_with(suffix) ||
-            is_excepted(page.includes, short_path(file.path), short_path(include.header->path)))
-            return;
-        if (!is_of_module(file.name(), header.substr(0, header.size() - suffix.size())))
-            complaints.push_back(file.path + " includes the private " + header);
-    });
-    return complaints;
-}
-
-Complaints installed_including_private(const Files &files)
-{
-    Complaints complaints;
-    each_include(files, [&](const auto &file, const auto &include) {
-        if (!file.path.starts_with("include/") || file.name() == "tls_impl.h" || include.header == nullptr)
-            return;
-        if (!include.header->path.starts_with("include/") || include.header->name() == "tls_impl.h")
-            complaints.push_back(file.path + " includes " + include.spelled);
-    });
-    return complaints;
-}
-
-Complaints stray_platform_rpc(const Files &files)
-{
-    Complaints complaints;
-    each_include(files, [&](const auto &file, const auto &include) {
-        if (include.spelled.starts_with("<rpc/") && file.path != "lib/ks/rpc/wire/rpc_platform.h")
-            complaints.push_back(file.path + " includes " + include.spelled);
+        complain(!may_use(folder_of(page, files, file), folder_of(page, files, *header)), " from above");
+        const std::string name = header->name();
+        const bool is_private = header->path.starts_with(library_root) && name.ends_with("_impl.h") &&
+                                !is_of_module(file.name(), name.substr(0, name.rfind("_impl.h")));
+        complain(is_private && !is_excepted(page.includes, short_path(file.path), short_path(header->path)),
+                 ", which is private");
+        const bool is_installed = file.path.starts_with("include/") && file.name() != "tls_impl.h";
+        complain(is_installed && (!header->path.starts_with("include/") || name == "tls_impl.h"),
+                 ", which is not installed");
     });
     return complaints;
 }
@@ -355,26 +323,14 @@ TEST(Layers, ThePageNamesOnlyWhatExistsAndGoesDown)
             << exception.from << " does not call " << exception.what;
 }
 
-TEST(Layers, IncludesGoDown)
+TEST(Layers, IncludesKeepTheRules)
 {
-    EXPECT_EQ(meta::lines_of(unknown_includes(library_files())), "");
-    EXPECT_EQ(meta::lines_of(upward_includes(layers_page(), library_files())), "");
+    EXPECT_EQ(meta::lines_of(wrong_includes(layers_page(), library_files())), "");
 }
 
 TEST(Layers, CallsGoDown)
 {
     EXPECT_EQ(meta::lines_of(upward_calls(layers_page(), library_symbols())), "");
-}
-
-TEST(Layers, PrivateHeadersStayPrivate)
-{
-    EXPECT_EQ(meta::lines_of(foreign_private_includes(layers_page(), library_files())), "");
-    EXPECT_EQ(meta::lines_of(installed_including_private(library_files())), "");
-}
-
-TEST(Layers, PlatformRpcComesThroughOneHeader)
-{
-    EXPECT_EQ(meta::lines_of(stray_platform_rpc(library_files())), "");
 }
 
 // The page draws the locks in the order of the table that makes them.

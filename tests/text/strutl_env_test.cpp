@@ -3,7 +3,7 @@
 #include <korvaks/pfm.h>
 #include <korvaks/strutl.h>
 
-#include "harness/child.h"
+#include "harness/locale.h"
 
 #include <atomic>
 #include <cerrno>
@@ -27,11 +27,14 @@ TEST(StrutlExpand, IteratesUpToALimit)
         {"$V5", 0, "end"},
         {"$V4", 0, invalid},
         {"$ONE", -1, invalid},
+        {"$\xC3\xA9t\xC3\xA9.", 0, "summer."}, // letters of the locale
         // Each pass takes one level of backslashes, also from what a variable brought in.
         {"$ESCAPED", 0, "\\$ONE"},
         {"\\\\x", 0, "\\x"},
     };
     test::in_child([&] {
+        const test::ScopedLocale locale("C.UTF-8");
+        setenv("\xC3\xA9t\xC3\xA9", "summer", 1);
         setenv("A", "$B", 1);
         setenv("B", "$A", 1);
         for (int i = 1; i < 12; ++i)
