@@ -63,6 +63,9 @@ TEST(VlthreadFork, ChildHandlesSignalsOfItsOwn)
         test::in_child([kind] {
             start();
             fork_and_check(kind, [kind] {
+                sigset_t blocked;
+                pthread_sigmask(SIG_SETMASK, nullptr, &blocked);
+                EXPECT_EQ(sigismember(&blocked, SIGTERM), kind >= VLTHREAD_FORK_CONTINUE ? 1 : 0);
                 EXPECT_EQ(test::thread_count(),
                           kind >= VLTHREAD_FORK_CONTINUE ? 2 : 1); // with or without a signal-handler thread
                 EXPECT_EQ(ks::protect([] {
