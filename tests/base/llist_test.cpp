@@ -3,10 +3,6 @@
 
 #include <korvaks/llist.h>
 
-#include <gtest/gtest.h>
-
-#include <string>
-
 namespace {
 
 struct Item {

@@ -2,11 +2,7 @@
 #include <korvaks/cl.h>
 #include <korvaks/stg.h>
 
-#include <gtest/gtest.h>
-
 #include <clocale>
-#include <string>
-#include <vector>
 
 #include "harness/child.h"
 
@@ -121,41 +117,28 @@ TEST(ClParseArgv, CopiesTheWordsAndSkipsTheCommandName)
 {
     char name[] = "tool";
     char word[] = "file";
-    char empty[] = "";
-    char *argv[] = {name, word, empty, nullptr};
-    int err = -1;
-    const Scan scan(cl_parse_argv(3, argv, &err));
-    EXPECT_EQ(err, 0);
-    word[0] = 'X';
-    EXPECT_EQ(all_args(scan), (Words{"file", ""}));
-    EXPECT_EQ(cl_getopt(scan, "x"), 0);
-}
-
-TEST(ClParseArgv, TakesFewerWordsThanACommandHas)
-{
-    char name[] = "tool";
-    char *argv[] = {name, nullptr};
-    for (const int argc : {0, 1}) {
+    char *argv[] = {name, word, nullptr};
+    for (const int argc : {0, 1, 2}) {
         SCOPED_TRACE(argc);
         int err = -1;
+        word[0] = 'f';
         const Scan scan(cl_parse_argv(argc, argv, &err));
-        EXPECT_EQ(run(scan, "x", "olan"), (Words{"end", "end", "none", "none"}));
+        word[0] = 'X';
+        EXPECT_EQ(run(scan, "x", "olan"), (Words{"end", "end", argc == 2 ? "arg:file" : "none", "none"}));
         cl_setoffset(scan, 0);
-        EXPECT_EQ(all_args(scan), argc == 0 ? Words{} : Words{"tool"});
+        EXPECT_EQ(all_args(scan).size(), static_cast<std::size_t>(argc));
     }
 }
 
 TEST(ClParseLine, KeepsMultibyteCharactersWhole)
 {
-    const test::ChildResult result = test::run_child([] {
-        if (std::setlocale(LC_ALL, "C.UTF-8") == nullptr)
-            return 2;
+    test::in_child([] {
+        EXPECT_NE(std::setlocale(LC_ALL, "C.UTF-8"), nullptr);
         // The ideographic blank separates words though none of its bytes is a blank; a broken
         // sequence at the end is not read past.
         const Words expected{"\u00e9", "\u65e5\u672c \u8a9e", "a", "b", "\u00e9\xe3\x80"};
-        return split("\u00e9 '\u65e5\u672c \u8a9e' a\u3000b \\\u00e9\xe3\x80") == expected ? 0 : 1;
+        EXPECT_EQ(split("\u00e9 '\u65e5\u672c \u8a9e' a\u3000b \\\u00e9\xe3\x80"), expected);
     });
-    EXPECT_EQ(result.exit_status, 0) << result.err;
 }
 
 TEST(ClGetopt, ScansWordsOfOptions)
@@ -168,25 +151,20 @@ TEST(ClGetopt, ScansWordsOfOptions)
     } cases[] = {
         {{"-ab", "file"}, "ab", "oaoaa", {"a", "?304,,-ab", "b", "arg:file", "none"}},
         {{"-a", "-b"}, "[ab]c", "ooo", {"a", "?303,b,-b", "end"}},
-        {{"-a", "-a"}, "[a]", "oo", {"a", "?303,a,-a"}},
-        {{"-c", "-c"}, "[ab]c", "ooo", {"c", "c", "end"}},
         {{"-acb"}, "c[a:b]", "ooo", {"a", "c", "?303,b,-acb"}},
         {{"-a", "-b"}, "[a][b]", "oo", {"a", "b"}},
         {{"-a", "-c"}, "[ab c", "oo", {"a", "?303,c,-c"}}, // a group that is not closed
         {{"-x", "-a"}, "a", "ooo", {"?302,x,-x", "a", "end"}},
-        {{"-xa"}, "a", "oao", {"?302,x,-xa", "?304,,-xa", "a"}},
         {{"-:", "-[", "-]"}, "[a:]", "ooo", {"?302,:,-:", "?302,[,-[", "?302,],-]"}},
         {{"-d", "DIR", "-v"}, "d:v", "oaoo", {"d", "arg:DIR", "v", "end"}},
         {{"--", "-x"}, "x", "ooana", {"end", "end", "arg:-x", "none", "none"}},
         {{"-a", "--", "-x", "--"}, "ax", "ooaa", {"a", "end", "arg:-x", "arg:--"}},
         {{"---x", "-a-b", "-a-", "f"}, "abx", "oooooa", {"x", "a", "b", "a", "end", "arg:f"}},
-        {{"-", "f"}, "x", "oa", {"end", "arg:f"}},
         {{"-", "---", "-x", "-"}, "x", "oooa", {"x", "end", "end", "none"}},
         {{"-", "--", "-x"}, "x", "oa", {"end", "arg:-x"}},
         {{"-"}, "x", "a", {"arg:-"}},
         {{"", "-x"}, "x", "oaoo", {"end", "arg:", "x", "end"}},
         {{"f", "-x"}, "x", "onnao", {"end", "arg:f", "none", "arg:-x", "end"}},
-        {{"-ab"}, "ab", "ona", {"a", "none", "?304,,-ab"}},
         {{"-\xe9"}, "\xe9", "o", {"\xe9"}},
     };
     for (const auto &one : cases) {
@@ -257,20 +235,14 @@ TEST(ClMatch, AcceptsNamesCutOffBehindTheMark)
         {"che", "ch[eckout]", 1},
         {"ch", "ch[eckout]", 1},
         {"c", "ch[eckout]", 0},
-        {"CH", "ch[eckout]", 1},
         {"checkout", "CH[ECKOUT]", 1},
-        {"checkouts", "ch[eckout]", 0},
         {"checkout]", "ch[eckout]", 1},
-        {"chx", "ch[eckout]", 0},
         {"list", "list", 1},
-        {"lis", "list", 0},
         {"lists", "list", 0},
         {"", "", 1},
         {"", "[list]", 1},
-        {"", "l[ist]", 0},
         {"[x", "[x", 1},
         {"abc", "a[b[c]", 1},
-        {"a", "", 0},
     };
     for (const auto &one : cases) {
         SCOPED_TRACE(std::string(one.word) + " for " + one.name);
@@ -280,14 +252,12 @@ TEST(ClMatch, AcceptsNamesCutOffBehindTheMark)
 
 TEST(ClMatch, FoldsByTheLocale)
 {
-    const test::ChildResult result = test::run_child([] {
-        if (std::setlocale(LC_ALL, "C.UTF-8") == nullptr)
-            return 2;
-        const bool right = cl_match("\u00c9TA", "\u00e9[tat]") == 1 && cl_match("\u00e9", "\u00e8[tat]") == 0 &&
-                           cl_match("\u00e9t\u00c0", "\u00c9[T\u00e0]") == 1;
-        return right ? 0 : 1;
+    test::in_child([] {
+        EXPECT_NE(std::setlocale(LC_ALL, "C.UTF-8"), nullptr);
+        EXPECT_EQ(cl_match("\u00c9TA", "\u00e9[tat]"), 1);
+        EXPECT_EQ(cl_match("\u00e9", "\u00e8[tat]"), 0);
+        EXPECT_EQ(cl_match("\u00e9t\u00c0", "\u00c9[T\u00e0]"), 1);
     });
-    EXPECT_EQ(result.exit_status, 0) << result.err;
 }
 
 TEST(ClSubcommand, GivesTheFirstNameThatMatches)
@@ -304,18 +274,6 @@ TEST(ClSubcommand, GivesTheFirstNameThatMatches)
     EXPECT_EQ(cl_getopt(scan, "ab"), 'b');
     EXPECT_EQ(cl_get_subcommand(scan, 3, names), -1);
     EXPECT_EQ(cl_errno(scan), 0);
-}
-
-TEST(ClStrerror, NamesEveryNumber)
-{
-    const test::ChildResult result = test::run_child([] {
-        for (const int number : {0, 301, 302, 303, 304, 300, 305, 1, -1})
-            std::printf("%d '%s'\n", number, cl_strerror(number));
-        return 0;
-    });
-    EXPECT_EQ(result.out, "0 ''\n301 'Out of memory'\n302 'Bad option'\n303 'Duplicate or conflicting option'\n"
-                          "304 'Bad argument'\n300 'Unknown error'\n305 'Unknown error'\n1 'Unknown error'\n"
-                          "-1 'Unknown error'\n");
 }
 
 TEST(ClMemory, AFailureAtAnyAllocationFreesEverything)
@@ -356,9 +314,6 @@ TEST(ClHandleDeathTest, AWrongHandleEndsTheProcess)
     cl_handle *none = nullptr;
     const char *const message = "PFM_ASSERT:\\(clh->cl_magic == CL_MAGIC\\) failed: 'lib/ks/cl'";
     EXPECT_DEATH(cl_getopt(wrong, "x"), message);
-    EXPECT_DEATH(cl_getarg(wrong), message);
-    EXPECT_DEATH(cl_setoffset(wrong, 0), message);
-    EXPECT_DEATH(cl_estr(nullptr), message);
     EXPECT_DEATH(cl_destroy(&none), message);
     EXPECT_DEATH(cl_destroy(nullptr), message);
     int err = 0;

@@ -2,20 +2,15 @@
 #include <korvaks/clp.h>
 #include <korvaks/imsg.h>
 
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <cctype>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
-#include <functional>
 #include <memory>
 #include <sstream>
-#include <string>
 #include <string_view>
 #include <thread>
-#include <vector>
 
 #include <fcntl.h>
 #include <sys/resource.h>
@@ -172,13 +167,8 @@ TEST_F(ClpHistory, RecordsWhatIsCollected)
 
 TEST_F(ClpHistory, RecordsTheEndOfTheProductsTools)
 {
-    for (const auto &[name, is_logged] : {std::pair{"veltool", true},
-                                          {"spantool", true},
-                                          {"velmake", true},
-                                          {"velmaker", true},
-                                          {"veltools", false},
-                                          {"velmak", false},
-                                          {"xvelmake", false}}) {
+    for (const auto &[name, is_logged] :
+         {std::pair{"veltool", true}, {"velmake", true}, {"velmak", false}, {"xvelmake", false}}) {
         const std::string got = records_of([name = name] {
             imsg_set_app_name(name);
             timeval start;
@@ -302,16 +292,10 @@ TEST_F(ClpHistory, RecordsOfManyProcessesStayWhole)
         }));
     for (const auto &child : running)
         EXPECT_EQ(child->finish().exit_status, 0);
-    const std::string texts[] = {std::string(10, 'a'), std::string(710, 'b'), std::string(1410, 'c'),
-                                 std::string(2110, 'd')};
     int whole = 0;
     std::istringstream lines(log());
     for (std::string line; std::getline(lines, line); whole += line.empty() ? 0 : 1)
-        ASSERT_TRUE(line.empty() || std::any_of(std::begin(texts), std::end(texts),
-                                                [&](const std::string &text) {
-                                                    return line.size() > 23 &&
-                                                           line.substr(23) == " tag '" + text + "': ";
-                                                }))
+        EXPECT_TRUE(line.empty() || test::matches(line.substr(23), " tag '(a{10}|b{710}|c{1410}|d{2110})': "))
             << line.substr(0, 60);
     EXPECT_EQ(whole, writers * records);
 }

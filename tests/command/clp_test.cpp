@@ -2,16 +2,10 @@
 #include <korvaks/clp.h>
 #include <korvaks/imsg.h>
 
-#include <gtest/gtest.h>
-
 #include <cstdio>
 #include <cstdlib>
-#include <functional>
-#include <iterator>
-#include <string>
 #include <thread>
 #include <utility>
-#include <vector>
 
 #include "harness/child.h"
 
@@ -116,7 +110,6 @@ std::string output_of(const std::function<void()> &body)
     const test::ChildResult result = test::run_child([&] {
         take_messages();
         body();
-        return 0;
     });
     EXPECT_EQ(result.exit_status, 0);
     EXPECT_EQ(result.err, "");
@@ -247,6 +240,8 @@ TEST(ClpDeathTest, MisuseEndsTheProcess)
     const clp_flag_desc before[] = {
         {"-x", 1, 0}, CLP_START_MUTUAL_EXCLUSION, {"-y", 1, CLP_ALIAS_FLAG}, {nullptr, 0, 0}};
     const clp_flag_desc behind[] = {{"-y", 1, CLP_ALIAS_FLAG}, CLP_END_MUTUAL_EXCLUSION, {"-x", 1, 0}, {nullptr, 0, 0}};
+    const clp_flag_desc beyond[] = {
+        CLP_START_MUTUAL_EXCLUSION, {"-y", 1, CLP_ALIAS_FLAG}, CLP_END_MUTUAL_EXCLUSION, {"-x", 1, 0}, {nullptr, 0, 0}};
     const clp_flag_desc found[] = {
         CLP_START_MUTUAL_EXCLUSION, {"-x", 1, 0}, CLP_END_MUTUAL_EXCLUSION, {"-y", 1, CLP_ALIAS_FLAG}, {nullptr, 0, 0}};
     char word[] = "-a";
@@ -262,6 +257,7 @@ TEST(ClpDeathTest, MisuseEndsTheProcess)
     EXPECT_DEATH(make(nested), "cannot have nested CLP_START_MUTUAL_EXCLUSIONs");
     EXPECT_DEATH(clp_switch_flags(hdl, unopened, STG_AREA_NULL), "END_MUTUAL_EXCLUSION without matching CLP_START");
     EXPECT_DEATH(make(before), "alias flag \"-y\" defined without");
+    EXPECT_DEATH(make(beyond), "alias flag \"-y\" defined without");
     clp_handle *made = make(found);
     EXPECT_NE(made, nullptr);
     clp_destroy_hdl(&made);
@@ -323,7 +319,6 @@ TEST(ClpStack, StoresTenAndCountsTheRest)
         }).join();
         for (const std::string &text : got)
             std::printf("%s\n", text.c_str());
-        return 0;
     });
     EXPECT_EQ(result.out, "unchanged\nA:B:\nunchanged\nA:B:\nunchanged\n0:1:2:3:4:5:6:7:8:9:\nunchanged\n"
                           "0:1:2:3:4:5:6:7:8:\nthread \n");

@@ -8,12 +8,9 @@
 #include <cstdlib>
 #include <cstring>
 #include <sstream>
-#include <string>
 
 #include <sys/stat.h>
 #include <unistd.h>
-
-#include <gtest/gtest.h>
 
 namespace {
 

@@ -4,18 +4,13 @@
 
 #include <korvaks/fileutl.h>
 
-#include <gtest/gtest.h>
-
 #include <chrono>
 #include <cstdint>
 #include <cstdlib>
 #include <filesystem>
-#include <functional>
 #include <memory>
 #include <random>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include <pwd.h>
 #include <time.h>

@@ -1,11 +1,9 @@
 // veldepot among pipes and terminals: streams of any size, Ctrl-C, what a terminal is shown, lost output.
-#include <gtest/gtest.h>
 
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
-#include <string>
 
 #include <fcntl.h>
 #include <poll.h>
@@ -128,17 +126,6 @@ TEST_F(DepotStream, GoesThroughInLittleMemory)
     EXPECT_EQ(test::run_program({"/usr/bin/cmp", "big", "x"}).exit_status, 0);
 }
 
-TEST_F(DepotStream, NoMemoryIsNoDamage)
-{
-    put_entry_file("old", test::first_part(1, {1, 2}, 60 << 20, 60 << 20));
-    std::filesystem::resize_file("depot/old.vde", 52 + (60 << 20));
-    const ChildResult result = run({"verify"}, [] {
-        const rlimit memory = {64 << 20, 64 << 20};
-        setrlimit(RLIMIT_AS, &memory);
-    });
-    EXPECT_NE(result.err.find("veldepot: Error: Not enough memory for \"old\".\n"), std::string::npos) << result.err;
-    EXPECT_EQ(result.err.find("damaged"), std::string::npos);
-}
 #endif
 
 TEST_F(DepotStream, ATerminalIsShownNoNameThatPlaysTricks)

@@ -1,7 +1,6 @@
 // What a start costs: every user of every tool feels it, and no benchmark of a call shows it.
 #include <array>
 #include <cstdio>
-#include <string>
 
 #include <fcntl.h>
 #include <sys/ptrace.h>

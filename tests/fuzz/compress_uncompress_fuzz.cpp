@@ -3,8 +3,6 @@
 #include "harness/compress_model.h"
 
 #include <korvaks/compress.h>
-#include <korvaks/imsg.h>
-#include <korvaks/stg.h>
 
 #include <optional>
 
@@ -19,25 +17,18 @@ std::optional<Bytes> uncompress(const Bytes &block)
 {
     const auto copy = fuzz::exact_copy(block.data(), block.size());
     std::size_t length = 77;
-    unsigned char *data = compress_uncompress(block.size(), copy.get(), &length);
-    if (data == nullptr) {
-        FUZZ_REQUIRE(length == 0);
-        return std::nullopt;
-    }
-    Bytes made(data, data + length);
-    stg_free(data);
-    return made;
+    const fuzz::Given<unsigned char> data(compress_uncompress(block.size(), copy.get(), &length));
+    FUZZ_REQUIRE(data != nullptr || length == 0);
+    return data != nullptr ? std::optional(Bytes(data.get(), data.get() + length)) : std::nullopt;
 }
 
 void check_round_trip(const Bytes &data)
 {
     const auto copy = fuzz::exact_copy(data.data(), data.size());
     std::size_t size = 0;
-    unsigned char *packed = compress_compress(data.size(), copy.get(), &size);
+    const fuzz::Given<unsigned char> packed(compress_compress(data.size(), copy.get(), &size));
     FUZZ_REQUIRE(packed != nullptr && size <= data.size() + data.size() / 8 + 6);
-    Bytes block(packed, packed + size);
-    stg_free(packed);
-    FUZZ_REQUIRE(block[0] == 1 && declared_length(block) == data.size());
+    Bytes block(packed.get(), packed.get() + size);
     FUZZ_REQUIRE(uncompress(block) == data);
     FUZZ_REQUIRE(decode(block) == data);
     block.push_back('x'); // what follows is ignored
@@ -58,17 +49,17 @@ void check_hostile(const Bytes &block)
 
 } // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
+FUZZ_TARGET(input)
 {
-    // A block that is refused is reported each time.
-    imsg_redirect_output(IMSG_PROC_SUPPRESS, nullptr, IMSG_PROC_SUPPRESS, nullptr);
-    const Bytes bytes(data, data + size);
+    fuzz::suppress_messages();
+    const std::string text = input.take_rest();
+    const Bytes bytes(text.begin(), text.end());
     check_hostile(bytes);
-    if (size < 0x10000) { // a plausible header, so that the bits are read
-        Bytes block = {1, 0, 0, static_cast<unsigned char>(size >> 8), static_cast<unsigned char>(size)};
+    if (bytes.size() < 0x10000) { // a plausible header, so that the bits are read
+        Bytes block = {1, 0, 0, static_cast<unsigned char>(bytes.size() >> 8),
+                       static_cast<unsigned char>(bytes.size())};
         block.insert(block.end(), bytes.begin(), bytes.end());
         check_hostile(block);
     }
     check_round_trip(bytes);
-    return 0;
 }

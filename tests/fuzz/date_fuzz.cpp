@@ -3,13 +3,10 @@
 #include "fuzz/fuzz_support.h"
 
 #include <korvaks/date.h>
-#include <korvaks/stg.h>
 
 #include <algorithm>
-#include <cstdlib>
 #include <cstring>
 #include <ctime>
-#include <string>
 
 namespace {
 
@@ -18,22 +15,20 @@ constexpr const char *zones[] = {"Australia/Lord_Howe", "Europe/Berlin", "Americ
 // Any of the readers, with 0 as success. A refused text leaves the time as it was.
 template <typename Reader> bool read(Reader reader, const std::string &text, time_t &out)
 {
-    const auto copy = fuzz::exact_copy(text.c_str(), text.size() + 1);
+    const fuzz::ExactText copy(text);
     constexpr time_t untouched = -4711;
     out = untouched;
-    const int result = reader(copy.get(), &out);
-    FUZZ_REQUIRE(text == copy.get() && (result == 0 || (result == 1 && out == untouched)));
+    const int result = reader(copy, &out);
+    FUZZ_REQUIRE(result == 0 || (result == 1 && out == untouched));
     return result == 0;
 }
 
 // A token of either style; empty for times that have none.
 std::string token_of(time_t t, int style, int utc)
 {
-    char *token = date_fmt_token_general(t, 0, style, 0, utc, 0);
+    const fuzz::Given<char> token(date_fmt_token_general(t, 0, style, 0, utc, 0));
     FUZZ_REQUIRE((token == nullptr) == (t < 0));
-    const std::string text = token == nullptr ? "" : token;
-    stg_free(token);
-    return text;
+    return token == nullptr ? "" : token.get();
 }
 
 // Words for now change from call to call.
@@ -109,9 +104,8 @@ void check_numeric(const std::string &text, int form)
 
 } // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
+FUZZ_TARGET(input)
 {
-    fuzz::Input input(data, size);
     const int mode = input.take_byte();
     const std::string text = input.take_text();
     setenv("TZ", zones[mode % 4], 1);
@@ -119,5 +113,4 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
     check_traditional(text, mode / 4 % 3);
     setenv("TZ", "UTC", 1); // where no token is ambiguous
     check_numeric(text, mode / 12 % 9);
-    return 0;
 }

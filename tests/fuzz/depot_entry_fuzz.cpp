@@ -26,6 +26,8 @@ void unpack_file(const std::string &bytes)
         return;
     FUZZ_REQUIRE(header_bytes + entry.stored_length == bytes.size());
     FUZZ_REQUIRE(entry.owner.size() <= depot::owner_bytes_max && entry.permissions <= 0777);
+    FUZZ_REQUIRE(entry.stored.tv_nsec < 1000000000 && entry.changed.tv_nsec < 1000000000);
+    FUZZ_REQUIRE(entry.owner.find('\0') == entry.owner.npos && entry.comment.find('\0') == entry.comment.npos);
     transfer.source_name = "entry";
     transfer.source = memfd_create("entry", MFD_CLOEXEC);
     FUZZ_REQUIRE(write(transfer.source, bytes.data(), bytes.size()) == static_cast<ssize_t>(bytes.size()));
@@ -42,6 +44,7 @@ std::string with_header(fuzz::Input &input)
     entry.length = std::uint64_t{input.take_byte()} << 14;
     entry.checksum = input.take_byte();
     entry.permissions = input.take_byte();
+    entry.stored.tv_nsec = input.take_byte() << 23;
     const std::string comment = input.take_text().substr(0, depot::comment_bytes_max);
     entry.comment = comment;
     entry.stored_length = input.left();

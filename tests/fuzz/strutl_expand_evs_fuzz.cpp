@@ -3,7 +3,6 @@
 
 #include <korvaks/strutl.h>
 
-#include <algorithm>
 #include <cctype>
 #include <cerrno>
 

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <map>
 
 namespace {
 
@@ -27,22 +28,12 @@ Found find(const char *format, std::size_t start, std::size_t size, char *text)
 // The letters that a kind may end with.
 const char *letters_of(strutl_printf_kind kind)
 {
-    switch (kind) {
-    case strutl_printf_kind_percent:
-        return "%";
-    case strutl_printf_kind_pointer:
-        return "p";
-    case strutl_printf_kind_string:
-        return "s";
-    case strutl_printf_kind_double:
-        return "eEfgG";
-    case strutl_printf_kind_int:
-    case strutl_printf_kind_long:
-    case strutl_printf_kind_long_long:
-        return "di";
-    default:
-        return "ouxXc";
-    }
+    const std::map<strutl_printf_kind, const char *> letters = {
+        {strutl_printf_kind_percent, "%"},    {strutl_printf_kind_pointer, "p"}, {strutl_printf_kind_string, "s"},
+        {strutl_printf_kind_double, "eEfgG"}, {strutl_printf_kind_int, "di"},    {strutl_printf_kind_long, "di"},
+        {strutl_printf_kind_long_long, "di"}};
+    const auto found = letters.find(kind);
+    return found != letters.end() ? found->second : "ouxXc";
 }
 
 void check_directive(const std::string &format, std::size_t start, const Found &found, const std::string &text)

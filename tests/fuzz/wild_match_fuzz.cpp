@@ -5,6 +5,7 @@
 #include <korvaks/wild.h>
 
 #include <algorithm>
+#include <clocale>
 
 namespace {
 
@@ -13,13 +14,13 @@ constexpr std::size_t pattern_max = 24;
 constexpr std::size_t string_max = 16;
 constexpr long choices_max = 6;
 
-void check_against_model(const std::string &pattern, const std::string &string)
+void check_against_model(const std::string &pattern, const std::string &string, bool is_utf8)
 {
     const std::size_t size = 2 * pattern.size() + 5;
     const auto buf = fuzz::exact_room(size, 'x');
     int has_wild = -1;
     const int length = wild_compile_pattern(pattern.c_str(), size, buf.get(), &has_wild);
-    const auto items = test::wild::parse(pattern, false);
+    const auto items = test::wild::parse(pattern, is_utf8);
     FUZZ_REQUIRE(length == WILD_MALFORMED || (length > 0 && static_cast<std::size_t>(length) <= size - 4));
     FUZZ_REQUIRE((length > 0) == items.has_value());
     if (!items)
@@ -33,7 +34,7 @@ void check_against_model(const std::string &pattern, const std::string &string)
         return;
     const fuzz::ExactText text(string);
     for (const bool is_path : {false, true}) {
-        const bool expected = test::wild::Model(*items, string, is_path, false).matches();
+        const bool expected = test::wild::Model(*items, string, is_path, is_utf8).matches();
         FUZZ_REQUIRE((wild_match(buf.get(), text, is_path ? 1 : 0) != 0) == expected);
     }
 }
@@ -42,9 +43,15 @@ void check_against_model(const std::string &pattern, const std::string &string)
 
 FUZZ_TARGET(input)
 {
+    const bool is_utf8 = input.take_byte() % 2 == 1;
+    FUZZ_REQUIRE(std::setlocale(LC_ALL, is_utf8 ? "C.UTF-8" : "C") != nullptr);
     const std::string pattern = input.take_text();
     const std::string string = input.take_text();
-    check_against_model(pattern.substr(0, pattern_max), string.substr(0, string_max));
+    const auto is_modelled = [](char c) { return static_cast<signed char>(c) >= 0 || c == '\xC3' || c == '\xA9'; };
+    const bool is_known = std::all_of(pattern.begin(), pattern.end(), is_modelled) &&
+                          std::all_of(string.begin(), string.end(), is_modelled);
+    if (!is_utf8 || is_known)
+        check_against_model(pattern.substr(0, pattern_max), string.substr(0, string_max), is_utf8);
     for (const int is_path : {0, 1})
         (void)wild_match(fuzz::ExactText(pattern), fuzz::ExactText(string), is_path);
 }

@@ -18,8 +18,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <gtest/gtest.h>
-
 namespace test {
 
 // What failed in a child, in memory that it shares with its parent: it costs no descriptor and

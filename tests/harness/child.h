@@ -11,8 +11,11 @@
 #include <functional>
 #include <string>
 #include <type_traits>
+#include <vector>
 
 #include <sys/types.h>
+
+#include <gtest/gtest.h>
 
 namespace test {
 

@@ -6,7 +6,6 @@
 #include <unistd.h>
 
 #include <gtest/gtest-spi.h>
-#include <gtest/gtest.h>
 
 namespace {
 

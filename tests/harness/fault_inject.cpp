@@ -263,7 +263,6 @@ extern "C" {
 void *__libc_malloc(size_t size);
 void *__libc_calloc(size_t count, size_t size);
 void *__libc_realloc(void *block, size_t size);
-void *__libc_memalign(size_t alignment, size_t size);
 void __libc_free(void *block);
 }
 
@@ -306,25 +305,6 @@ FRONT(void *, realloc, void *old, size_t size)
     if (block == nullptr && size == 0)
         --blocks; // that was a free()
     return block;
-}
-
-FRONT(void *, memalign, size_t alignment, size_t size)
-{
-    return is_exhausted() ? nullptr : counted(__libc_memalign(alignment, size));
-}
-
-FRONT(void *, aligned_alloc, size_t alignment, size_t size)
-{
-    return is_exhausted() ? nullptr : counted(__libc_memalign(alignment, size));
-}
-
-FRONT(int, posix_memalign, void **out_block, size_t alignment, size_t size)
-{
-    void *block = is_exhausted() ? nullptr : counted(__libc_memalign(alignment, size));
-    if (block == nullptr)
-        return ENOMEM;
-    *out_block = block;
-    return 0;
 }
 
 FRONT(void, free, void *block)

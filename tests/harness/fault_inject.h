@@ -6,7 +6,7 @@
 // those that the plan names; a child that is forked in between goes on by the same plan and counts
 // in the same numbers. Outside it only counts blocks of memory.
 //
-//  - Memory: malloc(), calloc(), realloc() and the aligned forms, and so also what the C library
+//  - Memory: malloc(), calloc() and realloc(), and so also what the C library
 //    allocates for its caller. A sanitizer has an allocator of its own: there memory never fails
 //    and is not counted (can_fail_allocations()); everything else works the same.
 //  - System calls, as the program makes them. What the C library does inside its own calls cannot be

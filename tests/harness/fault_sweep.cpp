@@ -20,7 +20,6 @@
 #include <cstring>
 #include <new>
 #include <set>
-#include <string>
 #include <string_view>
 
 #include <fcntl.h>
@@ -30,8 +29,6 @@
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
-
-#include <gtest/gtest.h>
 
 namespace test::fault {
 
@@ -68,7 +65,6 @@ struct Record {
     bool fired = false;   // the run made last
     bool is_clean = true; // the run under way is undisturbed
     std::atomic<long> runs{0};
-    long points = 0;
     Seen seen;         // of the undisturbed run
     Leftover leftover; // of it, for a first use
     char report[2048]{};
@@ -83,20 +79,6 @@ struct Sweep {
     std::vector<End> ends{};
     std::vector<Family> families{};
 };
-
-long points_of_program = 0;
-long runs_of_program = 0;
-
-class Summary : public testing::Environment {
-  public:
-    void TearDown() override
-    {
-        std::printf("fault injection: %ld points covered, in %ld runs%s\n", points_of_program, runs_of_program,
-                    can_fail_allocations() ? "" : " (allocations are left to builds without a sanitizer)");
-    }
-};
-
-[[maybe_unused]] testing::Environment *const summary = testing::AddGlobalTestEnvironment(new Summary);
 
 // --- In a child ---
 
@@ -350,16 +332,6 @@ bool advance(const Sweep &sweep, Cursor &cursor, bool fired)
     return cursor.family < sweep.families.size();
 }
 
-void count(const Sweep &sweep, const Cursor &cursor)
-{
-    ++sweep.record->runs;
-    if (sweep.mode == Mode::noise || !sweep.record->fired)
-        return;
-    const Family &family = sweep.families[cursor.family];
-    if (!family.goes_on && family.answer == answers_of(family.call).front())
-        ++sweep.record->points;
-}
-
 void run_from_cursor(const Sweep &sweep)
 {
     Record &record = *sweep.record;
@@ -369,7 +341,7 @@ void run_from_cursor(const Sweep &sweep)
     bool goes_on = true;
     while (goes_on) {
         run_disturbed(sweep, plan_at(sweep, record.cursor));
-        count(sweep, record.cursor);
+        ++record.runs;
         goes_on = !is_first_use && advance(sweep, record.cursor, record.fired);
     }
 }
@@ -527,7 +499,7 @@ void run_all(Sweep &sweep)
                               << fate_text(sweep, outcome);
             }
             record.fired = true;
-            count(sweep, record.cursor);
+            ++record.runs;
         } else if (sweep.mode != Mode::first_use) {
             break;
         }
@@ -535,8 +507,6 @@ void run_all(Sweep &sweep)
     }
     if (faults == 0 && (sweep.mode == Mode::warm || sweep.mode == Mode::first_use))
         report_unmet_ends(sweep, met);
-    points_of_program += record.points;
-    runs_of_program += record.runs;
 }
 
 // The ends that a start of the library is documented to have. Any first use may contain one.

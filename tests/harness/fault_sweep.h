@@ -7,7 +7,7 @@
 // met. Faults are reported to GoogleTest.
 //
 // Nothing here starts the library in the test's own process: all runs are made in children, each
-// with a deadline. The points and runs of all sweeps are printed when the program ends.
+// with a deadline.
 #pragma once
 
 #include "harness/fault_inject.h"
@@ -15,9 +15,12 @@
 #include <concepts>
 #include <cstdint>
 #include <functional>
+#include <string>
 #include <type_traits>
 #include <utility>
 #include <vector>
+
+#include <gtest/gtest.h>
 
 namespace test::fault {
 

@@ -5,9 +5,6 @@
 
 #include <clocale>
 #include <cstdlib>
-#include <string>
-
-#include <gtest/gtest.h>
 
 namespace test {
 

@@ -4,11 +4,6 @@
 #include "harness/child.h"
 
 #include <csignal>
-#include <functional>
-#include <string>
-#include <vector>
-
-#include <gtest/gtest.h>
 
 namespace test {
 

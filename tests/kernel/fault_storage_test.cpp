@@ -8,8 +8,6 @@
 #include <cerrno>
 #include <cstring>
 
-#include <gtest/gtest.h>
-
 namespace {
 
 using test::fault::Call;
@@ -217,14 +215,6 @@ TEST(FaultStack, AllOperations)
         .sets_errno()
         .says(no_memory)
         .sweep();
-    Operation("stack_destroy")
-        .setup([] {
-            stack = stack_create(STG_AREA_HEAP, 0);
-            (void)stack_push(stack, &first_datum);
-        })
-        .act(destroy)
-        .cleanup(destroy)
-        .sweep_raises();
 }
 
 } // namespace

@@ -11,15 +11,12 @@
 #include <korvaks/stg.h>
 #include <korvaks/vlthread.h>
 
-#include <gtest/gtest.h>
-
 #include <array>
 #include <atomic>
 #include <cstdlib>
 #include <ctime>
 #include <mutex>
 #include <thread>
-#include <vector>
 
 #include <fcntl.h>
 #include <unistd.h>

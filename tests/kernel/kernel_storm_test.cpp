@@ -1,6 +1,7 @@
 // What threads, forks, signals and ends do to each other at the worst moment. Each case once hung, aborted
 // or lost something; all of them run against the whole library, in children with a deadline.
 #include "harness/child.h"
+#include "harness/forked.h"
 #include "harness/misuse.h"
 
 #include <korvaks/imsg.h>
@@ -9,14 +10,10 @@
 #include <korvaks/stg.h>
 #include <korvaks/vlthread.h>
 
-#include <gtest/gtest.h>
-
 #include <atomic>
 #include <csignal>
 #include <cstdlib>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include <fcntl.h>
 #include <sys/ioctl.h>
@@ -25,14 +22,6 @@
 #include <unistd.h>
 
 namespace {
-
-int status_of(pid_t child)
-{
-    int status = 0;
-    while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
-    }
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-}
 
 // Threads that do one thing until they are told to stop.
 class Workers {
@@ -57,6 +46,32 @@ class Workers {
     std::vector<std::thread> threads_;
 };
 
+// A pipe in the place of standard output.
+class Output {
+  public:
+    Output()
+    {
+        int ends[2] = {-1, -1};
+        EXPECT_EQ(pipe(ends), 0);
+        EXPECT_EQ(dup2(ends[1], STDOUT_FILENO), STDOUT_FILENO);
+        reader_ = ends[0];
+    }
+    void wait_until_full() const
+    {
+        for (int waiting = 0; waiting < 65536;)
+            (void)ioctl(reader_, FIONREAD, &waiting);
+        (void)fcntl(reader_, F_SETFL, O_NONBLOCK);
+    }
+    void take() const
+    {
+        char text[4096];
+        (void)!read(reader_, text, sizeof text);
+    }
+
+  private:
+    int reader_ = -1;
+};
+
 const char *const line_text[] = {"%s"};
 const uint16_t line_number[] = {1};
 const msg_table lines = {"none", "none", 1, 1, line_text, line_number};
@@ -74,22 +89,6 @@ extern "C" void count_call(int)
 }
 
 // Signals ------------------------------------------------------------------------------------------
-
-TEST(KernelSignals, AHandlerMayBePutBackWhileItsSignalArrives)
-{
-    for (const bool ignores : {false, true})
-        test::in_child([ignores] {
-            pfm_init();
-            for (int i = 0; i < 400; ++i) {
-                const pfm_signal_t old = pfm_signal(SIGCHLD, count_call);
-                const pid_t child = fork();
-                if (child == 0)
-                    _exit(0);
-                (void)waitpid(child, nullptr, 0);
-                (void)pfm_signal(SIGCHLD, ignores ? SIG_IGN : old);
-            }
-        });
-}
 
 extern "C" void inhibit_in_handler(int)
 {
@@ -121,19 +120,26 @@ TEST(KernelSignals, TheHandlerOfAHeldStopMayInhibit)
 
 extern "C" void return_from_exit(int) {}
 
-TEST(KernelSignals, ASecondStartStillStopsTheProcess)
+void expect_to_stop_behind(void (*work)())
 {
-    test::Child child([] {
+    test::Child child([work] {
         pfm_init();
-        (void)pfm_set_exit(return_from_exit);
-        pfm_exit(0);
-        pfm_init();
+        work();
         (void)kill(getpid(), SIGTSTP);
         for (;;)
             pause();
         return 0;
     });
     EXPECT_TRUE(child.wait_for_stop(SIGTSTP));
+}
+
+TEST(KernelSignals, ASecondStartStillStopsTheProcess)
+{
+    expect_to_stop_behind([] {
+        (void)pfm_set_exit(return_from_exit);
+        pfm_exit(0);
+        pfm_init();
+    });
 }
 
 // The thread sanitizer ends a child that starts a thread, as these do for a signal. The address sanitizer's
@@ -154,7 +160,7 @@ TEST(KernelSignals, ChildrenOfAChainingProcessOweEarlierHandlersTheirCalls)
                 spin_until(earlier_calls, 1);
                 _exit(calls == 1 ? 0 : 1);
             }
-            EXPECT_EQ(status_of(child), 0);
+            EXPECT_EQ(test::exit_status_of(child), 0);
         });
 }
 #endif
@@ -235,84 +241,99 @@ TEST(KernelStart, KeepsOutOfTheStandardDescriptors)
     });
 }
 
-TEST(KernelWait, GoesOnWithAChannelThatNoSetHolds)
+// With a channel that sets hold, and with one that none does.
+void wait_with_channel_above(int fd)
 {
-    test::in_child([] {
-        rlimit limit{};
-        (void)getrlimit(RLIMIT_NOFILE, &limit);
-        if (limit.rlim_max <= KS_FD_MAX + 8) {
-            std::puts("the hard limit of descriptors is too low for this test");
-            return;
-        }
-        limit.rlim_cur = limit.rlim_max;
-        (void)setrlimit(RLIMIT_NOFILE, &limit);
-        int ends[2];
-        ASSERT_EQ(pipe(ends), 0);
-        while (dup(ends[0]) < KS_FD_MAX) {
-        }
-        pfm_init();
-        ASSERT_GT(pfm_get_notify_channel(), KS_FD_MAX);
-        ks_fd_set read_set;
-        ks_fd_zero(&read_set);
-        ks_fd_add(&read_set, ends[0]);
-        ks_fd_set write_set = read_set;
-        ks_fd_add(&write_set, ends[1]);
-        timeval now{};
-        ASSERT_EQ(write(ends[1], "x", 1), 1);
-        pfm_inhibit();
-        EXPECT_EQ(pfm_select_inhibited(ends[1] + 1, &read_set, &write_set, nullptr, &now), 2);
-        EXPECT_TRUE(ks_fd_has(&read_set, ends[0]) && !ks_fd_has(&write_set, ends[0]) && ks_fd_has(&write_set, ends[1]));
-        pfm_notify_vl_thread(7);
-        EXPECT_EQ(pfm_select_inhibited(0, nullptr, nullptr, nullptr, nullptr), -1);
-        EXPECT_EQ(errno, EINTR);
-        vlthread_reset_raise(nullptr);
-        pfm_enable();
-    });
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    while (dup(ends[0]) < fd) {
+    }
+    pfm_init();
+    ASSERT_GT(pfm_get_notify_channel(), fd);
+    ks_fd_set read_set;
+    ks_fd_zero(&read_set);
+    ks_fd_add(&read_set, ends[0]);
+    ks_fd_set write_set = read_set;
+    ks_fd_add(&write_set, ends[1]);
+    timeval now{};
+    ASSERT_EQ(write(ends[1], "x", 1), 1);
+    pfm_inhibit();
+    EXPECT_EQ(pfm_select_inhibited(ends[1] + 1, &read_set, &write_set, nullptr, &now), 2);
+    EXPECT_TRUE(ks_fd_has(&read_set, ends[0]) && !ks_fd_has(&write_set, ends[0]) && ks_fd_has(&write_set, ends[1]));
+    pfm_notify_vl_thread(7);
+    EXPECT_EQ(pfm_select_inhibited(0, nullptr, nullptr, nullptr, nullptr), -1);
+    EXPECT_EQ(errno, EINTR);
+    vlthread_reset_raise(nullptr);
+    EXPECT_EQ(pfm_select_inhibited(0, nullptr, nullptr, nullptr, &now), 0); // the channel is empty again
+    pfm_enable();
 }
 
-TEST(KernelEnd, OfAThreadLeavesNoRaiseToTheNextOfItsId)
+TEST(KernelWait, IsInterruptedWhateverTheChannel)
 {
-    test::in_child([] {
-        pfm_init();
-        pfm_inhibit();
-        const auto run = [](void *(*body)(void *), void *arg) {
-            vlthread_t id{};
-            EXPECT_EQ(vlthread_create(&id, nullptr, body, arg), 0);
-            EXPECT_EQ(vlthread_join(id, nullptr), 0);
-            return id;
-        };
-        const vlthread_t first = run(
-            [](void *) -> void * {
+    rlimit limit{};
+    (void)getrlimit(RLIMIT_NOFILE, &limit);
+    for (const int fd : {3, KS_FD_MAX})
+        test::in_child([limit, fd] {
+            const rlimit most{limit.rlim_max, limit.rlim_max};
+            (void)setrlimit(RLIMIT_NOFILE, &most);
+            if (limit.rlim_max > KS_FD_MAX + 8 || fd < KS_FD_MAX)
+                wait_with_channel_above(fd);
+            else
+                std::puts("the hard limit of descriptors is too low for this test");
+        });
+}
+
+[[noreturn]] void *end_by_exit(void *)
+{
+    vlthread_exit(&calls);
+}
+
+[[noreturn]] void *end_by_pthread_exit(void *)
+{
+    pthread_exit(&calls);
+}
+
+// However it ends, it releases the critical section, and the next thread of its id does not take its raise.
+TEST(KernelEnd, OfAThreadLeavesNothingBehind)
+{
+    void *(*const ends[])(void *) = {[](void *) -> void * { return &calls; }, end_by_exit, end_by_pthread_exit};
+    for (auto *end : ends)
+        test::in_child([end] {
+            pfm_init();
+            vlthread_release_critical_section();
+            const auto run = [](void *(*body)(void *), void *arg, vlthread_t &out_id) {
+                void *value = nullptr;
+                EXPECT_EQ(vlthread_create(&out_id, nullptr, body, arg), 0);
+                EXPECT_EQ(vlthread_join(out_id, &value), 0);
+                return value;
+            };
+            const auto raise_and_end = [](void *last_call) -> void * {
+                vlthread_enter_critical_section();
+                vlthread_enter_critical_section();
                 vlthread_notify_raise(9);
-                pthread_exit(nullptr);
-            },
-            nullptr);
-        vlthread_reset_raise(nullptr);
-        int32_t pending = -1;
-        const vlthread_t second = run(
-            [](void *out) -> void * { return *static_cast<int32_t *>(out) = vlthread_pending_raise(nullptr), nullptr; },
-            &pending);
-        ASSERT_EQ(first, second); // the system hands the stack out again
-        EXPECT_EQ(pending, 0);
-        pfm_enable();
-    });
+                return reinterpret_cast<void *(*)(void *)>(last_call)(nullptr);
+            };
+            vlthread_t first{};
+            vlthread_t second{};
+            EXPECT_EQ(run(raise_and_end, reinterpret_cast<void *>(end), first), &calls);
+            vlthread_reset_raise(nullptr);
+            EXPECT_EQ(run([](void *) -> void * { return vlthread_pending_raise(nullptr) == 0 ? &calls : nullptr; },
+                          nullptr, second),
+                      &calls);
+            EXPECT_EQ(first, second); // the system hands the stack out again
+            EXPECT_EQ(vlthread_try_enter_critical_section(), 1);
+        });
 }
 
 TEST(KernelEnd, OfAThreadGivesItsInhibitsBack)
 {
-    test::Child child([] {
-        pfm_init();
+    expect_to_stop_behind([] {
         std::thread([] {
             pfm_inhibit_suspend();
             pfm_inhibit();
             pthread_exit(nullptr);
         }).join();
-        (void)kill(getpid(), SIGTSTP);
-        for (;;)
-            pause();
-        return 0;
     });
-    EXPECT_TRUE(child.wait_for_stop(SIGTSTP));
 }
 
 vlthread_mutex_t waited_mutex = VLTHREAD_MUTEX_INITIALIZER;
@@ -351,9 +372,7 @@ TEST(KernelEnd, APrintIsCancelledWhenItHasGivenItsLocksBack)
 {
     test::in_child([] {
         ks_system_init();
-        int ends[2];
-        ASSERT_EQ(pipe(ends), 0);
-        ASSERT_EQ(dup2(ends[1], STDOUT_FILENO), STDOUT_FILENO);
+        const Output output;
         vlthread_t id{};
         EXPECT_EQ(vlthread_create(
                       &id, nullptr,
@@ -364,14 +383,9 @@ TEST(KernelEnd, APrintIsCancelledWhenItHasGivenItsLocksBack)
                       },
                       nullptr),
                   0);
-        for (int waiting = 0; waiting < 65536;)
-            (void)ioctl(ends[0], FIONREAD, &waiting);
+        output.wait_until_full();
         (void)pthread_cancel(id);
-        (void)fcntl(ends[0], F_SETFL, O_NONBLOCK);
-        const Workers drain(1, [&] {
-            char text[4096];
-            (void)!read(ends[0], text, sizeof text);
-        });
+        const Workers drain(1, [&] { output.take(); });
         (void)vlthread_join(id, nullptr);
         EXPECT_EQ(imsg_print(2, &lines, 0, "free"), 0);
     });
@@ -457,40 +471,7 @@ TEST(KernelFork, ComesThroughThreadsThatAllocateInhibited)
                 allocate_inhibited();
                 _exit(7);
             }
-            EXPECT_EQ(status_of(child), 7);
-        }
-    });
-}
-
-pthread_mutex_t programs_mutex = PTHREAD_MUTEX_INITIALIZER;
-extern "C" void lock_programs_mutex(int)
-{
-    (void)pthread_mutex_lock(&programs_mutex);
-    (void)pfm_signal(SIGUSR2, SIG_IGN);
-    stg_free(stg_malloc(10));
-}
-extern "C" void unlock_programs_mutex(int)
-{
-    (void)pthread_mutex_unlock(&programs_mutex);
-}
-
-TEST(KernelFork, HandlersOfTheProgramMayLockWhatItsThreadsHold)
-{
-    test::in_child([] {
-        (void)vlthread_atfork(lock_programs_mutex, unlock_programs_mutex, unlock_programs_mutex); // before the start
-        pfm_init();
-        Workers workers(4, [] {
-            (void)pthread_mutex_lock(&programs_mutex);
-            (void)pfm_signal(SIGUSR1, SIG_IGN);
-            stg_area *area = stg_create_area(10);
-            stg_delete_area(&area);
-            (void)pthread_mutex_unlock(&programs_mutex);
-        });
-        for (int i = 0; i < 200; ++i) {
-            const pid_t child = vlthread_fork(VLTHREAD_FORK_EXEC);
-            if (child == 0)
-                _exit(0);
-            EXPECT_EQ(status_of(child), 0);
+            EXPECT_EQ(test::exit_status_of(child), 7);
         }
     });
 }
@@ -499,22 +480,19 @@ TEST(KernelFork, WaitsForABlockedPrintAndHoldsNobodyUp)
 {
     test::in_child([] {
         ks_system_init();
-        int ends[2];
-        ASSERT_EQ(pipe(ends), 0);
-        ASSERT_EQ(dup2(ends[1], STDOUT_FILENO), STDOUT_FILENO);
+        const Output output;
         const std::string line(4096, 'x'); // a page, so that the pipe fills up
         std::thread printing([&] {
             for (int i = 0; i < 200; ++i)
                 (void)imsg_print(2, &lines, 0, line.c_str());
         });
-        for (int waiting = 0; waiting < 65536;)
-            (void)ioctl(ends[0], FIONREAD, &waiting);
+        output.wait_until_full();
         std::atomic<int> forked{0};
         std::thread forking([&] {
             const pid_t child = vlthread_fork(VLTHREAD_FORK_EXEC);
             if (child == 0)
                 _exit(0);
-            EXPECT_EQ(status_of(child), 0);
+            EXPECT_EQ(test::exit_status_of(child), 0);
             ++forked;
         });
         for (int i = 0; i < 20000; ++i) {
@@ -522,11 +500,7 @@ TEST(KernelFork, WaitsForABlockedPrintAndHoldsNobodyUp)
             (void)pfm_signal(SIGUSR1, i % 2 == 0 ? SIG_IGN : SIG_DFL);
         }
         EXPECT_EQ(forked, 0);
-        (void)fcntl(ends[0], F_SETFL, O_NONBLOCK);
-        const Workers drain(1, [&] {
-            char text[4096];
-            (void)!read(ends[0], text, sizeof text);
-        });
+        const Workers drain(1, [&] { output.take(); });
         printing.join();
         forking.join();
     });
@@ -544,7 +518,7 @@ TEST(KernelFork, TheChildOfAnyThreadCanEndItself)
                     pfm_exit(5);
                     _exit(1);
                 }
-                EXPECT_EQ(status_of(child), 5) << kind;
+                EXPECT_EQ(test::exit_status_of(child), 5) << kind;
             }).join();
         });
 }
@@ -562,7 +536,7 @@ TEST(KernelFork, ACleanChildRunsNothingOfItsParents)
             vlthread_fork_begin_clean();
             pfm_raise(4);
         }
-        EXPECT_EQ(status_of(child), 4);
+        EXPECT_EQ(test::exit_status_of(child), 4);
         _exit(0);
     });
     EXPECT_EQ(result.out, "");
@@ -591,7 +565,7 @@ TEST(KernelFork, ReadWriteLocksOfAChildAreUsable)
                                vlthread_rwlock_wrlock_trylock(&others) == 0 && vlthread_rwlock_unlock(&others) == 0;
             _exit(sound ? 0 : 1);
         }
-        EXPECT_EQ(status_of(child), 0);
+        EXPECT_EQ(test::exit_status_of(child), 0);
         ++step;
         other.join();
     });

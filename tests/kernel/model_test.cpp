@@ -15,8 +15,6 @@
 #include <korvaks/tls_impl.h>
 #include <korvaks/vlthread.h>
 
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <array>
 #include <atomic>
@@ -24,12 +22,9 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <functional>
 #include <memory>
 #include <random>
-#include <string>
 #include <type_traits>
-#include <vector>
 
 #include <semaphore.h>
 #include <unistd.h>
@@ -290,7 +285,7 @@ class Scenario {
                                                                int expected, Call call, Arguments... arguments)
     {
         int result = 0;
-        note(what, thread, object);
+        note_ = {what, thread, object};
         on_thread(thread, [&] {
             if constexpr (std::is_void_v<std::invoke_result_t<Call, Arguments...>>)
                 call(arguments...);
@@ -574,7 +569,7 @@ class Scenario {
             force_attach(thread);
         if (has_failed_)
             return;
-        note("end of thread", thread, 0);
+        note_ = {"end of thread", thread, 0};
         while (model_.section.owner == thread)
             model_leave(thread);
         workers_[thread].end(below(2) == 0);
@@ -676,25 +671,10 @@ class Scenario {
         if (actual == static_cast<Actual>(expected) || has_failed_)
             return;
         has_failed_ = true;
-        std::fprintf(stderr, "seed %lu, step %lu: %s differs: %s, expected %s; the last steps:\n", seed_, step_, what,
-                     std::to_string(actual).c_str(), std::to_string(static_cast<Actual>(expected)).c_str());
-        for (std::size_t i = 0; i < notes_.size(); ++i) {
-            const Note &note = notes_[(next_note_ + i) % notes_.size()];
-            if (note.what != nullptr)
-                std::fprintf(stderr, "  thread %zu: %s %zu\n", note.thread, note.what, note.object);
-        }
-    }
-
-    struct Note {
-        const char *what = nullptr;
-        std::size_t thread = 0;
-        std::size_t object = 0;
-    };
-
-    void note(const char *what, std::size_t thread, std::size_t object)
-    {
-        notes_[next_note_] = {what, thread, object};
-        next_note_ = (next_note_ + 1) % notes_.size();
+        std::fprintf(stderr,
+                     "seed %lu, step %lu: %s differs: %s, expected %s; the last call: %s of %zu by thread %zu\n", seed_,
+                     step_, what, std::to_string(actual).c_str(), std::to_string(static_cast<Actual>(expected)).c_str(),
+                     note_.what, note_.object, note_.thread);
     }
 
     // --- Helpers ---
@@ -718,8 +698,11 @@ class Scenario {
     unsigned long ended_ = 0;
     bool has_failed_ = false;
     std::size_t has_turn_ = 0; // passed on with the turn itself
-    std::array<Note, 40> notes_{};
-    std::size_t next_note_ = 0;
+    struct {
+        const char *what = "none";
+        std::size_t thread = 0;
+        std::size_t object = 0;
+    } note_{};
 };
 
 unsigned long setting(const char *name, unsigned long otherwise)

@@ -6,17 +6,12 @@
 #include <korvaks/pfm.h>
 #include <korvaks/vlthread.h>
 
-#include <gtest/gtest.h>
-
 #include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <cstring>
-#include <functional>
-#include <string>
 #include <thread>
 
-#include <sys/eventfd.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -27,19 +22,12 @@ void say(const char *text)
     (void)!write(STDOUT_FILENO, text, std::strlen(text));
 }
 
-// Inhibited: waits in an interruptible select until it fails with EINTR, then enables.
-void wait_and_enable()
-{
-    while (pfm_select_inhibited(0, nullptr, nullptr, nullptr, nullptr) != -1 || errno != EINTR) {
-    }
-    pfm_enable();
-}
-
 [[noreturn]] void wait_for_raise()
 {
     for (;;) {
         pfm_inhibit();
-        wait_and_enable();
+        (void)pfm_select_inhibited(0, nullptr, nullptr, nullptr, nullptr);
+        pfm_enable();
     }
 }
 
@@ -137,132 +125,82 @@ TEST(PfmSignal, WithoutAttachedThreadThePreLibraryHandlerRuns)
 
 // SIGTSTP ----------------------------------------------------------------------------------------------
 
-// A child that says "ready", goes on when it is told to, and ends with status 0.
-class StoppedChild {
-  public:
-    // `before` runs before "ready", `after` once the child may go on.
-    StoppedChild(const std::function<void()> &before, const std::function<void()> &after)
-        : child_([&] {
-              pfm_init();
-              before();
-              say("ready");
-              eventfd_t go = 0;
-              while (eventfd_read(go_fd_, &go) != 0) {
-              }
-              after();
-              return 0;
-          })
-    {
-        EXPECT_TRUE(child_.wait_for_output("ready"));
-    }
-    ~StoppedChild() { close(go_fd_); }
-
-    // Asks the inhibited child to stop until it reports that a stop is held already.
-    void hold_stop()
-    {
-        bool is_held = false;
-        for (int tries = 0; tries < 200 && !is_held; ++tries) {
-            ask_to_stop();
-            is_held = child_.wait_for_output("pfm_signal_handler: got signal 20, inhibited\n", 50);
-        }
-        EXPECT_TRUE(is_held);
-    }
-    void ask_to_stop() { kill(child_.pid(), SIGTSTP); }
-    void go_on() { EXPECT_EQ(eventfd_write(go_fd_, 1), 0); }
-    void expect_stop()
-    {
-        EXPECT_TRUE(child_.wait_for_stop(SIGTSTP));
-        kill(child_.pid(), SIGCONT);
-    }
-    void expect_end(const std::string &out)
-    {
-        const auto result = child_.finish();
-        EXPECT_EQ(result.out, out);
-        EXPECT_EQ(result.exit_status, 0) << result.err;
-    }
-
-  private:
-    int go_fd_ = eventfd(0, 0);
-    test::Child child_;
-};
-
-TEST(PfmStop, WaitsForTheLastInhibit)
+// Inhibited: asks to stop until the stop is held.
+void ask_to_stop_and_wait()
 {
-    StoppedChild child(
-        [] {
-            pfm_inhibit();
-            pfm_inhibit_suspend();
-        },
-        [] {
-            pfm_enable();
-            say(" still");
-            pfm_enable_suspend();
-            say(" continued");
-        });
-    child.hold_stop();
-    child.go_on();
-    child.expect_stop();
-    child.expect_end("ready still continued");
+    kill(getpid(), SIGTSTP);
+    while (pfm_select_inhibited(0, nullptr, nullptr, nullptr, nullptr) != -1 || errno != EINTR) {
+    }
 }
 
-TEST(PfmStop, StopsAtOnceWhenNobodyInhibitsAndAgainAfterContinuing)
+// Stops after it has said `before`, goes on when it may, and ends well.
+void expect_stop_behind(const std::string &before, const std::function<void()> &body)
 {
-    StoppedChild child([] {}, [] {});
-    for (int round = 0; round < 3; ++round) {
-        child.ask_to_stop();
-        child.expect_stop();
-    }
-    child.go_on();
-    child.expect_end("ready");
-}
-
-TEST(PfmStop, InterruptsTheWaitSoThatEnableCanStop)
-{
-    test::Child child([] {
+    test::Child child([&] {
         pfm_init();
-        pfm_inhibit();
-        say("ready");
-        wait_and_enable();
+        body();
         return 7;
     });
-    ASSERT_TRUE(child.wait_for_output("ready"));
-    kill(child.pid(), SIGTSTP);
-    ASSERT_TRUE(child.wait_for_stop(SIGTSTP));
+    EXPECT_TRUE(child.wait_for_stop(SIGTSTP));
+    EXPECT_TRUE(child.wait_for_output(before));
     kill(child.pid(), SIGCONT);
     EXPECT_EQ(child.finish().exit_status, 7);
 }
 
-std::atomic<bool> entered{false};
+TEST(PfmStop, WaitsForTheLastInhibit)
+{
+    expect_stop_behind("still", [] {
+        pfm_inhibit();
+        pfm_inhibit_suspend();
+        ask_to_stop_and_wait();
+        pfm_enable();
+        say("still");
+        pfm_enable_suspend();
+    });
+}
+
+TEST(PfmStop, StopsAtOnceWhenNobodyInhibitsAndAgainAfterContinuing)
+{
+    test::Child child([] {
+        pfm_init();
+        say("ready");
+        for (;;)
+            pause();
+        return 0;
+    });
+    ASSERT_TRUE(child.wait_for_output("ready"));
+    for (int round = 0; round < 3; ++round) {
+        kill(child.pid(), SIGTSTP);
+        EXPECT_TRUE(child.wait_for_stop(SIGTSTP));
+        kill(child.pid(), SIGCONT);
+    }
+}
+
+std::atomic<int> enables{0};
 std::atomic<bool> passed{false};
 
 TEST(PfmStop, ThreadThatHoldsNothingWaitsForTheOthers)
 {
-    std::thread other;
-    StoppedChild child(
-        [&] {
-            pfm_inhibit(); // the main thread holds the stop back
-            other = std::thread([] {
-                pfm_inhibit();
-                entered = true;
-                while (!passed) { // until the stop is held, an enable goes straight on
-                    pfm_enable();
-                    pfm_inhibit();
-                    passed = handled > 0;
-                }
+    expect_stop_behind("", [] {
+        pfm_inhibit(); // holds the stop back
+        std::thread other([] {
+            pfm_inhibit();
+            while (!passed) { // until the stop is held, an enable goes straight on
+                ++enables;
                 pfm_enable();
-            });
-            while (!entered)
-                std::this_thread::yield();
-        },
-        [&] {
+                pfm_inhibit();
+            }
             pfm_enable();
-            handled = 1;
-            other.join();
         });
-    child.hold_stop();
-    child.go_on();
-    child.expect_stop();
-    child.expect_end("ready");
+        while (enables == 0)
+            std::this_thread::yield();
+        ask_to_stop_and_wait();
+        for (int before = -1; before != enables; usleep(20000)) // until it waits
+            before = enables;
+        pfm_enable();
+        passed = true;
+        other.join();
+    });
 }
 
 // SIGCHLD blocking -----------------------------------------------------------------------------------

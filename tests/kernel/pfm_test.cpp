@@ -7,88 +7,18 @@
 #include <korvaks/pfm.h>
 #include <korvaks/vlthread.h>
 
-#include <gtest/gtest.h>
-
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <thread>
-#include <vector>
 
 #include <unistd.h>
 
 namespace {
 
-TEST(PfmRaise, GoesToTheInnermostRecordAndOutward)
-{
-    test::in_child([] {
-        EXPECT_EQ(ks::protect([] {
-                      const int32_t inner = ks::protect([] { pfm_raise(5); });
-                      EXPECT_EQ(inner, 5);
-                      EXPECT_EQ(pfm_inhibit_count(), 1);
-                      pfm_raise(inner + 1);
-                  }),
-                  6);
-        EXPECT_EQ(pfm_inhibit_count(), 1);
-        pfm_enable();
-        EXPECT_EQ(pfm_inhibit_count(), 0);
-    });
-}
-
 pfm_cleanup_rec outer_rec{};
 pfm_cleanup_rec inner_rec{};
-
-TEST(PfmRaise, IsTakenByEachDeliveryCheck)
-{
-    void (*const checks[])() = {pfm_inhibit, pfm_inhibit_suspend, [] { (void)pfm_inhibit_count(); },
-                                [] { (void)pfm_inhibit_suspend_count(); },
-                                [] { (void)pfm_cleanup_start(&inner_rec, 0); }};
-    for (auto *const check : checks)
-        test::in_child([check] {
-            EXPECT_EQ(ks::protect([check] {
-                          vlthread_notify_raise(4);
-                          check();
-                          ADD_FAILURE() << "not taken";
-                      }),
-                      4);
-        });
-}
-
-vlthread_mutex_t mutex = VLTHREAD_MUTEX_INITIALIZER;
-
-TEST(PfmRaise, WaitsForTheLastInhibitAndTheLastCountedLock)
-{
-    test::in_child([] {
-        int32_t held_off = 0;
-        EXPECT_EQ(ks::protect([&] {
-                      pfm_inhibit();
-                      pfm_inhibit();
-                      vlthread_notify_raise(7);
-                      pfm_test_raise(nullptr);
-                      pfm_enable();
-                      held_off = vlthread_pending_raise(nullptr);
-                      pfm_enable();
-                      ADD_FAILURE() << "not taken by the last enable";
-                  }),
-                  7);
-        EXPECT_EQ(held_off, 7);
-        pfm_enable();
-        EXPECT_EQ(ks::protect([&] {
-                      vlthread_mutex_lock(&mutex);
-                      vlthread_notify_raise(8);
-                      pfm_inhibit(); // not taken here: the lock holds it off
-                      pfm_enable();
-                      vlthread_mutex_unlock(&mutex); // releasing delivers nothing
-                      held_off = vlthread_pending_raise(nullptr);
-                      pfm_test_raise(nullptr);
-                      ADD_FAILURE() << "not taken by the check";
-                  }),
-                  8);
-        EXPECT_EQ(held_off, 8);
-        EXPECT_EQ(vlthread_pending_raise(nullptr), 0);
-    });
-}
 
 TEST(PfmCleanup, RestoresCountsAndCanBeArmedAgain)
 {
@@ -156,49 +86,6 @@ TEST(PfmMisuse, EndsTheProcess)
         {[] { (void)pfm_external_proc_init(), pfm_signal(SIGINT, [](int) {}); },
          "PFM_ASSERT:(!pfm_in_safe_mode() || pfm_is_safemode_signal(sig)) failed: 'lib/ks/pfm':953\n"},
         {[] { pfm_panic("lib/x", 12); }, "***ABORT***  'lib/x':12\n"},
-    });
-}
-
-TEST(PfmSelect, IsInterruptedByANotification)
-{
-    test::in_child([] {
-        int flushed = -1;
-        EXPECT_EQ(ks::protect([&] {
-                      pfm_inhibit();
-                      ks_fd_set fds;
-                      ks_fd_zero(&fds);
-                      pfm_notify_vl_thread(4); // before the wait
-                      EXPECT_EQ(pfm_select_inhibited(0, &fds, nullptr, nullptr, nullptr), -1);
-                      EXPECT_EQ(errno, EINTR);
-                      errno = 0;
-                      std::thread notifier(pfm_notify_vl_thread, 4);
-                      EXPECT_EQ(pfm_select_inhibited(0, nullptr, nullptr, nullptr, nullptr), -1);
-                      EXPECT_EQ(errno, EINTR);
-                      notifier.join();
-                      timeval now{};
-                      flushed = pfm_select_inhibited(0, nullptr, nullptr, nullptr, &now);
-                      pfm_enable();
-                      ADD_FAILURE() << "not taken by the enable";
-                  }),
-                  4);
-        EXPECT_EQ(flushed, 0);
-    });
-}
-
-TEST(PfmSelect, LeavesOtherDescriptorsAsSelectDoes)
-{
-    test::in_child([] {
-        int fds[2];
-        ASSERT_EQ(pipe(fds), 0);
-        ASSERT_EQ(write(fds[1], "x", 1), 1);
-        ks_fd_set set;
-        ks_fd_zero(&set);
-        ks_fd_add(&set, fds[0]);
-        pfm_inhibit();
-        EXPECT_EQ(pfm_select_inhibited(fds[0] + 1, &set, nullptr, nullptr, nullptr), 1);
-        EXPECT_EQ(ks_fd_has(&set, fds[0]), 1);
-        ks_fd_add(&set, KS_FD_MAX);
-        EXPECT_EQ(ks_fd_has(&set, KS_FD_MAX), 1);
     });
 }
 

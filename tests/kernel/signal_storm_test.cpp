@@ -8,8 +8,6 @@
 #include <korvaks/stg.h>
 #include <korvaks/vlthread.h>
 
-#include <gtest/gtest.h>
-
 #include <array>
 #include <atomic>
 #include <csetjmp>

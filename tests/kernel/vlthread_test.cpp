@@ -8,22 +8,15 @@
 #include "kernel/ks_locks.h"
 
 #include <korvaks/pfm.h>
-#include <korvaks/stg.h>
 #include <korvaks/tls_impl.h>
 #include <korvaks/vlthread.h>
-
-#include <gtest/gtest.h>
 
 #include <cerrno>
 #include <chrono>
 #include <csignal>
-#include <cstdint>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include <sys/time.h>
-#include <unistd.h>
 
 namespace {
 
@@ -191,42 +184,6 @@ TEST(VlthreadMisuse, EndsTheProcess)
     });
 }
 
-void *join_new_thread(void *(*start)(void *))
-{
-    vlthread_t thread;
-    EXPECT_EQ(vlthread_create(&thread, nullptr, start, nullptr), 0);
-    void *value = nullptr;
-    EXPECT_EQ(vlthread_join(thread, &value), 0);
-    return value;
-}
-
-// Both ways out release the critical section and forget the thread's raise status.
-TEST(VlthreadThreads, EndedThreadLeavesNothingBehind)
-{
-    test::in_child([] {
-        EXPECT_EQ(join_new_thread([](void *) -> void * {
-                      vlthread_enter_critical_section();
-                      vlthread_enter_critical_section();
-                      vlthread_exit(&mutex);
-                  }),
-                  &mutex);
-        EXPECT_EQ(join_new_thread([](void *) -> void * {
-                      vlthread_enter_critical_section();
-                      vlthread_notify_raise(9);
-                      EXPECT_EQ(vlthread_pending_raise(nullptr), 9);
-                      return &cond;
-                  }),
-                  &cond);
-        EXPECT_EQ(vlthread_try_enter_critical_section(), 1);
-        // The next thread, very likely with the same id, starts with nothing pending.
-        (void)join_new_thread([](void *argument) -> void * {
-            EXPECT_EQ(vlthread_pending_raise(nullptr), 0);
-            return argument;
-        });
-        EXPECT_EQ(vlthread_pending_raise(nullptr), 9);
-    });
-}
-
 TEST(VlthreadThreads, SleepGoesOnAfterInterruptions)
 {
     test::in_child([] {
@@ -241,32 +198,6 @@ TEST(VlthreadThreads, SleepGoesOnAfterInterruptions)
         EXPECT_GE(elapsed, 199ms);
         EXPECT_LT(elapsed, 5s);
     });
-}
-
-TEST(VlthreadTls, BlockHoldsItsAreaAndEndsWithIt)
-{
-    struct Block {
-        stg_area *area;
-        int values[10];
-    };
-    auto *block = static_cast<Block *>(vlthread_alloc_tls(sizeof(Block)));
-    ASSERT_NE(block, nullptr);
-    ASSERT_NE(block->area, nullptr);
-    for (const int value : block->values)
-        EXPECT_EQ(value, 0);
-    EXPECT_NE(stg_alloc(block->area, 5000), nullptr); // more from the same area
-    vlthread_free_tls(block);
-    vlthread_free_tls(nullptr);
-
-    vlthread_key_t key;
-    ASSERT_EQ(vlthread_key_create(&key, vlthread_free_tls), 0);
-    std::thread([&] {
-        EXPECT_EQ(vlthread_get_tls(key), nullptr);
-        void *own = vlthread_alloc_tls(16);
-        EXPECT_EQ(vlthread_set_tls(key, own), 0);
-        EXPECT_EQ(vlthread_get_tls(key), own);
-    }).join(); // the sanitizer sees a block that is not freed
-    EXPECT_EQ(vlthread_key_delete(key), 0);
 }
 
 } // namespace

@@ -14,8 +14,6 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
-#include <gtest/gtest.h>
-
 namespace {
 
 using test::fault::Call;

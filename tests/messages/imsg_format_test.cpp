@@ -5,13 +5,10 @@
 #include <korvaks/imsg_list.h>
 #include <korvaks/stg.h>
 
-#include <gtest/gtest.h>
-
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
 #include <cstring>
-#include <string>
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -33,7 +30,6 @@ TEST(ImsgSnprintf, CutsTerminatesAndCounts)
         }
         printf("%d ", imsg_sprintf(buffer, "raw %c", IMSG_RAW_FORMAT, 'x'));
         puts(buffer);
-        return 0;
     });
     EXPECT_EQ(result.out, "9 #;9 abc is 7#;9 abc is 7\n#;9 abc is 7\n.;5 raw x\n");
 }
@@ -70,7 +66,6 @@ TEST(ImsgSnprintfType, PutsTheHeadInFront)
         }
         imsg_snprintf_type(IMSG_ERROR_MORE, buffer, sizeof buffer, &table, 0);
         printf("%s", buffer);
-        return 0;
     });
     EXPECT_EQ(result.out, "30 prog/test/imsg: Error: a is 1\n;30 prog/test/imsg: Error: a is 1;30 pro;30 ;plain\n");
 }
@@ -131,7 +126,6 @@ TEST(ImsgAte, ShowsIdentityRawFormatAndEveryArgument)
         imsg_print_shared(0, nullptr, "%*d %.*s %*.*f", raw, 4, 7, 2, "abc", 8, 3, 3.14159);
         imsg_print_shared(0, nullptr, "none", raw);
         imsg_print_shared(0, nullptr, "%d %zu %d", raw, 1, sizeof(int), 3); // "%zu" is no known directive
-        return 0;
     });
     EXPECT_EQ(result.out,
               ate_form("test/imsg", 1, 9, "%s is %d\\n", "<<<NULL STRING>>>!!-3") +
@@ -203,7 +197,6 @@ TEST(ImsgCapture, NotesEveryShownMessageOnce)
         (void)imsg_list_add_str(&list, "no message");
         imsg_list_destroy(&list);
         printf("%d", getpid());
-        return 0;
     });
     EXPECT_EQ(test::read_file(name + "." + result.out), "## library : subsys : msg ID : msg text\n"
                                                         "imsg_test : test/imsg : 4 : plain\n\n"
@@ -240,7 +233,6 @@ TEST(ImsgStrerror, TextOrNumber)
     const auto result = test::run_child([] {
         for (const long number : {long{ENOENT}, long{EHWPOISON}, 0L, -5L, 100000L, LONG_MIN, (1L << 32) + 1})
             puts(imsg_strerror(number));
-        return 0;
     });
     EXPECT_EQ(result.out, std::string(strerror(ENOENT)) + "\n" + strerror(EHWPOISON) +
                               "\n0\n-5\n100000\n-9223372036854775808\n4294967297\n");

@@ -4,8 +4,6 @@
 
 #include <korvaks/imsg.h>
 
-#include <gtest/gtest.h>
-
 #include <atomic>
 #include <cerrno>
 #include <csignal>
@@ -15,9 +13,7 @@
 #include <map>
 #include <semaphore>
 #include <sstream>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include <sched.h>
 #include <sys/ioctl.h>
@@ -136,8 +132,7 @@ TEST(ImsgPrint, OneMessageIsOneWrite)
 {
     const auto result = test::run_child([] {
         int ends[2];
-        if (socketpair(AF_UNIX, SOCK_SEQPACKET, 0, ends) != 0)
-            return 1;
+        ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET, 0, ends), 0);
         dup2(ends[1], 2);
         imsg_print(IMSG_ERROR, &table, 2, "name", 1);
         imsg_print(IMSG_ERROR_MORE, &table, 1, "a" IMSG_STYLE_BOLD "b" IMSG_STYLE_BOLD_END "c");
@@ -146,7 +141,6 @@ TEST(ImsgPrint, OneMessageIsOneWrite)
             const ssize_t got = read(ends[0], packet, sizeof packet);
             printf("[%.*s]", static_cast<int>(got), packet);
         }
-        return 0;
     });
     EXPECT_EQ(result.out, "[noname: Error: name=1\n][abc\n]");
 }
@@ -159,12 +153,11 @@ std::atomic<int> interruptions{0};
 TEST(ImsgPrint, NothingIsLostToASignal)
 {
     const std::string text(300000, 'x');
-    const auto result = test::run_child([&] {
+    test::in_child([&] {
         const struct sigaction action = {{[](int) { ++interruptions; }}, {}, 0, nullptr}; // without SA_RESTART
         sigaction(SIGRTMIN, &action, nullptr);
         int ends[2];
-        if (pipe(ends) != 0)
-            return 1;
+        ASSERT_EQ(pipe(ends), 0);
         dup2(ends[1], 1);
         close(ends[1]);
         std::binary_semaphore is_started{0};
@@ -188,9 +181,8 @@ TEST(ImsgPrint, NothingIsLostToASignal)
         for (ssize_t size; (size = read(ends[0], bytes, sizeof bytes)) > 0;)
             got.append(bytes, static_cast<size_t>(size));
         writer.join();
-        return got == "plain\nbefore " + text + "\n" ? 0 : 2;
+        EXPECT_EQ(got, "plain\nbefore " + text + "\n");
     });
-    EXPECT_EQ(result.exit_status, 0);
 }
 #endif
 
@@ -203,7 +195,6 @@ TEST(ImsgPrint, MessagesOfThreadsDoNotMix)
                 for (int n = 0; n < 300; ++n)
                     imsg_print(IMSG_ERROR, &table, 1, std::string(700, letter).c_str());
             });
-        return 0;
     });
     int whole = 0;
     std::istringstream err(result.err);
@@ -217,13 +208,12 @@ TEST(ImsgPrint, KeepsErrnoAndLetsTheFormatSeeIt)
     const auto result = test::run_child([] {
         errno = ENOENT;
         imsg_print_shared(0, nullptr, "%m\n", IMSG_RAW);
-        const bool is_kept = errno == ENOENT;
+        EXPECT_EQ(errno, ENOENT);
         close(1); // nowhere to write
         errno = EDOM;
-        const bool is_refused = imsg_print(0, &table, 0) == -1;
-        return is_kept && is_refused && errno == EDOM ? 0 : 1;
+        EXPECT_EQ(imsg_print(0, &table, 0), -1);
+        EXPECT_EQ(errno, EDOM);
     });
-    EXPECT_EQ(result.exit_status, 0);
     EXPECT_EQ(result.out, std::string(strerror(ENOENT)) + "\n");
 }
 
@@ -255,16 +245,15 @@ TEST(ImsgRedirect, EachKindHasASlotAndOutputFallsBackToOk)
         imsg_redirect_procs read{};
         void *info = nullptr;
         imsg_get_redirect_procs(&read, &info);
-        const bool is_read = std::memcmp(&read, &procs, sizeof read) == 0 && info == &taken && imsg_in_gui() == 1;
+        EXPECT_TRUE(std::memcmp(&read, &procs, sizeof read) == 0 && info == &taken && imsg_in_gui() == 1);
         procs.proc[IMSG_OUTPUT] = IMSG_PROC_SUPPRESS;
         imsg_set_redirect_procs(&procs, &taken);
         imsg_print(IMSG_OUTPUT, &table, 0); // its own slot now
         imsg_set_redirect_procs(nullptr, nullptr);
         imsg_print(IMSG_ERROR, &table, 0);
         printf("%s", taken.text.c_str());
-        return is_read && imsg_in_gui() == 0 ? 0 : 1;
+        EXPECT_EQ(imsg_in_gui(), 0);
     });
-    EXPECT_EQ(result.exit_status, 0);
     EXPECT_EQ(result.out, "0\n1\n2\n3\nnoname: Warning: 4\n");
     EXPECT_EQ(result.err, "5\n7\nnoname: Error: plain\n");
 }
@@ -288,7 +277,6 @@ TEST(ImsgRedirect, TwoChannelFormAndWindow)
         imsg_use_window(nullptr);
         imsg_print(IMSG_ERROR, &table, 0);
         printf("%d", out.calls);
-        return 0;
     });
     EXPECT_EQ(result.out, "4 9 1; 5");
     EXPECT_EQ(result.err, "noname: Error: plain\n");
@@ -325,13 +313,12 @@ TEST(ImsgRedirect, AProcedureMayPrint)
         imsg_print(IMSG_OK, &table, 1, std::string(5000, 'z').c_str());
         imsg_print(IMSG_OK, &table, 1, "short");
         printf("%s", taken.text.c_str());
-        return 0;
     });
     EXPECT_EQ(result.out, std::string(5000, 'z') + "\nshort\n");
     EXPECT_EQ(result.err, "noname: Warning: from the procedure\n");
 }
 
-// --- Names and the clock ---
+// --- Names ---
 
 TEST(ImsgAppName, IsWhatFollowsTheLastSlash)
 {
@@ -344,23 +331,8 @@ TEST(ImsgAppName, IsWhatFollowsTheLastSlash)
         const char *own = imsg_get_app_name();
         std::thread([] { imsg_set_app_name("second"); }).join();
         printf(",%s", own); // a copy of the thread's own
-        return 0;
     });
     EXPECT_EQ(result.out, "noname,veltool,veltool,,noname,noname");
-}
-
-TEST(ImsgClock, CallsTheProcedureWithItsArgument)
-{
-    const auto result = test::run_child([] {
-        int calls = 0;
-        imsg_clock();
-        imsg_set_clock_callback([](void *arg) { ++*static_cast<int *>(arg); }, &calls);
-        imsg_clock();
-        imsg_set_clock_callback(nullptr, nullptr);
-        imsg_clock();
-        return calls;
-    });
-    EXPECT_EQ(result.exit_status, 1);
 }
 
 } // namespace

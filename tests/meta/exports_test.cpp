@@ -90,42 +90,6 @@ TEST(Exports, AreWhatTheHeadersDeclare)
     EXPECT_EQ(exported_names(KORVAKS_EZRPC), ezrpc);
 }
 
-// The reading of declarations above, on every form that a header uses.
-TEST(Exports, DeclarationsAreReadRight)
-{
-    const std::pair<std::string, std::string> cases[] = {
-        {" int32_t pfm_cleanup_start(pfm_cleanup_rec *rec, int inhibit)", "pfm_cleanup_start"},
-        {" pfm_signal_t pfm_signal(int sig,\n    pfm_signal_t handler)", "pfm_signal"},
-        {" void *stg_alloc(stg_area *area, size_t size)", "stg_alloc"},
-        {" const msg_table _stg_ks_msg_table", "_stg_ks_msg_table"},
-        {" const int32_t hash_prime_sizes[30]", "hash_prime_sizes"},
-    };
-    for (const auto &[declaration, name] : cases)
-        EXPECT_EQ(declared_name(declaration), name);
-}
-
-TEST(Exports, BelongToDocumentedFamilies)
-{
-    const auto page = meta::read_source("docs/architecture.md").text;
-    std::vector<std::string> families;
-    for (const auto &row : meta::table_below(page, "## What is exported"))
-        for (const auto &family : meta::quoted_words(row.at(0)))
-            families.push_back(family);
-    ASSERT_FALSE(families.empty());
-
-    std::set<std::string> met;
-    for (const auto &name : exported_names(KORVAKS_LIBRARY)) {
-        const auto family = std::find_if(families.begin(), families.end(),
-                                         [&](const auto &pattern) { return meta::matches(pattern, name); });
-        if (family == families.end())
-            ADD_FAILURE() << name << " belongs to no family of docs/architecture.md";
-        else
-            met.insert(*family);
-    }
-    for (const auto &family : families)
-        EXPECT_TRUE(met.contains(family)) << family << " has no member";
-}
-
 TEST(Exports, CarryTheVersion)
 {
     for (const auto &[name, version] : dynamic_symbols(KORVAKS_LIBRARY, Side::exported))

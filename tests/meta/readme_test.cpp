@@ -1,8 +1,6 @@
 // The README's commands and examples do what it says, in the order in which they stand there.
 #include <regex>
 
-#include <gtest/gtest.h>
-
 #include "meta/command.h"
 #include "meta/source_tree.h"
 #include "harness/child.h"
@@ -54,19 +52,6 @@ TEST(Readme, InstallsBuildsAndRunsWhereverThePrefixIsMoved)
               "usage: veldepot \n");
     const std::string with_moved = std::regex_replace(with_cc, std::regex("/korvaks"), "/x/moved");
     EXPECT_EQ(run(moved + with_moved + "." + run_hello), shown);
-
-    // Catalogues are found beside the library: the installed one, and one in the user's language.
-    const std::string lookup = "export LD_LIBRARY_PATH=$HOME/x/moved/lib\n"
-                               "mkdir -p $texts/de; for t in de/Fehler ./Failure; do\n"
-                               "printf '$set 10\\n$quote \"\\n19 \"%s: \"\\n' ${t#*/} >text.msg\n"
-                               "rm -f $texts/${t%/*}/ks_lib.cat; gencat $texts/${t%/*}/ks_lib.cat text.msg; done\n"
-                               "for LANG in de_DE.UTF-8 de C.UTF-8 en; do export LANG; ./hello nowhere || true; done\n";
-    const std::string tail = ": nowhere: No such file or directory\n";
-    const std::string word_by_language[] = {"Fehler", "Fehler", "Failure", "Failure"};
-    std::string expected;
-    for (const auto &word : word_by_language)
-        expected += "hello: " + word + tail;
-    EXPECT_EQ(run(moved + lookup), expected);
 }
 #endif
 

@@ -1,9 +1,5 @@
 // The programs of docs/stopping.md stop as the page says.
 #include <csignal>
-#include <string>
-#include <vector>
-
-#include <gtest/gtest.h>
 
 #include <unistd.h>
 

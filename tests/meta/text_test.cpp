@@ -76,40 +76,6 @@ TEST(Texts, SourcesKeepToOneWay)
     }
 }
 
-// The functions of a header whose comment says that they return 1 first.
-std::vector<std::string> functions_that_give_one(const std::string &header)
-{
-    std::vector<std::string> names;
-    for (std::size_t at = 0; (at = header.find("1", at)) != std::string::npos; ++at) {
-        const std::string before = header.substr(at < 12 ? 0 : at - 12, std::min<std::size_t>(at, 12));
-        const bool is_result =
-            before.ends_with("@return  ") || before.ends_with("@return ") || before.ends_with("/** ");
-        if (!is_result || header.find_first_of(" ;,.", at) != at + 1 || header.compare(at, 4, "1 to") == 0)
-            continue;
-        const auto declaration = header.find("*/", at) + 2;
-        const auto end = header.find('(', declaration);
-        const auto begin = header.find_last_of(" *\n", end) + 1;
-        names.push_back(header.substr(begin, end - begin));
-    }
-    return names;
-}
-
-TEST(Texts, TheTableOfResultsKnowsEveryFunctionWhoseOneIsGood)
-{
-    const std::string page = meta::read_source("docs/choosing.md").text;
-    std::vector<std::string> listed;
-    for (const auto &row : meta::table_below(page, "## What a result means"))
-        for (const auto &name : row.at(0).find("1") != std::string::npos ? meta::quoted_words(row.at(1)) : meta::Row{})
-            listed.push_back(name);
-    std::vector<std::string> found;
-    for (const auto &file : meta::read_tree({"include/korvaks"}))
-        for (const auto &name : functions_that_give_one(file.text))
-            found.push_back(name);
-    EXPECT_GT(found.size(), 40U);
-    for (const auto &name : found)
-        EXPECT_NE(std::find(listed.begin(), listed.end(), name), listed.end()) << name;
-}
-
 TEST(Texts, FilesEndWithALineBreak)
 {
     for (const auto &file : meta::read_tree({"."}))

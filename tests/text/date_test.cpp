@@ -6,16 +6,11 @@
 #include <korvaks/date.h>
 #include <korvaks/stg.h>
 
-#include <gtest/gtest.h>
-
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
-#include <random>
-#include <string>
 #include <thread>
-#include <vector>
 
 namespace {
 
@@ -56,7 +51,6 @@ TEST(DateToken, BothStylesInAllPrecisions)
         int precision, style, usec, utc;
     } cases[] = {
         {"05-Mar-24.15:03:59", march_5, 0, 1, 0, 0},
-        {"05-Mar-24.15:03:59", march_5, 3, 1, 120456, 0},
         {"05-Mar-24.14:03:59UTC", march_5, 0, 1, 0, 1},
         {"05-Mar-24", march_5, 1, 1, 0, 0},
         {"05-Mar-2024", march_5, 2, 1, 0, 0},
@@ -64,15 +58,11 @@ TEST(DateToken, BothStylesInAllPrecisions)
         {"2024-03-05T15:03:59+01:00", march_5, 0, 2, 0, 0},
         {"2024-03-05T14:03:59Z", march_5, 0, 2, 0, 1},
         {"2024-03-05T15:03:59.120456+01:00", march_5, 3, 2, 120456, 0},
-        {"2024-03-05T14:03:59.000000Z", march_5, 3, 2, 0, 1},
-        {"2024-03-05", march_5, 1, 2, 0, 0},
         {"2024-03-05", march_5, 2, 2, 0, 0},
         {"2038-01-19T03:14:08Z", 2147483648, 0, 2, 0, 1},
         {"10000-01-01T00:00:00Z", 253402300800, 0, 2, 0, 1},
         {"2147485547-12-31T23:59:59Z", 67768036191676799, 0, 2, 0, 1}, // the last one there is
         {"NULL", 67768036191676800, 0, 2, 0, 1},
-        {"NULL", LONG_MAX, 3, 1, 0, 0},
-        {"NULL", -1, 0, 2, 0, 0},
         {"NULL", LONG_MIN, 0, 1, 0, 1},
     };
     for (const auto &c : cases) {
@@ -101,16 +91,15 @@ TEST(DateStyle, ReadFromTheEnvironmentOnce)
     } cases[] = {{"0", 1}, {"", 2}, {"1", 2}, {"00", 2}, {"0 ", 2}};
     for (const auto &c : cases) {
         SCOPED_TRACE(c.value);
-        const auto result = test::run_child([&] {
+        test::in_child([&] {
             setenv("VELM_ISO_DATE_FMT", c.value, 1);
             const std::string token = date_fmt_token_date(march_5);
             setenv("VELM_ISO_DATE_FMT", c.style == 1 ? "1" : "0", 1);
-            const bool is_kept = token == date_fmt_token_date(march_5) && date_fmt_get_default_date_style() == c.style;
-            const bool is_set = date_fmt_set_default_style(3 - c.style) == c.style;
-            const bool is_right = token == (c.style == 1 ? "05-Mar-24" : "2024-03-05");
-            return is_kept && is_set && is_right && date_fmt_get_default_date_style() == 3 - c.style ? 0 : 1;
+            EXPECT_EQ(token, c.style == 1 ? "05-Mar-24" : "2024-03-05");
+            EXPECT_EQ(token, date_fmt_token_date(march_5));
+            EXPECT_EQ(date_fmt_set_default_style(3 - c.style), c.style);
+            EXPECT_EQ(date_fmt_get_default_date_style(), 3 - c.style);
         });
-        EXPECT_EQ(result.exit_status, 0);
     }
     setenv("VELM_ISO_DATE_FMT", "0", 1); // a style that is set first counts, and yet what it replaced is told
     EXPECT_EQ(test::run_child([] {
@@ -205,19 +194,6 @@ TEST(DateOneYearAgo, MonthsAndYears)
 
 // --- Zones ---
 
-constexpr const char *zones[] = {"UTC",
-                                 "Europe/Berlin",
-                                 "America/New_York",
-                                 "Asia/Kathmandu",
-                                 "Pacific/Apia",
-                                 "Australia/Lord_Howe",
-                                 "America/St_Johns",
-                                 "Pacific/Kiritimati",
-                                 "Africa/Cairo",
-                                 "Asia/Tehran",
-                                 "QQQ-14:59:59RRR,J1/0:10,J1/0:30",
-                                 ""};
-
 // What the offset from UTC changes, second by second.
 TEST(DateZones, AcrossChanges)
 {
@@ -228,13 +204,9 @@ TEST(DateZones, AcrossChanges)
     } cases[] = {
         {"Europe/Berlin", 1711846800, "2024-03-31T01:59:59+01:00", "2024-03-31T03:00:00+02:00"},
         {"Europe/Berlin", 1729990800, "2024-10-27T02:59:59+02:00", "2024-10-27T02:00:00+01:00"},
-        {"America/New_York", 1710054000, "2024-03-10T01:59:59-05:00", "2024-03-10T03:00:00-04:00"},
-        {"America/New_York", 1730613600, "2024-11-03T01:59:59-04:00", "2024-11-03T01:00:00-05:00"},
         {"Australia/Lord_Howe", 1712415600, "2024-04-07T01:59:59+11:00", "2024-04-07T01:30:00+10:30"},
-        {"America/St_Johns", 1710048600, "2024-03-10T01:59:59-03:30", "2024-03-10T03:00:00-02:30"},
         {"Asia/Kathmandu", 504901800, "1985-12-31T23:59:59+05:30", "1986-01-01T00:15:00+05:45"},
         {"Pacific/Apia", 1325239200, "2011-12-29T23:59:59-10:00", "2011-12-31T00:00:00+14:00"},
-        {"Pacific/Kiritimati", 788868000, "1994-12-30T23:59:59-10:00", "1995-01-01T00:00:00+14:00"},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(std::string(c.zone) + " " + c.after);
@@ -248,40 +220,6 @@ TEST(DateZones, AcrossChanges)
         }
         EXPECT_STREQ(date_fmt_token_date_time(c.change - 1), c.before);
         EXPECT_STREQ(date_fmt_token_date_time(c.change), c.after);
-    }
-}
-
-TEST(DateZones, RandomTimesComeBackInEveryZone)
-{
-    std::mt19937_64 random(20240305);
-    set_zone(zones[1]);
-    for (int round = 0; round < 15000; ++round) {
-        const char *zone = zones[random() % std::size(zones)];
-        if (round % 3 != 0) // some calls in a row in one zone
-            set_zone(zone);
-        time_t t = static_cast<time_t>(random() % 4102444800);
-        for (int i = 0; i < 3; ++i, t += static_cast<time_t>(random() % 1000)) {
-            const std::string token = general(t, 0, 2);
-            SCOPED_TRACE(std::string(getenv("TZ")) + " " + std::to_string(t) + " " + token);
-            time_t read = -1;
-            if (getenv("TZ")[0] != 'Q') { // whose offset has seconds
-                ASSERT_EQ(date_str_to_time2(token.c_str(), static_cast<int>(random() % 3), &read), 0);
-                ASSERT_EQ(read, t);
-            }
-            ASSERT_EQ(token.substr(0, 19), by_strftime("%Y-%m-%dT%H:%M:%S", t));
-            // A local time that occurs twice gives either of the two.
-            ASSERT_EQ(date_str_to_time2(token.substr(0, 19).c_str(), 0, &read), 0);
-            ASSERT_EQ(general(read, 0, 2).substr(0, 19), token.substr(0, 19));
-            const std::string numeric = date_fmt_token_numeric(1, t);
-            ASSERT_EQ(date_numeric_str_to_time(1, numeric.c_str(), &read), 1);
-            ASSERT_EQ(date_fmt_token_numeric(1, read), numeric);
-            if (t >= day_seconds && t < 3124224000) { // 1970 to 2068: two digits say which
-                ASSERT_EQ(date_str_to_time_legacy(general(t, 0, 1, 0, 1).c_str(), 0, &read), 0);
-                ASSERT_EQ(read, t);
-                ASSERT_EQ(date_str_to_time_legacy(general(t, 0, 1).c_str(), 0, &read), 0);
-                ASSERT_EQ(general(read, 0, 1), general(t, 0, 1));
-            }
-        }
     }
 }
 
@@ -324,12 +262,6 @@ TEST(DateTimes, NowAndConversions)
     EXPECT_EQ(local.tm_hour * 60 + local.tm_min - utc.tm_hour * 60 - utc.tm_min, 345);
     EXPECT_EQ(date_get_localtime(LONG_MAX, &local), nullptr);
     EXPECT_EQ(date_get_gmtime(LONG_MIN, &utc), nullptr);
-    EXPECT_STREQ(date_usage_date_time(),
-                 "<date-time> = <date>.<time> | <date> | <time> | \"now\" | \"none\"\n"
-                 "<date>      = d[d]-<month>[-[yy]yy] | <day-of-week> | \"today\" | \"yesterday\"\n"
-                 "<time>      = h[h]:m[m][:s[s]][UTC[+|-][h[h][:mm]]] (24-hour time)\n"
-                 "A <date-time> may be in ISO 8601, too: 2024-03-05, 2024-03-05T14:03:59+01:00, --03-05, T14:03, "
-                 "2024-W10 ...\n");
 }
 
 TEST(DateWords, ATranslationChangesTheTraditionalStyleOnly)
@@ -351,7 +283,6 @@ TEST(DateWords, ATranslationChangesTheTraditionalStyleOnly)
             time_t t = 0;
             printf("|%s %d", text, date_str_to_time_legacy(text, 0, &t));
         }
-        return 0;
     });
     EXPECT_EQ(result.exit_status, 0);
     // A separator with blanks is written without them, and texts can have none inside.

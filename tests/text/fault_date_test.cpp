@@ -5,11 +5,8 @@
 #include <korvaks/date.h>
 #include <korvaks/stg.h>
 
-#include <cerrno>
 #include <cstdlib>
 #include <cstring>
-
-#include <gtest/gtest.h>
 
 namespace {
 

@@ -9,9 +9,6 @@
 
 #include <cstdio>
 #include <cstring>
-#include <string>
-
-#include <gtest/gtest.h>
 
 namespace {
 

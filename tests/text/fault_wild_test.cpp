@@ -8,9 +8,6 @@
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
-#include <string>
-
-#include <gtest/gtest.h>
 
 namespace {
 

@@ -3,97 +3,16 @@
 #include <korvaks/pfm.h>
 #include <korvaks/strutl.h>
 
-#include "harness/child.h"
+#include "harness/locale.h"
 
 #include <atomic>
 #include <cerrno>
-#include <clocale>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <iterator>
-#include <sstream>
-#include <string>
 #include <thread>
-#include <vector>
-
-#include <gtest/gtest.h>
 
 namespace {
-
-// Results of a child, one after the other.
-constexpr char end_of_result = '\x1E';
-
-std::vector<std::string> split_results(const test::ChildResult &child)
-{
-    EXPECT_EQ(child.exit_status, 0) << child.err;
-    std::vector<std::string> results;
-    std::istringstream out(child.out);
-    for (std::string result; std::getline(out, result, end_of_result);)
-        results.push_back(result);
-    return results;
-}
-
-struct Expected {
-    std::string str;
-    std::string expanded; // "found:text"
-};
-
-std::vector<std::string> expand_all(const std::vector<Expected> &cases)
-{
-    return split_results(test::run_child([&] {
-        std::setlocale(LC_ALL, "C.UTF-8");
-        setenv("HOME", "/home/u", 1);
-        setenv("A_1", "[a]", 1);
-        setenv("_", "under", 1);
-        setenv("EMPTY", "", 1);
-        setenv("DOLLAR", "$HOME\\x", 1);
-        setenv("LONG", std::string(5000, 'l').c_str(), 1);
-        setenv("\xC3\xA9t\xC3\xA9", "summer", 1);
-        setenv("with space", "spaced", 1);
-        unsetenv("UNSET");
-        for (const Expected &c : cases) {
-            unsigned found = 9;
-            char *text = strutl_expand_evs_status(c.str.c_str(), &found);
-            std::printf("%u:%s%c", found, text == nullptr ? "no memory" : text, end_of_result);
-            stg_free(text);
-        }
-        return 0;
-    }));
-}
-
-TEST(StrutlExpand, ReferencesAndLiterals)
-{
-    const std::string many(3000, 'x');
-    const std::vector<Expected> cases = {
-        {"", "0:"},
-        {"plain", "0:plain"},
-        {"$HOME/x", "1:/home/u/x"},
-        {"${HOME}/x", "1:/home/u/x"},
-        {"a${HOME}b$HOME", "1:a/home/ub/home/u"},
-        {"$$", "0:$$"},
-        {"$ x$", "0:$ x$"},
-        {"$-$.", "0:$-$."},
-        {"\\$HOME", "0:$HOME"},
-        {"\\\\$HOME", "1:\\/home/u"},
-        {"a\\bc\\", "0:abc\\"},
-        {"${UNSET}x", "1:x"},
-        {"$UNSET-$EMPTY.", "1:-."},
-        {"$HOMEx|$A_1x|${A_1}x", "1:||[a]x"},
-        {"${}x", "1:x"},
-        {"${HOME", "1:/home/u"},
-        {"${with space}", "1:spaced"},
-        {"$_", "1:under"},
-        {"$DOLLAR", "1:$HOME\\x"},
-        {"$\xC3\xA9t\xC3\xA9.", "1:summer."},
-        {"\\\xC3\xA9", "0:\xC3\xA9"},
-        {many + "${LONG}" + many, "1:" + many + std::string(5000, 'l') + many},
-    };
-    const std::vector<std::string> expanded = expand_all(cases);
-    ASSERT_EQ(expanded.size(), cases.size());
-    for (size_t i = 0; i < cases.size(); ++i)
-        EXPECT_EQ(expanded[i], cases[i].expanded) << cases[i].str;
-}
 
 TEST(StrutlExpand, IteratesUpToALimit)
 {
@@ -103,40 +22,32 @@ TEST(StrutlExpand, IteratesUpToALimit)
         int max_passes;
         std::string result;
     } cases[] = {
-        {"$THREE", 0, "<<1>>"},
-        {"$THREE", 3, "<<1>>"},
-        {"$THREE", 2, invalid},
-        {"plain", 1, "plain"},
-        {"$ONE", 1, "1"},
         {"$A", 0, invalid},
         // The first expansion and eight more; a ninth that sees a reference is one too many.
         {"$V5", 0, "end"},
         {"$V4", 0, invalid},
         {"$ONE", -1, invalid},
+        {"$\xC3\xA9t\xC3\xA9.", 0, "summer."}, // letters of the locale
         // Each pass takes one level of backslashes, also from what a variable brought in.
         {"$ESCAPED", 0, "\\$ONE"},
         {"\\\\x", 0, "\\x"},
     };
-    const std::vector<std::string> results = split_results(test::run_child([&] {
+    test::in_child([&] {
+        const test::ScopedLocale locale("C.UTF-8");
+        setenv("\xC3\xA9t\xC3\xA9", "summer", 1);
         setenv("A", "$B", 1);
         setenv("B", "$A", 1);
         for (int i = 1; i < 12; ++i)
             setenv(("V" + std::to_string(i)).c_str(), ("$V" + std::to_string(i + 1)).c_str(), 1);
         setenv("V12", "end", 1);
         setenv("ONE", "1", 1);
-        setenv("TWO", "<$ONE>", 1);
-        setenv("THREE", "<$TWO>", 1);
         setenv("ESCAPED", "\\\\\\$ONE", 1);
         for (const auto &c : cases) {
             char *text = strutl_expand_evs_iterate(c.str, c.max_passes);
-            std::printf("%s%c", text == nullptr ? ("errno " + std::to_string(errno)).c_str() : text, end_of_result);
+            EXPECT_EQ(text == nullptr ? "errno " + std::to_string(errno) : text, c.result) << c.str;
             stg_free(text);
         }
-        return 0;
-    }));
-    ASSERT_EQ(results.size(), std::size(cases));
-    for (size_t i = 0; i < results.size(); ++i)
-        EXPECT_EQ(results[i], cases[i].result) << cases[i].str << " " << cases[i].max_passes;
+    });
 }
 
 // A result may be 1 MiB longer than the text: each pass could multiply it.
@@ -164,7 +75,7 @@ TEST(StrutlExpand, IterationBoundsTheResult)
 // The value is read whole while another thread replaces it.
 TEST(StrutlExpand, ReadsUnderTheEnvironmentLock)
 {
-    const test::ChildResult child = test::run_child([] {
+    test::in_child([] {
         pfm_init();
         static std::string short_entry = "KNOWN=" + std::string(10, 's');
         static std::string long_entry = "KNOWN=" + std::string(3000, 'l');
@@ -176,18 +87,16 @@ TEST(StrutlExpand, ReadsUnderTheEnvironmentLock)
                 putenv_safe(short_entry.data());
             }
         });
-        bool whole = true;
-        for (int i = 0; i < 2000 && whole; ++i) {
-            char *text = strutl_expand_evs("<$KNOWN>");
-            const std::string got = text == nullptr ? "" : text;
-            whole = got == "<" + short_entry.substr(6) + ">" || got == "<" + long_entry.substr(6) + ">";
+        for (int i = 0; i < 2000; ++i) {
+            char *text = strutl_expand_evs("$KNOWN");
+            ASSERT_NE(text, nullptr);
+            EXPECT_TRUE(short_entry.ends_with("=" + std::string(text)) ||
+                        long_entry.ends_with("=" + std::string(text)));
             stg_free(text);
         }
         done = true;
         writer.join();
-        return whole ? 0 : 1;
     });
-    EXPECT_EQ(child.exit_status, 0) << child.err;
 }
 
 } // namespace

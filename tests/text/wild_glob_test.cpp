@@ -10,7 +10,6 @@
 #include <random>
 #include <set>
 
-#include <gtest/gtest.h>
 #include <pthread.h>
 #include <pwd.h>
 #include <sys/stat.h>
@@ -55,13 +54,10 @@ TEST(WildGlob, CutsWords)
         {" \t\n", ""},
         {" \t one\ttwo\n three ", "one two three"},
         {"\"a b\" 'c\td' e", "\"a b\" 'c\td' e"},
-        {R"(a\ b  c)", R"(a\ b c)"},
         {R"("a\" b"  c)", R"("a\" b" c)"},
         {R"('it\\'  c)", R"('it\\' c)"},
         {"'*' \"[\" x\\*", "'*' \"[\" x\\*"},
-        {"'open  to the end", "'open  to the end"},
         {"no [such", "-1"},
-        {"*.none", "-6"},
         {"missing/file", "missing/file"},
         {"missing/*", "-5"},
         {"... x", dir.path() + " x"},

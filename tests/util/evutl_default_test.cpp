@@ -6,10 +6,8 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdlib>
-#include <string>
 #include <thread>
 
-#include <gtest/gtest.h>
 #include <unistd.h>
 
 namespace {

@@ -5,11 +5,7 @@
 #include <korvaks/evutl.h>
 
 #include <cerrno>
-#include <string>
 #include <thread>
-#include <vector>
-
-#include <gtest/gtest.h>
 
 namespace {
 

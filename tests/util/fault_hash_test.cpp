@@ -4,10 +4,7 @@
 
 #include <korvaks/hash.h>
 
-#include <string>
 #include <utility>
-
-#include <gtest/gtest.h>
 
 namespace {
 

@@ -5,7 +5,6 @@
 #include <cerrno>
 #include <cstdint>
 
-#include <gtest/gtest.h>
 #include <unistd.h>
 
 namespace {

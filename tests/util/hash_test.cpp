@@ -14,10 +14,6 @@
 #include <map>
 #include <numeric>
 #include <random>
-#include <string>
-#include <vector>
-
-#include <gtest/gtest.h>
 
 namespace {
 
@@ -176,17 +172,6 @@ TEST(HashModel, AgreesWithMap)
             run_model(kind, false, 3, 2);
         }
     });
-}
-
-TEST(HashTable, HasPrimeBucketCounts)
-{
-    for (const auto &[wanted, nbkts] : {std::pair{0UL, 1UL}, {4, 7}, {100, 127}, {127, 127}, {UINT64_MAX, 1048573}}) {
-        hash_ht *ht = hash_str_create(wanted, 0, 0);
-        EXPECT_EQ(ht->nbkts, nbkts);
-        EXPECT_EQ(std::count(ht->bkts, ht->bkts + nbkts, nullptr), static_cast<long>(nbkts));
-        hash_delete_ht(&ht);
-        hash_delete_ht(&ht); // nothing left to do
-    }
 }
 
 // Every bucket count with every kind of remainder: growth through all of them, values at both ends.
@@ -431,11 +416,9 @@ TEST(HashDump, PrintsTheTableAndItsFilling)
 {
     const auto result = test::run_child([] {
         imsg_suppress_prefix(1);
-        hash_ht *tables[] = {hash_int_create(2, 8), hash_str_create(1, 8, 0), hash_flen_create(1, 8, 1, 5)};
+        hash_ht *tables[] = {hash_int_create(2, 8), hash_flen_create(1, 8, 1, 5)};
         hash_set_order(tables[0]);
         (void)hash_int_enter(tables[0], -4, nullptr, nullptr);
-        (void)hash_str_enter(tables[1], "a", nullptr, nullptr);
-        (void)hash_str_enter(tables[1], "b", nullptr, nullptr);
         for (hash_ht *ht : tables)
             hash_dump(ht);
         hash_ht *filled = hash_create_ht(3, 0, HASH_KEY_INT, 1, 0, nullptr, nullptr);
@@ -452,10 +435,6 @@ TEST(HashDump, PrintsTheTableAndItsFilling)
                   "       limit=0, climit=0, order=T, 1cell=0x*, lcell=0x*\n"
                   "bucket 1:\n  cell 0x*: key=-4, hval=4294967295, datap=0x*, next=0x0, order=0x0, back=0x0\n" +
                   head +
-                  "#bkts=1, #cells=2, dbytes=8,\n       area=0x*, keytype=HASH_KEY_STR, copyk=F\nbucket 0:\n"
-                  "  cell 0x*: hval=98, datap=0x*, next=0x*\n    key=\"b\"\n"
-                  "  cell 0x*: hval=97, datap=0x*, next=0x0\n    key=\"a\"\n" +
-                  head +
                   "#bkts=1, #cells=0, dbytes=8,\n       area=0x*, keytype=HASH_KEY_FLEN, copyk=T, key_bytes=5\n"
                   "-------------------------- Hash Table Statistics ------------------------------\n"
                   "bucket 0: 60\nbucket 1: 49\nNumber of entries on free list: 1\n\nnumber of buckets: 3\n"
@@ -471,9 +450,7 @@ TEST(HashMisuse, EndsTheProcess)
     (void)hash_str_enter(strings, "a", nullptr, nullptr);
     hash_cursor *cursor = nullptr;
     test::expect_misuse({{[] { (void)hash_int_lookup(nullptr, 1, nullptr, nullptr); }, "PFM_ASSERT:(ht != NULL"},
-                         {[] { (void)hash_str_enter(numbers, "a", nullptr, nullptr); }, "(ht->keytype == keytype"},
                          {[&] { (void)hash_int_next_in_order(numbers, &cursor, nullptr, nullptr); }, "(ht->order"},
-                         {[] { (void)hash_str_next(strings, nullptr, nullptr, nullptr); }, "(cursor != NULL"},
                          {[] { hash_set_order(numbers); }, "(ht->cells == 0 && ht->free_cells == NULL"},
                          {[] { hash_str_ignore_spaces(strings); }, "(ht->cells == 0"}},
                         ") failed: 'lib/ks/hash':");

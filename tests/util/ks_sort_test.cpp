@@ -34,7 +34,6 @@ const std::vector<Pattern> patterns = {
     {"organ pipe", [](unsigned i, unsigned n) { return std::min(i, n - i); }, 2},
     {"valley", [](unsigned i, unsigned n) { return std::max(i, n - i); }, 2},
     {"two values", [](unsigned i, unsigned) { return scrambled(i) & 1; }},
-    {"saw tooth", [](unsigned i, unsigned) { return i % 37; }},
     {"sorted but for one", [](unsigned i, unsigned n) { return i == n / 5 ? n : i; }},
     {"two runs", [](unsigned i, unsigned n) { return i < n / 3 ? 3 * i : (i - n / 3) * 3 / 2; }, 2},
     {"sorted with a random tail", [](unsigned i, unsigned n) { return i < n / 2 ? i : scrambled(i) % n; }},

@@ -4,11 +4,9 @@
 
 #include <cerrno>
 #include <cstdio>
-#include <string>
 #include <thread>
 
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <unistd.h>
 
 namespace {

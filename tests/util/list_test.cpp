@@ -2,12 +2,8 @@
 #include "harness/misuse.h"
 
 #include <korvaks/list.h>
-#include <korvaks/pfm.h>
 
 #include <cstring>
-#include <vector>
-
-#include <gtest/gtest.h>
 
 namespace {
 
@@ -123,23 +119,6 @@ TEST(List, MisuseEndsTheProcessAndNullIsAnEmptyList)
     list_destroy(other);
     list_destroy(nullptr);
     EXPECT_TRUE(list_length(nullptr) == 0 && list_is_empty(nullptr) == 1);
-}
-
-// A raise that waits comes at an end of the insertion, where the list is whole.
-TEST(List, AppendIsARaisePoint)
-{
-    test::in_child([] {
-        pfm_init();
-        list_record *const list = list_create(STG_AREA_HEAP, 0);
-        pfm_cleanup_rec rec{};
-        rec.status = sigsetjmp(rec.jump, 1);
-        if (pfm_cleanup_start(&rec, 0) == 0) {
-            pfm_notify_vl_thread(PFM_RAISE_INTERRUPT);
-            (void)list_append(list, &values[1]);
-        }
-        EXPECT_EQ(rec.status, PFM_RAISE_INTERRUPT);
-        expect_end(list, nullptr);
-    });
 }
 
 } // namespace

@@ -4,11 +4,7 @@
 
 #include <cerrno>
 #include <cstring>
-#include <functional>
-#include <string>
 
-#include <fcntl.h>
-#include <gtest/gtest.h>
 #include <pwd.h>
 #include <sched.h>
 #include <sys/resource.h>
@@ -57,16 +53,6 @@ TEST(SysutlMaxFds, IsTheSoftLimitReadOnceAndBounded)
             return true;
         });
     }
-}
-
-TEST(SysutlFd, CloseOnExec)
-{
-    const int fd = open("/dev/null", O_RDONLY);
-    EXPECT_EQ(sysutl_set_cloexec_file(fd), 0);
-    EXPECT_EQ(fcntl(fd, F_GETFD), FD_CLOEXEC);
-    close(fd);
-    EXPECT_EQ(sysutl_set_cloexec_file(fd), -1);
-    EXPECT_EQ(errno, EBADF);
 }
 
 // A name of n bytes fits n + 1 and no less.
