@@ -52,6 +52,9 @@ TEST(Readme, InstallsBuildsAndRunsWhereverThePrefixIsMoved)
               "usage: veldepot \n");
     const std::string with_moved = std::regex_replace(with_cc, std::regex("/korvaks"), "/x/moved");
     EXPECT_EQ(run(moved + with_moved + "." + run_hello), shown);
+    const std::string translate = "mkdir $texts/de; printf '$set 10\n19 Fehler: \n' | gencat $texts/de/ks_lib.cat -\n"
+                                  "LANG=de_DE.UTF-8 LD_LIBRARY_PATH=$HOME/x/moved/lib ./hello nowhere || true\n";
+    EXPECT_EQ(run(moved + translate), "hello: Fehler: nowhere: No such file or directory\n");
 }
 #endif
 
