@@ -151,7 +151,7 @@ template <bool has_epoll> class LibEvent {
             base_, fd, EV_READ | EV_PERSIST, [](evutil_socket_t, short, void *) { ++calls; }, nullptr));
         event_add(fd_events_.back(), nullptr);
     }
-    void pass() { event_base_loop(base_, EVLOOP_NONBLOCK); }
+    void pass() { event_base_loop(base_, EVLOOP_ONCE | EVLOOP_NONBLOCK); }
 
   private:
     event_base *base_;
