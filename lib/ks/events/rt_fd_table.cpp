@@ -7,6 +7,15 @@
 
 namespace ks::rt {
 
+int highest_of(const ks_fd_set &set, int upper)
+{
+    constexpr std::size_t bits = 64;
+    auto word = static_cast<std::size_t>(upper + static_cast<int>(bits)) / bits;
+    while (word > 0 && set.words[word - 1] == 0)
+        --word;
+    return word == 0 ? -1 : static_cast<int>(word * bits) - 1 - std::countl_zero(set.words[word - 1]);
+}
+
 void FdTable::add(FdHandler *handler)
 {
     // Slots of removed handlers are taken up when they are most of them, so that a walk over the slots costs what the
@@ -48,12 +57,8 @@ FdHandler *FdTable::remove(int fd)
     clear_due(handler->slot);
     ks_fd_remove(&members_, fd);
     --count_;
-    if (fd == highest_) {
-        auto word = static_cast<std::size_t>(fd) / bits + 1;
-        while (word > 0 && members_.words[word - 1] == 0)
-            --word;
-        highest_ = word == 0 ? -1 : static_cast<int>(word * bits) - 1 - std::countl_zero(members_.words[word - 1]);
-    }
+    if (fd == highest_)
+        highest_ = highest_of(members_, fd);
     return handler;
 }
 

@@ -21,6 +21,9 @@ struct FdHandler {
     uint64_t wait; // during which it was added; it is served after later ones
 };
 
+// The highest of a set's descriptors up to `upper`, -1 for none.
+int highest_of(const ks_fd_set &set, int upper);
+
 class FdTable {
   public:
     bool has(int fd) const { return by_fd_[static_cast<std::size_t>(fd)] != nullptr; }

@@ -29,9 +29,21 @@ struct Asked {
     int highest_fd;
     uint64_t wait;
     uint64_t removals;
-    timeval timeout;
+    timeval timeout; // what is left of it
     bool has_timeout;
+    uint64_t known_news;
+
+    bool goes_by_proposals = false;
+    int proposal_count;
+    EpollWatch::Proposals proposals;
+    timeval slice; // how long the select() waits
+    bool has_slice;
 };
+
+bool is_none(const timeval &time)
+{
+    return time.tv_sec == 0 && time.tv_usec == 0;
+}
 
 void require_main_thread()
 {
@@ -65,6 +77,30 @@ int add_set(const ks_fd_set *from, ks_fd_set &to)
     return highest;
 }
 
+// What a wait by proposals has select() look at: what nobody watches, and the proposed. The highest, -1 for none.
+int add_members_by_proposals(const Asked &asked, const FdTable &table, ks_fd_set &to)
+{
+    const ks_fd_set &members = table.members();
+    const ks_fd_set &watched = state.watch.watched();
+    for (std::size_t i = 0; i < KS_FD_SET_WORDS; ++i)
+        to.words[i] = members.words[i] & ~watched.words[i];
+    for (int i = 0; i < asked.proposal_count; ++i) {
+        const int fd = asked.proposals[static_cast<std::size_t>(i)];
+        if (table.has(fd))
+            ks_fd_add(&to, fd);
+    }
+    return highest_of(to, table.highest_fd());
+}
+
+int add_members(const Asked &asked, std::size_t kind, ks_fd_set &to)
+{
+    const FdTable &table = state.fds[kind];
+    if (asked.goes_by_proposals && kind != RT_FD_EXCEPT)
+        return add_members_by_proposals(asked, table, to);
+    to = table.members();
+    return table.highest_fd();
+}
+
 // Under rt_crit: the descriptors of all handlers.
 void collect(Asked &asked)
 {
@@ -74,8 +110,7 @@ void collect(Asked &asked)
         asked.is_used[kind] = kind == RT_FD_READ || table.count() != 0 || state.fd_sets[kind] != nullptr;
         if (!asked.is_used[kind])
             continue;
-        asked.sets[kind] = table.members();
-        asked.highest_fd = std::max(asked.highest_fd, table.highest_fd());
+        asked.highest_fd = std::max(asked.highest_fd, add_members(asked, kind, asked.sets[kind]));
         for (const FdSetHandler *handler = state.fd_sets[kind]; handler != nullptr; handler = handler->next)
             asked.highest_fd = std::max(asked.highest_fd, add_set(handler->fd_set_fds, asked.sets[kind]));
     }
@@ -94,60 +129,110 @@ void ensure_working_sets()
     here.panic();
 }
 
-// The wait is none when there is news that whoever chose the time-out did not know.
-void begin_wait(Asked &asked, const timeval *timeout, const uint64_t *known_news)
+// How the select() waits: no longer than this.
+void cut(Asked &asked, const timeval &longest)
 {
-    ensure_working_sets();
+    if (asked.has_slice && !is_shorter(longest, asked.slice))
+        return;
+    asked.has_slice = true;
+    asked.slice = longest;
+}
+
+bool is_look(const Asked &asked)
+{
+    return asked.has_slice && is_none(asked.slice);
+}
+
+// Under rt_crit.
+void add_own_descriptors(Asked &asked)
+{
+    ks_fd_set &reads = asked.sets[RT_FD_READ];
+    if (asked.goes_by_proposals) {
+        ks_fd_add(&reads, state.watch.fd());
+        asked.highest_fd = std::max(asked.highest_fd, state.watch.fd());
+        cut(asked, state.watch.time_left());
+    }
+    bool can_be_woken = false;
+    asked.highest_fd = std::max(asked.highest_fd, add_wake_descriptors(reads, can_be_woken));
+    state.is_waiting = true;
+    if (!can_be_woken)
+        cut(asked, without_wake_up);
+}
+
+void begin_round(Asked &asked)
+{
     const ks::LockGuard lock(ks::rt_crit);
-    if (known_news != nullptr && *known_news != state.news)
-        timeout = &no_time;
+    if (asked.known_news != state.news) {
+        asked.has_timeout = true;
+        asked.timeout = no_time;
+    }
+    const FdTable &reads = state.fds[RT_FD_READ];
+    const FdTable &writes = state.fds[RT_FD_WRITE];
+    asked.proposal_count = 0;
+    asked.goes_by_proposals = state.watch.begin(reads.members(), writes.members(), reads.count() + writes.count(),
+                                                asked.proposals, asked.proposal_count);
     collect(asked);
     asked.wait = ++state.wait;
     asked.removals = state.removals;
-    asked.has_timeout = timeout != nullptr;
-    asked.timeout = timeout != nullptr ? *timeout : no_time;
-    const bool is_look = asked.has_timeout && asked.timeout.tv_sec == 0 && asked.timeout.tv_usec == 0;
-    if (is_look)
-        return; // over before anybody could have news
-    bool can_be_woken = false;
-    asked.highest_fd = std::max(asked.highest_fd, add_wake_descriptors(asked.sets[RT_FD_READ], can_be_woken));
-    state.is_waiting = true;
-    if (!can_be_woken && (!asked.has_timeout || is_shorter(without_wake_up, asked.timeout))) {
-        asked.has_timeout = true;
-        asked.timeout = without_wake_up;
-    }
+    asked.has_slice = asked.has_timeout;
+    asked.slice = asked.timeout;
+    if (asked.goes_by_proposals && asked.proposal_count > 0)
+        cut(asked, no_time);
+    if (!is_look(asked)) // else it is over before anybody could have news
+        add_own_descriptors(asked);
+    if (asked.has_timeout)
+        timersub(&asked.timeout, &asked.slice, &asked.timeout);
 }
 
-int wait_for(Asked &asked)
+int select_asked(Asked &asked)
 {
     ks_fd_set *given[kind_count];
     for (std::size_t kind = 0; kind < kind_count; ++kind)
         given[kind] = asked.is_used[kind] ? &asked.sets[kind] : nullptr;
     return pfm_select_inhibited(asked.highest_fd + 1, given[RT_FD_READ], given[RT_FD_WRITE], given[RT_FD_EXCEPT],
-                                asked.has_timeout ? &asked.timeout : nullptr);
+                                asked.has_slice ? &asked.slice : nullptr);
 }
 
-int members(const ks_fd_set &set)
+// The numbers of a set, as many as there is room for.
+void name_members(const ks_fd_set &set, char *out, std::size_t size)
 {
-    int count = 0;
-    for (const uint64_t word : set.words)
-        count += __builtin_popcountll(word);
-    return count;
+    constexpr std::size_t longest_number = sizeof " 16384 ...";
+    std::size_t used = 0;
+    out[0] = '\0';
+    for (int fd = 0; fd <= KS_FD_MAX; ++fd) {
+        if (ks_fd_has(&set, fd) == 0)
+            continue;
+        const bool is_full = used + longest_number > size;
+        used += static_cast<std::size_t>(is_full ? strutl_snprintf(out + used, size - used, " ...")
+                                                 : strutl_snprintf(out + used, size - used, " %d", fd));
+        if (is_full)
+            return;
+    }
+    if (used == 0)
+        (void)strutl_snprintf(out, size, " none"); // fits
 }
 
-void trace_wait(const Asked &asked)
+void trace_wait(const timeval *timeout)
 {
     if (!ks::is_traced(subsystem, trace_level))
         return;
-    std::array<int, kind_count> counts{};
-    for (std::size_t kind = 0; kind < kind_count; ++kind)
-        counts[kind] = asked.is_used[kind] ? members(asked.sets[kind]) : 0;
+    Asked asked;
+    {
+        const ks::LockGuard lock(ks::rt_crit);
+        collect(asked);
+    }
+    std::array<char[160], kind_count> names;
+    for (std::size_t kind = 0; kind < kind_count; ++kind) {
+        if (!asked.is_used[kind])
+            ks_fd_zero(&asked.sets[kind]);
+        name_members(asked.sets[kind], names[kind], sizeof names[kind]);
+    }
     char limit[48] = "without end";
-    if (asked.has_timeout)
-        (void)strutl_snprintf(limit, sizeof limit, "for at most %ld.%06ld s", static_cast<long>(asked.timeout.tv_sec),
-                              static_cast<long>(asked.timeout.tv_usec));
-    (void)imsg_print_shared(IMSG_TRACE, subsystem, "rt_wait: %d to read, %d to write, %d with exceptions, %s\n",
-                            IMSG_RAW, counts[RT_FD_READ], counts[RT_FD_WRITE], counts[RT_FD_EXCEPT], limit);
+    if (timeout != nullptr)
+        (void)strutl_snprintf(limit, sizeof limit, "for at most %ld.%06ld s", static_cast<long>(timeout->tv_sec),
+                              static_cast<long>(timeout->tv_usec));
+    (void)imsg_print_shared(IMSG_TRACE, subsystem, "rt_wait: to read%s, to write%s, with exceptions%s; %s\n", IMSG_RAW,
+                            names[RT_FD_READ], names[RT_FD_WRITE], names[RT_FD_EXCEPT], limit);
 }
 
 // --- What was found ---
@@ -175,17 +260,46 @@ bool has_changed(Asked &asked)
     return false;
 }
 
-void end_wait()
+bool is_found(const Asked &asked, int fd)
 {
-    const ks::LockGuard lock(ks::rt_crit);
-    state.is_waiting = false;
+    return ks_fd_has(&asked.sets[RT_FD_READ], fd) != 0 ||
+           (asked.is_used[RT_FD_WRITE] && ks_fd_has(&asked.sets[RT_FD_WRITE], fd) != 0);
 }
 
-void end_wait_with(Asked &asked)
+// Under rt_crit: whether the round has answered what was asked. It has not when it only learnt that there is
+// something to propose, or that what was proposed is nothing, or when it is time for a look at everything.
+bool is_answered(Asked &asked, int ready, int error)
+{
+    if (!asked.goes_by_proposals || (ready < 0 && error == EINTR))
+        return true;
+    for (int i = 0; ready >= 0 && i < asked.proposal_count; ++i) {
+        const int fd = asked.proposals[static_cast<std::size_t>(i)];
+        if (!is_found(asked, fd))
+            state.watch.reject(fd);
+    }
+    if (ready > 0)
+        return !ks_fd_has(&asked.sets[RT_FD_READ], state.watch.fd());
+    if (ready == 0 && asked.has_timeout && is_none(asked.timeout))
+        return true;
+    if (asked.proposal_count == 0 || ready < 0)
+        state.watch.make_full_due();
+    return false;
+}
+
+// Takes what the round found; false when there has to be another, for what is left of the time.
+bool end_round(Asked &asked, int ready, int error)
 {
     const ks::LockGuard lock(ks::rt_crit);
     state.is_waiting = false;
+    state.watch.note_found(ready);
+    const bool is_over = is_answered(asked, ready, error);
+    if (asked.has_timeout)
+        timeradd(&asked.timeout, &asked.slice, &asked.timeout);
+    if (ready <= 0)
+        return is_over;
     take_wake_ups(asked.sets[RT_FD_READ]);
+    if (!is_over)
+        return false;
     for (std::size_t kind = 0; kind < kind_count; ++kind) {
         if (!asked.is_used[kind])
             continue;
@@ -193,6 +307,30 @@ void end_wait_with(Asked &asked)
         if (state.fd_sets[kind] != nullptr)
             (*state.ready)[kind] = asked.sets[kind];
     }
+    return true;
+}
+
+uint64_t current_news()
+{
+    const ks::LockGuard lock(ks::rt_crit);
+    return state.news;
+}
+
+// As select(), with the news in mind that whoever chose the time-out knew; NULL: all there is.
+int wait_for(Asked &asked, const timeval *timeout, const uint64_t *known_news)
+{
+    asked.has_timeout = timeout != nullptr;
+    asked.timeout = timeout != nullptr ? *timeout : no_time;
+    asked.known_news = known_news != nullptr ? *known_news : current_news();
+    int ready = 0;
+    int error = 0;
+    do {
+        begin_round(asked);
+        ready = select_asked(asked);
+        error = errno;
+    } while (!end_round(asked, ready, error));
+    errno = error;
+    return ready;
 }
 
 // --- Serving ---
@@ -343,15 +481,11 @@ Pass begin_pass(bool looks_first)
 bool wait_and_serve(const timeval *timeout, const uint64_t *known_news)
 {
     require_main_thread();
+    ensure_working_sets();
+    trace_wait(timeout);
     Asked asked;
-    begin_wait(asked, timeout, known_news);
-    trace_wait(asked);
-    const int ready = wait_for(asked);
+    const int ready = wait_for(asked, timeout, known_news);
     const int error = errno;
-    if (ready > 0)
-        end_wait_with(asked);
-    else
-        end_wait();
     if (ready < 0 && error != EINTR)
         here.require(error == EBADF && has_changed(asked), "errno == EINTR");
     pfm_enable();

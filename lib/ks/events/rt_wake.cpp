@@ -33,13 +33,6 @@ int open_clock_fd()
     return fd.release();
 }
 
-// -1 where the number is none for a set.
-int fit_for_sets(int fd)
-{
-    UniqueFd above(above_stdio(fd));
-    return above.get() <= KS_FD_MAX ? above.release() : -1;
-}
-
 void add(int &fd, int (*open)(), ks_fd_set &set)
 {
     if (fd < 0)
@@ -58,6 +51,12 @@ void take(int fd, ks_fd_set &ready)
 }
 
 } // namespace
+
+int fit_for_sets(int fd)
+{
+    UniqueFd above(above_stdio(fd));
+    return above.get() <= KS_FD_MAX ? above.release() : -1;
+}
 
 int add_wake_descriptors(ks_fd_set &set, bool &out_complete)
 {
