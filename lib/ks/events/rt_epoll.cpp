@@ -11,9 +11,8 @@
 #include <utility>
 
 #include <sys/epoll.h>
+#include <sys/mman.h>
 #include <unistd.h>
-
-#include <korvaks/pfm.h>
 
 namespace ks::rt {
 
@@ -37,17 +36,31 @@ int64_t now_ms()
 
 } // namespace
 
-bool EpollWatch::is_own() const
+// A page that the kernel empties in every child.
+bool EpollWatch::make_mark()
 {
-    return fd_ >= 0 && owner_ == getpid();
+    if (mark_ != nullptr)
+        return true;
+    constexpr std::size_t size = 4096;
+    void *page = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (page == MAP_FAILED)
+        return false;
+    if (madvise(page, size, MADV_WIPEONFORK) != 0) {
+        (void)munmap(page, size); // cannot fail for a mapping of its own
+        return false;
+    }
+    mark_ = static_cast<char *>(page);
+    return true;
 }
 
 bool EpollWatch::open()
 {
     const ErrnoSaver saver;
     abandon();
+    if (!make_mark())
+        return false;
     fd_ = fit_for_sets(epoll_create1(EPOLL_CLOEXEC));
-    owner_ = getpid();
+    *mark_ = 1;
     return fd_ >= 0;
 }
 
@@ -55,6 +68,7 @@ bool EpollWatch::open()
 void EpollWatch::abandon()
 {
     fd_ = -1;
+    is_complete_ = false;
     ks_fd_zero(&watched_);
     ks_fd_zero(&refused_);
 }
@@ -75,25 +89,28 @@ bool EpollWatch::begin(const ks_fd_set &reads, const ks_fd_set &writes, int coun
 {
     if (count < count_min)
         return false;
-    const bool is_sparse = int64_t{last_found_} * sparse_factor <= count && pfm_get_notify_channel() <= KS_FD_MAX;
+    const bool is_sparse = int64_t{last_found_} * sparse_factor <= count;
     if (is_sparse && ++passes_ >= passes_before)
         take_up(reads, writes);
     const int64_t now = now_ms();
     if (is_sparse && now - last_full_ms_ < full_every_ms && is_own() && propose(out, out_count))
         return true;
     last_full_ms_ = now;
-    ks_fd_zero(&refused_);
+    if (!is_complete_)
+        ks_fd_zero(&refused_);
     return false;
 }
 
 void EpollWatch::take_up(const ks_fd_set &reads, const ks_fd_set &writes)
 {
     passes_ = 0;
-    if (!is_own() && !open())
+    if (is_complete_ || (!is_own() && !open()))
         return;
     const ErrnoSaver saver;
+    is_complete_ = true; // but for what is refused, now or before
     for (std::size_t i = 0; i < KS_FD_SET_WORDS; ++i) {
         const uint64_t fresh = (reads.words[i] | writes.words[i]) & ~watched_.words[i] & ~refused_.words[i];
+        is_complete_ = is_complete_ && refused_.words[i] == 0;
         for (uint64_t rest = fresh; rest != 0; rest &= rest - 1) {
             const int fd = static_cast<int>(i * 64) + std::countr_zero(rest);
             epoll_event event{};
@@ -103,6 +120,7 @@ void EpollWatch::take_up(const ks_fd_set &reads, const ks_fd_set &writes)
             // Files that it does not take stay with select(), as does what there is no room for.
             const bool is_taken = epoll_ctl(fd_, EPOLL_CTL_ADD, fd, &event) == 0;
             ks_fd_add(is_taken ? &watched_ : &refused_, fd);
+            is_complete_ = is_complete_ && is_taken;
         }
     }
 }
@@ -140,12 +158,14 @@ void EpollWatch::reject(int fd)
     const ErrnoSaver saver;
     ks_fd_remove(&watched_, fd);
     ks_fd_add(&refused_, fd);
+    is_complete_ = false;
     if (epoll_ctl(fd_, EPOLL_CTL_DEL, fd, nullptr) != 0) // another file has the number: the old one cannot be named
         drop();
 }
 
-void EpollWatch::forget(int fd)
+void EpollWatch::forget(int fd, bool has_handler)
 {
+    is_complete_ = is_complete_ && !has_handler;
     ks_fd_remove(&refused_, fd);
     if (ks_fd_has(&watched_, fd) == 0)
         return;

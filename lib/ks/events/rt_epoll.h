@@ -14,7 +14,6 @@
 #include <cstdint>
 
 #include <sys/time.h>
-#include <sys/types.h>
 
 namespace ks::rt {
 
@@ -29,6 +28,8 @@ class EpollWatch {
     // The next wait is over everything.
     void make_full_due() { last_full_ms_ = 0; }
 
+    // Whether everything is watched that was added.
+    bool is_complete() const { return is_complete_; }
     // Descriptors that are watched: a wait leaves them out unless they are proposed.
     const ks_fd_set &watched() const { return watched_; }
     // Readable when there is something to propose.
@@ -41,13 +42,15 @@ class EpollWatch {
     // What a wait found: the next one goes by it.
     void note_found(int count) { last_found_ = count; }
 
-    // The handlers of a number change: the registration goes, and with it what it knew of the file.
-    void forget(int fd);
+    // The handlers of a number change: the registration goes, and with it what it knew of the file. `has_handler`: it
+    // still has one, or has one now.
+    void forget(int fd, bool has_handler);
     // In the child of a fork: what it inherited is the parent's.
     void drop_inherited();
 
   private:
-    bool is_own() const;
+    bool is_own() const { return fd_ >= 0 && *mark_ != 0; }
+    bool make_mark();
     bool open();
     bool propose(Proposals &out, int &out_count);
     void take_up(const ks_fd_set &reads, const ks_fd_set &writes);
@@ -55,7 +58,8 @@ class EpollWatch {
     void drop();
 
     int fd_ = -1;
-    pid_t owner_ = 0; // a child that was forked without the library's knowledge has another one
+    char *mark_ = nullptr; // 0 in a child, also in one that was forked without the library's knowledge
+    bool is_complete_ = false;
     int last_found_ = 0;
     int passes_ = 0;           // since descriptors were last taken up
     int64_t last_full_ms_ = 0; // when the last select() over everything began

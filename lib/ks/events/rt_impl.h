@@ -86,9 +86,11 @@ void recycle(rt_event *event);
 // is no such place, also for -1.
 int fit_for_sets(int fd);
 // Descriptors by which the loop is woken, read like any other.
-// Under rt_crit: sees to it that they are there, as far as the process has descriptors left, and adds them to
-// the set. The highest, -1 for none; `out_complete` tells whether nothing is missing.
-int add_wake_descriptors(ks_fd_set &set, bool &out_complete);
+// Under rt_crit: sees to it that they are there, as far as the process has descriptors left. The highest, -1 for none;
+// `out_complete` tells whether nothing is missing.
+int ensure_wake_descriptors(bool &out_complete);
+// Under rt_crit.
+void add_wake_descriptors(ks_fd_set &set);
 // Under rt_crit: takes them out of the set again and takes their news.
 void take_wake_ups(ks_fd_set &ready);
 // Under rt_crit: the loop looks anew, if it waits or is about to.
