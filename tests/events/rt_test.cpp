@@ -18,6 +18,7 @@
 #include <sys/resource.h>
 #include <sys/syscall.h>
 #include <sys/timerfd.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -258,6 +259,54 @@ TEST(RtDescriptors, BetweenTwoDueEventsTheyAreLookedAtOnce)
     });
 }
 
+// Of many only those worth a look are looked at; what other files do to their numbers changes nothing.
+TEST(RtDescriptors, OfManyWhatIsReadyIsServedWhateverBecomesOfTheNumbers)
+{
+    test::in_child([] {
+        const auto look = [](int passes = 1) {
+            for (seen.clear(); passes > 0; --passes)
+                rt_poll();
+            return seen;
+        };
+        const auto letter = [](int fd, void *arg) { note(arg), (void)fd; };
+        const auto open_event = [] { return eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK); };
+        const auto make_ready = [](int fd) { return eventfd_write(fd, 1) == 0; };
+        for (int i = 0; i < 400; ++i)
+            ASSERT_EQ(rt_handle_fd(RT_FD_READ, letter, open_event(), text("x")), 1);
+        const int file = open("/proc/self/exe", O_RDONLY | O_CLOEXEC); // which no set of the kernel takes
+        int hung_up[2];
+        ASSERT_TRUE(pipe(hung_up) == 0 && close(hung_up[1]) == 0);
+        for (int &fd : fds)
+            fd = open_event();
+        rt_handle_fd(RT_FD_READ, letter, fds[0], text("a"));
+        rt_handle_fd(RT_FD_READ, letter, fds[1], text("b"));
+        rt_handle_fd(RT_FD_WRITE, letter, hung_up[0], text("x"));
+        EXPECT_EQ(look(100), "");
+        EXPECT_TRUE(make_ready(fds[0]) && make_ready(fds[1]));
+        EXPECT_EQ(look(), "ba");
+        rt_handle_fd(RT_FD_READ, letter, file, text("f"));
+        for (int i = 0; i < 100; ++i)
+            EXPECT_EQ(look(), "fba");
+        // A child that knows nothing of the library takes nothing from its parent.
+        if (const pid_t child = fork(); child == 0)
+            _exit(rt_unhandle_fd(RT_FD_READ, fds[0]) == 1 && look() == "fb" ? 0 : 1);
+        int status = -1;
+        EXPECT_TRUE(wait(&status) > 0 && status == 0);
+        EXPECT_EQ(look(), "fba");
+        // A number gets another file while a copy keeps the old one alive: that one calls nobody any more.
+        rt_unhandle_fd(RT_FD_READ, file);
+        const int copy = dup(fds[0]);
+        EXPECT_EQ(dup3(fds[2], fds[0], O_CLOEXEC), fds[0]);
+        EXPECT_EQ(look(100), std::string(100, 'b'));
+        EXPECT_EQ(close(copy), 0);
+        EXPECT_TRUE(make_ready(fds[2]));
+        const auto deadline = time(nullptr) + 3;
+        while (look() != "ba" && time(nullptr) < deadline)
+            usleep(1000);
+        EXPECT_EQ(seen, "ba");
+    });
+}
+
 TEST(RtDescriptors, Limits)
 {
     const auto result = test::run_child([] {
@@ -305,6 +354,17 @@ TEST(Rt, MisuseEndsTheProcess)
          "(elem->fd_set_fds != fd_set_fds)"},
         {[] { pfm_init(), std::thread(rt_run).join(); }, "(VLTHREAD_IS_MAIN_THREAD())"},
         {[=] { rt_handle_fd(0, ignore, 9, nullptr), rt_poll(); }, "(errno == EINTR)"},
+        {[=] { // closed behind the loop's back, of many
+             int fd = -1;
+             for (int i = 0; i < 400; ++i)
+                 rt_handle_fd(0, ignore, fd = eventfd(0, 0), nullptr);
+             for (int i = 0; i < 100; ++i)
+                 rt_poll();
+             run_for(1000); // the loop's own descriptors are there
+             close(fd);
+             run_for(1500000);
+         },
+         "(errno == EINTR)"},
     });
 }
 
