@@ -3,6 +3,7 @@
 
 #include <korvaks/pfm.h>
 #include <korvaks/rt.h>
+#include <korvaks/rt_notify.h>
 
 #include <atomic>
 #include <cerrno>
@@ -16,8 +17,10 @@
 #include <fcntl.h>
 #include <sys/eventfd.h>
 #include <sys/resource.h>
+#include <sys/socket.h>
 #include <sys/syscall.h>
 #include <sys/timerfd.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -324,6 +327,38 @@ TEST(RtDescriptors, Limits)
     });
     EXPECT_EQ(result.exit_status, 0);
     EXPECT_NE(result.err.find("File descriptor (16385) too large for rt\n"), std::string::npos);
+}
+
+TEST(RtNotify, OneDatagramToTheSocketThatIsNamed)
+{
+    test::in_child([] {
+        EXPECT_EQ(rt_notify_ready("unheard"), 0);
+        const std::string abstract = "@korvaks-" + std::to_string(getpid());
+        for (const std::string &name : {abstract, "/tmp/" + abstract}) {
+            sockaddr_un address{AF_UNIX, {}};
+            name.copy(address.sun_path + (name[0] == '@' ? 1 : 0), name.size(), name[0] == '@' ? 1 : 0);
+            const int manager = socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK, 0);
+            const auto heard = [manager] {
+                char lines[2000];
+                const ssize_t size = read(manager, lines, sizeof lines);
+                return std::string(lines, size > 0 ? static_cast<std::size_t>(size) : 0);
+            };
+            setenv("NOTIFY_SOCKET", name.c_str(), 1);
+            EXPECT_EQ(rt_notify_ready(nullptr), -1) << "nobody listens";
+            ASSERT_EQ(bind(manager, reinterpret_cast<sockaddr *>(&address),
+                           static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + name.size())),
+                      0);
+            EXPECT_TRUE(rt_notify_ready(nullptr) == 1 && heard() == "READY=1\n");
+            EXPECT_TRUE(rt_notify_stopping("bye\nREADY=1") == 1 && heard() == "STOPPING=1\nSTATUS=bye");
+            EXPECT_TRUE(rt_notify_status(std::string(1001, 's').c_str()) == 1 && heard().size() == 1007);
+            unlink(name.c_str());
+        }
+        for (const auto &[name, error] :
+             {std::pair<std::string, int>("@", EINVAL), {"x/y", EINVAL}, {std::string(108, '/'), ERANGE}}) {
+            setenv("NOTIFY_SOCKET", name.c_str(), 1);
+            EXPECT_TRUE(rt_notify_status("s") == -1 && errno == error) << name;
+        }
+    });
 }
 
 TEST(Rt, MisuseEndsTheProcess)
