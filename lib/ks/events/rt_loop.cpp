@@ -22,6 +22,7 @@ constexpr long trace_level = 2;
 constexpr timeval no_time{0, 0};
 constexpr timeval longest_wait{100'000'000, 0};
 constexpr timeval without_wake_up{1, 0}; // longest wait of a loop that cannot be woken
+constexpr timeval never{INT64_MIN, 0};
 constexpr int64_t usec_per_sec = 1'000'000;
 
 constexpr std::size_t polled_max = 31; // as many as a poll() takes without memory of the heap
@@ -524,10 +525,9 @@ struct Pass {
     uint64_t news = 0; // that there was when this was settled
 };
 
-// From now to the due time, as long or short as a time can be.
-timeval time_until(const rt_event &event)
+// From then to the due time, as long or short as a time can be.
+timeval time_until(const rt_event &event, const timeval &now)
 {
-    const timeval now = ks::wall_clock();
     int64_t carried = event.tv_usec / usec_per_sec;
     int64_t usec = event.tv_usec % usec_per_sec - now.tv_usec;
     while (usec < 0) {
@@ -541,8 +541,9 @@ timeval time_until(const rt_event &event)
     return {sec, usec};
 }
 
-// With `looks_first` an event that is due waits for one look at the descriptors.
-Pass begin_pass(bool looks_first)
+// With `looks_first` an event that is due waits for one look at the descriptors. What was due when the clock was last
+// read, at `now`, is due: a batch of events needs one reading.
+Pass begin_pass(bool looks_first, timeval &now)
 {
     const ks::LockGuard lock(ks::rt_crit);
     Pass pass;
@@ -551,7 +552,11 @@ Pass begin_pass(bool looks_first)
     pass.has_limit = state.first != nullptr || is_to_end;
     if (state.first == nullptr || is_to_end)
         return pass; // which looks, where it is to end, and then does
-    const timeval until_due = time_until(*state.first);
+    timeval until_due = time_until(*state.first, now);
+    if (until_due.tv_sec >= 0) {
+        now = ks::wall_clock();
+        until_due = time_until(*state.first, now);
+    }
     if (until_due.tv_sec >= 0)
         pass.limit = until_due.tv_sec > longest_wait.tv_sec ? longest_wait : until_due;
     if (until_due.tv_sec >= 0 || looks_first)
@@ -594,17 +599,19 @@ void rt_run(void)
     ks::reap_children();
     // Between two events that are due the descriptors are looked at once.
     bool looks_first = false;
+    timeval now = ks::rt::never;
     while (!ks::rt::take_shutdown()) {
         // A raise is delivered before an event is taken: none is lost to it.
         pfm_test_raise(nullptr);
         const ks::rt::Pass pass =
-            ks::rt::begin_pass(looks_first && ks::rt::state.has_any_handler.load(std::memory_order_relaxed));
+            ks::rt::begin_pass(looks_first && ks::rt::state.has_any_handler.load(std::memory_order_relaxed), now);
         looks_first = pass.fn != nullptr;
         if (pass.fn != nullptr) {
             ks::rt::state.events_fired.fetch_add(1, std::memory_order_relaxed);
             pass.fn(pass.arg);
             continue;
         }
+        now = ks::rt::never; // it may be set while the loop waits
         pfm_inhibit();
         if (!ks::rt::wait_and_serve(pass.has_limit ? &pass.limit : nullptr, &pass.news))
             ks::reap_children();
