@@ -12,20 +12,23 @@ namespace {
 
 constexpr std::size_t blocks_at_first = 16;
 
-// How many of sorted times are due no later than the event. Without jumps that nobody can foretell: the times of events
-// that are scheduled in no order are found so twice as fast.
+template <typename Time> std::size_t is_until(const Time &time, const rt_event *event)
+{
+    return static_cast<std::size_t>((time.tv_sec < event->tv_sec) |
+                                    ((time.tv_sec == event->tv_sec) & (time.tv_usec <= event->tv_usec)));
+}
+
+// How many of sorted times are due no later than the event. By arithmetic, not by jumps, which nobody could foretell:
+// the places of events that are scheduled in no order are found twice as fast.
 template <typename Time> std::size_t count_until(const Time *times, std::size_t count, const rt_event *event)
 {
     const Time *base = times;
-    for (std::size_t rest = count; rest > 0;) {
-        const std::size_t half = (rest + 1) / 2;
-        const Time &middle = base[half - 1];
-        const bool is_later =
-            (middle.tv_sec > event->tv_sec) | ((middle.tv_sec == event->tv_sec) & (middle.tv_usec > event->tv_usec));
-        base += is_later ? 0 : half;
-        rest = is_later ? half - 1 : rest - half;
+    while (count > 1) {
+        const std::size_t half = count / 2;
+        base += is_until(base[half - 1], event) * half;
+        count -= half;
     }
-    return static_cast<std::size_t>(base - times);
+    return static_cast<std::size_t>(base - times) + (count == 1 ? is_until(*base, event) : 0);
 }
 
 } // namespace
