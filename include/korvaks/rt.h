@@ -23,7 +23,7 @@
  *
  * In the child of a fork (vlthread_fork()) events and handlers are still there, and the child's loop serves them.
  *
- * Set TRACE_SUBSYS to "rt" and TRACE_VERBOSITY to 2 to see what the loop waits for.
+ * Set TRACE_SUBSYS to "rt" and TRACE_VERBOSITY to 2 to see what the loop waits for: the descriptors, and how long.
  */
 #ifndef KORVAKS_RT_H
 #define KORVAKS_RT_H
@@ -245,7 +245,9 @@ KS_API int rt_event_in_timeout(const rt_event *event);
  * with 16,000.
  *
  * Remove a handler before its descriptor is closed: a wait for a descriptor that is closed ends the process
- * ("errno == EINTR"), unless a handler was removed or a set changed since the wait began.
+ * ("errno == EINTR"), unless a handler was removed or a set changed since the wait began. Where there are many
+ * handlers, 128 and more, not every wait looks at all of them: it then ends within a second, and a number that became
+ * another file's is served within a second.
  *
  * @param kind  RT_FD_READ, RT_FD_WRITE or RT_FD_EXCEPT. 3 and 4 count as the first two, 5 does nothing and gives 1;
  *              any other ends the process.
