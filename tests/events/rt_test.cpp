@@ -308,6 +308,9 @@ TEST(RtDescriptors, Limits)
 {
     const auto result = test::run_child([] {
         const auto ignore = [](int, void *) {};
+        setenv("TRACE_SUBSYS", "rt", 1);
+        setenv("TRACE_VERBOSITY", "2", 1);
+        rt_poll();
         EXPECT_EQ(rt_handle_fd(RT_FD_READ, ignore, 16385, nullptr), 0);
         EXPECT_EQ(rt_fd_validate_max_fd(16384), 1);
         EXPECT_TRUE(rt_handle_fd(5, ignore, -1, nullptr) == 1 && rt_unhandle_fd(5, -1) == 1);
@@ -321,6 +324,9 @@ TEST(RtDescriptors, Limits)
     });
     EXPECT_EQ(result.exit_status, 0);
     EXPECT_NE(result.err.find("File descriptor (16385) too large for rt\n"), std::string::npos);
+    EXPECT_NE(result.err.find("rt_wait: to read none, to write none, with exceptions none; for at most 0.000000 s\n"),
+              std::string::npos)
+        << result.err;
 }
 
 TEST(RtNotify, OneDatagramToTheSocketThatIsNamed)

@@ -93,8 +93,7 @@ int add_set(const ks_fd_set *from, ks_fd_set &to)
 // Sees to it that the sets are filled as far as a descriptor.
 void reach(Asked &asked, int fd)
 {
-    const std::size_t words =
-        fd < 0 ? 0 : std::min<std::size_t>(static_cast<std::size_t>(fd) / 64 + 1, KS_FD_SET_WORDS);
+    const std::size_t words = std::min<std::size_t>(static_cast<std::size_t>(fd + 64) / 64, KS_FD_SET_WORDS);
     for (std::size_t kind = 0; kind < kind_count && words > asked.words; ++kind) {
         if (asked.is_used[kind])
             std::fill_n(asked.sets[kind].words + asked.words, words - asked.words, 0);
@@ -138,7 +137,7 @@ void collect(Asked &asked)
     int highest = has_set_handlers() ? KS_FD_MAX : std::min(asked.channel, KS_FD_MAX); // which joins them
     for (const FdTable &table : state.fds)
         highest = std::max(highest, table.highest_fd());
-    asked.words = static_cast<std::size_t>(highest) / 64 + 1;
+    asked.words = static_cast<std::size_t>(highest + 64) / 64;
     for (std::size_t kind = 0; kind < kind_count; ++kind) {
         asked.is_used[kind] = kind == RT_FD_READ || state.fds[kind].count() != 0 || state.fd_sets[kind] != nullptr;
         if (!asked.is_used[kind])
