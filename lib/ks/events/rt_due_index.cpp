@@ -57,8 +57,9 @@ DueIndex::Place DueIndex::find_end() const
 // The place of an event that is on the list; most leave it at its ends.
 DueIndex::Place DueIndex::find_own(const rt_event *event) const
 {
-    if (block_count_ != 0 && at({0, 0, true}).last == event)
-        return {0, 0, true};
+    constexpr Place front{0, 0, true};
+    if (block_count_ != 0 && is_at(at(front), event))
+        return front;
     return event->next == nullptr ? find_end() : find(event);
 }
 
