@@ -8,6 +8,8 @@
 
 #include <memory>
 #include <random>
+#include <string>
+#include <type_traits>
 #include <vector>
 
 #include <sys/eventfd.h>
@@ -250,7 +252,7 @@ template <typename Loop> void make_pass(benchmark::State &state, std::size_t cou
     const long before = calls;
     for (auto _ : state)
         loop.pass();
-    if (calls - before != static_cast<long>(state.iterations() * ready_count))
+    if (calls - before != state.iterations() * static_cast<long>(ready_count))
         state.SkipWithError("a pass missed handlers, or served them twice");
 }
 
@@ -272,20 +274,20 @@ void register_pass(std::size_t ready_count, std::size_t count, const char *conte
 
 const int registered = [] {
     register_timers("korvaks", std::type_identity<Korvaks>());
-    for (const std::size_t count : {1, 64, 1000})
+    for (const std::size_t count : {1UL, 64UL, 1000UL})
         register_pass(count, count, "korvaks", std::type_identity<Korvaks>());
-    for (const std::size_t count : {1000, 16000})
+    for (const std::size_t count : {1000UL, 16000UL})
         register_pass(1, count, "korvaks", std::type_identity<Korvaks>());
 #ifdef BENCH_LIBEVENT
     register_timers("libevent", std::type_identity<LibEvent<true>>());
-    for (const std::size_t count : {1, 64, 1000})
+    for (const std::size_t count : {1UL, 64UL, 1000UL})
         register_pass(count, count, "libevent_select", std::type_identity<LibEvent<false>>());
-    for (const std::size_t count : {1000, 16000})
+    for (const std::size_t count : {1000UL, 16000UL})
         register_pass(1, count, "libevent_epoll", std::type_identity<LibEvent<true>>());
 #endif
 #ifdef BENCH_LIBUV
     register_timers("libuv", std::type_identity<LibUv>());
-    for (const std::size_t count : {1000, 16000})
+    for (const std::size_t count : {1000UL, 16000UL})
         register_pass(1, count, "libuv", std::type_identity<LibUv>());
 #endif
     return 0;
