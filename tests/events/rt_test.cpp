@@ -3,6 +3,7 @@
 
 #include <korvaks/pfm.h>
 #include <korvaks/rt.h>
+#include <korvaks/rt_notify.h>
 
 #include <atomic>
 #include <cerrno>
@@ -16,8 +17,11 @@
 #include <fcntl.h>
 #include <sys/eventfd.h>
 #include <sys/resource.h>
+#include <sys/socket.h>
 #include <sys/syscall.h>
 #include <sys/timerfd.h>
+#include <sys/un.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -258,10 +262,55 @@ TEST(RtDescriptors, BetweenTwoDueEventsTheyAreLookedAtOnce)
     });
 }
 
+// Of many only those worth a look are looked at; what other files do to their numbers changes nothing.
+TEST(RtDescriptors, OfManyWhatIsReadyIsServedWhateverBecomesOfTheNumbers)
+{
+    test::in_child([] {
+        const auto look = [](int passes = 1) {
+            for (seen.clear(); passes > 0; --passes)
+                rt_poll();
+            return seen;
+        };
+        const auto letter = [](int fd, void *arg) { note(arg), (void)fd; };
+        for (int i = 0; i < 400; ++i)
+            ASSERT_EQ(rt_handle_fd(RT_FD_READ, letter, eventfd(0, EFD_CLOEXEC), text("x")), 1);
+        const int file = open("/proc/self/exe", O_RDONLY | O_CLOEXEC); // which no set of the kernel takes
+        int hung_up[2];
+        ASSERT_TRUE(pipe(hung_up) == 0 && close(hung_up[1]) == 0);
+        for (int i = 0; i < 3; ++i)
+            fds[i] = eventfd(0, EFD_CLOEXEC);
+        rt_handle_fd(RT_FD_READ, letter, fds[0], text("a"));
+        rt_handle_fd(RT_FD_READ, letter, fds[1], text("b"));
+        rt_handle_fd(RT_FD_WRITE, letter, hung_up[0], text("x"));
+        EXPECT_EQ(look(100), "");
+        EXPECT_TRUE(eventfd_write(fds[0], 1) == 0 && eventfd_write(fds[1], 1) == 0 && look() == "ba");
+        rt_handle_fd(RT_FD_READ, letter, file, text("f"));
+        for (int i = 0; i < 100; ++i)
+            EXPECT_EQ(look(), "fba");
+        // A child that knows nothing of the library takes nothing from its parent.
+        if (const pid_t child = fork(); child == 0)
+            _exit(rt_unhandle_fd(RT_FD_READ, fds[0]) == 1 && look() == "fb" ? 0 : 1);
+        int status = -1;
+        EXPECT_TRUE(wait(&status) > 0 && status == 0 && look() == "fba");
+        // A number gets another file while a copy keeps the old one alive: that one calls nobody any more.
+        rt_unhandle_fd(RT_FD_READ, file);
+        const int copy = dup(fds[0]);
+        EXPECT_EQ(dup3(fds[2], fds[0], O_CLOEXEC), fds[0]);
+        EXPECT_EQ(look(100), std::string(100, 'b'));
+        EXPECT_TRUE(close(copy) == 0 && eventfd_write(fds[2], 1) == 0);
+        for (int ms = 0; look() != "ba" && ms < 3000; ++ms)
+            usleep(1000);
+        EXPECT_EQ(seen, "ba");
+    });
+}
+
 TEST(RtDescriptors, Limits)
 {
     const auto result = test::run_child([] {
         const auto ignore = [](int, void *) {};
+        setenv("TRACE_SUBSYS", "rt", 1);
+        setenv("TRACE_VERBOSITY", "2", 1);
+        rt_poll();
         EXPECT_EQ(rt_handle_fd(RT_FD_READ, ignore, 16385, nullptr), 0);
         EXPECT_EQ(rt_fd_validate_max_fd(16384), 1);
         EXPECT_TRUE(rt_handle_fd(5, ignore, -1, nullptr) == 1 && rt_unhandle_fd(5, -1) == 1);
@@ -275,6 +324,38 @@ TEST(RtDescriptors, Limits)
     });
     EXPECT_EQ(result.exit_status, 0);
     EXPECT_NE(result.err.find("File descriptor (16385) too large for rt\n"), std::string::npos);
+    EXPECT_NE(result.err.find("rt_wait: to read none, to write none, with exceptions none; for at most 0.000000 s\n"),
+              std::string::npos)
+        << result.err;
+}
+
+TEST(RtNotify, OneDatagramToTheSocketThatIsNamed)
+{
+    test::in_child([] {
+        EXPECT_EQ(rt_notify_ready("unheard"), 0);
+        for (const std::string name : {"@korvaks-", "/tmp/korvaks-"}) {
+            const std::string own = name + std::to_string(getpid());
+            sockaddr_un address{AF_UNIX, {}};
+            own.substr(name[0] == '@').copy(address.sun_path + (name[0] == '@'), own.size());
+            const int manager = socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK, 0);
+            setenv("NOTIFY_SOCKET", own.c_str(), 1);
+            EXPECT_EQ(rt_notify_ready(nullptr), -1) << "nobody listens";
+            const auto size = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + own.size());
+            ASSERT_EQ(bind(manager, reinterpret_cast<sockaddr *>(&address), size), 0);
+            const auto heard = [manager] {
+                char lines[2000];
+                return std::string(lines, static_cast<std::size_t>(read(manager, lines, sizeof lines)));
+            };
+            EXPECT_TRUE(rt_notify_ready(nullptr) == 1 && heard() == "READY=1\n");
+            EXPECT_TRUE(rt_notify_stopping("bye\nREADY=1") == 1 && heard() == "STOPPING=1\nSTATUS=bye");
+            EXPECT_TRUE(rt_notify_status(std::string(1001, 's').c_str()) == 1 && heard().size() == 1007);
+            unlink(own.c_str());
+        }
+        setenv("NOTIFY_SOCKET", std::string(108, '/').c_str(), 1);
+        EXPECT_TRUE(rt_notify_status("s") == -1 && errno == ERANGE);
+        setenv("NOTIFY_SOCKET", "@", 1);
+        EXPECT_TRUE(rt_notify_status("s") == -1 && errno == EINVAL);
+    });
 }
 
 TEST(Rt, MisuseEndsTheProcess)
@@ -305,6 +386,17 @@ TEST(Rt, MisuseEndsTheProcess)
          "(elem->fd_set_fds != fd_set_fds)"},
         {[] { pfm_init(), std::thread(rt_run).join(); }, "(VLTHREAD_IS_MAIN_THREAD())"},
         {[=] { rt_handle_fd(0, ignore, 9, nullptr), rt_poll(); }, "(errno == EINTR)"},
+        {[=] { // closed behind the loop's back, of many
+             int fd = -1;
+             for (int i = 0; i < 400; ++i)
+                 rt_handle_fd(0, ignore, fd = eventfd(0, 0), nullptr);
+             for (int i = 0; i < 100; ++i)
+                 rt_poll();
+             run_for(1000); // the loop's own descriptors are there
+             close(fd);
+             run_for(1500000);
+         },
+         "(errno == EINTR)"},
     });
 }
 

@@ -21,6 +21,7 @@ extern "C" void rt_fork_child(int)
 {
     const ks::LockGuard lock(ks::rt_crit);
     drop_inherited_wake_descriptors();
+    state.watch.drop_inherited();
     state.is_waiting = false; // who waits is a thread of the parent
 }
 

@@ -20,15 +20,26 @@ inline bool is_earlier(const rt_event &a, const rt_event &b)
 
 class DueIndex {
   public:
-    // An event of the list that is due no later than `event`, and close before its place; NULL when none is known.
-    rt_event *find_before(const rt_event *event) const;
+    // The last entry due no later than a time; `is_found` is false when there is none. Good until the next change.
+    struct Place {
+        std::size_t block;
+        std::size_t entry;
+        bool is_found;
+    };
+    Place find(const rt_event *event) const;
+    // The same for an event that is due no earlier than all of the list.
+    Place find_end() const;
 
-    // `event` is on the list now, behind all of its due time.
-    void note(rt_event *event);
+    // An event of the list that is due no later than the one whose place it is, and close before it; NULL when none is
+    // known.
+    rt_event *before(Place place) const { return place.is_found ? at(place).last : nullptr; }
+
+    // `event`, whose place this is, is on the list now, behind all of its due time.
+    void note(Place place, rt_event *event);
 
     // The same for a signal's way, without memory: where there is no room the entry before gives its place up, so that
     // a search still begins close to the event.
-    void note_in_place(rt_event *event);
+    void note_in_place(Place place, rt_event *event);
 
     // `event` is about to be taken off the list.
     void forget(const rt_event *event);
@@ -44,18 +55,18 @@ class DueIndex {
         std::size_t count; // at least 1
         std::array<Entry, entries_per_block> entries;
     };
-    // The last entry due no later than a time; `is_found` is false when there is none.
-    struct Place {
-        std::size_t block;
-        std::size_t entry;
-        bool is_found;
+    // In the array a block stands with the time that it begins with: a search touches one block only.
+    struct Slot {
+        int64_t tv_sec;
+        int64_t tv_usec;
+        Block *block;
     };
 
-    static bool is_later(const Entry &entry, const rt_event *event);
     static bool is_at(const Entry &entry, const rt_event *event);
-    std::size_t find_block(const rt_event *event) const;
-    Place find(const rt_event *event) const;
-    const Entry &at(Place place) const { return blocks_[place.block]->entries[place.entry]; }
+    Block &block(std::size_t index) const { return *slots_[index].block; }
+    const Entry &at(Place place) const { return block(place.block).entries[place.entry]; }
+    Place find_own(const rt_event *event) const;
+    void note_begin(std::size_t index);
     bool update(Place place, rt_event *event);
     void insert_entry(Place place, rt_event *event);
     bool make_room(Place &place);
@@ -64,7 +75,7 @@ class DueIndex {
     void remove_entry(Place place);
     void merge_with_next(std::size_t index);
 
-    Block **blocks_ = nullptr;
+    Slot *slots_ = nullptr;
     std::size_t block_count_ = 0; // 0: the index is empty
     std::size_t capacity_ = 0;
     Block *spare_ = nullptr; // so that blocks do not come and go with one event

@@ -56,12 +56,15 @@ timeval time_from_now(const timeval &timeout)
     return saturated_sum(now.tv_sec + timeout.tv_sec, carried, usec); // the first two are less than twice a clock's
 }
 
-// The event that a new one goes behind, NULL for the front.
-rt_event *place_of(const rt_event *event)
+// The event that a new one goes behind, NULL for the front; and its place in the index.
+rt_event *place_of(const rt_event *event, DueIndex::Place &out_place)
 {
-    if (state.last != nullptr && !is_earlier(*event, *state.last))
+    if (state.last != nullptr && !is_earlier(*event, *state.last)) {
+        out_place = state.index.find_end();
         return state.last;
-    rt_event *prev = state.index.find_before(event);
+    }
+    out_place = state.index.find(event);
+    rt_event *prev = state.index.before(out_place);
     rt_event *current = prev != nullptr ? prev->next : state.first;
     while (current != nullptr && !is_earlier(*event, *current)) {
         here.require(current != prev, "current != prev");
@@ -76,7 +79,8 @@ bool is_on_list(const rt_event *memory)
 {
     if (memory->magic != RT_MAGIC)
         return false;
-    const rt_event *before = place_of(memory); // behind all of its due time
+    DueIndex::Place place;
+    const rt_event *before = place_of(memory, place); // behind all of its due time
     while (before != nullptr && before != memory && !is_earlier(*before, *memory))
         before = before->prev;
     return before == memory;
@@ -107,8 +111,8 @@ rt_event *obtain_record()
     return std::exchange(state.free_list, state.free_list->next);
 }
 
-// Fills the record in and puts it on the list, not yet in the index; under rt_crit.
-void fill_and_link(rt_event *event, const Order &order, const timeval &due, bool is_caller_owned)
+// Fills the record in and puts it on the list, not yet in the index, whose place for it is given; under rt_crit.
+DueIndex::Place fill_and_link(rt_event *event, const Order &order, const timeval &due, bool is_caller_owned)
 {
     here.require(order.fn != nullptr, "fn != NULL");
     event->tv_sec = due.tv_sec;
@@ -118,15 +122,16 @@ void fill_and_link(rt_event *event, const Order &order, const timeval &due, bool
     event->magic = RT_MAGIC;
     event->mt = order.is_mt ? 1 : 0;
     event->caller_owned = is_caller_owned ? 1 : 0;
-    link_behind(place_of(event), event);
+    DueIndex::Place place;
+    link_behind(place_of(event, place), event);
     if (event->prev == nullptr)
         wake_loop();
+    return place;
 }
 
 void insert(rt_event *event, const Order &order, const timeval &due, bool is_caller_owned)
 {
-    fill_and_link(event, order, due, is_caller_owned);
-    state.index.note(event);
+    state.index.note(fill_and_link(event, order, due, is_caller_owned), event);
 }
 
 rt_event *sched_abs_int(const Order &order, const timeval &due)
@@ -161,8 +166,7 @@ void sched_in_place(rt_event_fn fn, void *arg, rt_event *event)
 {
     const timeval now = ks::wall_clock();
     const ks::LockGuard lock(ks::rt_crit);
-    fill_and_link(event, {fn, arg, false}, now, true);
-    state.index.note_in_place(event);
+    state.index.note_in_place(fill_and_link(event, {fn, arg, false}, now, true), event);
 }
 
 rt_event *take_first_event()

@@ -55,6 +55,7 @@ bool add(FdTable &table, FdHandler *handler)
         return false;
     handler->wait = state.wait;
     table.add(handler);
+    state.watch.forget(handler->fd, true);
     note_change();
     return true;
 }
@@ -139,6 +140,7 @@ int rt_unhandle_fd(int kind, int fd)
     ks::rt::FdHandler *handler = table.remove(fd);
     if (handler == nullptr)
         return 0;
+    ks::rt::state.watch.forget(fd, ks::rt::state.fds[RT_FD_READ].has(fd) || ks::rt::state.fds[RT_FD_WRITE].has(fd));
     ks::rt::drop(handler);
     return 1;
 }

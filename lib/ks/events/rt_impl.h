@@ -7,6 +7,7 @@
 
 #include "base/ks_base.h"
 #include "events/rt_due_index.h"
+#include "events/rt_epoll.h"
 #include "events/rt_fd_table.h"
 #include "events/rt_msg.h"
 #include "kernel/ks_guard.h"
@@ -49,6 +50,7 @@ struct State {
     DueIndex index;
 
     std::array<FdTable, kind_count> fds;
+    EpollWatch watch;                                 // of those that are read or written
     std::array<FdSetHandler *, kind_count> fd_sets{}; // newest first
     FdSets *ready = nullptr; // what the last wait found and nobody has served; made on first use
     uint64_t wait = 0;       // waits begun so far; who serves what one found stops when another has begun
@@ -79,10 +81,16 @@ void sched_in_place(rt_event_fn fn, void *arg, rt_event *event);
 rt_event *take_first_event();
 void recycle(rt_event *event);
 
-// rt_wake.cpp: descriptors by which the loop is woken, read like any other.
-// Under rt_crit: sees to it that they are there, as far as the process has descriptors left, and adds them to
-// the set. The highest, -1 for none; `out_complete` tells whether nothing is missing.
-int add_wake_descriptors(ks_fd_set &set, bool &out_complete);
+// rt_wake.cpp
+// A descriptor of the runtime's own, moved to where a set has room for it; the old number is closed. -1 where there
+// is no such place, also for -1.
+int fit_for_sets(int fd);
+// Descriptors by which the loop is woken, read like any other.
+// Under rt_crit: sees to it that they are there, as far as the process has descriptors left. The highest, -1 for none;
+// `out_complete` tells whether nothing is missing.
+int ensure_wake_descriptors(bool &out_complete);
+// Under rt_crit.
+void add_wake_descriptors(ks_fd_set &set);
 // Under rt_crit: takes them out of the set again and takes their news.
 void take_wake_ups(ks_fd_set &ready);
 // Under rt_crit: the loop looks anew, if it waits or is about to.

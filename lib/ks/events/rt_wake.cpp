@@ -33,20 +33,6 @@ int open_clock_fd()
     return fd.release();
 }
 
-// -1 where the number is none for a set.
-int fit_for_sets(int fd)
-{
-    UniqueFd above(above_stdio(fd));
-    return above.get() <= KS_FD_MAX ? above.release() : -1;
-}
-
-void add(int &fd, int (*open)(), ks_fd_set &set)
-{
-    if (fd < 0)
-        fd = fit_for_sets(open());
-    ks_fd_add(&set, fd);
-}
-
 // Readable as soon as there is news; reading takes it, also where it fails with ECANCELED.
 void take(int fd, ks_fd_set &ready)
 {
@@ -59,13 +45,27 @@ void take(int fd, ks_fd_set &ready)
 
 } // namespace
 
-int add_wake_descriptors(ks_fd_set &set, bool &out_complete)
+int fit_for_sets(int fd)
+{
+    UniqueFd above(above_stdio(fd));
+    return above.get() <= KS_FD_MAX ? above.release() : -1;
+}
+
+int ensure_wake_descriptors(bool &out_complete)
 {
     const ErrnoSaver saver;
-    add(wake_fd, open_wake_fd, set);
-    add(clock_fd, open_clock_fd, set);
+    if (wake_fd < 0)
+        wake_fd = fit_for_sets(open_wake_fd());
+    if (clock_fd < 0)
+        clock_fd = fit_for_sets(open_clock_fd());
     out_complete = wake_fd >= 0 && clock_fd >= 0;
     return std::max(wake_fd, clock_fd);
+}
+
+void add_wake_descriptors(ks_fd_set &set)
+{
+    ks_fd_add(&set, wake_fd);
+    ks_fd_add(&set, clock_fd);
 }
 
 void take_wake_ups(ks_fd_set &ready)
