@@ -59,7 +59,7 @@ extern "C" {
 typedef struct imsg_log_counters {
     uint64_t written;    /**< records that a log file or the daemon log took */
     uint64_t lost;       /**< records that it refused, and texts that found a pipe full */
-    uint64_t suppressed; /**< messages of a process with a log that IMSG_PROC_SUPPRESS kept from being written */
+    uint64_t suppressed; /**< messages that IMSG_PROC_SUPPRESS kept from being written anywhere */
 } imsg_log_counters;
 
 /** @name Log files */
@@ -109,7 +109,8 @@ KS_API void imsg_end_log(void);
 
 /**
  * Makes the process a daemon that keeps a log: messages go there with a time stamp, and what is written to
- * standard output and error is caught. It does not fork, and leaves session and directory alone.
+ * standard output and error is caught. It does not fork, and leaves session and directory alone: a program
+ * that puts itself into the background does so first.
  *
  * From here on messages of kind IMSG_OK have their head ("prog: Ok: "). A standard input that is closed becomes
  * /dev/null (else message 3 of "ks/imsg" says why not). Terminal modes that the library changed are put back.
@@ -212,7 +213,7 @@ KS_API void imsg_drain_pipes(void);
  * imsg_drain_pipes() for a program that ends without exit(), such as by _exit(2) or exec(3): what is waiting goes to
  * the log to the last byte, also a line without its end. The pipes stay.
  *
- * @return 0; -1 with errno EINVAL and message 99 of "ks/imsg" in a process that is no daemon.
+ * @return 0; -1 with errno EINVAL and message 99 of "ks/imsg" in a process that is no daemon or is a daemon's child.
  *
  * Threads: any. Raises: only in printing that message.
  */
@@ -232,7 +233,8 @@ KS_API int imsg_set_pipes_blocking(void);
 
 /**
  * The descriptor from which a daemon reads what is written to standard output or error, for a program with a loop
- * of its own: when it is readable, call imsg_drain_pipes(). Do not read from it, and do not close it.
+ * of its own: when it is readable, call imsg_drain_pipes(). Do not read from it, and do not close it. The loop of rt.h
+ * watches it already.
  *
  * @param fd  1 or 2
  * @return the descriptor; -1 with errno EINVAL and a message of "ks/imsg": 101 in a process that is no daemon or is a
