@@ -144,7 +144,7 @@ Failure replace_log(const char *path)
         (logs.err != logs.out && !put_in_place(fd.get(), fileno(logs.err), O_CLOEXEC)))
         return failure_of(path);
     if (is_other)
-        logs.daemon_file.is_cut = ends_in_cut_record(fd.get());
+        begin_records(logs.daemon_file, fd.get());
     note_opening(wall_clock().tv_sec);
     return {};
 }
@@ -232,8 +232,7 @@ Failure open_log_streams(const char *path, bool has_separate_err)
     if (!fd)
         return failure_to_open(path);
     open_to_everybody(fd.get());
-    logs.daemon_file = {};
-    logs.daemon_file.is_cut = ends_in_cut_record(fd.get());
+    begin_records(logs.daemon_file, fd.get());
     UniqueFd second(has_separate_err ? fcntl(fd.get(), F_DUPFD_CLOEXEC, STDERR_FILENO + 1) : -1);
     if (has_separate_err && !second)
         return failure_of(path);

@@ -26,6 +26,8 @@ constinit std::atomic<int> log_descriptor{-1};
 // All that is done from here on is read() and write(): the signal may have come in the middle of anything.
 void copy_bytes(const char *bytes, std::size_t size)
 {
+    if (size > 0 && logs.daemon_file.is_cut.exchange(false))
+        copy_bytes("\n", 1);
     (void)write_all(log_descriptor.load(std::memory_order_relaxed), bytes, size); // there is nobody to tell
 }
 

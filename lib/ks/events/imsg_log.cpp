@@ -109,8 +109,7 @@ void begin_log(const char *path)
         logs.is_terminal = isatty(fileno(state.real_err)) == 1;
         stream = state.real_err;
     }
-    logs.log_file = {};
-    logs.log_file.is_cut = logs.is_own_file && ends_in_cut_record(fileno(stream));
+    begin_records(logs.log_file, fileno(stream));
     logs.is_open = true;
     state.log_stream = stream;
     state.log_hooks = &log_hooks;
@@ -173,15 +172,6 @@ bool is_symbolic_link(const char *path)
     const ErrnoSaver saver;
     struct stat st;
     return lstat(path, &st) == 0 && S_ISLNK(st.st_mode);
-}
-
-bool ends_in_cut_record(int fd)
-{
-    const ErrnoSaver saver;
-    struct stat st;
-    char last = '\n';
-    return fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && st.st_size > 0 && pread(fd, &last, 1, st.st_size - 1) == 1 &&
-           last != '\n';
 }
 
 void refuse_link(const char *path, FILE *stream)

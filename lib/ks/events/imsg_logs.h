@@ -17,8 +17,8 @@ namespace ks::imsg {
 
 // A file that takes records, by one descriptor or several.
 struct RecordFile {
-    bool is_cut = false;     // its last record was written in part only
-    bool is_refused = false; // it did not take the last record
+    std::atomic<bool> is_cut{false}; // its last record was written in part only; a signal handler looks at it
+    bool is_refused = false;         // it did not take the last record
     bool is_reported = false;
     int error = 0;           // of the last refusal
     uint64_t lost_count = 0; // records lost since it was last said
@@ -99,6 +99,8 @@ class RecordWriter {
 inline constexpr std::size_t record_frame_max = 2048;
 inline constexpr std::size_t report_size = 1024;
 
+// A file that was just opened.
+void begin_records(RecordFile &file, int fd);
 // False while a file that has refused records refuses what is to be said about them.
 [[nodiscard]] bool try_again(FILE *stream, RecordFile &file);
 // What a stream's records go by; NULL for a stream that is written as any other.
@@ -118,8 +120,6 @@ enum class Refusal { none, symbolic_link, other };
 // names, EINVAL for what is neither a file nor a character device, ELOOP for a symbolic link, else open()'s.
 [[nodiscard]] int open_for_records(const char *path, int flags, mode_t mode);
 bool is_symbolic_link(const char *path);
-// Whether the last record in the file was cut by whoever wrote it.
-bool ends_in_cut_record(int fd);
 // "Unable to open log file ...: pathname must not be a symbolic link".
 void refuse_link(const char *path, FILE *stream);
 

@@ -13,6 +13,8 @@
 #include <utility>
 
 #include <stdio_ext.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace ks::imsg {
 
@@ -75,6 +77,16 @@ void make_stamp(Stamp &out)
 Shape shape_of(const FILE *stream)
 {
     return stream == logs.out ? Shape::one_line : Shape::plain;
+}
+
+// Whether the last record in the file was cut by whoever wrote it.
+bool ends_in_cut_record(int fd)
+{
+    const ErrnoSaver saver;
+    struct stat st;
+    char last = '\n';
+    return fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && st.st_size > 0 && pread(fd, &last, 1, st.st_size - 1) == 1 &&
+           last != '\n';
 }
 
 bool put_stamped(std::string_view text, FILE *stream)
@@ -270,6 +282,14 @@ bool RecordWriter::finish()
     }
     errno = error_;
     return false;
+}
+
+void begin_records(RecordFile &file, int fd)
+{
+    file.is_cut.store(ends_in_cut_record(fd), std::memory_order_relaxed);
+    file.is_refused = file.is_reported = false;
+    file.error = 0;
+    file.lost_count = 0;
 }
 
 bool try_again(FILE *stream, RecordFile &file)
