@@ -311,6 +311,9 @@ Failure become_daemon_locked(const char *path, Form form)
 int become_daemon(const char *path, Form form)
 {
     start();
+    // Before anything is replaced: where this cannot be done the process ends, and says why.
+    if (form == Form::captured)
+        register_endings();
     occupy_descriptor_0();
     flush_own_streams();
     const bool is_new = !is_own_daemon.load(std::memory_order_relaxed);
@@ -327,7 +330,7 @@ int become_daemon(const char *path, Form form)
         return report(failure);
     before_child_start.store(imsg_starting_process, std::memory_order_release);
     if (form == Form::captured && is_new) {
-        register_endings();
+        catch_fatal_signals();
         watch_pipes();
     }
     return 0;

@@ -81,15 +81,6 @@ void catch_if_default(int sig)
     (void)sigaction(sig, &action, nullptr); // a valid signal and action
 }
 
-void catch_fatal_signals()
-{
-    log_descriptor.store(fileno(logs.out), std::memory_order_release);
-    for (const int sig : fatal_signals)
-        catch_if_default(sig);
-    for (int sig = SIGRTMIN; sig <= SIGRTMAX; ++sig)
-        catch_if_default(sig);
-}
-
 extern "C" void imsg_drain_at_exit(void)
 {
     const IoLockGuard lock(ks_product_crit);
@@ -108,14 +99,22 @@ extern "C" void imsg_drain_on_exit(int, void *)
 
 } // namespace
 
+void catch_fatal_signals()
+{
+    log_descriptor.store(fileno(logs.out), std::memory_order_release);
+    for (const int sig : fatal_signals)
+        catch_if_default(sig);
+    for (int sig = SIGRTMIN; sig <= SIGRTMAX; ++sig)
+        catch_if_default(sig);
+}
+
 void register_endings()
 {
     static constinit std::atomic<bool> is_registered{false};
-    if (!is_registered.exchange(true)) {
-        pfm_on_exit(imsg_drain_on_exit, nullptr);
-        (void)std::atexit(imsg_drain_at_exit); // where there is no memory for it pfm_exit() still drains
-    }
-    catch_fatal_signals();
+    if (is_registered.exchange(true))
+        return;
+    pfm_on_exit(imsg_drain_on_exit, nullptr);
+    (void)std::atexit(imsg_drain_at_exit); // where there is no memory for it pfm_exit() still drains
 }
 
 } // namespace ks::imsg

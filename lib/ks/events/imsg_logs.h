@@ -163,7 +163,9 @@ void unwatch_pipes();
 
 // --- imsg_ending.cpp ---
 
-// What is caught goes to the log also when the process ends. No lock held.
+// What is caught goes to the log also when the process exits, from the time when something is caught. No lock held.
 void register_endings();
+// The same for signals that end the process.
+void catch_fatal_signals();
 
 } // namespace ks::imsg

@@ -15,6 +15,7 @@
 #include <poll.h>
 #include <stdio_ext.h>
 #include <sys/ioctl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace ks::imsg {
@@ -286,8 +287,11 @@ bool open_pipe(Ends &out_ends)
 
 bool replace_descriptor(Ends &ends, int fd)
 {
-    ends.before.reset(fcntl(fd, F_DUPFD_CLOEXEC, STDERR_FILENO + 1));
-    if (!ends.before && errno != EBADF)
+    struct stat st;
+    const bool was_open = fstat(fd, &st) == 0 || errno != EBADF;
+    if (was_open)
+        ends.before.reset(fcntl(fd, F_DUPFD_CLOEXEC, STDERR_FILENO + 1));
+    if (was_open && !ends.before)
         return false;
     ends.is_replaced = dup2(ends.write_end.get(), fd) == fd;
     ends.write_end.reset();
