@@ -14,7 +14,6 @@
 #include <cstdlib>
 #include <ctime>
 #include <memory>
-#include <regex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -37,10 +36,33 @@ int print(int kind, const char *text)
     return imsg_print_shared(kind, nullptr, text, IMSG_RAW);
 }
 
+std::vector<std::string> lines_of(const std::string &text)
+{
+    std::vector<std::string> lines;
+    for (std::size_t at = 0, end; (end = text.find('\n', at)) != text.npos; at = end + 1)
+        lines.push_back(text.substr(at, end - at));
+    return lines;
+}
+
 // The log with "@" in the place of each time stamp.
 std::string records_of(const std::string &path)
 {
-    return std::regex_replace(test::read_file(path), std::regex("(^|\n)[0-9T:.-]{26}(Z|[+-][0-9:]{5}) "), "$1@");
+    const std::string text = test::read_file(path);
+    std::string records;
+    for (std::string line : lines_of(text)) {
+        const auto blank = line.find(' ');
+        if (blank != line.npos && blank >= 27 && line.substr(0, 2) == "20" && line[10] == 'T' && line[19] == '.')
+            line.replace(0, blank + 1, "@");
+        records += line + "\n";
+    }
+    return records + text.substr(text.rfind('\n') + 1);
+}
+
+// What stands behind the numbers of a record.
+bool is_record(const std::string &line, const char *start, const char *end)
+{
+    const auto digit = line.find_first_of("0123456789");
+    return line.substr(0, digit) == start && line.substr(line.find_last_of("0123456789") + 1) == end;
 }
 
 class ImsgDaemon : public testing::Test {
@@ -122,7 +144,7 @@ TEST_F(ImsgDaemon, DrainsAtEveryEnd)
     EXPECT_EQ(log_of([=] { late(), pfm_on_exit(leave, nullptr), pfm_exit(7); }, 7),
               stamped + "@noname: Ok: late; on exit\n");
     EXPECT_TRUE(log_of([=] { late(), abort(); }, SIGABRT).ends_with("\nlate"));
-    EXPECT_TRUE(log_of([=] { late(), kill(getpid(), SIGSEGV), pause(); }, SIGSEGV).ends_with("\nlate\nlate"));
+    EXPECT_TRUE(log_of([=] { late(), raise(SIGILL); }, SIGILL).ends_with("\nlate\nlate"));
     EXPECT_TRUE(
         log_of([=] { late(), imsg_drain_pipes_fully(), _exit(3); }, 3).ends_with("\nlate\nlate\n@noname: Ok: late\n"));
     // What a child of a fork does is nothing to its parent's pipes.
@@ -227,9 +249,8 @@ TEST_F(ImsgDaemon, ALogThatTakesNothingStopsNobody)
         rt_run();
         EXPECT_TRUE(counters().written == 2 && counters().lost == 2);
     });
-    EXPECT_TRUE(std::regex_match(log, std::regex("@noname: Ok: first\n@no\n@noname: Error: 2 records could "
-                                                 "not be written: File too large\n@noname: Ok: kept\n")))
-        << log;
+    EXPECT_EQ(log, "@noname: Ok: first\n@no\n@noname: Error: 2 records could not be written: File too large\n"
+                   "@noname: Ok: kept\n");
 }
 
 TEST_F(ImsgDaemon, SuspendedItPrintsIntoItsPipes)
@@ -368,15 +389,15 @@ TEST_F(ImsgDaemon, PrintsReopensSuspendsAndDrainsAtOnce)
             thread.join();
     });
     log = records_of(dir.file("all")) + log;
-    const std::regex whole("@?(noname: (Ok|Error): )*(message|captured) [0-9]+");
-    const std::sregex_iterator none;
-    const std::regex line("[^\n]*\n");
-    long count = 0;
-    for (std::sregex_iterator at(log.begin(), log.end(), line); at != none; ++at, ++count) {
-        const std::string record = at->str().substr(0, at->str().size() - 1);
-        ASSERT_TRUE(std::regex_match(record, whole)) << record;
+    const auto lines = lines_of(log);
+    for (const std::string &line : lines) {
+        // With what a suspension leaves out, and the head that it adds.
+        const auto text = line.find_first_not_of("@noameOkErr: ");
+        EXPECT_TRUE(text != line.npos && (is_record(line.substr(text), "captured ", "") ||
+                                          is_record(line.substr(line.find("message")), "message ", "")))
+            << line;
     }
-    EXPECT_EQ(count, 4L * each);
+    EXPECT_EQ(lines.size(), 4U * each);
 }
 
 TEST_F(ImsgDaemon, WritersThatAreKilledLeaveWholeRecords)
@@ -397,14 +418,10 @@ TEST_F(ImsgDaemon, WritersThatAreKilledLeaveWholeRecords)
         EXPECT_EQ(writer->finish().signal, SIGKILL);
     }
     const std::string log = records_of(path);
-    const auto last = log.rfind('\n');
-    EXPECT_GT(last, 3'000'000U);
-    const std::regex whole("@noname: Error: record [0-9]+ [0-9]{300} end");
-    for (std::size_t at = 0, end; at < last; at = end + 1) {
-        end = log.find('\n', at);
-        ASSERT_TRUE(std::regex_match(log.begin() + static_cast<long>(at), log.begin() + static_cast<long>(end), whole))
-            << log.substr(at, end - at);
-    }
+    const auto lines = lines_of(log); // without the last record, which may be cut
+    EXPECT_GT(lines.size(), 8000U);
+    for (const std::string &line : lines)
+        ASSERT_TRUE(is_record(line, "@noname: Error: record ", " end")) << line;
 }
 
 } // namespace

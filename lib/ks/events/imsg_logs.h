@@ -135,6 +135,7 @@ struct CapturedPipe {
     std::atomic<int> read_end{-1}; // -1: none, or ended
     char *room = nullptr;
     std::atomic<std::size_t> length{0};
+    std::size_t size = 0; // of the pipe
 };
 extern constinit std::array<CapturedPipe, 2> captured_pipes; // of descriptors 1 and 2
 extern constinit std::atomic<bool> is_draining;

@@ -98,8 +98,8 @@ class Drain {
     RecordWriter out_;
     const Extent extent_;
     const bool has_heads_;
-    bool has_flushed_ = false;
     std::array<std::size_t, 2> waiting_{};
+    std::array<bool, 2> is_known_{}; // what is waiting
     std::array<char[head_size], 2> heads_;
     std::array<std::size_t, 2> head_lengths_{};
 };
@@ -208,11 +208,10 @@ void Drain::flush_own(std::size_t i)
     const std::size_t pending = __fpending(stream);
     if ((pending == 0 && ferror_unlocked(stream) == 0) || read_end(i) < 0 || fileno(stream) != descriptor_of(i))
         return;
-    const auto pipe_size = static_cast<std::size_t>(std::max(fcntl(read_end(i), F_GETPIPE_SZ), 0));
     waiting_[i] = waiting_in(read_end(i));
-    if (waiting_[i] + pending > pipe_size / 2)
+    is_known_[i] = true;
+    if (waiting_[i] + pending > captured_pipes[i].size / 2)
         read_pipe(i);
-    has_flushed_ = true;
     if (ftrylockfile(stream) != 0)
         return;
     const bool is_flushed = fflush_unlocked(stream) == 0;
@@ -233,9 +232,10 @@ void Drain::flush_own(std::size_t i)
 // What is waiting in the pipes that were not looked into yet.
 void Drain::look()
 {
-    if (has_flushed_) {
-        for (std::size_t i = 0; i < waiting_.size(); ++i)
-            waiting_[i] = std::max(waiting_[i], read_end(i) < 0 ? 0 : waiting_in(read_end(i)));
+    if (is_known_[0] || is_known_[1]) {
+        const std::size_t other = is_known_[0] ? 1 : 0;
+        if (!is_known_[other] && read_end(other) >= 0)
+            waiting_[other] = waiting_in(read_end(other));
         return;
     }
     std::array<pollfd, 2> fds{pollfd{read_end(0), POLLIN, 0}, pollfd{read_end(1), POLLIN, 0}};
@@ -389,6 +389,8 @@ const char *begin_capture()
     }
     for (std::size_t i = 0; i < all.size(); ++i) {
         captured_pipes[i].length.store(0, std::memory_order_relaxed);
+        captured_pipes[i].size = static_cast<std::size_t>(
+            std::max(fcntl(all[i].read_end.get(), F_GETPIPE_SZ), 0)); // 0: read before each flush
         captured_pipes[i].read_end.store(all[i].read_end.release(), std::memory_order_release);
     }
     return nullptr;

@@ -136,9 +136,11 @@ RecordWriter::RecordWriter(int fd, RecordFile &file, char *room, std::size_t roo
 RecordWriter::RecordWriter(FILE *stream, RecordFile &file)
     : RecordWriter(fileno(stream), file, process_room, process_room_size)
 {
-    // What the program has printed on the stream itself comes first.
-    if (__fpending(stream) > 0)
-        (void)std::fflush(stream);
+    // What the program has printed on the stream itself comes first, unless another thread is in the middle of it.
+    if (__fpending(stream) == 0 || ftrylockfile(stream) != 0)
+        return;
+    (void)fflush_unlocked(stream);
+    funlockfile(stream);
 }
 
 RecordWriter::~RecordWriter()
