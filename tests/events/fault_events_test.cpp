@@ -282,6 +282,7 @@ TEST(FaultImsgDaemon, BecomePrintDrainAndReopen)
         })
         .ends(
             {{Call::allocation, "(new = (struct on_exit_entry *)malloc(sizeof(struct on_exit_entry))) != NULL", true}})
+        .spares({Call::key}) // ends the library's start on a thread of its own, and by now the word goes into the log
         .sweep_first_use();
     Operation("imsg_print, imsg_drain_pipes, imsg_open_daemon in a daemon")
         .setup([&] { (void)!imsg_init_daemon(path.c_str()); })

@@ -84,8 +84,8 @@ class Drain {
     void run();
 
   private:
-    void flush_own(std::size_t i);
     void look();
+    void flush_own(std::size_t i);
     void read_pipe(std::size_t i);
     bool take_read(std::size_t i, ssize_t got);
     void take_lines(std::size_t i, std::size_t added);
@@ -99,7 +99,6 @@ class Drain {
     const Extent extent_;
     const bool has_heads_;
     std::array<std::size_t, 2> waiting_{};
-    std::array<bool, 2> is_known_{}; // what is waiting
     std::array<char[head_size], 2> heads_;
     std::array<std::size_t, 2> head_lengths_{};
 };
@@ -200,6 +199,20 @@ void Drain::read_pipe(std::size_t i)
     }
 }
 
+// What is waiting in the pipes.
+void Drain::look()
+{
+    std::array<pollfd, 2> fds{pollfd{read_end(0), POLLIN, 0}, pollfd{read_end(1), POLLIN, 0}};
+    if (poll(fds.data(), fds.size(), 0) <= 0)
+        return;
+    for (std::size_t i = 0; i < fds.size(); ++i) {
+        if ((fds[i].revents & POLLIN) != 0)
+            waiting_[i] = waiting_in(fds[i].fd);
+        else if (fds[i].revents != 0)
+            waiting_[i] = 1; // an end or an error, which the read tells
+    }
+}
+
 // Text of the program's own goes into the pipe first, for which there must be room: the C library drops what a full
 // pipe does not take. Where another thread is in the middle of a text the next drain finds it.
 void Drain::flush_own(std::size_t i)
@@ -208,8 +221,6 @@ void Drain::flush_own(std::size_t i)
     const std::size_t pending = __fpending(stream);
     if ((pending == 0 && ferror_unlocked(stream) == 0) || read_end(i) < 0 || fileno(stream) != descriptor_of(i))
         return;
-    waiting_[i] = waiting_in(read_end(i));
-    is_known_[i] = true;
     if (waiting_[i] + pending > captured_pipes[i].size / 2)
         read_pipe(i);
     if (ftrylockfile(stream) != 0)
@@ -229,31 +240,11 @@ void Drain::flush_own(std::size_t i)
     add_report(out_, "Text written to standard %s was lost", i == 0 ? "output" : "error");
 }
 
-// What is waiting in the pipes that were not looked into yet.
-void Drain::look()
-{
-    if (is_known_[0] || is_known_[1]) {
-        const std::size_t other = is_known_[0] ? 1 : 0;
-        if (!is_known_[other] && read_end(other) >= 0)
-            waiting_[other] = waiting_in(read_end(other));
-        return;
-    }
-    std::array<pollfd, 2> fds{pollfd{read_end(0), POLLIN, 0}, pollfd{read_end(1), POLLIN, 0}};
-    if (poll(fds.data(), fds.size(), 0) <= 0)
-        return;
-    for (std::size_t i = 0; i < fds.size(); ++i) {
-        if ((fds[i].revents & POLLIN) != 0)
-            waiting_[i] = waiting_in(fds[i].fd);
-        else if (fds[i].revents != 0)
-            waiting_[i] = 1; // an end or an error, which the read tells
-    }
-}
-
 void Drain::run()
 {
+    look();
     for (std::size_t i = 0; i < waiting_.size(); ++i)
         flush_own(i);
-    look();
     for (std::size_t i = 0; i < waiting_.size(); ++i) {
         read_pipe(i);
         if (extent_ != Extent::whole_lines && out_.is_good())
