@@ -109,6 +109,8 @@ void begin_log(const char *path)
         logs.is_terminal = isatty(fileno(state.real_err)) == 1;
         stream = state.real_err;
     }
+    logs.log_file.is_refused = false; // of an earlier log
+    logs.log_file.lost_count = 0;
     begin_records(logs.log_file, fileno(stream));
     logs.is_open = true;
     state.log_stream = stream;

@@ -99,7 +99,7 @@ class RecordWriter {
 inline constexpr std::size_t record_frame_max = 2048;
 inline constexpr std::size_t report_size = 1024;
 
-// A file that was just opened.
+// Another file, just opened. What the one before has lost is said in it.
 void begin_records(RecordFile &file, int fd);
 // False while a file that has refused records refuses what is to be said about them.
 [[nodiscard]] bool try_again(FILE *stream, RecordFile &file);
@@ -113,8 +113,6 @@ RecordFile *file_of(const FILE *stream);
 int format_own(char *buffer, std::size_t size, int kind, unsigned number, ...);
 
 // --- imsg_log.cpp ---
-
-enum class Refusal { none, symbolic_link, other };
 
 // Opens a file that is to take records at its end. A descriptor above 2; -1 with errno: EMLINK for a file with several
 // names, EINVAL for what is neither a file nor a character device, ELOOP for a symbolic link, else open()'s.

@@ -98,12 +98,12 @@ bool put_stamped(std::string_view text, FILE *stream)
 
 bool write_for_log(std::string_view text, FILE *stream, bool opens_message)
 {
-    if (text.empty())
-        return true;
-    const bool is_stamped = opens_message && wants_stamps();
+    const bool is_stamped = opens_message && !text.empty() && wants_stamps();
     RecordFile *file = file_of(stream);
     if (file == nullptr)
         return is_stamped ? put_stamped(text, stream) : put_text_itself(text, stream);
+    if (text.empty())
+        return true;
     const int saved_errno = errno;
     const Shape shape = shape_of(stream);
     RecordWriter out(stream, *file);
@@ -289,9 +289,7 @@ bool RecordWriter::finish()
 void begin_records(RecordFile &file, int fd)
 {
     file.is_cut.store(ends_in_cut_record(fd), std::memory_order_relaxed);
-    file.is_refused = file.is_reported = false;
-    file.error = 0;
-    file.lost_count = 0;
+    file.is_reported = false;
 }
 
 bool try_again(FILE *stream, RecordFile &file)
