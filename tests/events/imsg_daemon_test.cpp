@@ -153,14 +153,11 @@ TEST_F(ImsgDaemon, DrainsAtEveryEnd)
         const pid_t child = fork();
         if (child == 0) {
             clock_shift = 4000;
-            print(IMSG_OK, "child\n"), imsg_drain_pipes(), std::exit(4);
+            print(IMSG_OK, "child\n"), imsg_drain_pipes(), _exit(4);
         }
         EXPECT_EQ(test::exit_status_of(child), 4);
     });
-    // Between the two a sanitizer may have something to say.
-    EXPECT_TRUE(forked.ends_with("\n@noname: Ok: late\n") &&
-                forked.find("\nlate\n@noname: Ok: late\n@noname: Ok: child\n") != forked.npos)
-        << forked;
+    EXPECT_TRUE(forked.ends_with("\n@noname: Ok: child\n@noname: Ok: late\n")) << forked;
 }
 
 TEST_F(ImsgDaemon, OpensTheLogAnewAndWritesOnWhereItCannot)
