@@ -5,6 +5,8 @@
 #include "events/children.h"
 #include "kernel/ks_guard.h"
 
+#include <korvaks/imsg.h>
+#include <korvaks/imsg_log.h>
 #include <korvaks/ks_proc.h>
 #include <korvaks/pfm.h>
 #include <korvaks/rt_proc.h>
@@ -12,7 +14,10 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cstdio>
+#include <string>
 
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -224,6 +229,72 @@ TEST(FaultKsProc, Start)
         .keeps([&] { return result.pid == -1 && result.in_fd == -1 && has_said("Unable to create"); })
         .sweep()
         .sweep_raises();
+}
+
+int print(int kind, const char *text)
+{
+    return imsg_print_shared(kind, nullptr, text, IMSG_RAW);
+}
+
+TEST(FaultImsgLog, StartWriteAndEnd)
+{
+    const test::TempDir dir;
+    const std::string path = dir.file("log");
+    Operation("imsg_start_log, imsg_print, imsg_end_log")
+        .setup(pfm_init)
+        .act([&] {
+            const bool has_file = imsg_start_log_file(path.c_str()) != stderr;
+            const bool is_printed = print(6, "message\n") == 0;
+            imsg_end_log();
+            return has_file && is_printed;
+        })
+        .cleanup([&] { imsg_end_log(), (void)unlink(path.c_str()); })
+        .gives([&] { return test::read_file(path).ends_with("\nnoname: Error: message\n"); })
+        .keeps([&](const Trial &trial) {
+            return has_said("noname: Error: message\n") || trial.failed(Call::write) || trial.failed(Call::allocation);
+        })
+        .sweep()
+        .sweep_first_use()
+        .sweep_raises()
+        .sweep_noise(20);
+}
+
+// The printed and the captured line reach the log, or a report, or what could not be set up is undone.
+TEST(FaultImsgDaemon, BecomePrintDrainAndReopen)
+{
+    const test::TempDir dir;
+    const std::string path = dir.file("log");
+    struct stat before[2];
+    Operation("imsg_init_daemon")
+        .setup([&] {
+            (void)unlink(path.c_str());
+            (void)fstat(1, &before[0]), (void)fstat(2, &before[1]);
+        })
+        .act([&] { return imsg_init_daemon(path.c_str()) == 0; })
+        .gives([&] {
+            return imsg_am_daemon() == 1 && print(6, "message\n") == 0 && std::puts("line") >= 0 &&
+                   (imsg_drain_pipes(), test::read_file(path).ends_with(" noname: Ok: line\n"));
+        })
+        .keeps([&] {
+            struct stat now[2];
+            return imsg_am_daemon() == 0 && fstat(1, &now[0]) == 0 && fstat(2, &now[1]) == 0 &&
+                   now[0].st_ino == before[0].st_ino && now[1].st_ino == before[1].st_ino && print(0, "no head\n") == 0;
+        })
+        .ends(
+            {{Call::allocation, "(new = (struct on_exit_entry *)malloc(sizeof(struct on_exit_entry))) != NULL", true}})
+        .spares({Call::key}) // ends the library's start on a thread of its own, and by now the word goes into the log
+        .sweep_first_use();
+    Operation("imsg_print, imsg_drain_pipes, imsg_open_daemon in a daemon")
+        .setup([&] { (void)!imsg_init_daemon(path.c_str()); })
+        .act([&] {
+            std::puts("line");
+            const bool is_printed = print(6, "message\n") == 0;
+            imsg_drain_pipes();
+            return is_printed && imsg_open_daemon(path.c_str()) == 0;
+        })
+        .sweep()
+        .sweep_raises()
+        .sweep_noise(20);
 }
 
 } // namespace

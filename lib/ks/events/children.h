@@ -21,6 +21,11 @@ void reap_children();
 // Called inhibited, at any count: the caller passes a raise on when it has put away what it holds.
 [[nodiscard]] int wait_for_child(pid_t pid, int32_t &out_status);
 
+// Gives the process an opening of its own of the pipe on `fd`, if it is one whose writers are not to wait, which then
+// does make them wait: the description that others share stays as it is. False, with errno, and `fd` is as before.
+// Async-signal-safe.
+bool make_pipe_blocking(int fd);
+
 // Called before each start of a child, with no lock held; it may raise. Set by whoever keeps the daemon log, which is
 // then reopened where that is due; NULL: nobody.
 extern std::atomic<void (*)()> before_child_start;

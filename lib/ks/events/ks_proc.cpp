@@ -27,6 +27,26 @@ namespace ks {
 
 constinit std::atomic<void (*)()> before_child_start{nullptr};
 
+bool make_pipe_blocking(int fd)
+{
+    struct stat info;
+    const int flags = fcntl(fd, F_GETFL);
+    if (flags < 0 || fstat(fd, &info) != 0)
+        return false;
+    if ((flags & O_NONBLOCK) == 0 || !S_ISFIFO(info.st_mode))
+        return true;
+    char path[] = "/proc/self/fd/?";
+    path[sizeof path - 2] = static_cast<char>('0' + fd);
+    // Opened without blocking, since nobody may be reading any more.
+    const int own = open(path, O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+    if (own < 0)
+        return false;
+    const bool is_made = fcntl(own, F_SETFL, O_WRONLY) == 0 && dup2(own, fd) == fd;
+    const ErrnoSaver saver;
+    (void)close(own); // given up either way
+    return is_made;
+}
+
 } // namespace ks
 
 namespace {
@@ -143,28 +163,11 @@ void connect_streams(Start &start)
 }
 
 // A pipe that does not block belongs to whoever reads the output of the parent; the child's own opening of it does.
-void make_blocking(int fd)
-{
-    struct stat info;
-    const int flags = fcntl(fd, F_GETFL);
-    if (flags < 0 || (flags & O_NONBLOCK) == 0 || fstat(fd, &info) != 0 || !S_ISFIFO(info.st_mode))
-        return;
-    char path[] = "/proc/self/fd/?";
-    path[sizeof path - 2] = static_cast<char>('0' + fd);
-    // Opened without blocking, since nobody may be reading any more.
-    const int own = open(path, O_WRONLY | O_NONBLOCK | O_CLOEXEC);
-    if (own < 0)
-        return;
-    if (fcntl(own, F_SETFL, O_WRONLY) == 0)
-        (void)dup2(own, fd); // else it stays as it was
-    (void)close(own);        // given up either way
-}
-
 void make_outputs_blocking(const Start &start)
 {
     for (const int fd : {STDOUT_FILENO, STDERR_FILENO}) {
         if (!start.is_piped(static_cast<std::size_t>(fd)))
-            make_blocking(fd);
+            (void)ks::make_pipe_blocking(fd); // else it stays as it was
     }
 }
 

@@ -26,6 +26,7 @@ static_assert(IMSG_OK == int{msg_ok} && IMSG_OUTPUT == int{msg_output} && IMSG_W
 constinit State state{};
 constinit std::atomic<bool> ate_enabled{false};
 constinit std::atomic<bool> started{false};
+constinit std::atomic<uint64_t> suppressed_count{0};
 
 namespace {
 
@@ -267,10 +268,16 @@ void print_locked(const Message &message, va_list args, Outcome &outcome)
         is_redirected = copy_for_procedure(outcome, static_cast<std::size_t>(length));
         outcome.slot = is_redirected ? slot : Slot{};
     }
-    if (is_redirected && !wants_duplicate())
+    if (is_redirected && !wants_duplicate()) {
+        if (slot.proc == IMSG_PROC_SUPPRESS)
+            suppressed_count.fetch_add(1, std::memory_order_relaxed);
         return;
+    }
     FILE *stream = state.log_stream != nullptr ? state.log_stream : real_stream(message.kind);
-    outcome.is_written = put_text(out_buf_p, static_cast<std::size_t>(length), stream);
+    const std::string_view text{out_buf_p, static_cast<std::size_t>(length)};
+    outcome.is_written = state.log_hooks != nullptr
+                             ? state.log_hooks->write(text, stream, !is_continuation(message.kind))
+                             : put_text_itself(text, stream);
 }
 
 // Hands the text to the procedure, with no lock held. A raise of the procedure's goes on once the
@@ -294,6 +301,8 @@ int print_message(const Message &message, int saved_errno, va_list args)
     Outcome outcome;
     {
         const IoLockGuard lock(ks_product_crit);
+        if (state.log_hooks != nullptr)
+            state.log_hooks->prepare();
         errno = saved_errno; // the format may ask for its text
         print_locked(message, args, outcome);
         errno = saved_errno;

@@ -62,14 +62,25 @@ struct State {
     char capture_log[env_size + 16]{}; // "": none
     imsg_clock_proc clock = nullptr;
     void *clock_arg = nullptr;
-    FILE *log_stream = nullptr;      // an open log file: it takes every message
-    FILE *one_line_stream = nullptr; // keeps each text on one line: the standard output of a daemon
-    bool is_daemon = false;          // keeps a daemon log, and never asks
+    FILE *log_stream = nullptr; // an open log file: it takes every message
+    bool is_daemon = false;     // keeps a daemon log, and never asks
+    const struct LogHooks *log_hooks = nullptr;
+};
+
+// What whoever keeps logs does in a print; it stands above this layer. NULL in State until the first log is begun.
+// All of it with the lock held; none of it prints a message.
+struct LogHooks {
+    // Before a message is formatted: the log is opened anew when that is due, and what is waiting for it is brought in.
+    void (*prepare)();
+    // A finished text for any stream; false, with errno, when the stream refused it. What opens a message may get a
+    // stamp of the time.
+    bool (*write)(std::string_view text, FILE *stream, bool opens_message);
 };
 
 extern constinit State state; // guarded by ks_product_crit
 extern constinit std::atomic<bool> ate_enabled;
 extern constinit std::atomic<bool> started;
+extern constinit std::atomic<uint64_t> suppressed_count; // messages that IMSG_PROC_SUPPRESS kept back
 
 // The first statement of every entry point.
 inline void start()
@@ -146,6 +157,13 @@ void imsg_init_term();
 void imsg_reset_term();
 // imsg_fputs() for `length` bytes. Lock held.
 [[nodiscard]] bool put_text(const char *text, std::size_t length, FILE *stream);
+// The same past whoever keeps logs.
+[[nodiscard]] bool put_text_itself(std::string_view text, FILE *stream);
+// Gives the pieces of a text as they stand in a file, which shows no styles. On one line a line feed that is not the
+// last character becomes "|", and a "|" is doubled.
+enum class Shape { plain, one_line };
+void for_each_file_piece(std::string_view text, Shape shape, void (*take)(std::string_view piece, void *taker),
+                         void *taker);
 
 // imsg_stream.cpp
 // The way of one text to a stream, on which nothing is lost to a signal: where that could be, the bytes go past the

@@ -175,18 +175,31 @@ bool is_marker(std::string_view text)
            (text[2] == '0' || text[2] == '1') && style_of(text[3]) != 0;
 }
 
-// Writes one piece without markers as part of a single line: an inner line feed becomes "|", and a
+// Where pieces of a text go.
+struct Taker {
+    void (*take)(std::string_view piece, void *taker);
+    void *taker;
+
+    void operator()(std::string_view piece) const { take(piece, taker); }
+};
+
+bool is_on_one_line(std::string_view piece)
+{
+    return piece.find('|') == piece.npos && piece.find('\n') >= piece.size() - 1;
+}
+
+// Gives one piece without markers as part of a single line: an inner line feed becomes "|", and a
 // "|" of the text is doubled. Steps by characters, as "|" is a trail byte in some encodings.
-void write_on_one_line(std::string_view piece, bool is_last, ks::imsg::StreamWriter &out)
+void take_on_one_line(std::string_view piece, bool is_last, const Taker &take)
 {
     for (std::size_t at = 0; at < piece.size();) {
         const bool is_inner_feed = piece[at] == '\n' && !(is_last && at + 1 == piece.size());
         const int length = strutl_mblen(piece.data() + at, piece.size() - at);
         const std::size_t size = length > 1 ? static_cast<std::size_t>(length) : 1;
         if (is_inner_feed)
-            out.add("|");
+            take("|");
         else
-            out.add(piece[at] == '|' ? "||" : ks::part_of(piece, at, size));
+            take(piece[at] == '|' ? "||" : ks::part_of(piece, at, size));
         at += size;
     }
 }
@@ -199,14 +212,11 @@ std::string_view without_trailing_markers(std::string_view text)
     return text;
 }
 
-// Writes the text piece by piece, from marker to marker. A marker byte is never part of a longer
+// Shows the text piece by piece, from marker to marker. A marker byte is never part of a longer
 // character, so a search for bytes finds it.
-void write_with_markers(std::string_view text, FILE *stream, ks::imsg::StreamWriter &out)
+template <typename OnPiece, typename OnMarker>
+void for_each_piece(std::string_view text, OnPiece on_piece, OnMarker on_marker)
 {
-    const bool is_terminal = isatty(fileno(stream)) == 1;
-    const bool on_one_line = stream == ks::imsg::state.one_line_stream;
-    if (on_one_line)
-        text = without_trailing_markers(text);
     std::size_t from = 0;
     for (std::size_t at = 0; from < text.size();) {
         at = text.find(marker_byte, at);
@@ -215,19 +225,24 @@ void write_with_markers(std::string_view text, FILE *stream, ks::imsg::StreamWri
             ++at;
             continue;
         }
-        const std::string_view piece = ks::part_of(text, from, is_end ? text.npos : at - from);
-        if (on_one_line)
-            write_on_one_line(piece, is_end, out);
-        else
-            out.add(piece);
+        on_piece(ks::part_of(text, from, is_end ? text.npos : at - from), is_end);
         if (is_end)
             return;
-        const unsigned style = style_of(text[at + 3]);
-        if (is_terminal)
-            show_styles(text[at + 2] == '1' ? styles_on | style : styles_on & ~style, out);
+        on_marker(text[at + 2] == '1', style_of(text[at + 3]));
         at += marker_size;
         from = at;
     }
+}
+
+void write_with_markers(std::string_view text, FILE *stream, ks::imsg::StreamWriter &out)
+{
+    const bool is_terminal = isatty(fileno(stream)) == 1;
+    for_each_piece(
+        text, [&](std::string_view piece, bool) { out.add(piece); },
+        [&](bool is_on, unsigned style) {
+            if (is_terminal)
+                show_styles(is_on ? styles_on | style : styles_on & ~style, out);
+        });
 }
 
 } // namespace
@@ -254,19 +269,42 @@ void imsg_reset_term()
     (void)tcsetattr(STDOUT_FILENO, TCSANOW, &saved_modes); // the terminal may be gone by now
 }
 
-bool put_text(const char *text, std::size_t length, FILE *stream)
+bool put_text_itself(std::string_view text, FILE *stream)
 {
     const int saved_errno = errno;
-    const std::string_view whole{text, length};
     StreamWriter out(stream);
-    if (stream != state.one_line_stream && std::memchr(text, marker_byte, length) == nullptr)
-        out.add(whole);
+    if (text.find(marker_byte) == text.npos)
+        out.add(text);
     else
-        write_with_markers(whole, stream, out);
+        write_with_markers(text, stream, out);
     if (!out.finish())
         return false;
     errno = saved_errno;
     return true;
+}
+
+bool put_text(const char *text, std::size_t length, FILE *stream)
+{
+    if (state.log_hooks != nullptr)
+        return state.log_hooks->write({text, length}, stream, false);
+    return put_text_itself({text, length}, stream);
+}
+
+void for_each_file_piece(std::string_view text, Shape shape, void (*take)(std::string_view piece, void *taker),
+                         void *taker)
+{
+    const Taker taking{take, taker};
+    if (shape == Shape::one_line)
+        text = without_trailing_markers(text);
+    for_each_piece(
+        text,
+        [&](std::string_view piece, bool is_last) {
+            if (shape == Shape::plain || (is_last && is_on_one_line(piece)))
+                taking(piece);
+            else
+                take_on_one_line(piece, is_last, taking);
+        },
+        [](bool, unsigned) {});
 }
 
 } // namespace ks::imsg

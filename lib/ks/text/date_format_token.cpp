@@ -4,6 +4,7 @@
 #include "kernel/ks_guard.h"
 #include "kernel/stg_quiet.h"
 #include "kernel/ks_locks.h"
+#include "text/date_stamp.h"
 
 #include <korvaks/evutl.h>
 #include <korvaks/stg.h>
@@ -242,6 +243,19 @@ char *keep_token(time_t t, Precision precision, bool is_utc)
 } // namespace
 
 } // namespace ks::date
+
+namespace ks {
+
+static_assert(date_stamp_size == date::text_size);
+
+std::size_t write_date_stamp(const timeval &now, date_tls &known, char *buffer)
+{
+    const date::Request request{now.tv_sec, date::precision_microseconds, date::style_iso,
+                                static_cast<int>(now.tv_usec), false};
+    return date::write_token(buffer, request, known) ? std::strlen(buffer) : 0;
+}
+
+} // namespace ks
 
 extern "C" {
 
