@@ -93,17 +93,23 @@ void sort(Names &names)
     names.count = static_cast<std::size_t>(end - names.items);
 }
 
-bool read_names(const Depot &depot, stg_area *area, Names &out_names)
+// Sorts the names in the directory into those of entries and the rest.
+bool read_directory(const Depot &depot, stg_area *area, Names &out_names, Names &out_others)
 {
-    Names others;
     const int failure = for_each_file(depot.directory, [&](char *name) {
         if (is_dots(name) || is_aside(name))
             return 0;
-        Names &names = strip_suffix(name) ? out_names : others;
+        Names &names = strip_suffix(name) ? out_names : out_others;
         return add_copy(area, name, names);
     });
-    if (failure != 0)
-        return fail(msg_no_depot, depot.path, failure);
+    return failure == 0 || fail(msg_no_depot, depot.path, failure);
+}
+
+bool read_names(const Depot &depot, stg_area *area, Names &out_names)
+{
+    Names others;
+    if (!read_directory(depot, area, out_names, others))
+        return false;
     sort(others);
     for (std::size_t i = 0; i < others.count; ++i)
         report(IMSG_WARNING, msg_foreign, shown(others.items[i]));
@@ -184,6 +190,15 @@ Found find_names(const Depot &depot, stg_area *area, std::span<const char *const
             result = Found::some;
     sort(out_names);
     return result;
+}
+
+bool list_names(const Depot &depot, stg_area *area, Names &out_names)
+{
+    Names others;
+    if (!read_directory(depot, area, out_names, others))
+        return false;
+    sort(out_names);
+    return true;
 }
 
 bool remove_left_behind(const Depot &depot)

@@ -33,6 +33,9 @@ enum class Found {
 // not belong in it get a warning then.
 Found find_names(const Depot &depot, stg_area *area, std::span<const char *const> words, Names &out_names);
 
+// All entries, in order, in memory of the area. Files that do not belong in the directory are passed over.
+bool list_names(const Depot &depot, stg_area *area, Names &out_names);
+
 // Removes what writers that were killed have left in a depot; true when it holds an entry.
 bool remove_left_behind(const Depot &depot);
 

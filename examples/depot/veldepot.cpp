@@ -4,6 +4,7 @@
 #include "depot_command.h"
 #include "depot_help.h"
 #include "depot_line.h"
+#include "depot_process.h"
 #include "depot_report.h"
 
 #include <korvaks/clp.h>
@@ -15,23 +16,11 @@
 #include <csignal>
 #include <cstdlib>
 
-#include <fcntl.h>
-#include <unistd.h>
-
 namespace {
 
 using depot::Status;
 
 constinit std::atomic<int> end_signal{0};
-
-// A closed standard stream would give its number to the next file that is opened, and what is meant for the one
-// would get into the other. Each is opened so that reading or writing it still fails.
-void fill_standard_streams()
-{
-    for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd)
-        if (fcntl(fd, F_GETFD) < 0)
-            (void)open("/dev/null", fd == STDIN_FILENO ? O_WRONLY : O_RDONLY);
-}
 
 extern "C" void note_signal(int signal)
 {
@@ -52,17 +41,6 @@ extern "C" void end_process(int status)
         (void)pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
     }
     std::exit(status);
-}
-
-// What was ignored at the start, as by nohup, stays ignored.
-void end_by_signals()
-{
-    for (const int signal : {SIGINT, SIGHUP, SIGTERM}) {
-        struct sigaction action;
-        if (sigaction(signal, nullptr, &action) == 0 && action.sa_handler != SIG_IGN)
-            (void)pfm_signal(signal, note_signal);
-    }
-    (void)pfm_set_exit(end_process);
 }
 
 // Runs a command under a cleanup record: when it ends, and also when Ctrl-C ends it, everything that it holds is
@@ -123,9 +101,10 @@ Status run(int argc, char **argv, stg_area *area)
 
 int main(int argc, char **argv)
 {
-    fill_standard_streams();
+    depot::fill_standard_streams();
     ks_system_init();
-    end_by_signals();
+    depot::handle_stop_signals(note_signal);
+    (void)pfm_set_exit(end_process);
     stg_area *area = stg_create_area(16384);
     Status status = Status::failed;
     if (area != STG_AREA_NULL && depot::start_messages(argv[0])) {

@@ -1,0 +1,14 @@
+// The start of a program that must not lose its way over what it was started with.
+#pragma once
+
+namespace depot {
+
+// A closed standard stream would give its number to the next file that is opened, and what is meant for the one
+// would get into the other. Each is opened so that reading or writing it still fails.
+void fill_standard_streams();
+
+// Has a function called for SIGINT, SIGHUP and SIGTERM, on the library's signal-handler thread. What was ignored at the
+// start, as by nohup, stays ignored.
+void handle_stop_signals(void (*handler)(int signal));
+
+} // namespace depot
