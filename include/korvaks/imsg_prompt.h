@@ -79,7 +79,7 @@ typedef int (*imsg_prompt_file_proc)(const char *question, const char *dflt, con
                                      char **out_answer, void *info);
 typedef int (*imsg_prompt_list_proc)(const char *header, char *const *items, int item_count, int multi,
                                      int **out_selection, void *info);
-typedef int (*imsg_prompt_choice_proc)(int kind, const char *question, unsigned mask, unsigned dflt, void *info);
+typedef unsigned (*imsg_prompt_choice_proc)(int kind, const char *question, unsigned mask, unsigned dflt, void *info);
 
 /** One procedure a question, in this order; NULL where the front end does not answer it. */
 typedef struct imsg_prompt_procs {

@@ -16,6 +16,7 @@
 #include <unistd.h>
 
 #include "e2e/depot_fixture.h"
+#include "harness/terminal.h"
 
 namespace {
 
@@ -24,52 +25,13 @@ using test::Words;
 using Clock = std::chrono::steady_clock;
 
 // A shell with a terminal of its own.
-class Session {
-  public:
+struct Session : test::Terminal {
     explicit Session(const std::string &command)
+        : Terminal([&] {
+              return test::exec({"/bin/bash", "--norc", "-c", command});
+          })
     {
-        pid_ = forkpty(&terminal_, nullptr, nullptr, nullptr);
-        if (pid_ == 0)
-            _exit(test::exec({"/bin/bash", "--norc", "-c", command}));
     }
-    ~Session()
-    {
-        if (pid_ > 0)
-            kill(pid_, SIGKILL);
-        close(terminal_);
-    }
-    Session(const Session &) = delete;
-    Session &operator=(const Session &) = delete;
-
-    void press_interrupt() const { EXPECT_EQ(write(terminal_, "\003", 1), 1); }
-
-    // What the terminal was shown until `text` was; "": to the end.
-    std::string shown_until(const std::string &text)
-    {
-        std::string shown;
-        char bytes[4096];
-        for (pollfd ready{terminal_, POLLIN, 0}; poll(&ready, 1, 20000) == 1;) {
-            const ssize_t count = read(terminal_, bytes, sizeof bytes);
-            if (count <= 0)
-                break;
-            shown.append(bytes, static_cast<std::size_t>(count));
-            if (!text.empty() && shown.find(text) != std::string::npos)
-                break;
-        }
-        return shown;
-    }
-
-    int wait_status()
-    {
-        int status = -1;
-        EXPECT_EQ(waitpid(pid_, &status, 0), pid_);
-        pid_ = 0;
-        return status;
-    }
-
-  private:
-    int terminal_ = -1;
-    pid_t pid_ = 0;
 };
 
 class DepotStream : public test::DepotTest {
@@ -83,7 +45,7 @@ class DepotStream : public test::DepotTest {
     static void interrupt(Session &session)
     {
         const auto pressed = Clock::now();
-        session.press_interrupt();
+        session.type("\003");
         const std::string shown = session.shown_until("");
         EXPECT_EQ(shown.find("at the end"), std::string::npos) << shown;
         const int status = session.wait_status();
