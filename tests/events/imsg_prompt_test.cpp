@@ -108,7 +108,7 @@ TEST(ImsgPrompt, TextsAndTheRestOfTheInput)
         print_answer(imsg_prompt_text("8", nullptr, 1, &text), text);
         print_answer(imsg_prompt_text("9", nullptr, 0, &text), text);
     });
-    EXPECT_EQ(result.out, "Default:\nDefault:\n2 one|2 default|2 \xff\xfe|1 |2 x\n|2 d\ne|2 |l2 ast\nend|1 |");
+    EXPECT_EQ(result.out, "2 one|2 default|2 \xff\xfe|1 |Default:\n2 x\n|Default:\n2 d\ne|2 |l2 ast\nend|1 |");
     EXPECT_EQ(result.err, "12 [default] 34noname: Error: Unable to process input: Invalid or incomplete multibyte or "
                           "wide character\nd\n5  (\".\" to accept default)\nd\ne\n6  (\".\" to accept default)\n789");
 }
@@ -227,7 +227,9 @@ TEST(ImsgPrompt, AStopFindsTheTerminalAsItWas)
         waitpid(job, &status, WUNTRACED);
         printf("stopped %d\n", WIFSTOPPED(status));
         fflush(stdout);
+        tcsetpgrp(STDIN_FILENO, getpgrp());
         getchar();
+        tcsetpgrp(STDIN_FILENO, job);
         kill(-job, SIGCONT);
         return test::exit_status_of(job);
     });
@@ -235,8 +237,12 @@ TEST(ImsgPrompt, AStopFindsTheTerminalAsItWas)
     terminal.type("\032");
     terminal.shown_until("stopped 1");
     EXPECT_TRUE(terminal.echoes());
-    // The job has the terminal still, so that reading would stop the shell: it is woken otherwise.
-    kill(terminal.pid(), SIGKILL);
+    terminal.type("\n");
+    for (int waited_ms = 0; terminal.echoes() && waited_ms < 20000; ++waited_ms)
+        usleep(1000);
+    EXPECT_FALSE(terminal.echoes());
+    terminal.type("open\n");
+    EXPECT_TRUE(terminal.shown_at_end().ends_with("\r\n2 open|"));
 }
 
 TEST(ImsgPrompt, OthersPrintWhenTheAnswerIsThere)

@@ -25,7 +25,7 @@ class Terminal {
         const winsize size{24, 80, 0, 0};
         pid_ = forkpty(&terminal_, nullptr, nullptr, &size);
         if (pid_ == 0) {
-            setvbuf(stdout, nullptr, _IOLBF, 0); // whatever the test's own output is
+            setvbuf(stdout, nullptr, _IONBF, 0); // whatever the output of the test itself is
             exit(body());
         }
     }

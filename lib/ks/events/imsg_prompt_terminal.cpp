@@ -12,6 +12,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 
 #include <poll.h>
 #include <termios.h>
@@ -25,6 +26,8 @@ namespace {
 
 // Whoever has the turn asks for a password on the terminal of standard input.
 constinit std::atomic<bool> hides_input{false};
+// Its question, which is to be written with the echo off, and is then forgotten.
+constinit const char *hidden_question = nullptr;
 // The modes as they were found, while the echo is off. Whoever sets the mark back puts the modes back: the prompt, or
 // an exit in another thread.
 constinit termios modes_before{};
@@ -153,6 +156,13 @@ void say_default(const char *dflt)
     say("] ");
 }
 
+// The question for a password, once.
+void say_hidden_question()
+{
+    if (hides_input.load(std::memory_order_relaxed) && imsg::turn_owner.load() == self() && hidden_question != nullptr)
+        say(std::exchange(hidden_question, nullptr));
+}
+
 template <typename Ask> void converse(Ask &&ask)
 {
     Conversation talk;
@@ -267,13 +277,14 @@ bool is_inhibited()
     return fault_block_of_caller()->pfm_inh_count != 0;
 }
 
-// A raise or a stop that came in the meantime finds the terminal as it was. True when the wait is over.
+// A raise or a stop is held off for as long as the echo is off. True when the wait is over.
 bool wait_inhibited(pollfd &entry)
 {
     const bool is_woken = vlthread_equal(vlthread_attached_tid(), vlthread_self()) != 0;
     constexpr int look_again_ms = 250; // on threads that no raise and no stop wakes
     pfm_inhibit();
     silence_terminal();
+    say_hidden_question();
     const int ready = pfm_poll_inhibited(&entry, 1, is_woken ? -1 : look_again_ms);
     const bool is_over = ready > 0 || (ready < 0 && errno != EINTR);
     restore_terminal();
@@ -290,6 +301,7 @@ void wait_for_input(FILE *in)
         return; // a stream without a descriptor never waits
     if (is_inhibited()) {
         silence_terminal();
+        say_hidden_question();
         (void)poll(&entry, 1, -1); // however it ends, the read tells
         return;
     }
@@ -327,13 +339,14 @@ int ask_password(const char *question, char **out_answer)
 {
     int result = IMSG_PROMPT_CANCELLED;
     converse([&](Conversation &talk) {
-        const bool is_terminal = isatty(STDIN_FILENO) == 1;
-        talk.hides_input = is_terminal;
-        hides_input.store(is_terminal, std::memory_order_relaxed);
-        silence_terminal(); // before the question invites to type
-        say(question);
+        talk.hides_input = isatty(STDIN_FILENO) == 1;
+        if (!talk.hides_input)
+            say(question);
+        hidden_question = talk.hides_input ? question : nullptr;
+        hides_input.store(talk.hides_input, std::memory_order_relaxed);
         result = get_input(stdin, nullptr, false, talk.scratch, out_answer);
-        if (is_terminal)
+        say_hidden_question(); // where the answer was there before it
+        if (talk.hides_input)
             say("\n");
     });
     return result;
