@@ -76,6 +76,42 @@ TEST_F(DepotStream, AnInterruptEndsAGetWhosePipeIsFull)
     close(reader);
 }
 
+TEST_F(DepotStream, AsksAtATerminalBeforeItReplacesOrRemoves)
+{
+    put("a", "1");
+    struct Case {
+        std::string command, question, keys;
+        bool is_done;
+    };
+    const std::vector<Case> cases = {
+        {"put a", "Replace entry \"a\"? [no] ", "\n", false},
+        {"put a", "Replace entry \"a\"? [no] ", "y\n", true},
+        {"put -replace a", "Stored", "", true},
+        {"get a", "Replace file \"a\"? [no] ", "n\n", false},
+        {"get a", "Replace file \"a\"? [no] ", "y\n", true},
+        {"get -f a", "Fetched", "", true},
+        {"remove a", "Remove entry \"a\"? [no] ", "\004", false},
+        {"remove -yes a", "Removed", "", true},
+        {"put a", "Stored", "", true},
+        {"remove a", "Remove entry \"a\"? [no] ", "ye\n", true},
+    };
+    // Once more with the prompting tool, which has no look of its own on such a terminal.
+    std::filesystem::create_directories("product/bin");
+    std::filesystem::create_symlink(VELPROMPT_PROGRAM, "product/bin/velprompt");
+    test::write_file("a", "2");
+    for (const std::string setting : {"", "TERM=dumb VELLUMHOME=product VELM_FORCE_GUI=1 "}) {
+        put("a", "1");
+        for (const Case &each : cases) {
+            SCOPED_TRACE(setting + each.command + each.keys);
+            Session session(setting + "exec " VELDEPOT_PROGRAM " -d depot " + each.command);
+            session.shown_until(each.question);
+            session.type(each.keys);
+            const std::string shown = each.question + session.shown_at_end();
+            EXPECT_EQ(shown.find("ed \"a\"") != std::string::npos || each.keys.empty(), each.is_done) << shown;
+        }
+    }
+}
+
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__) // which map terabytes
 TEST_F(DepotStream, GoesThroughInLittleMemory)
 {

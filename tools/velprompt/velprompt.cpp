@@ -100,7 +100,8 @@ unsigned ask_plain_choice(const Question &question)
     return ask(kind_of(question.type), question.prompt.c_str(), mask, dflt);
 }
 
-Answer taken(int result, char *text)
+// `text` was stored by the call that gave the result.
+Answer taken(int result, char *const &text)
 {
     if (result != IMSG_PROMPT_ANSWERED)
         return std::nullopt;

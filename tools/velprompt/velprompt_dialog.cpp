@@ -7,6 +7,7 @@
 
 #include <fcntl.h>
 #include <langinfo.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <string_view>
@@ -61,7 +62,7 @@ Answer if_not_empty(Answer answer)
 
 // --- zenity ---
 
-// zenity expands backslashes in all that it shows as a label.
+// zenity expands backslashes in a label, but for that of a question without markup.
 std::string zenity_plain(const std::string &text)
 {
     return replaced(text, "\\", "\\\\");
@@ -93,10 +94,12 @@ Answer ask_zenity_choice(const Question &question)
                    "--question",
                    "--switch",
                    "--no-markup",
-                   "--text=" + zenity_plain(question.prompt),
+                   "--text=" + question.prompt,
                    "--icon-name=" + icon_of(question.type),
                    "--title=velprompt"};
-    for (const std::string &word : words_of(question.mask))
+    std::vector<std::string> buttons = words_of(question.mask);
+    std::stable_partition(buttons.begin(), buttons.end(), [&](const auto &word) { return word == question.dflt; });
+    for (const std::string &word : buttons) // the first one is chosen by Return
         words.push_back("--extra-button=" + word);
     return if_not_empty(without_last_feed(run({words, {}, 1, 1})));
 }
@@ -133,10 +136,11 @@ Answer ask_zenity_list(const Question &question)
                    "--hide-header",   "--separator=,", "--width=400",       "--height=400"};
     if (question.multi)
         words.push_back("--multiple");
-    words.push_back("--");
+    // The cells are read as lines; as words, one with a dash in front would be an option.
+    std::string cells;
     for (std::size_t i = 0; i < question.items.size(); ++i)
-        add(words, {std::to_string(i + 1), question.items[i]});
-    return if_not_empty(without_last_feed(run({words, {}, 1, 0})));
+        cells += std::to_string(i + 1) + "\n" + question.items[i] + "\n";
+    return if_not_empty(without_last_feed(run({words, cells, 1, 0})));
 }
 
 // --- whiptail ---
@@ -174,13 +178,24 @@ Answer ask_whiptail_choice(const Question &question)
         run_whiptail(whiptail({"--notags", "--default-item", question.dflt.value_or("")}, "--menu", arguments)));
 }
 
+// The size of a box for a password, whose question whiptail has no room for when it chooses the size itself.
+Words password_box_size(const std::string &text)
+{
+    constexpr int frame = 6;
+    winsize terminal{24, 80, 0, 0};
+    (void)ioctl(STDIN_FILENO, TIOCGWINSZ, &terminal); // else the usual size
+    const int width = std::clamp(static_cast<int>(text.size()) + frame, 30, std::max(30, terminal.ws_col - 4));
+    const int lines = static_cast<int>(text.size()) / (width - frame) + 1 +
+                      static_cast<int>(std::count(text.begin(), text.end(), '\n'));
+    return {text, std::to_string(lines + frame), std::to_string(width)};
+}
+
 Answer ask_whiptail_text(const Question &question)
 {
-    const bool is_password = question.kind == Kind::password;
-    Words arguments = {whiptail_plain(question.prompt), "0", "0"};
-    if (question.dflt)
-        arguments.push_back(*question.dflt);
-    return run_whiptail(whiptail({}, is_password ? "--passwordbox" : "--inputbox", arguments));
+    const std::string text = whiptail_plain(question.prompt);
+    if (question.kind == Kind::password)
+        return run_whiptail(whiptail({}, "--passwordbox", password_box_size(text)));
+    return run_whiptail(whiptail({}, "--inputbox", {text, "0", "0", question.dflt.value_or("")}));
 }
 
 Answer ask_whiptail_list(const Question &question)
