@@ -71,15 +71,15 @@ void release(ToolRun &run)
 }
 
 // Called with raises held off but where it waits in vain: a raise leaves from there. A status that the program
-// has reaped is lost, and with it the answer.
+// has reaped is lost, and with it the answer. A tool that cannot be waited for is still there when this returns.
 void wait_for_tool(ToolRun &run)
 {
     int32_t status = 0;
     while (wait_for_child(run.pid, status) != 0) {
-        if (errno != EINTR) {
+        if (errno == ECHILD)
             run.pid = 0;
+        if (errno != EINTR)
             return;
-        }
         pfm_enable();
         if (fault_block_of_caller()->pfm_inh_count != 0)
             (void)poll(nullptr, 0, 20); // a caller that takes neither raise nor stop
