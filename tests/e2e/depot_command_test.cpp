@@ -146,7 +146,7 @@ TEST_F(DepotCommand, ExplainsItselfAndEveryCommand)
          "veldepot l[ist] [-l[ong] | -s[hort] | -fmt FORMAT | -0] [-since DATE] [-d[epot] DIR] [-h[elp]] [PATTERN]...",
          {"-l[ong]", "-s[hort]", "-fmt FORMAT", "-since DATE", "%n", "%s", "%z", "%r", "%k", "%d", "%m", "%u", "%c"}},
         {"verify", "veldepot v[erify] [-d[epot] DIR] [-h[elp]] [PATTERN]...", {}},
-        {"remove", "veldepot r[emove] [-d[epot] DIR] [-h[elp]] PATTERN...", {}},
+        {"remove", "veldepot r[emove] [-y[es]] [-d[epot] DIR] [-h[elp]] PATTERN...", {}},
         {"help", "veldepot h[elp] [-d[epot] DIR] [-h[elp]] [COMMAND]", {}},
     };
     for (const auto &[command, usage, own_rows] : pages) {

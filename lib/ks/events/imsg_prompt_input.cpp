@@ -117,7 +117,8 @@ struct LineReader {
         if (std::ferror(in) == 0)
             return Piece::end;
         std::clearerr(in);
-        if (got_errno == EINTR || got_errno == EAGAIN)
+        const bool can_wait = got_errno == EAGAIN && fileno(in) >= 0; // another reader was faster
+        if (got_errno == EINTR || can_wait)
             return Piece::more;
         error = got_errno;
         return Piece::error;
