@@ -2,8 +2,9 @@
  * @file imsg_prompt.h
  * Prompts: questions to the user, and their answers.
  *
- *     if (imsg_prompt_yes_no(IMSG_WARNING, "Replace it?", IMSG_CHOICE_YES | IMSG_CHOICE_NO, IMSG_CHOICE_NO) !=
- * IMSG_CHOICE_YES) return;
+ *     unsigned answers = IMSG_CHOICE_YES | IMSG_CHOICE_NO;
+ *     if (imsg_prompt_yes_no(IMSG_WARNING, "Replace it?", answers, IMSG_CHOICE_NO) != IMSG_CHOICE_YES)
+ *         return;
  *
  * Each question goes one of these ways, chosen anew at every call:
  *  1. In a daemon it is cancelled at once, and nothing is written.
@@ -11,8 +12,7 @@
  *     question, that procedure answers. It is called with no lock held.
  *  3. Where ks_force_gui() says so, the prompting tool `velprompt` of the product's tool directory asks, in a child
  *     process; the imsg_velprompt_ functions always go that way.
- *  4. Else it is asked on the terminal: written to the standard error that the messages go to, answered on standard
- * input.
+ *  4. Else it is asked on the terminal: written to the standard error of the messages, answered on standard input.
  *
  * On the terminal a prompt takes the *turn* to talk with the user: other threads that print to the terminal or ask
  * wait until it is answered. Threads that hold a lock of the library or are inhibited print at once, since others may
@@ -23,10 +23,11 @@
  * Standard input is read through `stdin`: what was typed ahead, and lines behind an answer, stay in its buffer or in
  * the terminal for the program's own getchar().
  *
- * Threads: any. A raise ends a question: at once on the attached thread, within a quarter of a second on others. The
- * terminal's modes are put back, the turn is given up, files and memory are released, a tool that still runs is
- * ended, and then the raise goes on. The modes are put back as well before a stop by SIGTSTP and at exit().
- * The prompts start the fault manager (pfm.h) where nobody has.
+ * Threads: any. A raise ends a question that a caller asks who is not inhibited: at once on the attached thread; on
+ * others within a quarter of a second on the terminal, and when the tool has ended. The terminal's modes are put back,
+ * the turn is given up, files and memory are released, a tool that still runs is ended, and then the raise goes on. The
+ * modes are put back as well before a stop by SIGTSTP and at exit(). A process in the background stops before it reads
+ * from its terminal. The prompts start the fault manager (pfm.h) where nobody has.
  */
 #ifndef KORVAKS_IMSG_PROMPT_H
 #define KORVAKS_IMSG_PROMPT_H

@@ -288,6 +288,21 @@ TEST(ImsgPrompt, OthersPrintWhenTheAnswerIsThere)
     terminal.shown_at_end();
 }
 
+TEST(ImsgPrompt, StreamsAreInStepWhereThatIsWished)
+{
+    setenv("IMSG_IO_INTERLEAVE", "1", 1);
+    Terminal terminal([] {
+        char buffer[100];
+        setvbuf(stdout, buffer, _IOFBF, sizeof buffer);
+        printf("before ");
+        return static_cast<int>(imsg_prompt_yes_no(IMSG_OK, "asked", 0, no) - no);
+    });
+    unsetenv("IMSG_IO_INTERLEAVE");
+    EXPECT_EQ(terminal.shown_until("[no] "), "before asked [no] ");
+    terminal.type("\004");
+    terminal.shown_at_end();
+}
+
 // --- Answered by others ---
 
 TEST(ImsgPrompt, AFrontEndAnswersWithItsProcedures)

@@ -29,7 +29,8 @@ using Word = std::array<char, 64>;
 Word word_of(ImsgMsg message)
 {
     Word word{};
-    (void)imsg_snprintf(word.data(), word.size(), &_imsg_ks_msg_table, message); // a longer one is cut
+    (void)imsg_snprintf(word.data(), word.size(), &_imsg_ks_msg_table,
+                        static_cast<int>(message)); // a longer one is cut
     return word;
 }
 

@@ -145,7 +145,7 @@ void say(const char *text)
 void say_message(ImsgMsg message)
 {
     char text[256];
-    (void)imsg_snprintf(text, sizeof text, &_imsg_ks_msg_table, message); // a longer one is cut
+    (void)imsg_snprintf(text, sizeof text, &_imsg_ks_msg_table, static_cast<int>(message)); // a longer one is cut
     say(text);
 }
 
