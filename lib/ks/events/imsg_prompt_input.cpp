@@ -41,7 +41,7 @@ bool grow(Text &text, std::size_t needed)
         errno = ENOMEM;
         return false;
     }
-    std::memcpy(larger, text.bytes, text.length);
+    std::copy_n(text.view().data(), text.length, larger);
     wipe_and_free(text.bytes, text.size);
     text.bytes = larger;
     text.size = size;
@@ -248,7 +248,7 @@ bool append(Text &text, std::string_view more)
     const std::size_t needed = text.length + more.size() + 1;
     if (needed > text.size && !grow(text, needed))
         return false;
-    std::memcpy(text.bytes + text.length, more.data(), more.size());
+    std::copy(more.begin(), more.end(), text.bytes + text.length); // nothing may have no address
     text.length += more.size();
     text.bytes[text.length] = '\0';
     return true;
