@@ -45,6 +45,8 @@ ChildResult answered(const std::string &input, const std::function<void()> &ask)
 void print_answer(int result, char *const &text)
 {
     printf("%d %s|", result, result == IMSG_PROMPT_ANSWERED ? text : "");
+    if (result == IMSG_PROMPT_ANSWERED)
+        stg_free(text);
 }
 
 void print_numbers(int result, int *const &numbers)
