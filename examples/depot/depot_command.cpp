@@ -1,10 +1,12 @@
 #include "depot_command.h"
 
+#include "depot_ask.h"
 #include "depot_help.h"
 #include "depot_list.h"
 #include "depot_report.h"
 
 #include <korvaks/evutl.h>
+#include <korvaks/fileutl.h>
 #include <korvaks/ks_sort.h>
 #include <korvaks/sysutl.h>
 
@@ -14,6 +16,8 @@
 #include <climits>
 #include <cstring>
 #include <iterator>
+
+#include <unistd.h>
 
 namespace depot {
 
@@ -83,6 +87,10 @@ constexpr auto list_flags = with_common_flags({
     {"--since", flag_since, 0},
 });
 
+constexpr auto remove_flags = with_common_flags({
+    {"--y[es]", flag_yes, 0},
+});
+
 constexpr FlagText flag_texts[] = {
     {msg_argument_depot, msg_flag_depot},
     {msg_none, msg_flag_help},
@@ -98,6 +106,7 @@ constexpr FlagText flag_texts[] = {
     {msg_argument_format, msg_flag_format},
     {msg_none, msg_flag_nul},
     {msg_argument_since, msg_flag_since},
+    {msg_none, msg_flag_yes},
 };
 static_assert(std::size(flag_texts) == flag_count);
 
@@ -154,6 +163,15 @@ Status check_put(const Job &job)
     return check_names_differ(job);
 }
 
+// What is not to be replaced has been dealt with.
+bool may_put(const Job &job, const char *path)
+{
+    const CommandLine &line = job.line;
+    const char *const name = line.has(flag_name) ? line.values[flag_name] : base_name(path);
+    const bool is_settled = line.has(flag_replace) || line.has(flag_keep) || !has_entry(job.depot, name);
+    return is_settled || confirm(msg_ask_replace_entry, name);
+}
+
 Status put_files(Job &job)
 {
     const CommandLine &line = job.line;
@@ -170,8 +188,27 @@ Status put_files(Job &job)
                          !line.has(flag_keep)};
     bool is_done = true;
     for (std::size_t i = 0; i < line.word_count; ++i)
-        is_done = put_file(job.depot, line.words[i], label) && is_done;
+        is_done = (!may_put(job, line.words[i]) || put_file(job.depot, line.words[i], label)) && is_done;
     return status_of(is_done);
+}
+
+// Without a terminal a file that exists is an error, which is found when it is written.
+enum class Overwrite { no, yes, skip };
+Overwrite may_get(const CommandLine &line, const char *name)
+{
+    const char *const target = line.has(flag_out) ? line.values[flag_out] : name;
+    if (line.has(flag_force))
+        return Overwrite::yes;
+    if (isatty(STDIN_FILENO) != 1 || std::strcmp(target, standard_stream) == 0 || fileutl_exists(target) == 0)
+        return Overwrite::no;
+    return confirm(msg_ask_replace_file, target) ? Overwrite::yes : Overwrite::skip;
+}
+
+bool get_entry(Job &job, const char *name)
+{
+    const Overwrite overwrite = may_get(job.line, name);
+    return overwrite == Overwrite::skip ||
+           get_file(job.depot, name, job.line.values[flag_out], overwrite == Overwrite::yes);
 }
 
 Status get_entries(Job &job)
@@ -185,7 +222,7 @@ Status get_entries(Job &job)
         return misused(msg_one_out, line.values[flag_out]);
     bool is_done = found == Status::done;
     for (std::size_t i = 0; i < names.count; ++i)
-        is_done = get_file(job.depot, names.items[i], line.values[flag_out], line.has(flag_force)) && is_done;
+        is_done = get_entry(job, names.items[i]) && is_done;
     return status_of(is_done);
 }
 
@@ -204,6 +241,11 @@ Status verify_entries(Job &job)
     return status_of(found == Status::done && sound == names.count);
 }
 
+bool remove_if_confirmed(const Job &job, const char *name)
+{
+    return (!job.line.has(flag_yes) && !confirm(msg_ask_remove, name)) || remove_entry(job.depot, name);
+}
+
 Status remove_entries(Job &job)
 {
     Names names;
@@ -212,7 +254,7 @@ Status remove_entries(Job &job)
         return found;
     bool is_done = found == Status::done;
     for (std::size_t i = 0; i < names.count; ++i)
-        is_done = remove_entry(job.depot, names.items[i]) && is_done;
+        is_done = remove_if_confirmed(job, names.items[i]) && is_done;
     return status_of(is_done);
 }
 
@@ -237,7 +279,7 @@ constexpr Command commands[] = {
      list_entries},
     {"v[erify]", plain_flags.data(), 0, any_number, msg_argument_verify, msg_summary_verify, msg_notes_verify, nullptr,
      verify_entries},
-    {"r[emove]", plain_flags.data(), 1, any_number, msg_argument_remove, msg_summary_remove, msg_notes_remove, nullptr,
+    {"r[emove]", remove_flags.data(), 1, any_number, msg_argument_remove, msg_summary_remove, msg_notes_remove, nullptr,
      remove_entries},
     {"h[elp]", plain_flags.data(), 0, 1, msg_argument_help, msg_summary_help, msg_notes_help, nullptr, help},
 };

@@ -30,6 +30,7 @@ enum Flag : std::uint32_t {
     flag_format,
     flag_nul,
     flag_since,
+    flag_yes,
     flag_count
 };
 

@@ -67,6 +67,10 @@ constexpr Row rows[] = {
     {msg_progress_end, "\r                                                       \r"},
     {msg_output, "standard output"},
 
+    {msg_ask_replace_entry, "Replace entry \"%s\"?"},
+    {msg_ask_replace_file, "Replace file \"%s\"?"},
+    {msg_ask_remove, "Remove entry \"%s\"?"},
+
     {msg_text, "%s"},
     {msg_list_total, "%lu in all"},
     {msg_list_comment, "    %s\n"},
@@ -114,11 +118,13 @@ constexpr Row rows[] = {
     {msg_summary_help, "show this text, or more about a command"},
     {msg_notes_put,
      "\nEach FILE becomes an entry of its base name, with your name, the time and the comment. An entry of\n"
-     "that name is replaced, comment and all, unless -nreplace is given. A depot that does not exist is made.\n"
+     "that name is replaced, comment and all, unless -nreplace is given; on a terminal you are asked, unless\n"
+     "-replace is. A depot that does not exist is made.\n"
      "\"-\" is standard input, and needs a -name. A file that changes while it is read is not stored.\n"},
     {msg_notes_get,
      "\nEach entry is checked, and written to a file of its own name, or one entry to FILE, with the time and\n"
-     "the permissions to execute that the stored file had. Only a plain file is ever replaced. With \"-out -\"\n"
+     "the permissions to execute that the stored file had. Only a plain file is ever replaced: with -force, or\n"
+     "when you say so on a terminal. With \"-out -\"\n"
      "the content goes to standard output, each piece when it is checked: the exit status tells whether all is\n"
      "there.\n"
      "\nA PATTERN is the name of an entry, or one as \"veldepot help list\" describes it.\n"},
@@ -128,7 +134,8 @@ constexpr Row rows[] = {
      "entry always means that entry. One that matches nothing is an error. The date of an entry is when it was\n"
      "stored.\n"},
     {msg_notes_verify, "\nChecks these entries, or all. Every byte is looked at.\n"},
-    {msg_notes_remove, "\nRemoves these entries for good.\n"},
+    {msg_notes_remove,
+     "\nRemoves these entries for good. On a terminal you are asked for each, unless -yes is given.\n"},
     {msg_notes_help, "\nShows what the tool is for, or all about one COMMAND.\n"},
     {msg_argument_depot, "DIR"},
     {msg_argument_name, "NAME"},
@@ -141,15 +148,16 @@ constexpr Row rows[] = {
     {msg_flag_version, "show the program's version instead"},
     {msg_flag_name, "the entry's name, for one FILE"},
     {msg_flag_comment, "a comment to keep with the entries; each one is a line of it"},
-    {msg_flag_replace, "replace entries that exist (as without a flag)"},
+    {msg_flag_replace, "replace entries that exist, without a question"},
     {msg_flag_keep, "keep entries that exist: storing again is an error"},
     {msg_flag_out, "where to write one entry to; - is standard output"},
-    {msg_flag_force, "replace a file that exists"},
+    {msg_flag_force, "replace a file that exists, without a question"},
     {msg_flag_long, "also show ratio, date, owner and comment"},
     {msg_flag_short, "show names only"},
     {msg_flag_format, "show each entry in this format"},
     {msg_flag_nul, "show names only, as they are, with a NUL behind each"},
     {msg_flag_since, "only entries stored then or later"},
+    {msg_flag_yes, "without a question"},
     {msg_help_format, "\nA FORMAT is text with conversions:\n"},
     {msg_format_name, "name"},
     {msg_format_size, "bytes of the content"},

@@ -60,6 +60,11 @@ enum Msg : unsigned {
     msg_progress_end,
     msg_output, // the name of standard output
 
+    // Questions.
+    msg_ask_replace_entry, // name
+    msg_ask_replace_file,  // name
+    msg_ask_remove,        // name
+
     // The list. A value without text, as an old entry's owner, is shown as msg_unknown.
     msg_text,         // any text, as it is
     msg_list_total,   // entries
@@ -126,6 +131,7 @@ enum Msg : unsigned {
     msg_flag_format,
     msg_flag_nul,
     msg_flag_since,
+    msg_flag_yes,
     msg_help_format,
     msg_format_name,
     msg_format_size,

@@ -1,6 +1,6 @@
 /**
  * @file fileutl.h
- * Small questions about files, and the library's file checksum.
+ * Small questions about files, temporary files, and the library's file checksum.
  *
  * The checksum is the library's own and is fixed bit by bit (docs/formats.md): the table of the
  * reflected CRC-32 with another entry 0, fed from the most significant end, started at 0, not
@@ -50,6 +50,24 @@ KS_API int fileutl_stat(const char *path, struct stat *out);
  * Threads: any. Raises: no.
  */
 KS_API int fileutl_chk_large_file_overflow(const struct stat *st);
+/**@}*/
+
+/** @name Temporary files */
+/**@{*/
+
+/**
+ * Makes an empty temporary file, for another program to write to: a new one with a name that nobody can know
+ * beforehand, mode 0600, in the directory that TMPDIR names (not in a set-user-ID process), else /tmp.
+ *
+ * @param prefix    begins the name in front of six random characters
+ * @param ext       ends it, such as ".txt"; "": nothing
+ * @param out_path  `size` bytes; receives the path, which the caller unlinks
+ * @param size      PATH_MAX is always enough
+ * @return 0; -1 with the errno of mkstemp(3), such as ENOENT or EACCES for the directory, or ENAMETOOLONG where
+ *         the path does not fit, and then there is no file and `out_path` is as it was.
+ * Threads: any. Raises: no.
+ */
+KS_API int fileutl_tmpfile_ext(const char *prefix, const char *ext, char *out_path, size_t size);
 /**@}*/
 
 /** @name Checksum */

@@ -95,9 +95,9 @@ KS_API char *ks_product_tool_dir_quoted(char *dst, const char *tool);
  * The host-data directory, followed by "/" and `sub1` and by "/" and `sub2`.
  *
  * It is the first of /var/adm/vellum, /var/adm/korva and the value of VELM_HOSTDATA_DIR that exists when it is
- * first asked for. If none does, the process cannot go on: errors 8 and 9 of the table "ks" are printed, a
- * front end (imsg_in_gui()) is told, and pfm_exit(2) ends the process. Where that call returns (pfm.h), `dst`
- * holds "".
+ * first asked for. If none does, the process cannot go on: errors 8 and 9 of the table "ks" are printed, the user
+ * of a front end (imsg_in_gui()) gets message 27 in a proceed prompt (imsg_prompt.h), and pfm_exit(2) ends the
+ * process. Where that call returns (pfm.h), `dst` holds "".
  *
  * @param dst         KS_PATH_SIZE bytes
  * @param sub1, sub2  each NULL: nothing follows for it

@@ -111,7 +111,7 @@ TEST_F(DepotCommand, ExplainsItselfAndEveryCommand)
         {"get", "g[et] [-o[ut] FILE] [-f[orce]] [-d[epot] DIR] [-h[elp]] PATTERN..."},
         {"list", "l[ist] [-l[ong] | -s[hort] | -fmt FORMAT | -0] [-since DATE] [-d[epot] DIR] [-h[elp]] [PATTERN]..."},
         {"verify", "v[erify] [-d[epot] DIR] [-h[elp]] [PATTERN]..."},
-        {"remove", "r[emove] [-d[epot] DIR] [-h[elp]] PATTERN..."},
+        {"remove", "r[emove] [-y[es]] [-d[epot] DIR] [-h[elp]] PATTERN..."},
         {"help", "h[elp] [-d[epot] DIR] [-h[elp]] [COMMAND]"},
     };
     for (const auto &[command, usage] : pages) {

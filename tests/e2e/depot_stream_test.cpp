@@ -14,6 +14,7 @@
 #include <unistd.h>
 
 #include "e2e/depot_fixture.h"
+#include "harness/terminal.h"
 
 namespace {
 
@@ -22,52 +23,13 @@ using test::Words;
 using Clock = std::chrono::steady_clock;
 
 // A shell with a terminal of its own.
-class Session {
-  public:
+struct Session : test::Terminal {
     explicit Session(const std::string &command)
+        : Terminal([&] {
+              return test::exec({"/bin/bash", "--norc", "-c", command});
+          })
     {
-        pid_ = forkpty(&terminal_, nullptr, nullptr, nullptr);
-        if (pid_ == 0)
-            _exit(test::exec({"/bin/bash", "--norc", "-c", command}));
     }
-    ~Session()
-    {
-        if (pid_ > 0)
-            kill(pid_, SIGKILL);
-        close(terminal_);
-    }
-    Session(const Session &) = delete;
-    Session &operator=(const Session &) = delete;
-
-    void press_interrupt() const { EXPECT_EQ(write(terminal_, "\003", 1), 1); }
-
-    // What the terminal was shown until `text` was; "": to the end.
-    std::string shown_until(const std::string &text)
-    {
-        std::string shown;
-        char bytes[4096];
-        for (pollfd ready{terminal_, POLLIN, 0}; poll(&ready, 1, 20000) == 1;) {
-            const ssize_t count = read(terminal_, bytes, sizeof bytes);
-            if (count <= 0)
-                break;
-            shown.append(bytes, static_cast<std::size_t>(count));
-            if (!text.empty() && shown.find(text) != std::string::npos)
-                break;
-        }
-        return shown;
-    }
-
-    int wait_status()
-    {
-        int status = -1;
-        EXPECT_EQ(waitpid(pid_, &status, 0), pid_);
-        pid_ = 0;
-        return status;
-    }
-
-  private:
-    int terminal_ = -1;
-    pid_t pid_ = 0;
 };
 
 class DepotStream : public test::DepotTest {
@@ -81,7 +43,7 @@ class DepotStream : public test::DepotTest {
     static void interrupt(Session &session)
     {
         const auto pressed = Clock::now();
-        session.press_interrupt();
+        session.type("\003");
         const std::string shown = session.shown_until("");
         EXPECT_EQ(shown.find("at the end"), std::string::npos) << shown;
         const int status = session.wait_status();
@@ -110,6 +72,42 @@ TEST_F(DepotStream, AnInterruptEndsAGetWhosePipeIsFull)
     ASSERT_EQ(poll(&ready, 1, 20000), 1);
     interrupt(session);
     close(reader);
+}
+
+TEST_F(DepotStream, AsksAtATerminalBeforeItReplacesOrRemoves)
+{
+    put("a", "1");
+    struct Case {
+        std::string command, question, keys;
+        bool is_done;
+    };
+    const std::vector<Case> cases = {
+        {"put a", "Replace entry \"a\"? [no] ", "\n", false},
+        {"put a", "Replace entry \"a\"? [no] ", "y\n", true},
+        {"put -replace a", "Stored", "", true},
+        {"get a", "Replace file \"a\"? [no] ", "n\n", false},
+        {"get a", "Replace file \"a\"? [no] ", "y\n", true},
+        {"get -f a", "Fetched", "", true},
+        {"remove a", "Remove entry \"a\"? [no] ", "\004", false},
+        {"remove -yes a", "Removed", "", true},
+        {"put a", "Stored", "", true},
+        {"remove a", "Remove entry \"a\"? [no] ", "ye\n", true},
+    };
+    // Once more with the prompting tool, which has no look of its own on such a terminal.
+    std::filesystem::create_directories("product/bin");
+    std::filesystem::create_symlink(VELPROMPT_PROGRAM, "product/bin/velprompt");
+    test::write_file("a", "2");
+    for (const std::string setting : {"", "TERM=dumb VELLUMHOME=product VELM_FORCE_GUI=1 "}) {
+        put("a", "1");
+        for (const Case &each : cases) {
+            SCOPED_TRACE(setting + each.command + each.keys);
+            Session session(setting + "exec " VELDEPOT_PROGRAM " -d depot " + each.command);
+            session.shown_until(each.question);
+            session.type(each.keys);
+            const std::string shown = each.question + session.shown_at_end();
+            EXPECT_EQ(shown.find("ed \"a\"") != std::string::npos || each.keys.empty(), each.is_done) << shown;
+        }
+    }
 }
 
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__) // which map terabytes

@@ -4,19 +4,27 @@
 
 #include "events/children.h"
 #include "kernel/ks_guard.h"
+#include "messages/imsg_impl.h"
 
 #include <korvaks/imsg.h>
 #include <korvaks/imsg_log.h>
+#include <korvaks/imsg_prompt.h>
 #include <korvaks/ks_proc.h>
 #include <korvaks/pfm.h>
 #include <korvaks/rt_proc.h>
+#include <korvaks/stg.h>
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstdio>
+#include <cstring>
+#include <filesystem>
 #include <string>
+#include <utility>
 
+#include <stdio_ext.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -295,6 +303,109 @@ TEST(FaultImsgDaemon, BecomePrintDrainAndReopen)
         .sweep()
         .sweep_raises()
         .sweep_noise(20);
+}
+
+// --- Prompts ---
+
+char *answer = nullptr;
+int *selection = nullptr;
+FILE *typed = nullptr;
+
+// Standard input, and `typed` as a stream whose reads can fail.
+void type(const char *text)
+{
+    const int file = memfd_create("typed", MFD_CLOEXEC);
+    (void)!write(file, text, std::strlen(text));
+    (void)lseek(file, 0, SEEK_SET);
+    (void)dup2(file, STDIN_FILENO);
+    (void)close(file);
+    __fpurge(stdin);
+    clearerr(stdin);
+    typed = test::fault::stream_over(dup(STDIN_FILENO), "r");
+}
+
+void forget_answers()
+{
+    stg_free_int(std::exchange(answer, nullptr), 1);
+    stg_free_int(std::exchange(selection, nullptr), 1);
+    if (typed != nullptr)
+        (void)fclose(std::exchange(typed, nullptr));
+}
+
+bool has_no_answer()
+{
+    return answer == nullptr && selection == nullptr;
+}
+
+TEST(FaultPrompt, OnStreams)
+{
+    char item[] = "item";
+    char *const items[] = {item, item};
+    Operation("imsg_get_input")
+        .setup([] { type("first line\nsecond\n.\n"); })
+        .act([] { return imsg_get_input(typed, "default", 1, &answer) == IMSG_PROMPT_ANSWERED; })
+        .gives([](const Trial &trial) {
+            return trial.failed(Call::read) || std::strcmp(answer, "first line\nsecond") == 0;
+        })
+        .keeps(has_no_answer)
+        .cleanup(forget_answers)
+        .sweep()
+        .sweep_noise(20);
+    Operation("imsg_prompt_text, imsg_prompt_list")
+        .setup([] { type("text\nx\n2,1\n"); })
+        .act([&] {
+            return imsg_prompt_text("?", "d", 0, &answer) == IMSG_PROMPT_ANSWERED &&
+                   imsg_prompt_list("?", items, 2, 1, &selection) == IMSG_PROMPT_ANSWERED;
+        })
+        .gives([] { return std::strcmp(answer, "text") == 0 && selection[0] == 2 && selection[1] == 1; })
+        .keeps([] { return selection == nullptr; })
+        .cleanup(forget_answers)
+        .sweep()
+        .sweep_first_use()
+        .sweep_raises();
+}
+
+// The tool is a program that answers at once.
+TEST(FaultPrompt, ThroughTheTool)
+{
+    const test::TempDir dir;
+    (void)mkdir(dir.file("bin").c_str(), 0700);
+    test::write_file(dir.file("bin/velprompt"), "#!/bin/sh\necho 1 >$5\n");
+    (void)chmod(dir.file("bin/velprompt").c_str(), 0700);
+    setenv("VELLUMHOME", dir.path().c_str(), 1);
+    setenv("TMPDIR", dir.path().c_str(), 1);
+    // No file is left, whatever happens.
+    const auto check = [&](const Trial &) -> const char * {
+        const auto count = std::distance(std::filesystem::directory_iterator(dir.path()), {});
+        return count == 1 ? nullptr : "a file is left behind";
+    };
+    Operation("imsg_velprompt_text")
+        .act([] { return imsg_velprompt_text("?", nullptr, 0, &answer) == IMSG_PROMPT_ANSWERED; })
+        .gives([](const Trial &trial) { return trial.failed(Call::read) || std::strcmp(answer, "1\n") == 0; })
+        .keeps(has_no_answer)
+        .check(check)
+        .cleanup(forget_answers)
+        .sweep()
+        .sweep_raises();
+}
+
+TEST(FaultPrompt, ADaemonAsksNothing)
+{
+    const auto result = test::run_child([] {
+        imsg_initialize();
+        ks::imsg::state.is_daemon = true;
+        setenv("VELM_FORCE_GUI", "1", 1);
+        char item[] = "item";
+        char *const items[] = {item};
+        EXPECT_EQ(imsg_prompt_yes_no(0, "?", IMSG_CHOICE_YES, IMSG_CHOICE_YES), IMSG_CHOICE_ABORT);
+        EXPECT_EQ(imsg_velprompt_proceed(0, "?", 0, 0), IMSG_CHOICE_ABORT);
+        EXPECT_EQ(imsg_prompt_text("?", "d", 0, &answer), IMSG_PROMPT_CANCELLED);
+        EXPECT_EQ(imsg_velprompt_password("?", &answer), IMSG_PROMPT_CANCELLED);
+        EXPECT_EQ(imsg_prompt_file("?", "d", nullptr, nullptr, &answer), IMSG_PROMPT_CANCELLED);
+        EXPECT_EQ(imsg_prompt_list("?", items, 1, 0, &selection), IMSG_PROMPT_CANCELLED);
+        EXPECT_EQ(imsg_prompt_txt_list("?", "/etc/passwd", &selection), IMSG_PROMPT_CANCELLED);
+    });
+    EXPECT_EQ(result.out + result.err, "");
 }
 
 } // namespace

@@ -2,6 +2,7 @@
 
 #include <korvaks/evutl.h>
 #include <korvaks/imsg.h>
+#include <korvaks/imsg_prompt.h>
 #include <korvaks/pfm.h>
 
 #include <cstdio>
@@ -185,17 +186,22 @@ TEST_F(KsHostdataDir, WithoutAnyTheProcessEnds)
                           "noname: Error: Can't find host data directory, tried: \"/var/adm/korva\".\n");
 }
 
-// A front end is told that the program ends; where the exit returns, the path is empty.
+// A front end is asked to proceed to the end; where the exit returns, the path is empty.
 TEST_F(KsHostdataDir, AFrontEndIsTold)
 {
     const auto result = run_in_root({}, [] {
-        imsg_redirect_output([](void *, const char *text) { printf("%s", text); }, nullptr, nullptr, nullptr);
+        imsg_redirect_output([](void *, const char *) {}, nullptr, nullptr, nullptr);
+        imsg_prompt_procs procs{};
+        procs.proceed = [](int, const char *question, unsigned mask, unsigned dflt, void *) {
+            return printf("%s%u %u\n", question, mask, dflt), IMSG_CHOICE_PROCEED;
+        };
+        imsg_use_prompt_procs(&procs, &procs);
         (void)pfm_set_exit([](int status) { printf("exit %d\n", status); });
         char path[KS_PATH_SIZE] = "unchanged";
         printf("\"%s\"\n", ks_host_config_dir(path, "a"));
         return 0;
     });
-    EXPECT_EQ(result.out, "The application will exit ... exit 2\n\"\"\n");
+    EXPECT_EQ(result.out, "The application will exit ... 2 2\nexit 2\n\"\"\n");
 }
 
 struct Switch {

@@ -17,6 +17,9 @@ KS_API void pfm_panic(const char *file, int line) KS_NORETURN;
 KS_API int imsg_print(int kind, const msg_table *table, unsigned msg_no, ...);
 KS_API int imsg_should_trace(const char *subsys, long level);
 
+// events
+KS_API unsigned imsg_prompt_proceed(int kind, const char *question, unsigned mask, unsigned dflt);
+
 // command
 KS_API void clp_log_cl_args(const char *name, int argc, char *const *argv, const char *took);
 }

@@ -296,16 +296,34 @@ void call_procedure(const Outcome &outcome)
         pfm_raise(raised);
 }
 
+// Whether the text goes to a stream that a user may be looking at.
+bool is_shown(int kind)
+{
+    const imsg_output_proc proc = slot_of(kind).proc;
+    return state.log_stream == nullptr && (proc == nullptr || proc == imsg_default_output || wants_duplicate());
+}
+
+// False, and nothing is printed, while another thread asks the user something and `may_wait` says to keep away.
+bool try_to_print(const Message &message, int saved_errno, bool may_wait, va_list args, Outcome &outcome)
+{
+    const IoLockGuard lock(ks_product_crit);
+    if (may_wait && is_turn_of_another() && is_shown(message.kind)) [[unlikely]]
+        return false;
+    if (state.log_hooks != nullptr)
+        state.log_hooks->prepare();
+    errno = saved_errno; // the format may ask for its text
+    print_locked(message, args, outcome);
+    errno = saved_errno;
+    return true;
+}
+
 int print_message(const Message &message, int saved_errno, va_list args)
 {
     Outcome outcome;
-    {
-        const IoLockGuard lock(ks_product_crit);
-        if (state.log_hooks != nullptr)
-            state.log_hooks->prepare();
-        errno = saved_errno; // the format may ask for its text
-        print_locked(message, args, outcome);
-        errno = saved_errno;
+    for (bool may_wait = true; !try_to_print(message, saved_errno, may_wait, args, outcome);) {
+        may_wait = may_wait_for_turn();
+        if (may_wait)
+            wait_for_turn();
     }
     const int result = outcome.is_written ? 0 : -1;
     if (outcome.slot.proc != nullptr)

@@ -190,6 +190,25 @@ class StreamWriter {
     char piece_[4096];
 };
 
+// imsg_turn.cpp
+// The thread that asks the user something; 0: none. Written with the lock held.
+extern constinit std::atomic<vlthread_t> turn_owner;
+// Whether another thread asks the user something now. Lock held.
+bool is_turn_of_another_locked();
+inline bool is_turn_of_another()
+{
+    return turn_owner.load(std::memory_order_relaxed) != vlthread_t{} && is_turn_of_another_locked();
+}
+// False: others may wait for the caller. Called with no lock of the module held; a raise point.
+bool may_wait_for_turn();
+// Waits for a while, or until nobody has the turn, with no lock held. A raise point.
+void wait_for_turn();
+// From the question to the answer, which is not nested. The first is a raise point, until it has the turn.
+void take_turn();
+void give_turn();
+// From here on nobody waits any more: the process ends.
+void drop_turns();
+
 // imsg_tls.cpp
 // The calling thread's section, which frees its copies at the thread's end.
 imsg_tls &thread_section();

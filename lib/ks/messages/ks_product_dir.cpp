@@ -33,6 +33,7 @@ constexpr const char *product_dir_built_in = "/opt/vellum";
 constexpr const char *hostdata_dirs_built_in[] = {"/var/adm/vellum", "/var/adm/korva"};
 constexpr const char *hostdata_dir_variable = "VELM_HOSTDATA_DIR";
 constexpr int exit_status_not_installed = 2;
+constexpr unsigned choice_proceed = 2; // IMSG_CHOICE_PROCEED, of a header above this layer
 
 // Both are written once, under ks_product_crit, and read without it.
 constinit Answer product_dir{nullptr};
@@ -103,13 +104,21 @@ const char *find_hostdata_dir(Path &buffer)
     return fileutl_exists(buffer) != 0 ? buffer : nullptr;
 }
 
+// There is nothing to choose: the question keeps what was printed in sight until it has been read.
+void tell_front_end()
+{
+    char question[256];
+    (void)imsg_snprintf(question, sizeof question, &_ks_ks_msg_table, ks_msg_application_will_exit); // else cut
+    (void)imsg_prompt_proceed(ks::msg_error, question, choice_proceed, choice_proceed);
+}
+
 void end_without_hostdata_dir()
 {
     (void)imsg_print(ks::msg_error, &_ks_ks_msg_table, ks_msg_not_installed);
     for (const char *directory : hostdata_dirs_built_in)
         (void)imsg_print(ks::msg_error, &_ks_ks_msg_table, ks_msg_no_hostdata_dir, directory);
     if (imsg_in_gui() != 0)
-        (void)imsg_print(ks::msg_output, &_ks_ks_msg_table, ks_msg_application_will_exit);
+        tell_front_end();
     pfm_exit(exit_status_not_installed);
 }
 
