@@ -18,7 +18,7 @@
  * memory is exhausted; it prints nothing. After a failure the place of the stream is somewhere in the object, what
  * was decoded may be there in part, and XDR_FREE still releases all of it. Memory that decoding allocates comes from
  * malloc(3), as in the platform's primitives; room that the object already points to is used instead, and must hold
- * the largest value that is admitted. None is a raise point unless its comment says so.
+ * the largest value that is admitted. None is a raise point unless its comment, or that of the stream, says so.
  */
 #ifndef KORVAKS_XDR_H
 #define KORVAKS_XDR_H
@@ -93,8 +93,8 @@ extern KS_API const struct ks_xdr_ops ks_xdrrec_ops;
  * @param readit      not NULL where the stream decodes
  * @param writeit     not NULL where the stream encodes
  *
- * On exhaustion the line "ks_xdrrec_create: out of memory" is written by ks_warnx() and `x_private` and `x_ops` are
- * NULL: the stream is not set and must not be used nor destroyed. Else `x_private` is not NULL, and xdr_destroy()
+ * On exhaustion the line "ks_xdrrec_create: out of memory" is written by ks_warnx() and `x_private` is NULL: such a
+ * stream is not to be used, and xdr_destroy() does nothing on it. Else `x_private` is not NULL, and xdr_destroy()
  * frees the buffers; it writes nothing and closes nothing.
  *
  * Threads: any; one at a time for a stream.
