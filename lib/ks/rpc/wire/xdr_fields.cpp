@@ -1,10 +1,46 @@
-// Fields of more than one word. A length from outside is checked against its limit before anything is allocated.
+// Words by the stream's operations, and fields of more than one. A length from outside is checked against its limit
+// before anything is allocated.
 #include "rpc/wire/xdr_fields.h"
 
 #include <cstdlib>
 #include <cstring>
 
 namespace ks::xdr {
+
+bool put_word(XDR *xdrs, uint32_t word)
+{
+    const long wide = static_cast<int32_t>(word);
+    return XDR_PUTLONG(xdrs, &wide) != FALSE;
+}
+
+int64_t get_word(XDR *xdrs)
+{
+    long wide = 0;
+    return XDR_GETLONG(xdrs, &wide) != FALSE ? int64_t{static_cast<uint32_t>(wide)} : -1;
+}
+
+bool_t pass_word_by_operation(XDR *xdrs, void *place)
+{
+    uint32_t word;
+    std::memcpy(&word, place, sizeof word);
+    if (xdrs->x_op == XDR_ENCODE)
+        return put_word(xdrs, word) ? TRUE : FALSE;
+    if (xdrs->x_op == XDR_DECODE && !get_word(xdrs, word))
+        return FALSE;
+    std::memcpy(place, &word, sizeof word);
+    return TRUE;
+}
+
+bool_t pass_hyper_by_operation(XDR *xdrs, uint64_t *hyper)
+{
+    constexpr unsigned word_bits = 32;
+    auto high = static_cast<uint32_t>(*hyper >> word_bits);
+    auto low = static_cast<uint32_t>(*hyper);
+    if (!pass(xdrs, high) || !pass(xdrs, low))
+        return FALSE;
+    *hyper = uint64_t{high} << word_bits | low;
+    return TRUE;
+}
 
 bool put_opaque(XDR *xdrs, const void *bytes, u_int count)
 {

@@ -5,6 +5,7 @@
 #pragma once
 
 #include "rpc/wire/rpc_platform.h"
+#include "rpc/wire/xdr_impl.h"
 
 #include <cstdint>
 #include <cstdlib>
@@ -13,18 +14,18 @@
 
 namespace ks::xdr {
 
-inline bool put_word(XDR *xdrs, uint32_t word)
-{
-    const long wide = static_cast<int32_t>(word);
-    return XDR_PUTLONG(xdrs, &wide) != FALSE;
-}
+// Words through the operations of any stream. What is read is -1 for a failure.
+bool put_word(XDR *xdrs, uint32_t word);
+int64_t get_word(XDR *xdrs);
+bool_t pass_word_by_operation(XDR *xdrs, void *word);
+bool_t pass_hyper_by_operation(XDR *xdrs, uint64_t *hyper);
 
 inline bool get_word(XDR *xdrs, uint32_t &out_word)
 {
-    long wide = 0;
-    if (XDR_GETLONG(xdrs, &wide) == FALSE)
+    const int64_t word = get_word(xdrs);
+    if (word < 0)
         return false;
-    out_word = static_cast<uint32_t>(wide);
+    out_word = static_cast<uint32_t>(word);
     return true;
 }
 
@@ -37,32 +38,58 @@ template <typename Enum> uint32_t word_of(const Enum &value)
     return word;
 }
 
-template <typename Value> void set_from_word(Value &value, uint32_t word)
+// One word: xdr_int, xdr_u_int, xdr_enum. Most go to or come from a record stream with room, where this is all.
+template <typename Value> [[gnu::always_inline]] inline bool_t pass(XDR *xdrs, Value &value)
 {
-    if constexpr (std::is_enum_v<Value>)
-        std::memcpy(&value, &word, sizeof value);
-    else
-        value = static_cast<Value>(word);
+    static_assert((std::is_integral_v<Value> || std::is_enum_v<Value>)&&sizeof value == sizeof(uint32_t));
+    if (rec::is_record_stream(xdrs)) {
+        rec::RecordStream &stream = rec::stream_of(xdrs);
+        uint32_t word;
+        if (xdrs->x_op == XDR_ENCODE && rec::room_left(stream) >= sizeof word) {
+            std::memcpy(&word, &value, sizeof word);
+            rec::append_word(stream, word);
+            return TRUE;
+        }
+        if (xdrs->x_op == XDR_DECODE && rec::at_hand(stream) >= sizeof word) {
+            word = rec::take_word(stream);
+            std::memcpy(&value, &word, sizeof word);
+            return TRUE;
+        }
+    }
+    return pass_word_by_operation(xdrs, &value);
 }
 
-// One word: xdr_int, xdr_u_int, xdr_enum. A narrower type is widened, and takes the lowest bits of any word:
-// xdr_u_char, xdr_u_short.
-template <typename Value> bool pass(XDR *xdrs, Value &value)
+// A number of fewer bits, widened. Decoding takes the lowest bits of any word: xdr_u_char, xdr_u_short.
+template <typename Value> bool pass_narrow(XDR *xdrs, Value &value)
 {
-    static_assert(sizeof(Value) <= sizeof(uint32_t));
-    if (xdrs->x_op == XDR_ENCODE) {
-        if constexpr (std::is_enum_v<Value>)
-            return put_word(xdrs, word_of(value));
-        else
-            return put_word(xdrs, static_cast<uint32_t>(value));
-    }
-    if (xdrs->x_op != XDR_DECODE)
-        return true;
-    uint32_t word = 0;
-    if (!get_word(xdrs, word))
+    static_assert(sizeof value < sizeof(uint32_t));
+    auto word = static_cast<uint32_t>(value);
+    if (xdrs->x_op == XDR_ENCODE)
+        return put_word(xdrs, word);
+    if (xdrs->x_op == XDR_DECODE && !get_word(xdrs, word))
         return false;
-    set_from_word(value, word);
+    value = static_cast<Value>(word);
     return true;
+}
+
+// A hyper: the upper word, then the lower.
+[[gnu::always_inline]] inline bool_t pass_hyper(XDR *xdrs, uint64_t *hyper)
+{
+    constexpr unsigned word_bits = 32;
+    if (rec::is_record_stream(xdrs)) {
+        rec::RecordStream &stream = rec::stream_of(xdrs);
+        if (xdrs->x_op == XDR_ENCODE && rec::room_left(stream) >= sizeof *hyper) {
+            rec::append_word(stream, static_cast<uint32_t>(*hyper >> word_bits));
+            rec::append_word(stream, static_cast<uint32_t>(*hyper));
+            return TRUE;
+        }
+        if (xdrs->x_op == XDR_DECODE && rec::at_hand(stream) >= sizeof *hyper) {
+            const uint64_t high = rec::take_word(stream);
+            *hyper = high << word_bits | rec::take_word(stream);
+            return TRUE;
+        }
+    }
+    return pass_hyper_by_operation(xdrs, hyper);
 }
 
 constexpr u_int padding_of(u_int count)

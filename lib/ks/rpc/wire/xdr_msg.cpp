@@ -124,7 +124,7 @@ bool decode_call(XDR *xdrs, rpc_msg &msg)
         return false;
     call_body &call = msg.rm_call;
     msg.rm_xid = words[0];
-    ks::xdr::set_from_word(msg.rm_direction, words[1]);
+    std::memcpy(&msg.rm_direction, &words[1], sizeof msg.rm_direction); // any number
     call.cb_rpcvers = words[2];
     call.cb_prog = words[3];
     call.cb_vers = words[4];
@@ -247,7 +247,7 @@ bool_t xdr_ks_rejected_reply(XDR *xdrs, struct rejected_reply *reply)
     case RPC_MISMATCH:
         return pass(xdrs, reply->rj_vers.low) && pass(xdrs, reply->rj_vers.high) ? TRUE : FALSE;
     case AUTH_ERROR:
-        return pass(xdrs, reply->rj_why) ? TRUE : FALSE;
+        return pass(xdrs, reply->rj_why);
     default:
         return FALSE;
     }

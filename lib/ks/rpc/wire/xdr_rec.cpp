@@ -2,7 +2,7 @@
 //
 // Everything here blocks as long as the functions of the connection do. Assembly of a record from a connection that
 // does not block is in xdr_rec_nonblock.cpp.
-#include "rpc/wire/xdr_rec_impl.h"
+#include "rpc/wire/xdr_impl.h"
 
 #include <korvaks/ks_warn.h>
 
@@ -14,16 +14,14 @@
 
 namespace {
 
+using ks::rec::append_word;
+using ks::rec::at_hand;
 using ks::rec::header_bytes;
 using ks::rec::load_word;
 using ks::rec::RecordStream;
+using ks::rec::room_left;
 using ks::rec::store_word;
 using ks::rec::stream_of;
-
-std::size_t room_left(const RecordStream &stream)
-{
-    return static_cast<std::size_t>(stream.out_boundry - stream.out_finger);
-}
 
 void finish_header(const RecordStream &stream, uint32_t last_bit)
 {
@@ -47,12 +45,6 @@ bool flush_fragment(RecordStream &stream)
 {
     stream.frag_sent = true;
     return flush(stream, 0);
-}
-
-void append_word(RecordStream &stream, uint32_t word)
-{
-    store_word(stream.out_finger, word);
-    stream.out_finger += sizeof word;
 }
 
 [[gnu::noinline]] bool_t put_in_next_fragment(RecordStream &stream, uint32_t word)
@@ -82,15 +74,31 @@ bool_t put_int32(XDR *xdrs, const int32_t *value)
     return put_word(xdrs, static_cast<uint32_t>(*value));
 }
 
-bool_t put_bytes(XDR *xdrs, const char *from, u_int count)
+// Names and padding are short, and a call of memcpy() costs more than they do.
+void copy_bytes(char *to, const char *from, std::size_t count)
 {
-    RecordStream &stream = stream_of(xdrs);
+    constexpr std::size_t step = sizeof(uint64_t);
+    if (count > 2 * step) {
+        std::memcpy(to, from, count);
+        return;
+    }
+    if (count >= step) {
+        std::memcpy(to, from, step);
+        std::memcpy(to + count - step, from + count - step, step);
+        return;
+    }
+    for (std::size_t i = 0; i < count; ++i)
+        to[i] = from[i];
+}
+
+[[gnu::noinline]] bool_t put_bytes_in_pieces(RecordStream &stream, const char *from, std::size_t count)
+{
     while (count > 0) {
-        const std::size_t piece = std::min<std::size_t>(count, room_left(stream));
+        const std::size_t piece = std::min(count, room_left(stream));
         std::memcpy(stream.out_finger, from, piece);
         stream.out_finger += piece;
         from += piece;
-        count -= static_cast<u_int>(piece);
+        count -= piece;
         // Kept exactly: also when nothing follows, so that a record may end with an empty fragment.
         if (stream.out_finger == stream.out_boundry && !flush_fragment(stream))
             return FALSE;
@@ -98,9 +106,14 @@ bool_t put_bytes(XDR *xdrs, const char *from, u_int count)
     return TRUE;
 }
 
-std::size_t at_hand(const RecordStream &stream)
+bool_t put_bytes(XDR *xdrs, const char *from, u_int count)
 {
-    return static_cast<std::size_t>(stream.in_limit - stream.in_finger);
+    RecordStream &stream = stream_of(xdrs);
+    if (count >= room_left(stream)) [[unlikely]]
+        return put_bytes_in_pieces(stream, from, count);
+    copy_bytes(stream.out_finger, from, count);
+    stream.out_finger += count;
+    return TRUE;
 }
 
 // Divides what is left of the fragment into what is in the buffer and what is not.
@@ -169,7 +182,7 @@ bool_t get_bytes(XDR *xdrs, char *to, u_int count)
     RecordStream &stream = stream_of(xdrs);
     if (count > at_hand(stream)) [[unlikely]]
         return get_bytes_in_pieces(stream, to, count);
-    std::memcpy(to, stream.in_finger, count);
+    copy_bytes(to, stream.in_finger, count);
     stream.in_finger += count;
     return TRUE;
 }
@@ -188,8 +201,7 @@ template <typename Value> bool_t get_word(XDR *xdrs, Value *out_value)
     RecordStream &stream = stream_of(xdrs);
     if (at_hand(stream) < sizeof(uint32_t)) [[unlikely]]
         return get_word_in_pieces(stream, out_value);
-    *out_value = static_cast<Value>(load_word(stream.in_finger));
-    stream.in_finger += sizeof(uint32_t);
+    *out_value = static_cast<Value>(ks::rec::take_word(stream));
     return TRUE;
 }
 

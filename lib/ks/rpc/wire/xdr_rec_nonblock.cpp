@@ -2,7 +2,7 @@
 //
 // The header of a fragment is received into the stream's state, its bytes behind those of the fragments before it, so
 // that a record of any number of fragments lies in one piece when it is decoded.
-#include "rpc/wire/xdr_rec_impl.h"
+#include "rpc/wire/xdr_impl.h"
 
 #include <cerrno>
 #include <cstdlib>

@@ -9,31 +9,12 @@
 namespace {
 
 using ks::xdr::pass;
+using ks::xdr::pass_hyper;
+using ks::xdr::pass_narrow;
 
 bool_t answer(bool is_done)
 {
     return is_done ? TRUE : FALSE;
-}
-
-// A hyper; the sign of the upper word does not change its bytes.
-bool pass_hyper(XDR *xdrs, uint64_t &value)
-{
-    constexpr unsigned word_bits = 32;
-    auto high = static_cast<uint32_t>(value >> word_bits);
-    auto low = static_cast<uint32_t>(value);
-    if (!pass(xdrs, high) || !pass(xdrs, low))
-        return false;
-    value = uint64_t{high} << word_bits | low;
-    return true;
-}
-
-bool_t pass_signed_hyper(XDR *xdrs, int64_t *value)
-{
-    auto bits = static_cast<uint64_t>(*value);
-    if (!pass_hyper(xdrs, bits))
-        return FALSE;
-    *value = static_cast<int64_t>(bits);
-    return TRUE;
 }
 
 // A string into room that is there, its NUL included.
@@ -59,7 +40,7 @@ AddressFamily family_code(sa_family_t family)
 bool pass_port(XDR *xdrs, in_port_t &port)
 {
     uint16_t number = ntohs(port);
-    if (!pass(xdrs, number))
+    if (!pass_narrow(xdrs, number))
         return false;
     port = htons(number);
     return true;
@@ -77,7 +58,7 @@ bool pass_ipv4(XDR *xdrs, sockaddr_in &address)
 bool pass_ipv6(XDR *xdrs, sockaddr_in6 &address)
 {
     for (uint8_t &byte : address.sin6_addr.s6_addr)
-        if (!pass(xdrs, byte))
+        if (!pass_narrow(xdrs, byte))
             return false;
     return pass_port(xdrs, address.sin6_port);
 }
@@ -88,7 +69,7 @@ extern "C" {
 
 bool_t xdr_ks_uint32_t(XDR *xdrs, ks_uint32_t *value)
 {
-    return answer(pass(xdrs, *value));
+    return pass(xdrs, *value);
 }
 
 bool_t xdr_u_long_as_int(XDR *xdrs, u_long *value)
@@ -103,37 +84,38 @@ bool_t xdr_u_long_as_int(XDR *xdrs, u_long *value)
 
 bool_t xdr_ks_int64_t(XDR *xdrs, ks_int64_t *value)
 {
-    return pass_signed_hyper(xdrs, value);
+    // The sign does not change the bytes of the upper word.
+    return pass_hyper(xdrs, reinterpret_cast<uint64_t *>(value));
 }
 
 bool_t xdr_ks_uint64_t(XDR *xdrs, ks_uint64_t *value)
 {
-    return answer(pass_hyper(xdrs, *value));
+    return pass_hyper(xdrs, value);
 }
 
 bool_t xdr_ks_off64_t(XDR *xdrs, ks_off64_t *value)
 {
-    return pass_signed_hyper(xdrs, value);
+    return xdr_ks_int64_t(xdrs, value);
 }
 
 bool_t xdr_ks_off32_t(XDR *xdrs, ks_off32_t *value)
 {
-    return answer(pass(xdrs, *value));
+    return pass(xdrs, *value);
 }
 
 bool_t xdr_ks_byte_t(XDR *xdrs, ks_byte_t *value)
 {
-    return answer(pass(xdrs, *value));
+    return answer(pass_narrow(xdrs, *value));
 }
 
 bool_t xdr_ks_boolean_t(XDR *xdrs, ks_boolean_t *value)
 {
-    return answer(pass(xdrs, *value));
+    return pass(xdrs, *value);
 }
 
 bool_t xdr_ks_char_t(XDR *xdrs, ks_char_t *value)
 {
-    return answer(pass(xdrs, *value));
+    return answer(pass_narrow(xdrs, *value));
 }
 
 bool_t xdr_ks_canon_pname_p_t(XDR *xdrs, ks_canon_pname_p_t *path)

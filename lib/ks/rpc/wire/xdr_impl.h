@@ -1,4 +1,4 @@
-// The state of a record stream.
+// The state of a record stream, and the short paths into its buffers.
 #pragma once
 
 #include "rpc/wire/rpc_platform.h"
@@ -64,6 +64,36 @@ inline void store_word(char *to, uint32_t word)
     std::memcpy(to, &word, sizeof word);
 }
 static_assert(std::endian::native == std::endian::little);
+
+inline bool is_record_stream(const XDR *xdrs)
+{
+    return xdrs->x_ops == &ks_xdrrec_ops.platform;
+}
+
+inline std::size_t room_left(const RecordStream &stream)
+{
+    return static_cast<std::size_t>(stream.out_boundry - stream.out_finger);
+}
+
+inline std::size_t at_hand(const RecordStream &stream)
+{
+    return static_cast<std::size_t>(stream.in_limit - stream.in_finger);
+}
+
+// For a stream with room for a word.
+inline void append_word(RecordStream &stream, uint32_t word)
+{
+    store_word(stream.out_finger, word);
+    stream.out_finger += sizeof word;
+}
+
+// For a stream with a word at hand.
+inline uint32_t take_word(RecordStream &stream)
+{
+    const uint32_t word = load_word(stream.in_finger);
+    stream.in_finger += sizeof word;
+    return word;
+}
 
 // Nothing of the current fragment is left to decode.
 inline void end_fragment(RecordStream &stream)
