@@ -1,7 +1,6 @@
 // What does it cost to encode and to decode a record of a kibibyte of mixed fields, with each library's own routines
 // over its own record stream, and with the platform's routines over both? And what do bulk data cost above their copy
 // into the buffer and the write?
-#include <korvaks/ezrpc.h>
 #include <korvaks/xdr.h>
 
 #include <benchmark/benchmark.h>
