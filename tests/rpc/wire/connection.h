@@ -81,7 +81,8 @@ inline std::string wire_word(uint32_t word)
 // A fragment with its header.
 inline std::string fragment(const std::string &bytes, bool is_last)
 {
-    return wire_word(static_cast<uint32_t>(bytes.size()) | (is_last ? 0x80000000u : 0)) + bytes;
+    std::string whole = wire_word(static_cast<uint32_t>(bytes.size()) | (is_last ? 0x80000000u : 0));
+    return whole.append(bytes);
 }
 
 } // namespace test
