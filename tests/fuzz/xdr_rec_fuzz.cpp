@@ -81,7 +81,9 @@ FUZZ_TARGET(input)
     const int record_max = input.take_byte() * 2 + 1;
     const std::string wire = input.take_rest();
     const Records records = parse(wire, static_cast<std::size_t>(record_max), false);
-    FUZZ_REQUIRE(assemble(wire, piece, record_max) == records);
-    check_blocking(wire, piece, records);
+    for (const std::size_t size : {std::size_t{1}, std::size_t{3}, piece}) {
+        FUZZ_REQUIRE(assemble(wire, size, record_max) == records);
+        check_blocking(wire, size, records);
+    }
     check_output(records, static_cast<u_int>(100 + piece));
 }

@@ -72,10 +72,48 @@ struct Stream : XDR {
     const ks_xdr_ops *ks_ops() const { return reinterpret_cast<const ks_xdr_ops *>(x_ops); }
 };
 
+// The bytes of an object; empty for a failure.
+template <typename Routine, typename Object> std::string encode(Routine routine, Object &object)
+{
+    Stream stream(0, XDR_ENCODE);
+    const bool is_done = routine(&stream, &object) != FALSE;
+    return {stream.x_base, is_done ? XDR_GETPOS(&stream) : 0};
+}
+
+template <typename Routine, typename Object> void release(Routine routine, Object &object)
+{
+    xdr_free(reinterpret_cast<xdrproc_t>(routine), &object);
+}
+
+// Whether decoding takes all of the bytes, and fails on less at every place.
+template <typename Routine, typename Object> bool decode(Routine routine, const std::string &bytes, Object &object)
+{
+    bool is_right = true;
+    for (std::size_t size = 0; size < bytes.size(); ++size) {
+        std::string part = bytes.substr(0, size);
+        Object shorter{object};
+        Stream stream(part, XDR_DECODE);
+        is_right = routine(&stream, &shorter) == FALSE && is_right;
+        release(routine, shorter);
+    }
+    std::string whole = bytes;
+    Stream stream(whole, XDR_DECODE);
+    return routine(&stream, &object) != FALSE && XDR_GETPOS(&stream) == bytes.size() && is_right;
+}
+
 inline std::string wire_word(uint32_t word)
 {
     word = htonl(word);
     return {reinterpret_cast<char *>(&word), sizeof word};
+}
+
+// "0A ff" as bytes; blanks are left out.
+inline std::string hex(const std::string &text)
+{
+    std::string bytes;
+    for (std::size_t at = 0; (at = text.find_first_not_of(' ', at)) < text.size(); at += 2)
+        bytes += static_cast<char>(std::stoi(text.substr(at, 2), nullptr, 16));
+    return bytes;
 }
 
 // A fragment with its header.
