@@ -119,6 +119,11 @@ TEST(RecordStream, InPlaceIsWhatIsWholeAndAligned)
     EXPECT_EQ(XDR_INLINE(&stream, 4), nullptr);
     stream.x_op = XDR_FREE;
     EXPECT_EQ(XDR_INLINE(&stream, 0), nullptr);
+    // Words stay where they would have been in one piece.
+    Connection pieces{.incoming = fragment("12345678", true), .piece = 6};
+    Stream in_pieces(pieces, XDR_DECODE);
+    ASSERT_TRUE(ks_xdrrec_skiprecord(&in_pieces) && in_pieces.get(word));
+    EXPECT_NE(XDR_INLINE(&in_pieces, 4), nullptr);
 }
 
 // The end of the connection at every place, and a header of 0: each is a failure and stays one.

@@ -25,7 +25,9 @@ bool_t pass_word_by_operation(XDR *xdrs, void *place)
     std::memcpy(&word, place, sizeof word);
     if (xdrs->x_op == XDR_ENCODE)
         return put_word(xdrs, word) ? TRUE : FALSE;
-    if (xdrs->x_op == XDR_DECODE && !get_word(xdrs, word))
+    if (xdrs->x_op != XDR_DECODE)
+        return TRUE;
+    if (!get_word(xdrs, word))
         return FALSE;
     std::memcpy(place, &word, sizeof word);
     return TRUE;

@@ -66,7 +66,9 @@ template <typename Value> bool pass_narrow(XDR *xdrs, Value &value)
     auto word = static_cast<uint32_t>(value);
     if (xdrs->x_op == XDR_ENCODE)
         return put_word(xdrs, word);
-    if (xdrs->x_op == XDR_DECODE && !get_word(xdrs, word))
+    if (xdrs->x_op != XDR_DECODE)
+        return true;
+    if (!get_word(xdrs, word))
         return false;
     value = static_cast<Value>(word);
     return true;
