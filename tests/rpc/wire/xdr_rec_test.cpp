@@ -43,7 +43,7 @@ TEST(RecordStream, RecordsOnTheWire)
     ASSERT_TRUE(ks_xdrrec_endofrecord(&stream, TRUE));
     EXPECT_EQ(connection.writes, std::vector{hex("80000004 FFFFFFFE 80000003 6F6464 80000000")});
     // A header fits behind 91 bytes and not behind 92; behind 96 the buffer is full and written at once.
-    for (const auto &[size, writes] : {std::pair{91u, 0u}, {92u, 1u}, {96u, 2u}, {97u, 2u}}) {
+    for (const auto &[size, writes] : {std::pair{91u, 0u}, {92u, 1u}, {96u, 2u}, {5u, 0u}, {97u, 2u}}) {
         connection.writes.clear();
         ASSERT_TRUE(stream.put(std::string(size, 'x')) && ks_xdrrec_endofrecord(&stream, FALSE));
         EXPECT_EQ(connection.writes.size(), writes);
@@ -71,7 +71,8 @@ TEST(RecordStream, ThePlatformAgrees)
             int64_t hyper = -3;
             std::string bytes(size, 'x');
             for (char *text = bytes.data(); hyper < 0; ++hyper) {
-                ASSERT_TRUE(xdr_hyper(&stream, &hyper) && xdr_bytes(&stream, &text, &size, ~0u));
+                ASSERT_TRUE((is_ours ? xdr_ks_int64_t : xdr_hyper)(&stream, &hyper) &&
+                            xdr_bytes(&stream, &text, &size, ~0u));
                 ASSERT_TRUE((is_ours ? ks_xdrrec_endofrecord : xdrrec_endofrecord)(&stream, hyper == -1));
             }
             XDR_DESTROY(&stream);
@@ -210,6 +211,11 @@ TEST(RecordAssembly, SkippingTakesAStep)
     connection.incoming += "78";
     EXPECT_TRUE(ks_xdrrec_skiprecord(&stream));
     EXPECT_FALSE(stream.get(word));
+    // What is not decoded when bytes of the next record come is lost.
+    connection.incoming += fragment("9abc", true);
+    EXPECT_TRUE(__ks_xdrrec_getrec(&stream, &status, TRUE));
+    connection.incoming += fragment("defg", true).substr(0, 7);
+    EXPECT_FALSE(__ks_xdrrec_getrec(&stream, &status, TRUE) || stream.get(word));
 }
 
 } // namespace
