@@ -209,8 +209,8 @@ extern KS_API const struct ks_xdr_ops xdrstg_ops;
  * @param xdrs  handle to fill in, of any content
  * @param size  bytes at first, any number; a stream of 0 grows with each write
  * @param op    XDR_ENCODE; XDR_DECODE, and then the caller fills the block; XDR_FREE: there is no block
- * @return 0; or 1 on exhaustion ("Operation stg_malloc: (error)" is printed as an error), and then the handle is as one
- *         made with size XDR_FREE, on which xdr_destroy() does nothing.
+ * @return 0; or 1 on exhaustion ("Operation stg_malloc: (error)" is printed as an error), and then there is no block:
+ *         xdr_destroy() does nothing.
  *
  * Threads: any; one at a time for a stream.
  * Raises:  yes, but only in the message of an exhaustion, here and in a write: the stream is then as before.

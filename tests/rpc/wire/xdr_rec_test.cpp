@@ -1,7 +1,11 @@
 // Record streams: fragments and records on the wire, and the assembly of records that come in pieces.
 #include "rpc/wire/connection.h"
 
+#include "harness/child.h"
+
 #include <sstream>
+
+#include <sys/resource.h>
 
 #include <gtest/gtest.h>
 
@@ -191,6 +195,23 @@ TEST(RecordAssembly, StatusOfEachStep)
             EXPECT_EQ(status, answer == "D" ? XPRT_DIED : answer == "I" ? XPRT_IDLE : XPRT_MOREREQS) << arrives;
         }
     }
+}
+
+// A length that lies costs address space, no memory.
+TEST(RecordAssembly, MemoryIsWhatHasArrived)
+{
+    test::in_child([] {
+        Connection connection{.incoming = hex("84000000 31323334"), .is_open = true};
+        Stream stream(connection, XDR_DECODE);
+        rusage before{}, after{};
+        getrusage(RUSAGE_SELF, &before);
+        xprt_stat status = XPRT_DIED;
+        __ks_xdrrec_setnonblock(&stream, 0x4000000);
+        EXPECT_FALSE(__ks_xdrrec_getrec(&stream, &status, TRUE));
+        getrusage(RUSAGE_SELF, &after);
+        EXPECT_EQ(status, XPRT_MOREREQS);
+        EXPECT_LT(after.ru_maxrss, before.ru_maxrss + 32 * 1024); // of 64 MiB that were claimed
+    });
 }
 
 // In non-blocking mode a skip takes one step, and passes over the record that it completes.
