@@ -163,8 +163,8 @@ KS_API enum auth_stat _ks_authenticate(struct svc_req *request, struct rpc_msg *
 
 /**
  * Checks a call of a flavour that a program has added: AUTH_OK, or why the call is refused. It may fill in what
- * `rq_clntcred` points to and the body of `rq_xprt->xp_verf`. It must not enter the library critical section, make
- * children whose deaths are reported, or leave by a jump.
+ * `rq_clntcred` points to and the body of `rq_xprt->xp_verf`. It runs with raises and cancellation held off, and must
+ * not enter the library critical section, make children whose deaths are reported, or leave by a jump.
  */
 typedef enum auth_stat (*ks_svc_auth_checker)(struct svc_req *request, struct rpc_msg *message);
 

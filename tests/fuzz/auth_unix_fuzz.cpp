@@ -20,7 +20,7 @@ std::string encoded(const void *parms)
 FUZZ_TARGET(input)
 {
     const std::string body = input.take_rest();
-    for (const std::size_t shift : {0, 1}) {
+    for (const std::size_t shift : {0UL, 1UL}) {
         const auto block = fuzz::exact_copy((std::string(shift, 'x') + body).data(), shift + body.size());
         XDR xdrs;
         xdrmem_create(&xdrs, block.get() + shift, static_cast<u_int>(body.size()), XDR_DECODE);

@@ -151,7 +151,7 @@ const Flavour *find_flavour(int number)
 
 auth_stat check_further(svc_req *request, rpc_msg *message)
 {
-    const ks::LockGuard lock(ks::ks_authsvc_lock);
+    const ks::IoLockGuard lock(ks::ks_authsvc_lock); // the checker may read and wait
     const Flavour *flavour = find_flavour(request->rq_cred.oa_flavor);
     // Kept exactly: the checker runs under the lock, so that no two run at once.
     return flavour != nullptr ? flavour->checker(request, message) : AUTH_REJECTEDCRED;
