@@ -22,6 +22,10 @@
     /* Forks of children whose deaths are reported, and who owns SIGCHLD. Held across a fork, so that a fork    */     \
     /* does not collect it; free in a child whose thread does not own it.                                       */     \
     LOCK(rt_proc_fork_crit, VLTHREAD_RAISE_COUNTED)                                                                    \
+    /* The checkers of flavours that programs add. A checker runs under it and may do much and wait long, so    */     \
+    /* that a fork does not wait for it; the list is whole at any moment. Free in a child whose thread does not */     \
+    /* own it.                                                                                                  */     \
+    LOCK(ks_authsvc_lock, VLTHREAD_RAISE_COUNTED)                                                                      \
     /* Start and end of the fault manager, signal tables, on-exit handlers (which run under it).               */      \
     LOCK(pfm_crit, VLTHREAD_RAISE_COUNTED)                                                                             \
     /* cl's table of error texts, while it is filled.                                                           */     \
@@ -40,6 +44,8 @@
     LOCK(ks_product_crit, VLTHREAD_RAISE_COUNTED)                                                                      \
     /* The date style of the process.                                                                           */     \
     LOCK(default_date_style_crit, VLTHREAD_RAISE_COUNTED)                                                              \
+    /* The handle of AUTH_NONE, while it is made. Nothing is taken under it.                                    */     \
+    LOCK(ks_authnone_lock, VLTHREAD_RAISE_COUNTED)                                                                     \
     /* The process environment.                                                                                 */     \
     LOCK(evutl_environ_crit, VLTHREAD_RAISE_COUNTED)                                                                   \
     /* Exit and signal-block requests to the signal-handler thread.                                             */     \

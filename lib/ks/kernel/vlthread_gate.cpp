@@ -21,11 +21,11 @@ constexpr int rounds_max = 8;
 // Held by the forking thread while the gate is not open.
 constinit pthread_mutex_t gate_mutex = PTHREAD_MUTEX_INITIALIZER;
 
-// Locks that a fork leaves alone: the critical section, which is held for minutes, and the lock that is held
-// around the forks of children whose deaths are reported.
+// Locks that a fork leaves alone: the critical section, which is held for minutes, the lock that is held around the
+// forks of children whose deaths are reported, and the one under which a program's checkers run.
 bool is_left_alone(const vlthread_mutex_t *lock)
 {
-    return lock == &vlthread_critical_section_mutex || lock == &rt_proc_fork_crit;
+    return lock == &vlthread_critical_section_mutex || lock == &rt_proc_fork_crit || lock == &ks_authsvc_lock;
 }
 
 // The locks that a fork takes one by one: the first is waited for with the gate open, and the thread layer's
@@ -180,6 +180,7 @@ void settle_library_in_child()
 {
     drop_foreign_critical_section();
     free_foreign_lock(rt_proc_fork_crit, lock_level_rt_proc_fork_crit);
+    free_foreign_lock(ks_authsvc_lock, lock_level_ks_authsvc_lock);
     forget_other_threads();
     drop_other_fault_blocks([](const pfm_fault_block *block) {
         for (const stg_area_hold *hold = block->area_holds; hold != nullptr; hold = hold->outer)
