@@ -2,6 +2,7 @@
 #include "rpc/wire/xdr_fields.h"
 
 #include <korvaks/ezrpc.h>
+#include <korvaks/sysutl.h>
 #include <korvaks/xdr.h>
 
 #include <cstring>
@@ -29,13 +30,6 @@ bool get_string_into(XDR *xdrs, char *room, std::size_t room_size)
 
 // The family codes of the wire, which are not the system's.
 enum AddressFamily : uint32_t { family_unknown = 0, family_ipv4 = 1, family_ipv6 = 2 };
-
-AddressFamily family_code(sa_family_t family)
-{
-    if (family == AF_INET)
-        return family_ipv4;
-    return family == AF_INET6 ? family_ipv6 : family_unknown;
-}
 
 bool pass_port(XDR *xdrs, in_port_t &port)
 {
@@ -163,7 +157,7 @@ bool_t xdr_ks_sockaddr_storage_t(XDR *xdrs, struct sockaddr_storage *address)
 {
     if (xdrs->x_op == XDR_FREE)
         return TRUE;
-    AddressFamily family = family_code(address->ss_family);
+    auto family = static_cast<AddressFamily>(sysutl_sa_family_to_ks_addrfamily(address->ss_family));
     if ((xdrs->x_op == XDR_ENCODE && family == family_unknown) || !pass(xdrs, family))
         return FALSE;
     if (family == family_ipv4)
