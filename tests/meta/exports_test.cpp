@@ -127,10 +127,6 @@ TEST(Linking, NamesItsInterface)
     EXPECT_NE(line_with(readelf("-d", KORVAKS_LIBRARY), "(FLAGS_1)").find("NODELETE"), std::string::npos);
 }
 
-// The sanitizers put their own in front of many functions and add constructors, so what follows
-// holds without them.
-#ifndef KORVAKS_SANITIZED
-
 // What a program loads with the library is felt at each of its starts: no C++ runtime, no RPC library with
 // the Kerberos that it needs. The C library's old copies of the XDR routines have another layout, so none
 // of them may be bound either.
@@ -157,8 +153,6 @@ TEST(Linking, NoConstructors)
     ASSERT_GT(words.size(), 4u) << sections;
     EXPECT_EQ(words[4], "000008") << line;
 }
-
-#endif
 
 // A raise runs no destructor, so nothing in the library may throw or allocate behind its back.
 // Admitted is atexit().
