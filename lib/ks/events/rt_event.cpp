@@ -220,7 +220,10 @@ rt_event *rt_sched_int(rt_event_fn fn, void *arg, long seconds, void *event_memo
     const timeval due = ks::rt::seconds_from_now(seconds);
     const ks::LockGuard lock(ks::rt_crit);
     ks::rt::here.require(!ks::rt::is_on_list(event), "event->magic != RT_MAGIC");
-    ks::rt::insert(event, {fn, arg, false}, due, true);
+    if (ks::is_signal_handler_thread()) // which gets no memory in a handler
+        ks::rt::state.index.note_in_place(ks::rt::fill_and_link(event, {fn, arg, false}, due, true), event);
+    else
+        ks::rt::insert(event, {fn, arg, false}, due, true);
     return event;
 }
 

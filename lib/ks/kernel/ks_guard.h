@@ -66,6 +66,9 @@ class InhibitGuard {
 [[nodiscard]] pfm_fault_block *begin_short_inhibit();
 void end_short_inhibit(pfm_fault_block *inhibited);
 
+// Whether the caller is the thread that runs handlers of signals. Starts nothing.
+bool is_signal_handler_thread();
+
 class ShortInhibitGuard {
   public:
     ShortInhibitGuard() : inhibited_(begin_short_inhibit()) {}

@@ -138,6 +138,11 @@ pfm_fault_block *begin_short_inhibit()
     return ks::fault::begin_hold(&pfm_fault_block::pfm_inh_count);
 }
 
+bool is_signal_handler_thread()
+{
+    return ks::fault::pfm_signal_handler_tid.load(std::memory_order_relaxed) == ks::self();
+}
+
 void end_short_inhibit(pfm_fault_block *inhibited)
 {
     if (inhibited == nullptr) [[unlikely]]
