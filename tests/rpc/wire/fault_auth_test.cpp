@@ -22,7 +22,10 @@ TEST(FaultAuth, HandlesOfAProcessInManyGroupsAreMadeOrRefused)
             auth = nullptr;
         })
         .act([] { return (auth = ks_authunix_create_default()) != nullptr; })
-        .gives([] { return auth->ah_cred.oa_base[auth->ah_cred.oa_length - 4 * group_count - 1] == group_count; })
+        .gives([] {
+            return auth->ah_cred.oa_base[auth->ah_cred.oa_length - 4 * static_cast<u_int>(group_count) - 1] ==
+                   group_count;
+        })
         .says("ks_authunix_create: out of memory\n")
         .cleanup([] {
             if (auth != nullptr)
