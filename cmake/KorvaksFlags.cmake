@@ -26,7 +26,7 @@ else()
   add_compile_options(-fstack-protector-strong -fstack-clash-protection -fcf-protection)
   add_compile_options($<$<NOT:$<CONFIG:Debug>>:-D_FORTIFY_SOURCE=2>)
 endif()
-add_link_options(-Wl,-z,relro,-z,now,-z,noexecstack)
+add_link_options(-Wl,-z,relro,-z,now,-z,noexecstack -Wl,--as-needed)
 
 add_library(korvaks_warnings INTERFACE)
 target_compile_options(korvaks_warnings INTERFACE -Wall -Wextra -Wconversion -Wshadow -Werror)
