@@ -97,8 +97,7 @@ TEST_F(Velprompt, AsksInPlainText)
 
 TEST_F(Velprompt, AsksWithWhiptail)
 {
-    if (system("command -v whiptail >/dev/null") != 0)
-        GTEST_SKIP() << "whiptail is not installed (scripts/setup)";
+    ASSERT_EQ(system("command -v whiptail >/dev/null"), 0) << "scripts/setup installs it";
     const std::string down = "\033[B";
     const Words yes_no = {"yes_no", "-prompt", "-<b>Sure", "-default", "no", "-mask", "abort,yes,no"};
     EXPECT_EQ(typed(command(yes_no, ""), "-<b>Sure", "\r"), 1);

@@ -368,6 +368,19 @@ void resume_locked()
     state.ok_display = true;
 }
 
+int change_logging(void (*change)(), const char *what_is_refused)
+{
+    start();
+    {
+        const IoLockGuard lock(ks_product_crit);
+        if (has_log()) {
+            change();
+            return 0;
+        }
+    }
+    return refuse(what_is_refused);
+}
+
 void say_on_old_file(const Failure &failure)
 {
     char text[PATH_MAX + report_size];
@@ -442,24 +455,12 @@ int imsg_am_daemon(void)
 
 int imsg_suspend_daemon_logging(void)
 {
-    ks::imsg::start();
-    {
-        const ks::IoLockGuard lock(ks::ks_product_crit);
-        if (ks::imsg::has_log())
-            return ks::imsg::suspend_locked(), 0;
-    }
-    return ks::imsg::refuse("Can't suspend daemon logging, process not a daemon");
+    return ks::imsg::change_logging(ks::imsg::suspend_locked, "Can't suspend daemon logging, process not a daemon");
 }
 
 int imsg_resume_daemon_logging(void)
 {
-    ks::imsg::start();
-    {
-        const ks::IoLockGuard lock(ks::ks_product_crit);
-        if (ks::imsg::has_log())
-            return ks::imsg::resume_locked(), 0;
-    }
-    return ks::imsg::refuse("Can't resume daemon logging, process not a daemon");
+    return ks::imsg::change_logging(ks::imsg::resume_locked, "Can't resume daemon logging, process not a daemon");
 }
 
 void imsg_starting_process(void)

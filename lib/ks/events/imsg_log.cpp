@@ -3,6 +3,7 @@
 #include "events/imsg_logs.h"
 
 #include "kernel/ks_guard.h"
+#include "util/ks_open.h"
 
 #include <korvaks/date.h>
 #include <korvaks/imsg_log.h>
@@ -24,15 +25,6 @@ namespace {
 
 constexpr int lock_tries = 20;
 constexpr int asterisk_count = 67;
-
-int open_again(const char *path, int flags, mode_t mode)
-{
-    int fd = -1;
-    do
-        fd = open(path, flags, mode);
-    while (fd < 0 && errno == EINTR);
-    return fd;
-}
 
 // 0, or the errno that says why the descriptor's file takes no records.
 int refusal_of(int fd)
@@ -156,17 +148,7 @@ void write_header(const HeaderValues &values)
 
 int open_for_records(const char *path, int flags, mode_t mode)
 {
-    // Without blocking, as the name may be a pipe's that nobody reads.
-    constexpr int careful = O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
-    UniqueFd fd(open_again(path, flags | careful, mode));
-    if (!fd)
-        return -1;
-    if (const int refusal = refusal_of(fd.get()); refusal != 0) {
-        fd.reset();
-        errno = refusal;
-        return -1;
-    }
-    return above_stdio(fd.release());
+    return open_judged(path, flags, mode, refusal_of);
 }
 
 bool is_symbolic_link(const char *path)

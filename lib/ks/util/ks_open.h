@@ -17,4 +17,8 @@ namespace ks {
 // are gone over.
 [[nodiscard]] int open_own_file(const char *path, int flags, mode_t mode);
 
+// The same with a judgement of the caller's: `refusal_of` gets the descriptor and gives 0, or the errno with which
+// the file is refused.
+[[nodiscard]] int open_judged(const char *path, int flags, mode_t mode, int (*refusal_of)(int fd));
+
 } // namespace ks

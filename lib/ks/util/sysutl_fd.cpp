@@ -13,7 +13,7 @@
 namespace {
 
 // 0, or the errno that says why the file is not the caller's alone.
-int refusal_of(int fd)
+int refusal_of_foreign(int fd)
 {
     struct stat st;
     if (fstat(fd, &st) != 0)
@@ -30,6 +30,11 @@ int refusal_of(int fd)
 namespace ks {
 
 int open_own_file(const char *path, int flags, mode_t mode)
+{
+    return open_judged(path, flags, mode, refusal_of_foreign);
+}
+
+int open_judged(const char *path, int flags, mode_t mode, int (*refusal_of)(int fd))
 {
     // Without blocking, as the name may be a pipe's that nobody reads.
     constexpr int careful = O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;

@@ -57,6 +57,20 @@ bool pass_ipv6(XDR *xdrs, sockaddr_in6 &address)
     return pass_port(xdrs, address.sin6_port);
 }
 
+// Decoded into a fresh one: a failure leaves the caller's as it was.
+template <typename Address> bool_t pass_address(XDR *xdrs, Address &address, sa_family_t Address::*family,
+                                                sa_family_t number, bool (*pass_fields)(XDR *, Address &))
+{
+    if (xdrs->x_op != XDR_DECODE)
+        return answer(pass_fields(xdrs, address));
+    Address decoded{};
+    decoded.*family = number;
+    if (!pass_fields(xdrs, decoded))
+        return FALSE;
+    address = decoded;
+    return TRUE;
+}
+
 } // namespace
 
 extern "C" {
@@ -169,25 +183,11 @@ bool_t xdr_ks_sockaddr_storage_t(XDR *xdrs, struct sockaddr_storage *address)
 
 bool_t xdr_sockaddr_in(XDR *xdrs, struct sockaddr_in *address)
 {
-    if (xdrs->x_op != XDR_DECODE)
-        return answer(pass_ipv4(xdrs, *address));
-    sockaddr_in decoded{};
-    decoded.sin_family = AF_INET;
-    if (!pass_ipv4(xdrs, decoded))
-        return FALSE;
-    *address = decoded;
-    return TRUE;
+    return pass_address(xdrs, *address, &sockaddr_in::sin_family, AF_INET, pass_ipv4);
 }
 
 bool_t xdr_sockaddr_in6(XDR *xdrs, struct sockaddr_in6 *address)
 {
-    if (xdrs->x_op != XDR_DECODE)
-        return answer(pass_ipv6(xdrs, *address));
-    sockaddr_in6 decoded{};
-    decoded.sin6_family = AF_INET6;
-    if (!pass_ipv6(xdrs, decoded))
-        return FALSE;
-    *address = decoded;
-    return TRUE;
+    return pass_address(xdrs, *address, &sockaddr_in6::sin6_family, AF_INET6, pass_ipv6);
 }
 }
