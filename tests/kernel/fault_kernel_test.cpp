@@ -155,6 +155,16 @@ TEST(FaultManager, Start)
 
 TEST(FaultManager, ExitAndNewStart)
 {
+    Operation("pfm_on_exit")
+        .setup([] {
+            pfm_init();
+            // Answered only by a signal-handler thread that has started.
+            pfm_signal_handler_chg_block_sig(SIG_BLOCK, SIGCHLD);
+            pfm_signal_handler_chg_block_sig(SIG_UNBLOCK, SIGCHLD);
+        })
+        .act([] { pfm_on_exit([](int, void *) {}, nullptr); })
+        .ends({{Call::allocation, no_entry}})
+        .sweep_first_use();
     static int exit_status;
     static int on_exit_status;
     Operation("pfm_on_exit, pfm_exit")
@@ -166,7 +176,7 @@ TEST(FaultManager, ExitAndNewStart)
             pfm_exit(7);
         })
         .gives([] { return exit_status == 7 && on_exit_status == 7; })
-        .ends({{Call::allocation, no_entry}})
+        .ends({{Call::allocation, no_entry, true}}) // the starting thread allocates meanwhile
         .sweep_first_use();
 }
 
