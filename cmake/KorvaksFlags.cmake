@@ -25,8 +25,11 @@ if(KORVAKS_SANITIZE)
 else()
   add_compile_options(-fstack-protector-strong -fstack-clash-protection -fcf-protection)
   add_compile_options($<$<NOT:$<CONFIG:Debug>>:-D_FORTIFY_SOURCE=2>)
+  # Not for sanitizers: their runtimes define functions of other libraries (of XDR among them) only to call the true
+  # ones, and the linker would take the library that holds those for unneeded.
+  add_link_options(-Wl,--as-needed)
 endif()
-add_link_options(-Wl,-z,relro,-z,now,-z,noexecstack -Wl,--as-needed)
+add_link_options(-Wl,-z,relro,-z,now,-z,noexecstack)
 
 add_library(korvaks_warnings INTERFACE)
 target_compile_options(korvaks_warnings INTERFACE -Wall -Wextra -Wconversion -Wshadow -Werror)
