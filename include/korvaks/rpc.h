@@ -27,9 +27,9 @@
 #define KORVAKS_RPC_H
 
 #include <korvaks/base.h>
+#include <korvaks/xdr.h>
 
 #include <netconfig.h>
-#include <rpc/rpc.h>
 
 #ifdef __cplusplus
 extern "C" {
