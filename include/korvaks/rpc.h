@@ -19,9 +19,10 @@
  *     tcp, udp                      tcp6 and tcp; udp6 and udp
  *     visible, circuit_v, datagram_v   none
  *
- * The environment variable NETPATH lists netids separated by ":"; a "\" takes away the meaning of the character behind
- * it, and names that no transport has are passed over. It is read at each walk, in set-user-ID processes too, since it
- * names nothing outside this table.
+ * The environment variable NETPATH lists netids, spelled as above and separated by ":". A "\" takes away the meaning of
+ * the character behind it; at the very end it stands for itself. Empty names and those that no transport has are passed
+ * over, a name that stands there twice is given twice, and an empty variable names no transport. It is read at each walk,
+ * in set-user-ID processes too, since it names nothing outside this table.
  */
 #ifndef KORVAKS_RPC_H
 #define KORVAKS_RPC_H
@@ -78,7 +79,7 @@ KS_API void __ks_rpc_endconf(void *walk);
  * protocol (IPPROTO_TCP, IPPROTO_UDP), type (SOCK_STREAM, SOCK_DGRAM) and the bytes of an address (16, 28).
  *
  * @param nconf  a transport, of any origin: it is known by its family and protocol
- * @param out    filled in; unchanged on failure
+ * @param out    filled in; unchanged on failure. NULL ends the process (assertion "out != NULL").
  * @return 1; 0 for a NULL transport and one of another family or protocol.
  *
  * Threads: any. Raises: no.
@@ -86,8 +87,10 @@ KS_API void __ks_rpc_endconf(void *walk);
 KS_API int __ks_rpc_nconf2sockinfo(const struct netconfig *nconf, struct __rpc_sockinfo *out);
 
 /**
- * Tells what kind of socket a descriptor is: as __ks_rpc_nconf2sockinfo().
+ * Tells what kind of socket a descriptor is, by what the system says of it.
  *
+ * @param fd   a descriptor
+ * @param out  as in __ks_rpc_nconf2sockinfo()
  * @return 1; 0 when it is no socket (errno of getsockopt(2)) or of a family, type or protocol that no transport has
  *         (errno EPROTONOSUPPORT); `out` is unchanged then.
  *
@@ -98,8 +101,9 @@ KS_API int __ks_rpc_fd2sockinfo(int fd, struct __rpc_sockinfo *out);
 /**
  * Finds the transport that a kind of socket belongs to.
  *
- * @param info   kind of socket; its length of addresses is not looked at
+ * @param info   family, protocol and type of socket; its length of addresses is not looked at
  * @param netid  set to the transport's name, which lives as long as the process; unchanged on failure
+ *               (NULL for either ends the process: assertions "info != NULL", "netid != NULL")
  * @return 1; 0 when no transport has such sockets.
  *
  * Threads: any. Raises: no.
@@ -145,23 +149,28 @@ KS_API u_int __ks_rpc_get_t_size(int family, int protocol, int size);
  * 1833), at port 111 of the host and over the transport that is asked for.
  *
  * The host's name is resolved as VELM_IP_VERSION says (sysutl_host_addr()), and the addresses of the transport's family
- * are asked in turn until one answers. The answer's port is used; the address is the one that was asked.
+ * are asked in turn until one tells whether the program is registered. Of the answer only the port is used; the address
+ * is the one that was asked.
  *
  * @param prog   program
- * @param vers   version
+ * @param vers   version. A binder that knows the program in other versions only answers with one of those.
  * @param nconf  transport
  * @param host   name or numeric address
  * @return the server's address in one block, freed with free(3); NULL on failure, with the caller's creation error
  *         (ks_rpc_get_createerr()) set to
- *         13  the host is not known, or `host` is NULL or ""
- *         14  its binder did not answer, with the status of that call in `cf_error.re_status`
- *         15  its binder knows no such program (a version that is not served is answered with another one's address)
- *         17  `nconf` is NULL or a transport that is not known
- *         22  the host has no address of the transport's family
  *         12  exhaustion, with errno ENOMEM in `cf_error.re_errno`
+ *         13  the resolver has no address for the host, or `host` is NULL or ""
+ *         14  the binder of the last address did not answer, or with something else than an address: the status of that
+ *             call is in `cf_error.re_status`, with what belongs to it; that of a connection which could not be made is
+ *             12, with errno
+ *         15  the binder knows no such program
+ *         17  `nconf` is NULL or a transport that is not known
+ *         20  no socket can be opened, with errno in `cf_error.re_errno`
+ *         22  the host has no address of the transport's family
  *
- * Waits 25 s at most for each address, beside what the resolver takes; a pending raise ends the wait on the attached
- * thread (14, with `re_status` 4 and `re_errno` EINTR).
+ * Waits 25 s at most for each address, beside what the resolver takes; datagrams are sent again after 3 s and then
+ * after twice as long each time. A pending raise ends the wait on the attached thread, and no other address is asked
+ * (14, with `re_errno` EINTR). A thread that is cancelled ends when the search does.
  *
  * Threads: any. Raises: no.
  */
