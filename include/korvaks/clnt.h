@@ -42,6 +42,13 @@
 extern "C" {
 #endif
 
+/* The platform has made a macro, which calls its library, of the name of its structure. */
+#pragma push_macro("rpc_createerr")
+#undef rpc_createerr
+/** What a creation has failed with: the platform's `struct rpc_createerr`, status and error. */
+typedef struct rpc_createerr ks_rpc_createerr;
+#pragma pop_macro("rpc_createerr")
+
 /** @name Creation */
 /**@{*/
 
@@ -100,7 +107,7 @@ KS_API CLIENT *ks_clnt_tp_create(const char *host, rpcprog_t prog, rpcvers_t ver
  *                  caller's to close unless control request 8 says otherwise; one that is opened here is closed on
  *                  failure, and by clnt_destroy().
  * @param nconf     transport; may be NULL with a socket, and then its kind is asked of the system
- * @param svcaddr   the server's address, copied. NULL for a socket that is connected.
+ * @param svcaddr   the server's address, copied; NULL: that of the peer of `fd`
  * @param prog      program
  * @param vers      version
  * @param sendsize  bytes of the send buffer, 0 for the usual (__ks_rpc_get_t_size())
@@ -141,7 +148,7 @@ KS_API CLIENT *ks_clnt_vc_create(int fd, const struct netbuf *svcaddr, rpcprog_t
  *
  * @param fd        a datagram socket, which is made non-blocking. It stays the caller's to close, unless control
  *                  request 8 says otherwise.
- * @param svcaddr   the server's address, copied. NULL fails with status 19.
+ * @param svcaddr   the server's address, copied; NULL: that of the peer
  * @param prog      program
  * @param vers      version
  * @param sendsize  bytes of the longest call; 0: 8800 on a socket of UDP; rounded up to a multiple of 4
@@ -158,7 +165,7 @@ KS_API CLIENT *ks_clnt_dg_create(int fd, const struct netbuf *svcaddr, rpcprog_t
                                  u_int recvsize);
 
 /** The calling thread's creation error, all 0 before the first; it lives as long as the thread. Raises: no. */
-KS_API struct rpc_createerr *ks_rpc_get_createerr(void);
+KS_API ks_rpc_createerr *ks_rpc_get_createerr(void);
 /**@}*/
 
 /**
@@ -167,7 +174,8 @@ KS_API struct rpc_createerr *ks_rpc_get_createerr(void);
  * reaches them.
  *
  * clnt_call(client, proc, xdr_args, args, xdr_results, results, timeout) makes a call and waits for its reply.
- *   - `xdr_args` encodes `args`, `xdr_results` decodes into `results`, as korvaks/xdr.h says.
+ *   - `xdr_args` encodes `args`, `xdr_results` decodes into `results`, as korvaks/xdr.h says. NULL stands for a
+ *     routine that does nothing.
  *   - `timeout` counts from the call, unless control request 1 has set another. One that is out of range (seconds below
  *     -1 or above 100000000, microseconds below -1 or above 1000000) leaves that of the call before; at first that is 0.
  *     A negative one is 0. 0 sends and gives status 5 at once.
@@ -191,7 +199,8 @@ KS_API struct rpc_createerr *ks_rpc_get_createerr(void);
  *     CLSET_TIMEOUT (1)           struct timeval     time-out of all calls; FALSE when it is out of range
  *     CLGET_TIMEOUT (2)           struct timeval     the same; over datagrams seconds and microseconds of -1: not set
  *     CLGET_SERVER_ADDR (3)       room for the address, as many bytes as it has (16 or 28)
- *     CLSET_RETRY_TIMEOUT (4)     struct timeval     first interval; datagrams only; FALSE when it is out of range
+ *     CLSET_RETRY_TIMEOUT (4)     struct timeval     first interval, 10 ms at least; datagrams only; FALSE when it is
+ *                                                    out of range
  *     CLGET_RETRY_TIMEOUT (5)     struct timeval     the same
  *     CLGET_FD (6)                int                the socket
  *     CLGET_SVC_ADDR (7)          struct netbuf      pointer to the address, which lives as long as the handle
@@ -215,7 +224,7 @@ KS_API struct rpc_createerr *ks_rpc_get_createerr(void);
  *     12 server failed                                16 reply makes no sense: s1, s2
  *     23 datagrams: ECONNRESET while receiving
  *
- * After a failure in the middle of a record that is sent (3, 5 or 1) the connection is of no further use, and all later
+ * After a failure of sending (3, or 5 and 4 before a call was sent whole) the connection is of no further use, and all later
  * calls fail with status 3 and errno EPIPE; else the next call can be made, also after a time-out.
  *
  * Threads: any; calls of one handle follow each other. Raises: no (see the head of this file).
@@ -272,6 +281,17 @@ KS_API enum clnt_stat ks_rpc_call(const char *host, rpcprog_t prog, rpcvers_t ve
 KS_API int ks_callrpc(const char *host, int prog, int vers, int proc, xdrproc_t xdr_args, void *args,
                       xdrproc_t xdr_results, void *results);
 /**@}*/
+
+/**
+ * What a reply says, as a client's error: 0; 6 and 9 with versions, 7 with the reason, 8, 10, 11, 12; 16 with `s1` and
+ * `s2` for numbers that have no meaning.
+ *
+ * @param reply  a decoded reply, of any content
+ * @param error  filled in
+ *
+ * Threads: any. Raises: no.
+ */
+KS_API void _ks_seterr_reply(struct rpc_msg *reply, struct rpc_err *error);
 
 /** @name Texts of errors */
 /**@{*/

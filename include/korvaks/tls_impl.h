@@ -110,6 +110,12 @@ struct date_tls {
     struct date_zone_cache zone;
 };
 
+/* rpc: creation error, error text and the client of ks_rpc_call() */
+struct rpc_tls {
+    struct ks_tls_release release;
+    struct rpc_thread *thread; /* clnt_impl.h; in the block's area, NULL before the first use */
+};
+
 /* The library block. Its first word is the area that holds it. */
 struct ks_tls {
     stg_area *area;
@@ -117,6 +123,7 @@ struct ks_tls {
     struct imsg_tls imsg;
     struct date_tls date;
     struct clp_tls clp;
+    struct rpc_tls rpc;
 };
 
 #ifdef __cplusplus

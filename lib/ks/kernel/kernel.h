@@ -173,5 +173,6 @@ void forget_on_exit_handlers();
 // Read/write locks of a child are renewed when they are first used: from here on they are the
 // parent's.
 void begin_fork_generation();
+void note_inherited_read_holds();
 
 } // namespace ks

@@ -26,6 +26,9 @@
     /* that a fork does not wait for it; the list is whole at any moment. Free in a child whose thread does not */     \
     /* own it.                                                                                                  */     \
     LOCK(ks_authsvc_lock, VLTHREAD_RAISE_COUNTED)                                                                      \
+    /* The mutex of a client handle: held for a whole remote call, so that a fork does not wait for it. Free in a */   \
+    /* child whose thread does not own it (vlthread_renew.h).                                                   */     \
+    PLACE(client_handle)                                                                                               \
     /* Start and end of the fault manager, signal tables, on-exit handlers (which run under it).               */      \
     LOCK(pfm_crit, VLTHREAD_RAISE_COUNTED)                                                                             \
     /* cl's table of error texts, while it is filled.                                                           */     \

@@ -22,6 +22,7 @@ void release_section(const ks_tls_release &release, void *section)
 extern "C" void ks_tls_free(void *value)
 {
     auto *block = static_cast<ks_tls *>(value);
+    release_section(block->rpc.release, &block->rpc);
     release_section(block->date.release, &block->date);
     release_section(block->imsg.release, &block->imsg);
     vlthread_free_tls(block);

@@ -4,7 +4,7 @@
 // lock held for writing would not even be its holder's, whom the platform knows by another number
 // there. So a lock says under which generation of forks it was last taken, and one of an earlier
 // generation is renewed before it is used.
-#include "kernel/kernel.h"
+#include "kernel/vlthread_renew.h"
 
 #include <cstddef>
 #include <cstring>
@@ -16,10 +16,6 @@ static_assert(offsetof(vlthread_rwlock_t, writer) == 64 && sizeof(vlthread_rwloc
 
 namespace {
 
-// Forks of this process's line so far.
-constinit std::atomic<uint32_t> fork_generation{0};
-// One renewal at a time. Taken in the child of a fork only, with nothing under it.
-constinit pthread_mutex_t renewal_mutex = PTHREAD_MUTEX_INITIALIZER;
 // Read holds of the thread that forked.
 constinit uint32_t inherited_read_holds = 0;
 
@@ -40,13 +36,7 @@ bool is_counted(const vlthread_rwlock_t *rwlock)
 
 bool is_of_this_process(const vlthread_rwlock_t *rwlock)
 {
-    return __atomic_load_n(&rwlock->fork_generation, __ATOMIC_ACQUIRE) ==
-           fork_generation.load(std::memory_order_relaxed);
-}
-
-void note_generation(vlthread_rwlock_t *rwlock)
-{
-    __atomic_store_n(&rwlock->fork_generation, fork_generation.load(std::memory_order_relaxed), __ATOMIC_RELEASE);
+    return ks::is_of_this_process(rwlock->fork_generation);
 }
 
 // Whether the lock may be held for reading by the thread that forked: then it stays as it is.
@@ -72,12 +62,7 @@ void renew(vlthread_rwlock_t *rwlock)
 
 void renew_after_fork(vlthread_rwlock_t *rwlock)
 {
-    (void)pthread_mutex_lock(&renewal_mutex); // cannot fail for a plain mutex
-    if (!is_of_this_process(rwlock)) {
-        renew(rwlock);
-        note_generation(rwlock);
-    }
-    (void)pthread_mutex_unlock(&renewal_mutex); // just taken
+    ks::renew_once(rwlock->fork_generation, [rwlock] { renew(rwlock); });
 }
 
 // What a hold adds to the counts of its thread, and an end of it takes away.
@@ -222,11 +207,9 @@ constexpr Access writing{"wrlock",
 
 namespace ks {
 
-void begin_fork_generation()
+void note_inherited_read_holds()
 {
-    fork_generation.fetch_add(1, std::memory_order_relaxed);
     inherited_read_holds = fault_block_of_caller()->read_holds;
-    renewal_mutex = PTHREAD_MUTEX_INITIALIZER;
 }
 
 } // namespace ks
@@ -237,7 +220,7 @@ int vlthread_rwlock_init(vlthread_rwlock_t *rwlock, int raise_mode)
 {
     rwlock->raise_mode = raise_mode;
     set_writer(rwlock, VLTHREAD_INVALID_TID);
-    note_generation(rwlock);
+    ks::note_generation(rwlock->fork_generation);
     const int error = pthread_rwlock_init(&rwlock->lock, nullptr);
     if (error != 0 && ks::is_tracing())
         vlthread_trace("Unable to initialize rwlock ('%s' failed): %s\n", "pthread_rwlock_init", std::strerror(error));

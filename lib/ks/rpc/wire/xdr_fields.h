@@ -99,6 +99,9 @@ constexpr u_int padding_of(u_int count)
     return -count % BYTES_PER_XDR_UNIT;
 }
 
+// Whether the record that ks_xdrrec_skiprecord() went to has not begun to arrive. Skipping once more would pass over it.
+bool is_record_unbegun(const XDR *xdrs);
+
 // Bytes and their padding: xdr_opaque().
 bool put_opaque(XDR *xdrs, const void *bytes, u_int count);
 bool get_opaque(XDR *xdrs, void *bytes, u_int count);

@@ -28,6 +28,7 @@ struct RecordStream {
     char *frag_header; // header of the fragment being built
     bool frag_sent;    // a part of the record that is being built was written already
     bool last_frag;    // the current fragment of the input is its record's last
+    bool in_unbegun;   // skipped to a record of which no header is complete
     bool nonblock;
     bool in_haveheader;  // the header of the fragment being assembled is complete and was accepted
     uint32_t in_beyond;  // bytes of the current fragment that are not in the buffer yet
@@ -37,9 +38,10 @@ struct RecordStream {
     ks_xdrrec_read_fn readit;
     ks_xdrrec_write_fn writeit;
 
+    char in_header[header_bytes]; // of the next fragment; without blocking also of the one being assembled
+    uint32_t in_hdrlen;           // bytes of it that were received
+
     // Non-blocking assembly.
-    char in_header[header_bytes];
-    uint32_t in_hdrlen;   // bytes of it that were received
     uint32_t in_maxrec;   // largest record that is accepted
     uint32_t in_reclen;   // fragments of the record so far, the one being received included
     uint32_t in_received; // bytes of them

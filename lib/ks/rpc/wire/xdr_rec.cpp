@@ -2,6 +2,7 @@
 //
 // Everything here blocks as long as the functions of the connection do. Assembly of a record from a connection that
 // does not block is in xdr_rec_nonblock.cpp.
+#include "rpc/wire/xdr_fields.h"
 #include "rpc/wire/xdr_impl.h"
 
 #include <korvaks/ks_warn.h>
@@ -137,17 +138,19 @@ bool refill(RecordStream &stream)
     return true;
 }
 
-// Reads the next fragment's header, behind the end of the one before.
+// Reads the next fragment's header, behind the end of the one before. What has arrived of it is kept when the connection
+// has no more for now: a client whose call times out there goes on with it in the next one.
 bool next_fragment(RecordStream &stream)
 {
-    char header[header_bytes];
-    for (char &byte : header) {
+    while (stream.in_hdrlen < header_bytes) {
         if (stream.in_finger == stream.in_boundry && !refill(stream))
             return false;
-        byte = *stream.in_finger++;
+        stream.in_header[stream.in_hdrlen++] = *stream.in_finger++;
         stream.in_limit = stream.in_finger;
     }
-    const uint32_t word = load_word(header);
+    stream.in_hdrlen = 0;
+    stream.in_unbegun = false;
+    const uint32_t word = load_word(stream.in_header);
     stream.last_frag = (word & ks::rec::last_fragment) != 0;
     set_limit(stream, word & ~ks::rec::last_fragment);
     return word != 0;
@@ -346,6 +349,11 @@ int read_some(const RecordStream &stream, char *to, std::size_t room)
 
 } // namespace ks::rec
 
+bool ks::xdr::is_record_unbegun(const XDR *xdrs)
+{
+    return stream_of(xdrs).in_unbegun;
+}
+
 extern "C" {
 
 const ks_xdr_ops ks_xdrrec_ops = {
@@ -390,6 +398,7 @@ bool_t ks_xdrrec_skiprecord(XDR *xdrs)
     if (!skip_record(stream))
         return FALSE;
     stream.last_frag = false;
+    stream.in_unbegun = true;
     return TRUE;
 }
 
