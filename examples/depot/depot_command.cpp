@@ -3,6 +3,7 @@
 #include "depot_ask.h"
 #include "depot_help.h"
 #include "depot_list.h"
+#include "depot_ping.h"
 #include "depot_report.h"
 
 #include <korvaks/evutl.h>
@@ -91,6 +92,16 @@ constexpr auto remove_flags = with_common_flags({
     {"--y[es]", flag_yes, 0},
 });
 
+constexpr auto ping_flags = with_common_flags({
+    {"--p[rogram]", flag_program, 0},
+    {"--v[ersion]", flag_program_version, 0},
+    CLP_START_MUTUAL_EXCLUSION,
+    {"--tc[p]", flag_tcp, 0},
+    {"--u[dp]", flag_udp, 0},
+    CLP_END_MUTUAL_EXCLUSION,
+    {"--ti[meout]", flag_timeout, 0},
+});
+
 constexpr FlagText flag_texts[] = {
     {msg_argument_depot, msg_flag_depot},
     {msg_none, msg_flag_help},
@@ -107,6 +118,11 @@ constexpr FlagText flag_texts[] = {
     {msg_none, msg_flag_nul},
     {msg_argument_since, msg_flag_since},
     {msg_none, msg_flag_yes},
+    {msg_argument_number, msg_flag_program},
+    {msg_argument_number, msg_flag_program_version},
+    {msg_none, msg_flag_tcp},
+    {msg_none, msg_flag_udp},
+    {msg_argument_seconds, msg_flag_timeout},
 };
 static_assert(std::size(flag_texts) == flag_count);
 
@@ -281,6 +297,7 @@ constexpr Command commands[] = {
      verify_entries},
     {"r[emove]", remove_flags.data(), 1, any_number, msg_argument_remove, msg_summary_remove, msg_notes_remove, nullptr,
      remove_entries},
+    {"pi[ng]", ping_flags.data(), 1, 1, msg_argument_ping, msg_summary_ping, msg_notes_ping, nullptr, ping},
     {"h[elp]", plain_flags.data(), 0, 1, msg_argument_help, msg_summary_help, msg_notes_help, nullptr, help},
 };
 

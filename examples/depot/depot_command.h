@@ -31,6 +31,11 @@ enum Flag : std::uint32_t {
     flag_nul,
     flag_since,
     flag_yes,
+    flag_program,
+    flag_program_version,
+    flag_tcp,
+    flag_udp,
+    flag_timeout,
     flag_count
 };
 

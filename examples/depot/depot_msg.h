@@ -22,7 +22,9 @@ enum Msg : unsigned {
     msg_same_name,       // two paths
     msg_one_name,        // second path
     msg_stdin_needs_name,
-    msg_one_out, // its argument
+    msg_one_out,    // its argument
+    msg_bad_number, // word, least, most
+    msg_bad_target, // word
 
     // Errors of the work.
     msg_bad_name,      // name, most bytes
@@ -49,6 +51,8 @@ enum Msg : unsigned {
     msg_bad_block,          // name
     msg_bad_content,        // name
     msg_foreign,            // name
+    msg_no_host,            // host, error text
+    msg_ping_unanswered,    // host and port, transport
 
     // What was done.
     msg_stored,   // name, bytes, stored bytes
@@ -59,6 +63,25 @@ enum Msg : unsigned {
     msg_progress, // name, MiB
     msg_progress_end,
     msg_output, // the name of standard output
+
+    // What came of a call: transport, address, and
+    msg_ping_answered,   // milliseconds
+    msg_ping_timed_out,  // nothing more
+    msg_ping_refused,    // nothing more
+    msg_ping_no_program, // program
+    msg_ping_no_version, // version, lowest, highest
+    msg_ping_denied,     // one of those that follow
+    msg_ping_failed,     // error text
+
+    // Why a call is denied.
+    msg_denied_credential,
+    msg_denied_refused,
+    msg_denied_verifier,
+    msg_denied_discard,
+    msg_denied_weak,
+    msg_denied_reply,
+    msg_denied_unsaid,
+    msg_denied_number, // number of the reason
 
     // Questions.
     msg_ask_replace_entry, // name
@@ -98,18 +121,21 @@ enum Msg : unsigned {
     msg_argument_list,
     msg_argument_verify,
     msg_argument_remove,
+    msg_argument_ping,
     msg_argument_help,
     msg_summary_put,
     msg_summary_get,
     msg_summary_list,
     msg_summary_verify,
     msg_summary_remove,
+    msg_summary_ping,
     msg_summary_help,
     msg_notes_put,
     msg_notes_get,
     msg_notes_list,
     msg_notes_verify,
     msg_notes_remove,
+    msg_notes_ping,
     msg_notes_help,
     msg_argument_depot,
     msg_argument_name,
@@ -117,6 +143,8 @@ enum Msg : unsigned {
     msg_argument_out,
     msg_argument_format,
     msg_argument_since,
+    msg_argument_number,
+    msg_argument_seconds,
     msg_flag_depot,
     msg_flag_help,
     msg_flag_version,
@@ -132,6 +160,11 @@ enum Msg : unsigned {
     msg_flag_nul,
     msg_flag_since,
     msg_flag_yes,
+    msg_flag_program,
+    msg_flag_program_version,
+    msg_flag_tcp,
+    msg_flag_udp,
+    msg_flag_timeout,
     msg_help_format,
     msg_format_name,
     msg_format_size,

@@ -1,0 +1,143 @@
+#include "depot_host.h"
+
+#include "depot_number.h"
+#include "depot_report.h"
+
+#include <korvaks/pfm.h>
+#include <korvaks/strutl.h>
+#include <korvaks/sysutl.h>
+#include <korvaks/vlthread.h>
+
+#include <cerrno>
+#include <cstring>
+#include <string_view>
+
+#include <netdb.h>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+namespace depot {
+
+namespace {
+
+// A question to the resolver. Nothing interrupts that, and it may wait long for a server of names: so it is asked by
+// a thread of its own, while this one hears Ctrl-C.
+struct Lookup {
+    char host[NI_MAXHOST];
+    char port[NI_MAXSERV];
+    int answered; // a descriptor, readable when the rest is there
+    int code;     // of getaddrinfo(3)
+    int failure;  // errno, for a code of EAI_SYSTEM
+    addrinfo *list;
+};
+
+// There is one for the process: after a raise the thread goes on with it, to the process's end.
+constinit Lookup lookup = {};
+
+extern "C" void *look_up(void *)
+{
+    lookup.code = sysutl_host_addr(lookup.host, lookup.port, SOCK_STREAM, &lookup.list);
+    lookup.failure = errno;
+    (void)eventfd_write(lookup.answered, 1);
+    return nullptr;
+}
+
+// Does nothing but wait: a raise is delivered by pfm_enable().
+void wait_for_answer()
+{
+    for (int ready = 0; ready <= 0;) {
+        pollfd answered = {lookup.answered, POLLIN, 0};
+        pfm_inhibit();
+        ready = pfm_poll_inhibited(&answered, 1, -1);
+        pfm_enable();
+    }
+}
+
+// 0, or the code of getaddrinfo(3).
+int resolve()
+{
+    lookup.answered = eventfd(0, EFD_CLOEXEC);
+    vlthread_t thread = {};
+    if (const int error = lookup.answered < 0 ? errno : vlthread_create(&thread, nullptr, look_up, nullptr);
+        error != 0) {
+        lookup.failure = error;
+        return EAI_SYSTEM;
+    }
+    wait_for_answer();
+    (void)vlthread_join(thread, nullptr);
+    (void)close(lookup.answered);
+    return lookup.code;
+}
+
+bool copy(std::string_view text, char *to, std::size_t size)
+{
+    if (text.empty() || text.size() >= size)
+        return false;
+    *std::copy(text.begin(), text.end(), to) = '\0';
+    return true;
+}
+
+// A ":" in the host must be one of an address in brackets.
+bool split(std::string_view word)
+{
+    const std::size_t colon = word.rfind(':');
+    if (colon == word.npos)
+        return false;
+    std::string_view host = word.substr(0, colon);
+    const bool is_bracketed = host.size() > 2 && host.front() == '[' && host.back() == ']';
+    if (is_bracketed)
+        host = host.substr(1, host.size() - 2);
+    std::uint32_t number = 0;
+    return (host.find(':') != host.npos) == is_bracketed && copy(host, lookup.host, sizeof lookup.host) &&
+           copy(word.substr(colon + 1), lookup.port, sizeof lookup.port) && read_number(lookup.port, 1, 65535, number);
+}
+
+bool keep(stg_area *area, const addrinfo *list, Addresses &out_addresses)
+{
+    std::size_t count = 0;
+    for (const addrinfo *one = list; one != nullptr; one = one->ai_next)
+        ++count;
+    out_addresses.items = static_cast<Address *>(stg_alloc(area, count * sizeof(Address)));
+    if (out_addresses.items == nullptr)
+        return false;
+    for (const addrinfo *one = list; one != nullptr; one = one->ai_next) {
+        Address &address = out_addresses.items[out_addresses.count++];
+        address.size = one->ai_addrlen;
+        std::memcpy(&address.bytes, one->ai_addr, one->ai_addrlen);
+    }
+    return true;
+}
+
+} // namespace
+
+Search find_addresses(stg_area *area, const char *word, Addresses &out_addresses)
+{
+    if (!split(word)) {
+        (void)fail(msg_bad_target, word);
+        return Search::bad_word;
+    }
+    if (const int code = resolve(); code != 0) {
+        report(IMSG_ERROR, msg_no_host, shown(lookup.host),
+               code == EAI_SYSTEM ? imsg_strerror(lookup.failure) : gai_strerror(code));
+        return Search::unknown;
+    }
+    const bool is_kept = keep(area, lookup.list, out_addresses);
+    freeaddrinfo(lookup.list);
+    return is_kept ? Search::found : Search::unknown;
+}
+
+const char *shown(const Address &address)
+{
+    constexpr std::size_t size = SYSUTL_ADDR_TEXT_SIZE;
+    char host[size];
+    char port[NI_MAXSERV];
+    char *const text = make_text(size);
+    const auto *const bytes = reinterpret_cast<const sockaddr *>(&address.bytes);
+    if (text == nullptr || sysutl_host_numeric(bytes, sizeof host, host, sizeof port, port) != 0)
+        return "?";
+    (void)strutl_snprintf(text, size, bytes->sa_family == AF_INET6 ? "[%s]:%s" : "%s:%s", host, port);
+    return text;
+}
+
+} // namespace depot

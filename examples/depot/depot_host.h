@@ -1,0 +1,35 @@
+// Finding hosts: "HOST:PORT" on a command line, and the addresses that it stands for.
+#pragma once
+
+#include <korvaks/stg.h>
+
+#include <cstddef>
+
+#include <sys/socket.h>
+
+namespace depot {
+
+struct Address {
+    sockaddr_storage bytes;
+    socklen_t size;
+};
+
+struct Addresses {
+    Address *items = nullptr;
+    std::size_t count = 0;
+};
+
+enum class Search {
+    found,
+    unknown,  // or the resolver has failed
+    bad_word, // it is no HOST:PORT
+};
+
+// The addresses of a host with a port, in the resolver's order, in memory of the area. An IPv6 address stands in
+// brackets. What fails has been reported. A raise point, also while it waits for the resolver.
+Search find_addresses(stg_area *area, const char *word, Addresses &out_addresses);
+
+// "192.0.2.1:4711", "[2001:db8::1]:4711". A text for report().
+const char *shown(const Address &address);
+
+} // namespace depot
