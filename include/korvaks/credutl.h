@@ -256,11 +256,10 @@ KS_API bool_t xdr_credutl_whole_credentials_t(XDR *xdrs, credutl_whole_credentia
  * Credentials by name: user, group, number of groups as int, and that many names. A name has at most 1023 bytes, and
  * NULL is sent as "".
  *
- * @param xdrs         any stream; with an `x_op` of none of the three operations TRUE is the answer, and nothing is
- * done
- * @param credentials  a number of groups below 0 or above 32 fails, when encoding before anything is written; so does
- *                     a longer name, before its own bytes. XDR_FREE frees the user's and group's name, and the first
- *                     `ngroups` groups', if that number is admitted.
+ * @param xdrs         any stream; with an `x_op` of none of the three operations it does nothing and answers TRUE
+ * @param credentials  a number of groups below 0 or above 32 fails, when encoding before anything is written. A longer
+ *                     name fails before its own bytes, and what precedes it is written. XDR_FREE frees the user's and
+ *                     group's name, and the first `ngroups` groups', if that number is admitted.
  * @return TRUE, or FALSE as said there, when the stream fails, or on exhaustion.
  *
  * Threads: any, one at a time for a stream. Raises: no.
@@ -271,8 +270,7 @@ KS_API bool_t xdr_credutl_string_credentials_t(XDR *xdrs, credutl_string_credent
  * Credentials by name without a bound: user and group, at most 1023 bytes each, number of groups as unsigned word, and
  * that many names of any length.
  *
- * @param xdrs         any stream; with an `x_op` of none of the three operations TRUE is the answer, and nothing is
- * done
+ * @param xdrs         any stream; with an `x_op` of none of the three operations it does nothing and answers TRUE
  * @param credentials  encoding fails where a name is NULL; unlike elsewhere it is not sent as "". The number and the
  *                     groups as in xdr_credutl_whole_credentials_t().
  * @return TRUE, or FALSE as said there, when a name is too long, when the stream fails, or on exhaustion.
@@ -284,7 +282,7 @@ KS_API bool_t xdr_credutl_whole_string_credentials_t(XDR *xdrs, credutl_whole_st
 /**
  * A user: name of any length (NULL is sent as ""), uid (xdr_credutl_uid_t()) and SID (xdr_credutl_sid_t()).
  *
- * @param xdrs  any stream; with an `x_op` of none of the three operations TRUE is the answer, and nothing is done
+ * @param xdrs  any stream; with an `x_op` of none of the three operations it does nothing and answers TRUE
  * @param user  XDR_FREE frees its name
  * @return TRUE, or FALSE when the SID is not admitted, when the stream fails, or on exhaustion.
  *
@@ -298,7 +296,7 @@ KS_API bool_t xdr_credutl_group_sid_t(XDR *xdrs, credutl_group_sid_t *group);
 /**
  * An account: user and group as above, then the two strings, of any length (NULL is sent as "").
  *
- * @param xdrs     any stream; with an `x_op` of none of the three operations TRUE is the answer, and nothing is done
+ * @param xdrs     any stream; with an `x_op` of none of the three operations it does nothing and answers TRUE
  * @param account  XDR_FREE frees its four strings
  * @return TRUE, or FALSE when a SID is not admitted, when the stream fails, or on exhaustion.
  *
@@ -311,9 +309,9 @@ KS_API bool_t xdr_credutl_passwd_sid_t(XDR *xdrs, credutl_passwd_sid_t *account)
  * credentials as xdr_credutl_string_credentials_t().
  *
  * @param xdrs    any stream
- * @param record  a kind other than 0 and 1 fails, when encoding before anything is written; so does a name that is not
- *                ended by a NUL within its array. Decoding allocates for the credentials only, and XDR_FREE frees what
- *                they hold, with kind 1; it leaves the rest as it is.
+ * @param record  a kind other than 0 and 1 fails, when encoding before anything is written. A name that is not ended by
+ *                a NUL within its array fails before its own bytes, and what precedes it is written. Decoding allocates
+ *                for the credentials only, and XDR_FREE frees what they hold, with kind 1; it leaves the rest as it is.
  * @return TRUE, or FALSE as said there, when the credentials are not admitted, when the stream fails, or on exhaustion.
  *
  * Threads: any, one at a time for a stream. Raises: no.
