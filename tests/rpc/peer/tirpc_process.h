@@ -31,8 +31,9 @@ class TirpcPeer {
 
     ~TirpcPeer()
     {
-        // The end of its standard input may be far: children that were forked meanwhile hold the pipe as well.
-        if (pid_ > 0 && kill(pid_, SIGTERM) == 0)
+        // The end of its standard input may be far, as children that were forked meanwhile hold the pipe too; and it
+        // inherits the signals that a process with the library holds back.
+        if (pid_ > 0 && kill(pid_, SIGKILL) == 0)
             (void)waitpid(pid_, nullptr, 0);
     }
 
