@@ -88,11 +88,11 @@ bool read_port(std::string_view address, uint32_t &out_port)
 
 extern "C" bool_t decode_address(XDR *xdrs, uint32_t *port)
 {
+    if (xdrs->x_op != XDR_DECODE)
+        return TRUE;
     constexpr u_int length_max = 255;
     char room[length_max + 1];
     char *text = room;
-    if (xdrs->x_op != XDR_DECODE)
-        return TRUE;
     return xdr::pass_string(xdrs, text, length_max) && read_port(text, *port) ? TRUE : FALSE;
 }
 
@@ -186,6 +186,11 @@ Outcome without_client()
     return outcome;
 }
 
+bool is_ipv4(const netbuf &address)
+{
+    return static_cast<const sockaddr *>(address.buf)->sa_family == AF_INET;
+}
+
 Outcome ask_at(const netbuf &address, const netconfig *nconf, const Question &asked, const Binder &binder)
 {
     const timeval deadline = time_sum(monotonic_clock(), binder.time_limit);
@@ -195,7 +200,7 @@ Outcome ask_at(const netbuf &address, const netconfig *nconf, const Question &as
     timeval period = binder.resend_period;
     (void)clnt_control(client, CLSET_RETRY_TIMEOUT, &period); // a connection knows no such request
     Outcome outcome;
-    outcome.stat = ask(client, asked, address.len == sizeof(sockaddr_in), deadline, outcome.port);
+    outcome.stat = ask(client, asked, is_ipv4(address), deadline, outcome.port);
     if (outcome.stat != RPC_SUCCESS) {
         outcome.stat = RPC_RPCBFAILURE;
         clnt_geterr(client, &outcome.error);
