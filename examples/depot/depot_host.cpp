@@ -8,6 +8,7 @@
 #include <korvaks/sysutl.h>
 #include <korvaks/vlthread.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <string_view>
@@ -70,16 +71,25 @@ int resolve()
     return lookup.code;
 }
 
-bool copy(std::string_view text, char *to, std::size_t size)
+bool copy(std::string_view host)
 {
-    if (text.empty() || text.size() >= size)
+    if (host.empty() || host.size() >= sizeof lookup.host)
         return false;
-    *std::copy(text.begin(), text.end(), to) = '\0';
+    *std::copy(host.begin(), host.end(), lookup.host) = '\0';
     return true;
 }
 
+// The resolver knows decimal numbers only.
+bool read_port(const char *word)
+{
+    std::uint32_t port = 0;
+    const bool is_port = read_number(word, 1, 65535, port);
+    (void)strutl_snprintf(lookup.port, sizeof lookup.port, "%u", port);
+    return is_port;
+}
+
 // A ":" in the host must be one of an address in brackets.
-bool split(std::string_view word)
+bool split(std::string_view word) // with a NUL behind it
 {
     const std::size_t colon = word.rfind(':');
     if (colon == word.npos)
@@ -88,9 +98,7 @@ bool split(std::string_view word)
     const bool is_bracketed = host.size() > 2 && host.front() == '[' && host.back() == ']';
     if (is_bracketed)
         host = host.substr(1, host.size() - 2);
-    std::uint32_t number = 0;
-    return (host.find(':') != host.npos) == is_bracketed && copy(host, lookup.host, sizeof lookup.host) &&
-           copy(word.substr(colon + 1), lookup.port, sizeof lookup.port) && read_number(lookup.port, 1, 65535, number);
+    return (host.find(':') != host.npos) == is_bracketed && copy(host) && read_port(word.data() + colon + 1);
 }
 
 bool keep(stg_area *area, const addrinfo *list, Addresses &out_addresses)
