@@ -95,7 +95,7 @@ bool split(std::string_view word) // with a NUL behind it
     if (colon == word.npos)
         return false;
     std::string_view host = word.substr(0, colon);
-    const bool is_bracketed = host.size() > 2 && host.front() == '[' && host.back() == ']';
+    const bool is_bracketed = host.size() >= 2 && host.front() == '[' && host.back() == ']';
     if (is_bracketed)
         host = host.substr(1, host.size() - 2);
     return (host.find(':') != host.npos) == is_bracketed && copy(host) && read_port(word.data() + colon + 1);
