@@ -11,6 +11,7 @@
 #include <korvaks/clnt.h>
 #include <korvaks/pfm.h>
 #include <korvaks/sysutl.h>
+#include <korvaks/vlthread.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -59,12 +60,15 @@ Answer failed(int failure)
     return {failure == ETIMEDOUT ? RPC_TIMEDOUT : RPC_SYSTEMERROR, {}, failure, 0};
 }
 
-// Waits for a connection that is being made; 0, or why there is none.
+// Waits for a connection that is being made; 0, or why there is none. A raise ends it, with EINTR; a stop does not.
 int finish_connecting(int fd, std::int64_t deadline_us)
 {
-    pollfd connecting = {fd, POLLOUT, 0};
-    const std::int64_t left_ms = std::max<std::int64_t>((deadline_us - now_us()) / 1000, 0);
-    const int ready = pfm_poll_inhibited(&connecting, 1, static_cast<int>(left_ms));
+    int ready = 0;
+    do {
+        pollfd connecting = {fd, POLLOUT, 0};
+        const std::int64_t left_ms = std::max<std::int64_t>((deadline_us - now_us()) / 1000, 0);
+        ready = pfm_poll_inhibited(&connecting, 1, static_cast<int>(left_ms));
+    } while (ready < 0 && errno == EINTR && vlthread_pending_raise(nullptr) == 0);
     if (ready <= 0)
         return ready == 0 ? ETIMEDOUT : errno;
     int error = 0;
@@ -72,8 +76,7 @@ int finish_connecting(int fd, std::int64_t deadline_us)
     return getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &size) == 0 ? error : errno;
 }
 
-// Datagram sockets are connected too: what the network says about them is told to none but those. A raise ends the
-// wait, with EINTR.
+// Datagram sockets are connected too: what the network says about them is told to none but those.
 int connect_to(int fd, const Address &address, std::int64_t deadline_us)
 {
     if (sysutl_set_socket_nonblocking(fd, 1) != 0)
