@@ -55,20 +55,26 @@ void wait_for_answer()
     }
 }
 
+int failed(int failure)
+{
+    lookup.failure = failure;
+    return EAI_SYSTEM;
+}
+
 // 0, or the code of getaddrinfo(3).
 int resolve()
 {
     lookup.answered = eventfd(0, EFD_CLOEXEC);
+    if (lookup.answered < 0)
+        return failed(errno);
     vlthread_t thread = {};
-    if (const int error = lookup.answered < 0 ? errno : vlthread_create(&thread, nullptr, look_up, nullptr);
-        error != 0) {
-        lookup.failure = error;
-        return EAI_SYSTEM;
+    const int error = vlthread_create(&thread, nullptr, look_up, nullptr);
+    if (error == 0) {
+        wait_for_answer();
+        (void)vlthread_join(thread, nullptr);
     }
-    wait_for_answer();
-    (void)vlthread_join(thread, nullptr);
     (void)close(lookup.answered);
-    return lookup.code;
+    return error == 0 ? lookup.code : failed(error);
 }
 
 bool copy(std::string_view host)
