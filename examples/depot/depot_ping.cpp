@@ -15,6 +15,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstring>
 #include <iterator>
 
 #include <poll.h>
@@ -141,11 +142,13 @@ Answer ask(const Transport &transport, const Address &address, const Question &q
     return answer;
 }
 
-const char *denial_text(auth_stat why)
+const char *denial_text(const rpc_err &error)
 {
     constexpr Msg texts[] = {msg_none,           msg_denied_credential, msg_denied_refused, msg_denied_verifier,
                              msg_denied_discard, msg_denied_weak,       msg_denied_reply,   msg_denied_unsaid};
-    const auto number = static_cast<unsigned>(why);
+    unsigned number = 0; // of the server's: no value of the enumeration need be it
+    static_assert(sizeof number == sizeof error.re_why);
+    std::memcpy(&number, &error.re_why, sizeof number);
     return number > 0 && number < std::size(texts) ? text_of(texts[number]) : text_of(msg_denied_number, number);
 }
 
@@ -170,7 +173,7 @@ void tell(const Transport &transport, const Address &address, const Question &qu
     else if (answer.status == RPC_PROGVERSMISMATCH)
         tell_that(msg_ping_no_version, question.version, error.re_vers.low, error.re_vers.high);
     else if (answer.status == RPC_AUTHERROR)
-        tell_that(msg_ping_denied, denial_text(error.re_why));
+        tell_that(msg_ping_denied, denial_text(error));
     else if (answer.failure == ECONNREFUSED)
         tell_that(msg_ping_refused);
     else
