@@ -8,6 +8,7 @@
 #include <korvaks/sysutl.h>
 #include <korvaks/vlthread.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <string_view>
@@ -54,43 +55,56 @@ void wait_for_answer()
     }
 }
 
+int failed(int failure)
+{
+    lookup.failure = failure;
+    return EAI_SYSTEM;
+}
+
 // 0, or the code of getaddrinfo(3).
 int resolve()
 {
     lookup.answered = eventfd(0, EFD_CLOEXEC);
+    if (lookup.answered < 0)
+        return failed(errno);
     vlthread_t thread = {};
-    if (const int error = lookup.answered < 0 ? errno : vlthread_create(&thread, nullptr, look_up, nullptr);
-        error != 0) {
-        lookup.failure = error;
-        return EAI_SYSTEM;
+    const int error = vlthread_create(&thread, nullptr, look_up, nullptr);
+    if (error == 0) {
+        wait_for_answer();
+        (void)vlthread_join(thread, nullptr);
     }
-    wait_for_answer();
-    (void)vlthread_join(thread, nullptr);
     (void)close(lookup.answered);
-    return lookup.code;
+    return error == 0 ? lookup.code : failed(error);
 }
 
-bool copy(std::string_view text, char *to, std::size_t size)
+bool copy(std::string_view host)
 {
-    if (text.empty() || text.size() >= size)
+    if (host.empty() || host.size() >= sizeof lookup.host)
         return false;
-    *std::copy(text.begin(), text.end(), to) = '\0';
+    *std::copy(host.begin(), host.end(), lookup.host) = '\0';
     return true;
 }
 
+// The resolver knows decimal numbers only.
+bool read_port(const char *word)
+{
+    std::uint32_t port = 0;
+    const bool is_port = read_number(word, 1, 65535, port);
+    (void)strutl_snprintf(lookup.port, sizeof lookup.port, "%u", port);
+    return is_port;
+}
+
 // A ":" in the host must be one of an address in brackets.
-bool split(std::string_view word)
+bool split(std::string_view word) // with a NUL behind it
 {
     const std::size_t colon = word.rfind(':');
     if (colon == word.npos)
         return false;
     std::string_view host = word.substr(0, colon);
-    const bool is_bracketed = host.size() > 2 && host.front() == '[' && host.back() == ']';
+    const bool is_bracketed = host.size() >= 2 && host.front() == '[' && host.back() == ']';
     if (is_bracketed)
         host = host.substr(1, host.size() - 2);
-    std::uint32_t number = 0;
-    return (host.find(':') != host.npos) == is_bracketed && copy(host, lookup.host, sizeof lookup.host) &&
-           copy(word.substr(colon + 1), lookup.port, sizeof lookup.port) && read_number(lookup.port, 1, 65535, number);
+    return (host.find(':') != host.npos) == is_bracketed && copy(host) && read_port(word.data() + colon + 1);
 }
 
 bool keep(stg_area *area, const addrinfo *list, Addresses &out_addresses)

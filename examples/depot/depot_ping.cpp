@@ -11,9 +11,11 @@
 #include <korvaks/clnt.h>
 #include <korvaks/pfm.h>
 #include <korvaks/sysutl.h>
+#include <korvaks/vlthread.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <cstring>
 #include <iterator>
 
 #include <poll.h>
@@ -54,23 +56,20 @@ std::int64_t now_us()
     return now.tv_sec * us_per_s + now.tv_nsec / 1000;
 }
 
-// The null procedure has no arguments and no results.
-extern "C" bool_t xdr_nothing(XDR *, ...)
-{
-    return TRUE;
-}
-
 Answer failed(int failure)
 {
     return {failure == ETIMEDOUT ? RPC_TIMEDOUT : RPC_SYSTEMERROR, {}, failure, 0};
 }
 
-// Waits for a connection that is being made; 0, or why there is none.
+// Waits for a connection that is being made; 0, or why there is none. A raise ends it, with EINTR; a stop does not.
 int finish_connecting(int fd, std::int64_t deadline_us)
 {
-    pollfd connecting = {fd, POLLOUT, 0};
-    const std::int64_t left_ms = std::max<std::int64_t>((deadline_us - now_us()) / 1000, 0);
-    const int ready = pfm_poll_inhibited(&connecting, 1, static_cast<int>(left_ms));
+    int ready = 0;
+    do {
+        pollfd connecting = {fd, POLLOUT, 0};
+        const std::int64_t left_ms = std::max<std::int64_t>((deadline_us - now_us()) / 1000, 0);
+        ready = pfm_poll_inhibited(&connecting, 1, static_cast<int>(left_ms));
+    } while (ready < 0 && errno == EINTR && vlthread_pending_raise(nullptr) == 0);
     if (ready <= 0)
         return ready == 0 ? ETIMEDOUT : errno;
     int error = 0;
@@ -78,8 +77,7 @@ int finish_connecting(int fd, std::int64_t deadline_us)
     return getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &size) == 0 ? error : errno;
 }
 
-// Datagram sockets are connected too: what the network says about them is told to none but those. A raise ends the
-// wait, with EINTR.
+// Datagram sockets are connected too: what the network says about them is told to none but those.
 int connect_to(int fd, const Address &address, std::int64_t deadline_us)
 {
     if (sysutl_set_socket_nonblocking(fd, 1) != 0)
@@ -89,41 +87,40 @@ int connect_to(int fd, const Address &address, std::int64_t deadline_us)
     return errno == EINPROGRESS ? finish_connecting(fd, deadline_us) : errno;
 }
 
-CLIENT *make_client(int fd, const Transport &transport, Address &address, const Question &question)
+CLIENT *make_client(int fd, const Transport &transport, const Question &question)
 {
-    const netbuf server = {address.size, address.size, &address.bytes};
     if (transport.socket_type == SOCK_STREAM)
-        return ks_clnt_vc_create(fd, &server, question.program, question.version, 0, 0);
-    CLIENT *const client = ks_clnt_dg_create(fd, &server, question.program, question.version, 0, 0);
+        return ks_clnt_vc_create(fd, nullptr, question.program, question.version, 0, 0);
+    CLIENT *const client = ks_clnt_dg_create(fd, nullptr, question.program, question.version, 0, 0);
     timeval again = {1, 0};
     if (client != nullptr)
         (void)clnt_control(client, CLSET_RETRY_TIMEOUT, reinterpret_cast<char *>(&again));
     return client;
 }
 
+// The null procedure has no arguments and no results, so that nothing encodes and decodes them.
 Answer call(CLIENT *client, std::int64_t deadline_us)
 {
     const std::int64_t start_us = now_us();
     const std::int64_t left_us = std::max<std::int64_t>(deadline_us - start_us, 1);
     Answer answer = {};
-    answer.status = clnt_call(client, NULLPROC, xdr_nothing, nullptr, xdr_nothing, nullptr,
-                              (timeval{left_us / us_per_s, left_us % us_per_s}));
+    const timeval timeout = {left_us / us_per_s, left_us % us_per_s};
+    answer.status = clnt_call(client, NULLPROC, nullptr, nullptr, nullptr, nullptr, timeout);
     answer.ms = static_cast<double>(now_us() - start_us) / 1000;
     clnt_geterr(client, &answer.error);
-    constexpr clnt_stat with_errno[] = {RPC_CANTSEND, RPC_CANTRECV};
-    if (std::ranges::find(with_errno, answer.status) != std::end(with_errno))
+    if (answer.status == RPC_CANTSEND || answer.status == RPC_CANTRECV)
         answer.failure = answer.error.re_errno;
     return answer;
 }
 
-Answer ask_over(int fd, AUTH *auth, const Transport &transport, Address &address, const Question &question)
+Answer ask_over(int fd, AUTH *auth, const Transport &transport, const Address &address, const Question &question)
 {
     const std::int64_t deadline_us = now_us() + question.timeout_s * us_per_s;
     if (const int error = connect_to(fd, address, deadline_us); error != 0)
         return failed(error);
     if (transport.socket_type == SOCK_STREAM && sysutl_set_socket_nonblocking(fd, 0) != 0)
         return failed(errno);
-    CLIENT *const client = make_client(fd, transport, address, question);
+    CLIENT *const client = make_client(fd, transport, question);
     if (client == nullptr)
         return failed(ks_rpc_get_createerr()->cf_error.re_errno);
     client->cl_auth = auth;
@@ -132,7 +129,7 @@ Answer ask_over(int fd, AUTH *auth, const Transport &transport, Address &address
     return answer;
 }
 
-Answer ask(const Transport &transport, Address &address, const Question &question)
+Answer ask(const Transport &transport, const Address &address, const Question &question)
 {
     AUTH *const auth = ks_authunix_create_default(); // before anything else is held: it may print a trace
     if (auth == nullptr)
@@ -145,11 +142,13 @@ Answer ask(const Transport &transport, Address &address, const Question &questio
     return answer;
 }
 
-const char *denial_text(auth_stat why)
+const char *denial_text(const rpc_err &error)
 {
     constexpr Msg texts[] = {msg_none,           msg_denied_credential, msg_denied_refused, msg_denied_verifier,
                              msg_denied_discard, msg_denied_weak,       msg_denied_reply,   msg_denied_unsaid};
-    const auto number = static_cast<unsigned>(why);
+    unsigned number = 0; // of the server's: no value of the enumeration need be it
+    static_assert(sizeof number == sizeof error.re_why);
+    std::memcpy(&number, &error.re_why, sizeof number);
     return number > 0 && number < std::size(texts) ? text_of(texts[number]) : text_of(msg_denied_number, number);
 }
 
@@ -174,7 +173,7 @@ void tell(const Transport &transport, const Address &address, const Question &qu
     else if (answer.status == RPC_PROGVERSMISMATCH)
         tell_that(msg_ping_no_version, question.version, error.re_vers.low, error.re_vers.high);
     else if (answer.status == RPC_AUTHERROR)
-        tell_that(msg_ping_denied, denial_text(error.re_why));
+        tell_that(msg_ping_denied, denial_text(error));
     else if (answer.failure == ECONNREFUSED)
         tell_that(msg_ping_refused);
     else

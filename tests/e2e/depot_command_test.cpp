@@ -67,8 +67,8 @@ TEST_F(DepotCommand, NamesTheWordThatIsWrong)
         std::string error;
         std::string more; // how the next line begins, "": there is none
     } cases[] = {
-        {{"mend"}, "Unknown command \"mend\"; there are put, get, list, verify, remove, help.", ""},
-        {{"help", "m\tnd"}, "Unknown command \"m\\011nd\"; there are put, get, list, verify, remove, help.", ""},
+        {{"mend"}, "Unknown command \"mend\"; there are put, get, list, verify, remove, ping, help.", ""},
+        {{"help", "m\tnd"}, "Unknown command \"m\\011nd\"; there are put, get, list, verify, remove, ping, help.", ""},
         {{"list", "-\033[1m"},
          "Unknown flag \"-\\033[1m\"; a name that begins with \"-\" stands behind \"--\".",
          "usage: veldepot l[ist] "},
@@ -88,6 +88,9 @@ TEST_F(DepotCommand, NamesTheWordThatIsWrong)
         {{"list", "-fmt", "%Xd"}, "Bad format in control string at or near \"%Xd\".", "A format may hold %n %s "},
         {{"list", "-fmt", "%Dn"}, "Bad format in control string at or near \"%Dn\".", "A format may hold %n %s "},
         {{"list", "-fmt", "%.-4097n"}, "Bad format in control string at or near \"%.-4097n\".", "A format may hold "},
+        {{"ping", "a:1", "-v", "4294967296"}, "\"4294967296\" is no number from 0 to 4294967295.", ""},
+        {{"ping", "a:1", "-ti", "0"}, "\"0\" is no number from 1 to 3600.", ""},
+        {{"ping", "a:1", "-p", " 1"}, "\" 1\" is no number from 0 to 4294967295.", ""},
     };
     for (const auto &one : cases) {
         SCOPED_TRACE(testing::PrintToString(one.words));
@@ -99,6 +102,11 @@ TEST_F(DepotCommand, NamesTheWordThatIsWrong)
         const std::string more = result.err.substr(end + 1);
         EXPECT_EQ(more.substr(0, one.more.size()), one.more);
         EXPECT_EQ(more.empty(), one.more.empty()) << more;
+    }
+    for (const std::string target : {"a", "a:", ":1", "a:0", "a:65536", "a:1x", "::1:1", "[a]:1", "[::1]", "[]:1"}) {
+        const ChildResult result = run({"ping", target});
+        EXPECT_EQ(result.exit_status, 2);
+        EXPECT_EQ(result.err.find("veldepot: Error: \"" + target + "\" is no HOST:PORT; "), 0u) << result.err;
     }
 }
 
@@ -112,6 +120,8 @@ TEST_F(DepotCommand, ExplainsItselfAndEveryCommand)
         {"list", "l[ist] [-l[ong] | -s[hort] | -fmt FORMAT | -0] [-since DATE] [-d[epot] DIR] [-h[elp]] [PATTERN]..."},
         {"verify", "v[erify] [-d[epot] DIR] [-h[elp]] [PATTERN]..."},
         {"remove", "r[emove] [-y[es]] [-d[epot] DIR] [-h[elp]] PATTERN..."},
+        {"ping", "pi[ng] [-p[rogram] NUMBER] [-v[ersion] NUMBER] [-tc[p] | -u[dp]] [-ti[meout] SECONDS] [-d[epot] DIR] "
+                 "[-h[elp]] HOST:PORT"},
         {"help", "h[elp] [-d[epot] DIR] [-h[elp]] [COMMAND]"},
     };
     for (const auto &[command, usage] : pages) {
