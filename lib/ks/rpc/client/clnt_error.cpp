@@ -1,6 +1,8 @@
 // The texts of RPC errors.
 #include "rpc/client/clnt_impl.h"
 
+#include "rpc/wire/xdr_fields.h"
+
 #include <korvaks/imsg.h>
 
 #include <array>
@@ -75,7 +77,7 @@ void begin(Writer &text, const char *prefix, clnt_stat status)
 
 void add_reason(Writer &text, const rpc_err &error)
 {
-    const auto reason = static_cast<unsigned>(error.re_why);
+    const uint32_t reason = ks::xdr::word_of(error.re_why); // the server's: it need not have a name
     const Text known = find_text(ks_auth_errlist, reason, nullptr);
     text.add("; why = ");
     if (known != nullptr)
@@ -100,7 +102,7 @@ void add_details(Writer &text, const rpc_err &error)
         add_reason(text, error);
         return;
     default:
-        if (static_cast<unsigned>(error.re_status) >= ks_rpc_errlist.size())
+        if (ks::xdr::word_of(error.re_status) >= ks_rpc_errlist.size())
             text.add("; s1 = %u, s2 = %u", static_cast<unsigned>(error.re_lb.s1),
                      static_cast<unsigned>(error.re_lb.s2));
     }
@@ -115,7 +117,7 @@ void print_line(const char *text)
 
 char *ks_clnt_sperrno(enum clnt_stat stat)
 {
-    return const_cast<char *>(find_text(ks_rpc_errlist, static_cast<unsigned>(stat), "RPC: (unknown error code)"));
+    return const_cast<char *>(find_text(ks_rpc_errlist, ks::xdr::word_of(stat), "RPC: (unknown error code)"));
 }
 
 void ks_clnt_perrno(enum clnt_stat stat)
