@@ -23,17 +23,6 @@ class Ping : public test::DepotTest {
         return host + ":" + std::to_string(port);
     }
 
-    // The lines of both transports.
-    static std::string both(const std::string &target, const std::string &outcome)
-    {
-        return "tcp " + target + ": " + outcome + "\nudp " + target + ": " + outcome + "\n";
-    }
-    static std::string complaints(const std::string &target)
-    {
-        const std::string start = "veldepot: Error: Unable to call \"" + target + "\" over ";
-        return start + "tcp.\n" + start + "udp.\n";
-    }
-
     static ChildResult ping(Words words)
     {
         words.insert(words.begin(), "ping");
@@ -72,8 +61,10 @@ TEST_F(Ping, TellsOfServersByTheirAnswers)
         const bool is_good = one.outcome == "answered";
         const ChildResult result = ping(one.words);
         EXPECT_EQ(result.exit_status, is_good ? 0 : 1);
-        EXPECT_EQ(result.out, both(one.target, one.outcome));
-        EXPECT_EQ(result.err, is_good ? "" : complaints(one.target));
+        const std::string line = " " + one.target + ": " + one.outcome + "\n";
+        const std::string error = "veldepot: Error: Unable to call \"" + one.target + "\" over ";
+        EXPECT_EQ(result.out, "tcp" + line + "udp" + line);
+        EXPECT_EQ(result.err, is_good ? "" : error + "tcp.\n" + error + "udp.\n");
     }
 }
 
@@ -87,12 +78,7 @@ TEST_F(Ping, TellsWhyACallIsDeniedOrFails)
     };
     for (const auto &[reply, outcome] : cases) {
         SCOPED_TRACE(outcome);
-        const auto answer = [&words = reply](RawPeer::Link &link, const std::string &call) {
-            std::string bytes = call.substr(0, 4);
-            for (const uint32_t word : words)
-                bytes += test::words({word});
-            link.reply(bytes);
-        };
+        const auto answer = [&words = reply](auto &link, const auto &call) { link.reply(test::reply_to(call, words)); };
         for (const int type : {SOCK_STREAM, SOCK_DGRAM}) {
             RawPeer peer(AF_INET, type, answer);
             const std::string name = type == SOCK_STREAM ? "tcp" : "udp";
@@ -102,7 +88,7 @@ TEST_F(Ping, TellsWhyACallIsDeniedOrFails)
             EXPECT_NE(call.find(test::words({geteuid(), getegid()})), std::string::npos);
         }
     }
-    RawPeer closes(AF_INET, SOCK_STREAM, [](RawPeer::Link &link, const std::string &) { link.close(); });
+    RawPeer closes(AF_INET, SOCK_STREAM, [](auto &link, const auto &) { link.close(); });
     EXPECT_EQ(ping({at(closes.port()), "-tc"}).out, "tcp " + at(closes.port()) + ": Connection reset by peer\n");
 }
 
@@ -110,7 +96,7 @@ TEST_F(Ping, WaitsAsLongAsItIsTold)
 {
     const test::Descriptor silent = test::open_loopback(AF_INET, SOCK_STREAM);
     EXPECT_EQ(ping({at(port_of(silent)), "-tc", "-ti", "1"}).out, "tcp " + at(port_of(silent)) + ": timed out\n");
-    RawPeer mute(AF_INET, SOCK_DGRAM, [](RawPeer::Link &, const std::string &) {});
+    RawPeer mute(AF_INET, SOCK_DGRAM, [](auto &, const auto &) {});
     EXPECT_EQ(ping({at(mute.port()), "-u", "-ti", "2"}).out, "udp " + at(mute.port()) + ": timed out\n");
     const auto calls = mute.calls(2);
     ASSERT_EQ(calls.size(), 2u) << "sent again";
@@ -119,7 +105,7 @@ TEST_F(Ping, WaitsAsLongAsItIsTold)
 
 TEST_F(Ping, EndsAtOnceWhenItIsInterrupted)
 {
-    RawPeer mute(AF_INET, SOCK_DGRAM, [](RawPeer::Link &, const std::string &) {});
+    RawPeer mute(AF_INET, SOCK_DGRAM, [](auto &, const auto &) {});
     const auto heed = [] { (void)signal(SIGINT, SIG_DFL); }; // where it is ignored, it stays so
     const auto child = start({"ping", at(mute.port()), "-u", "-ti", "3600"}, heed);
     ASSERT_EQ(mute.calls(1).size(), 1u);

@@ -11,7 +11,6 @@
 #include <chrono>
 #include <condition_variable>
 #include <functional>
-#include <initializer_list>
 #include <mutex>
 #include <thread>
 #include <vector>
@@ -19,7 +18,7 @@
 namespace test {
 
 // XDR of words.
-inline std::string words(std::initializer_list<uint32_t> numbers)
+inline std::string words(const std::vector<uint32_t> &numbers)
 {
     std::string bytes;
     for (const uint32_t number : numbers)
@@ -29,7 +28,7 @@ inline std::string words(std::initializer_list<uint32_t> numbers)
 }
 
 // A reply to a call: its transaction id, then these.
-inline std::string reply_to(const std::string &call, std::initializer_list<uint32_t> after_xid,
+inline std::string reply_to(const std::string &call, const std::vector<uint32_t> &after_xid,
                             const std::string &results = "")
 {
     return call.substr(0, 4) + words(after_xid) + results;
