@@ -177,8 +177,9 @@ KS_API ks_rpc_createerr *ks_rpc_get_createerr(void);
  *   - `xdr_args` encodes `args`, `xdr_results` decodes into `results`, as korvaks/xdr.h says. NULL stands for a
  *     routine that does nothing.
  *   - `timeout` counts from the call, unless control request 1 has set another. One that is out of range (seconds below
- *     -1 or above 100000000, microseconds below -1 or above 1000000) leaves that of the call before; at first that is 0.
- *     A negative one is 0. 0 sends and gives status 5 at once.
+ *     -1 or above 100000000, microseconds below -1 or above 1000000) leaves that of the call before over a connection, at
+ *     first 0, and is 0 over datagrams. A negative one is 0. 0 sends and gives status 5 at once; over a connection
+ *     sending may take 25 s then, when the server does not read.
  *   - Over a connection, `xdr_results` NULL with a time-out of 0 makes a call that has no reply: it is batched, stays in
  *     the buffer until that is full or another call is made, and gives 0.
  *   - Over datagrams the call is sent again, under the same transaction id, after 15 s (control request 4) and then
@@ -191,7 +192,10 @@ KS_API ks_rpc_createerr *ks_rpc_get_createerr(void);
  * clnt_freeres(client, xdr_results, results) frees what decoding has allocated, and gives the answer of `xdr_results`.
  *
  * clnt_destroy(client) ends the handle, and closes its socket if request 8 or the creation said so. What is batched is
- * not sent.
+ * not sent. A call of another thread that is under way ends first.
+ *
+ * The routines of a call may use other handles, and clnt_control() of its own; a call of its own from there, or its
+ * end, is misuse and ends the process. So is a ks_rpc_call() from within a routine of another one.
  *
  * clnt_control(client, request, info) gives TRUE, or FALSE for a request that is not known or has no meaning, and for a
  * NULL `info`, which only CLSET_FD_CLOSE and CLSET_FD_NCLOSE need not have:
@@ -242,7 +246,7 @@ struct ks_clnt_dg_strays {
  * Counts what a datagram client has ignored since it was made.
  *
  * @param client  from ks_clnt_dg_create() (or through it); any other ends the process (assertion
- *                "client->cl_ops == &dg_ops")
+ *                "client->cl_ops == &ks_clnt_dg_ops")
  * @param out     filled in
  *
  * Threads: any; waits for a call of the handle that is under way. Raises: no.

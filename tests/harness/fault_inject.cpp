@@ -19,9 +19,11 @@
 #include <poll.h>
 #include <pthread.h>
 #include <pwd.h>
+#include <sys/ioctl.h>
 #include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/select.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/utsname.h>
 #include <sys/wait.h>
@@ -73,6 +75,13 @@ constexpr std::array<Kind, call_kinds> kinds{{
     {"getpwuid_r", {EINTR, EIO, EMFILE, ENFILE, ENOENT, ENOMEM, EPERM, ERANGE}},
     {"waitid", {ECHILD, EINTR, EINVAL}},
     {"kill", {EINVAL, EPERM, ESRCH}},
+    {"socket", {EACCES, EAFNOSUPPORT, EINVAL, EMFILE, ENFILE, ENOBUFS, ENOMEM, EPROTONOSUPPORT}},
+    {"connect", {EACCES, EADDRNOTAVAIL, EAGAIN, EBADF, ECONNREFUSED, EINTR, ENETUNREACH, EPERM, ETIMEDOUT}},
+    {"transfer",
+     {EAGAIN, EBADF, ECONNREFUSED, ECONNRESET, EINTR, EMSGSIZE, ENETUNREACH, ENOBUFS, ENOMEM, EPIPE, answer_short,
+      answer_end}},
+    {"sockopt", {EBADF, ENOBUFS, ENOMEM, ENOPROTOOPT, ENOTTY}},
+    {"getpeername", {EBADF, ENOBUFS, ENOTCONN, ENOTSOCK}},
     {"raise", {raise_status}},
 }};
 
@@ -410,6 +419,81 @@ FRONT(int, eventfd, unsigned value, int flags)
     if (fd >= 0 && static_cast<std::size_t>(fd) < is_eventfd.size())
         is_eventfd[static_cast<std::size_t>(fd)] = true;
     return fd;
+}
+
+// Sockets --------------------------------------------------------------------------------------
+
+PASS(fail, poll, int, poll, (pollfd * fds, nfds_t count, int timeout_ms), (fds, count, timeout_ms))
+PASS(fail, socket, int, socket, (int family, int type, int protocol), (family, type, protocol))
+PASS(fail, peer, int, getpeername, (int fd, sockaddr *address, socklen_t *size), (fd, address, size))
+PASS(fail, sockopt, int, getsockopt, (int fd, int level, int option, void *value, socklen_t *size),
+     (fd, level, option, value, size))
+PASS(fail, sockopt, int, setsockopt, (int fd, int level, int option, const void *value, socklen_t size),
+     (fd, level, option, value, size))
+
+FRONT(int, ioctl, int fd, unsigned long request, ...)
+{
+    va_list args;
+    va_start(args, request);
+    void *argument = va_arg(args, void *); // as wide as any of them
+    va_end(args);
+    FAIL_WITH_ERRNO(sockopt);
+    return NEXT(ioctl)(fd, request, argument);
+}
+
+FRONT(int, connect, int fd, const sockaddr *address, socklen_t size)
+{
+    const int answer = answer_for(Call::connect);
+    if (answer == 0 || answer == EINTR) {
+        const int result = NEXT(connect)(fd, address, size);
+        if (answer == 0 || (result != 0 && errno != EINPROGRESS))
+            return result;
+    }
+    return fail(answer);
+}
+
+FRONT(ssize_t, sendto, int fd, const void *data, size_t size, int flags, const sockaddr *to, socklen_t to_size)
+{
+    const int answer = answer_for_transfer(Call::transfer, fd, size);
+    if (answer > 0)
+        return fail(answer);
+    if (answer == answer_short && size > 1)
+        size = part_of(size);
+    return NEXT(sendto)(fd, data, size, flags, to, to_size);
+}
+
+FRONT(ssize_t, send, int fd, const void *data, size_t size, int flags)
+{
+    return front_sendto(fd, data, size, flags, nullptr, 0);
+}
+
+// The end is there, or the rest of a datagram is lost.
+FRONT(ssize_t, recvfrom, int fd, void *buffer, size_t size, int flags, sockaddr *from, socklen_t *from_size)
+{
+    const int answer = answer_for_transfer(Call::transfer, fd, size);
+    if (answer > 0)
+        return fail(answer);
+    if (answer == answer_end)
+        return 0;
+    if (answer == answer_short && size > 1)
+        size = 1;
+    return NEXT(recvfrom)(fd, buffer, size, flags, from, from_size);
+}
+
+FRONT(ssize_t, recv, int fd, void *buffer, size_t size, int flags)
+{
+    return front_recvfrom(fd, buffer, size, flags, nullptr, nullptr);
+}
+
+FRONT(ssize_t, __recv_chk, int fd, void *buffer, size_t size, size_t, int flags)
+{
+    return front_recvfrom(fd, buffer, size, flags, nullptr, nullptr);
+}
+
+FRONT(ssize_t, __recvfrom_chk, int fd, void *buffer, size_t size, size_t, int flags, sockaddr *from,
+      socklen_t *from_size)
+{
+    return front_recvfrom(fd, buffer, size, flags, from, from_size);
 }
 
 // Streams --------------------------------------------------------------------------------------

@@ -49,7 +49,12 @@ enum class Call : unsigned {
     user,      // getpwuid_r()
     wait,      // waitid()
     kill,
-    raise, // a delivery check of the thread that called begin()
+    socket,
+    connect,  // an interrupted one goes on, as the system's does
+    transfer, // of a socket: send(), sendto(), recv(), recvfrom()
+    sockopt,  // getsockopt(), setsockopt(), ioctl()
+    peer,     // getpeername()
+    raise,    // a delivery check of the thread that called begin()
 };
 inline constexpr std::size_t call_kinds = static_cast<std::size_t>(Call::raise) + 1;
 

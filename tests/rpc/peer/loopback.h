@@ -64,12 +64,12 @@ class Descriptor {
     int fd_;
 };
 
-// A socket that is bound to loopback, at a port that the system chooses; a stream socket listens, others are
+// A socket that is bound to loopback, 0: at a port that the system chooses; a stream socket listens, others are
 // non-blocking. Throws where the host has not that family.
-inline Descriptor open_loopback(int family, int type)
+inline Descriptor open_loopback(int family, int type, uint16_t port = 0)
 {
     Descriptor fd(socket(family, type | SOCK_CLOEXEC | (type == SOCK_DGRAM ? SOCK_NONBLOCK : 0), 0));
-    const SocketAddress address = loopback(family, 0);
+    const SocketAddress address = loopback(family, port);
     if (fd.get() < 0 || bind(fd.get(), address.get(), address.size) != 0 ||
         (type == SOCK_STREAM && listen(fd.get(), SOMAXCONN) != 0))
         throw std::runtime_error(std::string("loopback socket: ") + std::strerror(errno));

@@ -131,8 +131,9 @@ class RawPeer {
     using Script = std::function<void(Link &link, const std::string &call)>;
 
     // Serves loopback over TCP or UDP: one connection at a time. Throws where the host has not that family.
-    RawPeer(int family, int type, Script script)
-        : type_(type), script_(std::move(script)), socket_(open_loopback(family, type)), thread_([this] { run(); })
+    RawPeer(int family, int type, Script script, uint16_t port = 0)
+        : type_(type), script_(std::move(script)), socket_(open_loopback(family, type, port)),
+          thread_([this] { run(); })
     {
     }
 

@@ -123,6 +123,7 @@ CLIENT *ks_clnt_tp_create(const char *host, rpcprog_t prog, rpcvers_t vers, cons
 CLIENT *ks_clnt_tli_create(int fd, const struct netconfig *nconf, const struct netbuf *svcaddr, rpcprog_t prog,
                            rpcvers_t vers, u_int sendsize, u_int recvsize)
 {
+    const ks::CancelHold hold;
     __rpc_sockinfo info{};
     if (nconf != nullptr ? __ks_rpc_nconf2sockinfo(nconf, &info) == 0 : fd < 0) {
         ks::clnt::set_createerr(RPC_UNKNOWNPROTO);

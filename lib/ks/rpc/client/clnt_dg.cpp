@@ -23,7 +23,7 @@ using ks::clnt::Results;
 using ks::clnt::Waited;
 
 constexpr timeval first_interval{15, 0};
-constexpr time_t longest_interval_s = 30; // one that long is not doubled any more
+constexpr timeval longest_interval{30, 0}; // one that long is not doubled any more
 constexpr timeval not_set{-1, -1};
 
 // The buffers lie behind it in the same block. The head of calls stands at the start of the send buffer.
@@ -65,13 +65,22 @@ clnt_stat encode(Datagrams &datagrams, rpcproc_t proc, xdrproc_t xdr_args, void 
     return RPC_SUCCESS;
 }
 
+ssize_t send_datagram(const Datagrams &datagrams, std::size_t size)
+{
+    const auto *address = reinterpret_cast<const sockaddr *>(&datagrams.address);
+    ssize_t sent = 0;
+    do
+        sent = sendto(datagrams.fd, datagrams.out, size, MSG_NOSIGNAL, address, datagrams.address_size);
+    while (sent < 0 && errno == EINTR);
+    return sent;
+}
+
 // Errors that calls before this one have left at the socket are not this one's.
 bool send_once(Datagrams &datagrams, std::size_t size)
 {
-    const auto *address = reinterpret_cast<const sockaddr *>(&datagrams.address);
     constexpr int tries = 3;
     for (int i = 0; i < tries; ++i) {
-        const ssize_t sent = sendto(datagrams.fd, datagrams.out, size, MSG_NOSIGNAL, address, datagrams.address_size);
+        const ssize_t sent = send_datagram(datagrams, size);
         if (sent == static_cast<ssize_t>(size))
             return true;
         const int error = sent < 0 ? errno : EMSGSIZE;
@@ -186,7 +195,7 @@ class Schedule {
 
     void lengthen_interval()
     {
-        if (interval_.tv_sec >= longest_interval_s)
+        if (ks::clnt::after(0, interval_) >= ks::clnt::after(0, longest_interval))
             return;
         interval_.tv_sec *= 2;
         interval_.tv_usec *= 2;
@@ -226,7 +235,7 @@ bool exchange(Datagrams &datagrams, Schedule &schedule, Results &wanted)
 // A time-out that makes no sense is none.
 timeval total_time(const Datagrams &datagrams, const timeval &timeout)
 {
-    if (datagrams.total.tv_usec != not_set.tv_usec)
+    if (datagrams.total.tv_sec != not_set.tv_sec || datagrams.total.tv_usec != not_set.tv_usec)
         return datagrams.total;
     return ks::clnt::is_valid(timeout) ? timeout : timeval{};
 }
@@ -269,10 +278,8 @@ extern "C" bool_t ks_clnt_dg_freeres(CLIENT *client, xdrproc_t xdr_results, void
 
 extern "C" void ks_clnt_dg_destroy(CLIENT *client)
 {
+    const ks::CancelHold hold;
     Datagrams &datagrams = datagrams_of(client);
-    {
-        const ks::RenewedGuard lock(datagrams.lock); // a call that is under way ends first
-    }
     ks::clnt::end_client(datagrams);
     std::free(&datagrams);
 }
@@ -360,6 +367,7 @@ bool set_up(Datagrams &datagrams, const netbuf *address, const rpc_msg &call)
 CLIENT *ks_clnt_dg_create(int fd, const struct netbuf *svcaddr, rpcprog_t prog, rpcvers_t vers, u_int sendsize,
                           u_int recvsize)
 {
+    const ks::CancelHold hold;
     __rpc_sockinfo info{};
     if (__ks_rpc_fd2sockinfo(fd, &info) == 0) {
         ks::clnt::set_createerr(RPC_TLIERROR, errno);

@@ -122,6 +122,10 @@ bool begin_client(Client &client, CLIENT::clnt_ops &operations, const netbuf *ad
 
 void end_client(Client &client)
 {
+    {
+        const ks::RenewedGuard lock(client.lock); // a call that is under way ends first
+        here.require(client.lock.mutex.recursion_count == 1, "client.lock.mutex.recursion_count == 1");
+    }
     (void)vlthread_mutex_destroy(&client.lock.mutex); // nobody uses it any more
     if (client.closes_fd)
         (void)close(client.fd); // nothing is written back

@@ -62,7 +62,8 @@ void set_header_word(Client &client, std::size_t at, uint32_t value);
 // Sets up what both kinds have, with no call made yet: false with errno. `header` has room for the head.
 [[nodiscard]] bool begin_client(Client &client, CLIENT::clnt_ops &operations, const netbuf *address, char *header,
                                 const rpc_msg &call);
-// What begin_client() has made, and the socket if it is to be closed.
+// What begin_client() has made, and the socket if it is to be closed. Waits for a call that is under way; not for one
+// from within which it is called, which is misuse. The caller holds cancellation off.
 void end_client(Client &client);
 
 // Bytes of a buffer on a socket of a kind, all 0 for one that is not known.

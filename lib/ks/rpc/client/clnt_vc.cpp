@@ -244,10 +244,8 @@ void free_connection(Connection *connection)
 
 extern "C" void ks_clnt_vc_destroy(CLIENT *client)
 {
+    const ks::CancelHold hold;
     Connection &connection = connection_of(client);
-    {
-        const ks::RenewedGuard lock(connection.lock); // a call that is under way ends first
-    }
     ks::clnt::end_client(connection);
     free_connection(&connection);
 }
@@ -369,6 +367,7 @@ bool set_up(Connection &connection, const Wanted &wanted)
 CLIENT *ks_clnt_vc_create(int fd, const struct netbuf *svcaddr, rpcprog_t prog, rpcvers_t vers, u_int sendsize,
                           u_int recvsize)
 {
+    const ks::CancelHold hold;
     auto *connection = static_cast<Connection *>(std::calloc(1, sizeof(Connection)));
     if (connection == nullptr) {
         ks::clnt::fail_creation("ks_clnt_vc_create", ENOMEM);

@@ -18,8 +18,10 @@ constexpr int64_t ns_per_ms = 1'000'000;
 // himself holds off is none of ours.
 bool must_end()
 {
-    return vlthread_equal(vlthread_attached_tid(), vlthread_self()) != 0 &&
-           ks::fault_block_of_caller()->pfm_inh_count == 1 && vlthread_pending_raise(nullptr) != 0;
+    if (vlthread_equal(vlthread_attached_tid(), vlthread_self()) == 0)
+        return false;
+    pfm_fault_block *block = ks::fault_block_of_caller();
+    return block->pfm_inh_count == 1 && vlthread_pending_raise(block) != 0;
 }
 
 // Rounded up, so that nobody polls for nothing just before the end.
@@ -61,6 +63,8 @@ Waited wait_for(int fd, short events, Moment deadline, short *out_revents)
     constexpr int pause_ms = 20;
     bool is_pausing = false;
     for (;;) {
+        if (must_end()) // looked at first: a wait before this one may have emptied the notify channel
+            return Waited::interrupted;
         const Moment moment = now();
         if (moment >= deadline)
             return Waited::timed_out;
@@ -75,8 +79,6 @@ Waited wait_for(int fd, short events, Moment deadline, short *out_revents)
         }
         if (ready < 0 && errno != EINTR)
             return Waited::failed;
-        if (must_end())
-            return Waited::interrupted;
         is_pausing = ready < 0 && !is_pausing;
     }
 }
