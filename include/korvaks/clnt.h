@@ -146,8 +146,9 @@ KS_API CLIENT *ks_clnt_vc_create(int fd, const struct netbuf *svcaddr, rpcprog_t
 /**
  * Makes a client that sends datagrams.
  *
- * @param fd        a datagram socket, which is made non-blocking. It stays the caller's to close, unless control
- *                  request 8 says otherwise.
+ * @param fd        a datagram socket, which is made non-blocking, and told to keep what the network says of datagrams
+ *                  that did not arrive (IP_RECVERR). It stays the caller's to close, unless control request 8 says
+ *                  otherwise.
  * @param svcaddr   the server's address, copied; NULL: that of the peer
  * @param prog      program
  * @param vers      version

@@ -93,90 +93,6 @@ bool send_once(Datagrams &datagrams, std::size_t size)
     return false;
 }
 
-enum class Wakeup { reply, interval_over, failed };
-
-// An error of the network that concerns this call ends it.
-bool is_refused(Datagrams &datagrams, int told = 0)
-{
-    const int error =
-        ks::clnt::find_network_error(datagrams.fd, told, first_word(datagrams.out), datagrams.strays.error);
-    if (error == 0)
-        return false;
-    (void)ks::clnt::fail(datagrams, RPC_CANTRECV, error);
-    return true;
-}
-
-bool is_reply(Datagrams &datagrams, std::size_t size)
-{
-    if (size < sizeof(uint32_t)) {
-        ++datagrams.strays.runt;
-        return false;
-    }
-    if (first_word(datagrams.in) != first_word(datagrams.out)) {
-        ++datagrams.strays.foreign;
-        return false;
-    }
-    return true;
-}
-
-// Takes one datagram, or one error: a reply stands in the buffer with its size, something else is passed over, or the
-// call has failed.
-bool take_datagram(Datagrams &datagrams, std::size_t &out_size)
-{
-    const ssize_t size = recvfrom(datagrams.fd, datagrams.in, datagrams.in_size, MSG_DONTWAIT, nullptr, nullptr);
-    if (size >= 0) {
-        out_size = is_reply(datagrams, static_cast<std::size_t>(size)) ? static_cast<std::size_t>(size) : 0;
-        return true;
-    }
-    const int error = errno;
-    if (error == EINTR || error == EAGAIN || error == EWOULDBLOCK)
-        return true;
-    if (ks::clnt::is_network_error(error))
-        return !is_refused(datagrams, error);
-    (void)ks::clnt::fail(datagrams, error == ECONNRESET ? RPC_UDERROR : RPC_CANTRECV, error);
-    return false;
-}
-
-Wakeup fail_waiting(Datagrams &datagrams, Waited waited)
-{
-    if (waited == Waited::timed_out)
-        return Wakeup::interval_over;
-    (void)ks::clnt::fail(datagrams, RPC_CANTRECV, waited == Waited::interrupted ? EINTR : errno);
-    return Wakeup::failed;
-}
-
-Wakeup wait_for_reply(Datagrams &datagrams, Moment end, std::size_t &out_size)
-{
-    for (out_size = 0; out_size == 0;) {
-        short events = 0;
-        const Waited waited = ks::clnt::wait_for(datagrams.fd, POLLIN, end, &events);
-        if (waited != Waited::ready)
-            return fail_waiting(datagrams, waited);
-        if ((events & POLLNVAL) != 0) {
-            (void)ks::clnt::fail(datagrams, RPC_CANTRECV, EBADF);
-            return Wakeup::failed;
-        }
-        if ((events & POLLERR) != 0 && is_refused(datagrams))
-            return Wakeup::failed;
-        if (!take_datagram(datagrams, out_size))
-            return Wakeup::failed;
-    }
-    return Wakeup::reply;
-}
-
-// True when the call is over, false to make it again.
-bool take_reply(Datagrams &datagrams, std::size_t size, Results &wanted)
-{
-    XDR stream;
-    ks::make_memory_stream(stream, datagrams.in, static_cast<u_int>(size), XDR_DECODE);
-    Reply reply;
-    if (xdr_ks_replymsg(&stream, &reply.message) == FALSE) {
-        (void)ks::clnt::fail(datagrams, RPC_CANTDECODERES);
-        return true;
-    }
-    return ks::clnt::settle(datagrams, stream, reply, wanted);
-}
-
 // How long a call may take in all, and how long it waits before it is sent again.
 class Schedule {
   public:
@@ -201,34 +117,126 @@ class Schedule {
         interval_.tv_usec *= 2;
     }
 
+    // Whether the call may be sent again at once, since the network wants it in smaller pieces, which the system sees
+    // to from then on. A path has few narrow places; who names more is not believed.
+    bool may_send_smaller() { return ++smaller_ <= 8; }
+
   private:
     static constexpr timeval shortest{0, 10'000}; // none at all would flood the server
 
     timeval interval_;
     Moment end_;
     Moment interval_end_ = 0;
+    int smaller_ = 0;
 };
+
+enum class Wakeup { reply, send_again, interval_over, failed };
+
+// What the network says of this call, `told` by the socket or kept there; 0 for nothing.
+int network_error(Datagrams &datagrams, int told)
+{
+    return ks::clnt::find_network_error(datagrams.fd, told, first_word(datagrams.out), datagrams.strays.error);
+}
+
+bool is_reply(Datagrams &datagrams, std::size_t size)
+{
+    if (size < sizeof(uint32_t)) {
+        ++datagrams.strays.runt;
+        return false;
+    }
+    if (first_word(datagrams.in) != first_word(datagrams.out)) {
+        ++datagrams.strays.foreign;
+        return false;
+    }
+    return true;
+}
+
+// Takes one datagram: a reply stands in the buffer with its size, something else is passed over. 0, or an error that
+// concerns the call.
+int take_datagram(Datagrams &datagrams, std::size_t &out_size)
+{
+    const ssize_t size = recvfrom(datagrams.fd, datagrams.in, datagrams.in_size, MSG_DONTWAIT, nullptr, nullptr);
+    if (size >= 0) {
+        out_size = is_reply(datagrams, static_cast<std::size_t>(size)) ? static_cast<std::size_t>(size) : 0;
+        return 0;
+    }
+    const int error = errno;
+    if (error == EINTR || error == EAGAIN || error == EWOULDBLOCK)
+        return 0;
+    return ks::clnt::is_network_error(error) ? network_error(datagrams, error) : error;
+}
+
+Wakeup fail_waiting(Datagrams &datagrams, Waited waited)
+{
+    if (waited == Waited::timed_out)
+        return Wakeup::interval_over;
+    (void)ks::clnt::fail(datagrams, RPC_CANTRECV, waited == Waited::interrupted ? EINTR : errno);
+    return Wakeup::failed;
+}
+
+// What has come of a socket that is ready: 0, or an error that concerns the call.
+int take_what_is_there(Datagrams &datagrams, short events, std::size_t &out_size)
+{
+    if ((events & POLLNVAL) != 0)
+        return EBADF;
+    const int error = (events & POLLERR) != 0 ? network_error(datagrams, 0) : 0;
+    return error != 0 ? error : take_datagram(datagrams, out_size);
+}
+
+Wakeup wait_for_reply(Datagrams &datagrams, Schedule &schedule, std::size_t &out_size)
+{
+    for (out_size = 0; out_size == 0;) {
+        short events = 0;
+        const Waited waited = ks::clnt::wait_for(datagrams.fd, POLLIN, schedule.interval_end(), &events);
+        if (waited != Waited::ready)
+            return fail_waiting(datagrams, waited);
+        const int error = take_what_is_there(datagrams, events, out_size);
+        if (error == EMSGSIZE && schedule.may_send_smaller())
+            return Wakeup::send_again;
+        if (error != 0 && error != EMSGSIZE) {
+            (void)ks::clnt::fail(datagrams, error == ECONNRESET ? RPC_UDERROR : RPC_CANTRECV, error);
+            return Wakeup::failed;
+        }
+    }
+    return Wakeup::reply;
+}
+
+// True when the call is over, false to make it again.
+bool take_reply(Datagrams &datagrams, std::size_t size, Results &wanted)
+{
+    XDR stream;
+    ks::make_memory_stream(stream, datagrams.in, static_cast<u_int>(size), XDR_DECODE);
+    Reply reply;
+    if (xdr_ks_replymsg(&stream, &reply.message) == FALSE) {
+        (void)ks::clnt::fail(datagrams, RPC_CANTDECODERES);
+        return true;
+    }
+    return ks::clnt::settle(datagrams, stream, reply, wanted);
+}
 
 // Sends a call until its reply has come, or the time is over. True when the call is over, false to make it again.
 bool exchange(Datagrams &datagrams, Schedule &schedule, Results &wanted)
 {
     const std::size_t size = XDR_GETPOS(&datagrams.stream);
-    for (;; schedule.lengthen_interval()) {
+    for (;;) {
         if (!send_once(datagrams, size)) {
             (void)ks::clnt::fail(datagrams, RPC_CANTSEND, errno);
             return true;
         }
         schedule.start_interval();
         std::size_t reply_size = 0;
-        const Wakeup wakeup = wait_for_reply(datagrams, schedule.interval_end(), reply_size);
+        const Wakeup wakeup = wait_for_reply(datagrams, schedule, reply_size);
         if (wakeup == Wakeup::reply)
             return take_reply(datagrams, reply_size, wanted);
         if (wakeup == Wakeup::failed)
             return true;
+        if (wakeup == Wakeup::send_again)
+            continue;
         if (schedule.is_over()) {
             (void)ks::clnt::fail(datagrams, RPC_TIMEDOUT);
             return true;
         }
+        schedule.lengthen_interval();
     }
 }
 
