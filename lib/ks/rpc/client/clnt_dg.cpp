@@ -271,17 +271,13 @@ extern "C" void ks_clnt_dg_abort(CLIENT *) {}
 
 extern "C" void ks_clnt_dg_geterr(CLIENT *client, rpc_err *error)
 {
-    Datagrams &datagrams = datagrams_of(client);
-    const ks::RenewedGuard lock(datagrams.lock);
-    *error = datagrams.error;
+    ks::clnt::give_error(datagrams_of(client), error);
 }
 
 extern "C" bool_t ks_clnt_dg_freeres(CLIENT *client, xdrproc_t xdr_results, void *results)
 {
     Datagrams &datagrams = datagrams_of(client);
-    const ks::RenewedGuard lock(datagrams.lock);
-    datagrams.stream.x_op = XDR_FREE;
-    return xdr_results != nullptr ? xdr_results(&datagrams.stream, results) : TRUE;
+    return ks::clnt::free_results(datagrams, datagrams.stream, xdr_results, results);
 }
 
 extern "C" void ks_clnt_dg_destroy(CLIENT *client)

@@ -143,6 +143,19 @@ void fail_creation(const char *function, int error_number)
     set_createerr(RPC_SYSTEMERROR, error_number);
 }
 
+void give_error(Client &client, rpc_err *error)
+{
+    const ks::RenewedGuard lock(client.lock);
+    *error = client.error;
+}
+
+bool_t free_results(Client &client, XDR &xdrs, xdrproc_t xdr_results, void *results)
+{
+    const ks::RenewedGuard lock(client.lock);
+    xdrs.x_op = XDR_FREE;
+    return xdr_results != nullptr ? xdr_results(&xdrs, results) : TRUE;
+}
+
 int common_control(Client &client, u_int request, void *info)
 {
     switch (request) {

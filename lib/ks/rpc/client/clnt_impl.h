@@ -75,6 +75,10 @@ void fail_creation(const char *function, int error_number);
 // Calls of the program and their first transaction id.
 rpc_msg call_template(uint32_t xid, rpcprog_t prog, rpcvers_t vers);
 
+// geterr and freeres of both kinds.
+void give_error(Client &client, rpc_err *error);
+bool_t free_results(Client &client, XDR &xdrs, xdrproc_t xdr_results, void *results);
+
 // Control requests that both kinds have in common: 0 or 1, or -1 for another request.
 int common_control(Client &client, u_int request, void *info);
 // Stores or gives what `info` points to; false where it is NULL.

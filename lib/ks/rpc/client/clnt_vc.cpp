@@ -222,17 +222,13 @@ extern "C" void ks_clnt_vc_abort(CLIENT *) {}
 
 extern "C" void ks_clnt_vc_geterr(CLIENT *client, rpc_err *error)
 {
-    Connection &connection = connection_of(client);
-    const ks::RenewedGuard lock(connection.lock);
-    *error = connection.error;
+    ks::clnt::give_error(connection_of(client), error);
 }
 
 extern "C" bool_t ks_clnt_vc_freeres(CLIENT *client, xdrproc_t xdr_results, void *results)
 {
     Connection &connection = connection_of(client);
-    const ks::RenewedGuard lock(connection.lock);
-    connection.stream.x_op = XDR_FREE;
-    return xdr_results != nullptr ? xdr_results(&connection.stream, results) : TRUE;
+    return ks::clnt::free_results(connection, connection.stream, xdr_results, results);
 }
 
 void free_connection(Connection *connection)
