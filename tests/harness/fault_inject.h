@@ -49,6 +49,7 @@ enum class Call : unsigned {
     user,      // getpwuid_r()
     wait,      // waitid()
     kill,
+    sync,  // fsync()
     raise, // a delivery check of the thread that called begin()
 };
 inline constexpr std::size_t call_kinds = static_cast<std::size_t>(Call::raise) + 1;
