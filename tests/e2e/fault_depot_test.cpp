@@ -24,6 +24,13 @@ std::size_t files_in(const char *directory)
     return static_cast<std::size_t>(std::distance(std::filesystem::directory_iterator(directory), {}));
 }
 
+// Where a busy disk makes no run wait for longer than it may be silent.
+test::TempDir home_in_memory()
+{
+    (void)setenv("TMPDIR", "/dev/shm", 0);
+    return test::TempDir();
+}
+
 bool is_verified()
 {
     depot::Depot other;
@@ -68,7 +75,7 @@ class FaultDepot : public testing::Test {
             .spares({Call::close});
     }
 
-    test::TempDir home_;
+    test::TempDir home_ = home_in_memory();
     std::string old_content_;
     std::string new_content_;
     std::string old_entry_;
@@ -94,7 +101,8 @@ TEST_F(FaultDepot, GetKeepsTheOldFileOrMakesTheNew)
             depot::close_depot(opened);
             const std::string content = test::read_file("file");
             const bool is_right = content == (trial.is_done ? old_content_ : new_content_);
-            const bool is_either = trial.raised != 0 && content == old_content_;
+            const bool is_late = trial.raised != 0 || trial.failed(Call::sync); // maybe after the file was put in place
+            const bool is_either = is_late && content == old_content_;
             return files_in(".") == 2 && (is_right || is_either) ? nullptr : "a file is left, or it is not whole";
         })
         .sweep()

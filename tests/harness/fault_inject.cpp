@@ -82,6 +82,7 @@ constexpr std::array<Kind, call_kinds> kinds{{
       answer_end}},
     {"sockopt", {EBADF, ENOBUFS, ENOMEM, ENOPROTOOPT, ENOTTY}},
     {"getpeername", {EBADF, ENOBUFS, ENOTCONN, ENOTSOCK}},
+    {"fsync", {EDQUOT, EINTR, EIO, ENOSPC}},
     {"raise", {raise_status}},
 }};
 
@@ -406,6 +407,7 @@ FRONT(int, fcntl, int fd, int command, ...)
     return NEXT(fcntl)(fd, command, argument);
 }
 
+PASS(fail, sync, int, fsync, (int fd), (fd))
 PASS(fail, stat, int, stat, (const char *path, struct stat *out), (path, out))
 PASS(fail, select, int, select, (int nfds, fd_set *readfds, fd_set *writefds, fd_set *exceptfds, timeval *timeout),
      (nfds, readfds, writefds, exceptfds, timeout))

@@ -54,6 +54,7 @@ enum class Call : unsigned {
     transfer, // of a socket: send(), sendto(), recv(), recvfrom()
     sockopt,  // getsockopt(), setsockopt(), ioctl()
     peer,     // getpeername()
+    sync,     // fsync()
     raise,    // a delivery check of the thread that called begin()
 };
 inline constexpr std::size_t call_kinds = static_cast<std::size_t>(Call::raise) + 1;

@@ -41,6 +41,9 @@ TEST(SignalsPage, ListsWhatAHandlerReachesWithAReasonForWhatIsNotSafe)
     ASSERT_GT(found["library"].size(), 10U) << "the walk over the calls did not get far";
     EXPECT_EQ(names_in(page, "## Functions of the platform"), found["outside"]);
     EXPECT_EQ(names_in(page, "## Where the walk ends"), found["stop"]);
+    const Names admitted = names_in(page, "## Functions that compilers put in");
+    for (const std::string &name : found["compiler"])
+        EXPECT_TRUE(admitted.contains(name)) << name;
     for (const auto &row : meta::table_below(page, "## Functions of the platform"))
         EXPECT_TRUE(row.at(1) == "yes" || (row.at(1) == "no" && row.at(2).size() > 10)) << row.at(0);
 }
