@@ -86,8 +86,9 @@ bool ends_in_line_feed(int fd, off_t size)
     return size == 0 || pread(fd, &last, 1, size - 1) != 1 || last == '\n';
 }
 
-// Whether the last record in the file was cut by whoever wrote it. The size grows while another process is writing a
-// record, so one that grows says nothing yet.
+// Whether the last record in the file was cut by whoever wrote it. Another process may be in the middle of a record,
+// even for long when it does not get the processor. File systems that let one writer in at a time, as local ones do,
+// have a write of nothing wait for that one; elsewhere the size grows, and one that grows says nothing yet.
 bool ends_in_cut_record(int fd)
 {
     constexpr int looks_max = 20;
@@ -101,6 +102,7 @@ bool ends_in_cut_record(int fd)
         if (st.st_size == size)
             return true;
         size = st.st_size;
+        (void)!write(fd, "", 0);
         (void)nanosleep(&pause, nullptr);
     }
     return false;
