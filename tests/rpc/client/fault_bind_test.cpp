@@ -150,6 +150,8 @@ TEST(FaultBind, FindsOrTellsWhatFailed)
         Operation("__ks_rpcb_findaddr")
             .act([&] { return (found = find(1, over, binder.port())) == "777"; })
             .keeps([](const test::fault::Trial &trial) {
+                if (found == "20/20") // no socket can be opened
+                    return trial.failed(test::fault::Call::socket);
                 const bool is_exhausted = found == "12/12" && ks_rpc_get_createerr()->cf_error.re_errno == ENOMEM;
                 return is_exhausted ? trial.plan.answer == ENOMEM
                                     : !trial.failed(test::fault::Call::allocation) && found.starts_with("14/");
