@@ -148,10 +148,10 @@ TEST(FaultBind, FindsOrTellsWhatFailed)
         const auto over = transport(protocol, false);
         const Binder binder(over);
         Operation("__ks_rpcb_findaddr")
-            .act([&] { return (found = find(1, over, binder.port())) == "777"; })
+            .act([&] { return (found = find(1, over, binder.port(), 1)) == "777"; })
             .keeps([](const test::fault::Trial &trial) {
-                if (found == "20/20") // no socket can be opened
-                    return trial.failed(test::fault::Call::socket);
+                if (found == "20/20") // no socket, or none of a known kind
+                    return trial.failed(test::fault::Call::socket) || trial.failed(test::fault::Call::sockopt);
                 const bool is_exhausted = found == "12/12" && ks_rpc_get_createerr()->cf_error.re_errno == ENOMEM;
                 return is_exhausted ? trial.plan.answer == ENOMEM
                                     : !trial.failed(test::fault::Call::allocation) && found.starts_with("14/");
