@@ -321,6 +321,8 @@ TEST(Clnt, HearsOfAPortThatIsClosed)
 {
     uint16_t port = port_of(test::open_loopback(AF_INET, SOCK_DGRAM));
     const ClientOwner client = make_client("udp", port);
+    const ClientOwner client6 = make_client(test::has_ipv6() ? "udp6" : "udp", port);
+    EXPECT_EQ(ping(client6), RPC_CANTRECV);
     EXPECT_EQ(ping(client), RPC_CANTRECV);
     EXPECT_EQ(error_of(client).re_errno, ECONNREFUSED);
     EXPECT_EQ(ping(client, {0, 0}), RPC_TIMEDOUT);

@@ -1,6 +1,10 @@
 // Clients while everything underneath them fails, from the socket to the reply.
 #include "harness/fault_sweep.h"
+#include "harness/misuse.h"
 #include "rpc/client/client_fixture.h"
+
+#include <fcntl.h>
+#include <sys/resource.h>
 
 namespace {
 
@@ -90,6 +94,114 @@ TEST(FaultClnt, CreatesCallsAndEnds)
             })
             .sweep();
     }
+}
+
+// Whatever comes in, a call ends at its time and needs no memory; and the next one finds its reply.
+TEST(FaultClnt, AFloodEndsAtTheDeadline)
+{
+    bool is_first = true; // the peer's
+    RawPeer peer(AF_INET, SOCK_DGRAM, [&is_first](RawPeer::Link &link, const std::string &bytes) {
+        const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(is_first ? 600 : 0);
+        while (std::chrono::steady_clock::now() < end && link.reply("ab") && link.reply("abcdefgh")) {
+        }
+        is_first = false;
+        link.reply(test::reply_to(bytes, {1, 0, 0, 0, 0}));
+    });
+    test::in_child([port = peer.port()] {
+        const test::ClientOwner owner = test::make_client("udp", port);
+        const auto fd = static_cast<int>(test::control(owner, CLGET_FD));
+        const auto nobody = test::loopback(AF_INET, port_of(test::open_loopback(AF_INET, SOCK_DGRAM)));
+        std::atomic<bool> is_over{false};
+        std::thread errors([&] {
+            while (!is_over)
+                (void)sendto(fd, "foreign", 7, 0, nobody.get(), nobody.size);
+        });
+        EXPECT_EQ(test::ping(owner, test::ms(1)), RPC_TIMEDOUT); // the flood begins
+        test::fault::begin({});
+        EXPECT_EQ(test::ping(owner, test::ms(200)), RPC_TIMEDOUT);
+        EXPECT_LT(test::fault::end().of(test::fault::Call::allocation), 10); // the library's own start
+        ks_clnt_dg_strays strays{};
+        ks_clnt_dg_get_strays(owner.get(), &strays);
+        EXPECT_TRUE(strays.foreign > 100 && strays.runt > 100 && strays.error > 100);
+        is_over = true;
+        errors.join();
+        EXPECT_EQ(test::ping(owner), RPC_SUCCESS);
+    });
+}
+
+// What is made and ended by a thread that is to end is made and ended whole.
+TEST(FaultClnt, ACancelledThreadLosesNothing)
+{
+    test::in_child([] {
+        static uint16_t nobody = port_of(test::open_loopback(AF_INET, SOCK_STREAM));
+        const auto run = [](bool is_cancelled) {
+            std::thread([is_cancelled] {
+                (void)create("udp", nobody);
+                if (is_cancelled)
+                    (void)pthread_cancel(pthread_self());
+                destroy();
+                EXPECT_FALSE(create("tcp", nobody));
+            }).join();
+        };
+        run(false);
+        const int fds = test::open_descriptor_count();
+        const long blocks = test::fault::blocks_outstanding();
+        run(true);
+        EXPECT_EQ(test::open_descriptor_count(), fds);
+        EXPECT_EQ(test::fault::blocks_outstanding(), blocks);
+    });
+}
+
+bool_t call_within(XDR *, void *)
+{
+    return test::ping(test::ClientOwner(client)) == RPC_SUCCESS ? TRUE : FALSE;
+}
+
+bool_t end_within(XDR *, void *)
+{
+    destroy();
+    return TRUE;
+}
+
+TEST(FaultClnt, NoCallIsMadeOrEndedWithinItself)
+{
+    std::vector<test::Misuse> rows;
+    const test::Descriptor listener = test::open_loopback(AF_INET, SOCK_STREAM);
+    const auto row = [&](const char *netid, bool_t (*within)(XDR *, void *), const char *text) {
+        rows.push_back({[=, port = port_of(listener)] {
+                            (void)create(netid, port);
+                            (void)clnt_call(client, 0, reinterpret_cast<xdrproc_t>(within), nullptr, nullptr, nullptr,
+                                            test::ms(50));
+                        },
+                        text});
+    };
+    row("tcp", call_within, "ct->ct_mutex.recursion_count == 1");
+    row("udp", call_within, "cu->cu_mutex.recursion_count == 1");
+    row("tcp", end_within, "client.lock.mutex.recursion_count == 1");
+    row("udp", end_within, "client.lock.mutex.recursion_count == 1");
+    test::expect_misuse(rows);
+}
+
+TEST(FaultClnt, AnyDescriptorWillDo)
+{
+    const test::TirpcPeer peer;
+    test::in_child([&peer] {
+        rlimit limit{};
+        (void)getrlimit(RLIMIT_NOFILE, &limit);
+        limit.rlim_cur = limit.rlim_max;
+        (void)setrlimit(RLIMIT_NOFILE, &limit);
+        (void)close(STDIN_FILENO);
+        for (const int lowest : {3, 1024}) {
+            for (int fd = 3; fd < lowest;)
+                fd = dup(STDERR_FILENO);
+            for (const char *netid : {"tcp", "udp"}) {
+                const test::ClientOwner owner = test::make_client(netid, peer.port());
+                ASSERT_TRUE(owner);
+                EXPECT_GE(static_cast<int>(test::control(owner, CLGET_FD)), lowest);
+                EXPECT_EQ(test::ping(owner), RPC_SUCCESS);
+            }
+        }
+    });
 }
 
 } // namespace

@@ -35,6 +35,7 @@ struct Datagrams : Client {
     char *in;
     u_int out_size;
     u_int in_size;
+    bool keeps_errors; // the socket does: clnt_dg_errors.h
     ks_clnt_dg_strays strays;
 };
 
@@ -78,17 +79,16 @@ ssize_t send_datagram(const Datagrams &datagrams, std::size_t size)
 // Errors that calls before this one have left at the socket are not this one's.
 bool send_once(Datagrams &datagrams, std::size_t size)
 {
-    constexpr int tries = 3;
+    constexpr int tries = 64; // they may come as fast as it is tried
     for (int i = 0; i < tries; ++i) {
         const ssize_t sent = send_datagram(datagrams, size);
         if (sent == static_cast<ssize_t>(size))
             return true;
         const int error = sent < 0 ? errno : EMSGSIZE;
-        if (!ks::clnt::take_network_errors(datagrams.fd, datagrams.strays.error)) {
-            errno = error;
-            break;
-        }
+        const bool is_old = ks::clnt::take_network_errors(datagrams.fd, datagrams.strays.error);
         errno = error;
+        if (!is_old && error != ECONNREFUSED) // which sending itself never gives
+            return false;
     }
     return false;
 }
@@ -132,10 +132,12 @@ class Schedule {
 
 enum class Wakeup { reply, send_again, interval_over, failed };
 
-// What the network says of this call, `told` by the socket or kept there; 0 for nothing.
+// What the network says of this call, `told` by the socket or kept there; 0 for nothing. What a socket that keeps
+// errors tells is the last of them, of whichever call.
 int network_error(Datagrams &datagrams, int told)
 {
-    return ks::clnt::find_network_error(datagrams.fd, told, first_word(datagrams.out), datagrams.strays.error);
+    return ks::clnt::find_network_error(datagrams.fd, datagrams.keeps_errors ? 0 : told, first_word(datagrams.out),
+                                        datagrams.strays.error);
 }
 
 bool is_reply(Datagrams &datagrams, std::size_t size)
@@ -362,7 +364,7 @@ bool set_up(Datagrams &datagrams, const netbuf *address, const rpc_msg &call)
     int on = 1;
     if (ioctl(datagrams.fd, FIONBIO, &on) != 0)
         return false;
-    ks::clnt::ask_for_network_errors(datagrams.fd);
+    datagrams.keeps_errors = ks::clnt::ask_for_network_errors(datagrams.fd);
     return ks::clnt::begin_client(datagrams, datagram_ops, address, datagrams.out, call);
 }
 

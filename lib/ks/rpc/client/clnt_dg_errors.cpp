@@ -57,12 +57,13 @@ constexpr int taken_at_once = 64;
 
 namespace ks::clnt {
 
-void ask_for_network_errors(int fd)
+bool ask_for_network_errors(int fd)
 {
     const ErrnoSaver saver;
     const int on = 1;
-    (void)setsockopt(fd, IPPROTO_IP, IP_RECVERR, &on, sizeof on);
-    (void)setsockopt(fd, IPPROTO_IPV6, IPV6_RECVERR, &on, sizeof on);
+    // A socket of IPv6 takes both.
+    const bool is_kept = setsockopt(fd, IPPROTO_IP, IP_RECVERR, &on, sizeof on) == 0;
+    return setsockopt(fd, IPPROTO_IPV6, IPV6_RECVERR, &on, sizeof on) == 0 || is_kept;
 }
 
 bool is_network_error(int error)

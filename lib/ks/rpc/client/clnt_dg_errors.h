@@ -8,14 +8,15 @@
 
 namespace ks::clnt {
 
-// A socket that cannot is used as it is.
-void ask_for_network_errors(int fd);
+// False for a socket that cannot, which is used as it is.
+bool ask_for_network_errors(int fd);
 
 // Whether it says of a datagram that it did not arrive.
 bool is_network_error(int error);
 
 // Takes what is kept, and gives the error of a datagram that begins with the word; 0 when there is none. Others are
-// counted. `told` is what the socket has said itself, 0 for nothing: where nothing is kept, that is it.
+// counted. `told` is what a socket has said that keeps nothing, else 0: what one that does has said may be of an error
+// that was taken before.
 int find_network_error(int fd, int told, uint32_t first_word, uint64_t &count);
 
 // Takes what is kept and counts it; false when there was nothing.
