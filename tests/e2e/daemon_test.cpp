@@ -121,7 +121,7 @@ TEST_F(DaemonTest, OpensItsLogAnewWhenToldTo)
 TEST_F(DaemonTest, TakesItsChildWithIt)
 {
     std::filesystem::copy_file(VELDEPOTD_PROGRAM, "veldepotd");
-    test::write_file("veldepot", "#!/bin/sh\necho \"$@\"\nprintf 'no end' >&2\nexec sleep 1000\n");
+    test::write_file("veldepot", "#!/bin/sh\nprintf 'no end' >&2\necho \"$@\"\nexec sleep 1000\n");
     ASSERT_EQ(chmod("veldepot", 0755), 0);
     test::write_file("depot/one.vde", "");
     const auto daemon = start_daemon(home_.file("veldepotd"));
