@@ -379,6 +379,9 @@ TEST(Clnt, IsControlled)
         EXPECT_FALSE(asks(CLSET_TIMEOUT) || asks(CLSET_RETRY_TIMEOUT));
         EXPECT_EQ(asks(CLGET_RETRY_TIMEOUT), !is_stream);
         EXPECT_EQ(span.tv_sec, is_stream ? 100000001 : 15);
+        span = {0, -1}; // nothing at all, but set
+        EXPECT_TRUE(asks(CLSET_TIMEOUT));
+        EXPECT_EQ(ping(client), is_stream ? RPC_SUCCESS : RPC_TIMEDOUT);
         span = ms(40);
         EXPECT_TRUE(asks(CLSET_TIMEOUT));
         uint32_t sleep_ms = 200; // the time-out that was set, not that of the call
