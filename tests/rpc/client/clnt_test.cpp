@@ -314,6 +314,10 @@ TEST(Clnt, SendsDatagramsAgain)
     const auto calls = silent.calls(3);
     EXPECT_LE(calls.size(), 4u);
     EXPECT_EQ(calls.front(), calls.back());
+    interval = {0, 0};
+    (void)clnt_control(patient.get(), CLSET_RETRY_TIMEOUT, reinterpret_cast<char *>(&interval));
+    EXPECT_EQ(ping(patient, ms(100)), RPC_TIMEDOUT); // no flood
+    EXPECT_LE(silent.calls(0).size(), calls.size() + 11);
 }
 
 // Nobody is there; then somebody is, and what the network said before is not held against him.
