@@ -178,8 +178,8 @@ KS_API ks_rpc_createerr *ks_rpc_get_createerr(void);
  *   - `xdr_args` encodes `args`, `xdr_results` decodes into `results`, as korvaks/xdr.h says. NULL stands for a
  *     routine that does nothing.
  *   - `timeout` counts from the call, unless control request 1 has set another. One that is out of range (seconds below
- *     -1 or above 100000000, microseconds below -1 or above 1000000) leaves that of the call before over a connection, at
- *     first 0, and is 0 over datagrams. A negative one is 0. 0 sends and gives status 5 at once; over a connection
+ *     -1 or above 100000000, microseconds below -1 or above 1000000) leaves that of the call before over a connection,
+ *     at first 0, and is 0 over datagrams. A negative one is 0. 0 sends and gives status 5 at once; over a connection
  *     sending may take 25 s then, when the server does not read.
  *   - Over a connection, `xdr_results` NULL with a time-out of 0 makes a call that has no reply: it is batched, stays in
  *     the buffer until that is full or another call is made, and gives 0.

@@ -487,17 +487,6 @@ FRONT(ssize_t, recv, int fd, void *buffer, size_t size, int flags)
     return front_recvfrom(fd, buffer, size, flags, nullptr, nullptr);
 }
 
-FRONT(ssize_t, __recv_chk, int fd, void *buffer, size_t size, size_t, int flags)
-{
-    return front_recvfrom(fd, buffer, size, flags, nullptr, nullptr);
-}
-
-FRONT(ssize_t, __recvfrom_chk, int fd, void *buffer, size_t size, size_t, int flags, sockaddr *from,
-      socklen_t *from_size)
-{
-    return front_recvfrom(fd, buffer, size, flags, from, from_size);
-}
-
 // Streams --------------------------------------------------------------------------------------
 
 namespace {

@@ -314,6 +314,10 @@ TEST(Clnt, SendsDatagramsAgain)
     const auto calls = silent.calls(3);
     EXPECT_LE(calls.size(), 4u);
     EXPECT_EQ(calls.front(), calls.back());
+    interval = {0, 0};
+    (void)clnt_control(patient.get(), CLSET_RETRY_TIMEOUT, reinterpret_cast<char *>(&interval));
+    EXPECT_EQ(ping(patient, ms(100)), RPC_TIMEDOUT); // no flood
+    EXPECT_LE(silent.calls(0).size(), calls.size() + 11);
 }
 
 // Nobody is there; then somebody is, and what the network said before is not held against him.
@@ -379,6 +383,9 @@ TEST(Clnt, IsControlled)
         EXPECT_FALSE(asks(CLSET_TIMEOUT) || asks(CLSET_RETRY_TIMEOUT));
         EXPECT_EQ(asks(CLGET_RETRY_TIMEOUT), !is_stream);
         EXPECT_EQ(span.tv_sec, is_stream ? 100000001 : 15);
+        span = {0, -1}; // nothing at all, but set
+        EXPECT_TRUE(asks(CLSET_TIMEOUT));
+        EXPECT_EQ(ping(client), is_stream ? RPC_SUCCESS : RPC_TIMEDOUT);
         span = ms(40);
         EXPECT_TRUE(asks(CLSET_TIMEOUT));
         uint32_t sleep_ms = 200; // the time-out that was set, not that of the call
