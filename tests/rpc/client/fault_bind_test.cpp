@@ -146,7 +146,7 @@ TEST(FaultBind, FindsOrTellsWhatFailed)
     static std::string found;
     for (const int protocol : {IPPROTO_UDP, IPPROTO_TCP}) {
         const auto over = transport(protocol, false);
-        const Binder binder(over);
+        const test::PeerProcess binder([&] { return std::make_unique<Binder>(over); });
         Operation("__ks_rpcb_findaddr")
             .act([&] { return (found = find(1, over, binder.port(), 1)) == "777"; })
             .keeps([](const test::fault::Trial &trial) {

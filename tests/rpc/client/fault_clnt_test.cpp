@@ -59,12 +59,14 @@ TEST(FaultClnt, CreatesCallsAndEnds)
     for (const std::string netid : {"tcp", "udp"}) {
         const bool is_stream = netid == "tcp";
         constexpr std::size_t head_size = 24 + 8 + 24 + 8; // with an AUTH_UNIX of a name of 1 byte
-        RawPeer peer(AF_INET, is_stream ? SOCK_STREAM : SOCK_DGRAM, [](RawPeer::Link &link, const std::string &bytes) {
+        const RawPeer::Script answer = [](RawPeer::Link &link, const std::string &bytes) {
             const bool is_short_hand = bytes.size() > 28 && bytes[27] == AUTH_SHORT;
             const std::size_t at = is_short_hand ? head_size - 20 : head_size;
             if (bytes.size() >= at)
                 link.reply(test::reply_to(bytes, {1, 0, 2, 12, 2, 4, 0xabcd, 0}, bytes.substr(at)));
-        });
+        };
+        const test::PeerProcess peer(
+            [&] { return std::make_unique<RawPeer>(AF_INET, is_stream ? SOCK_STREAM : SOCK_DGRAM, answer); });
         sent.assign(is_stream ? 9000 : 100, 'x'); // of two fragments
         const auto begin = [] { auth = ks_authunix_create("h", 1, 2, 0, nullptr); };
         const auto end = [] { auth_destroy(auth); };

@@ -15,6 +15,12 @@
 #include <thread>
 #include <vector>
 
+#include <csignal>
+
+#include <fcntl.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+
 namespace test {
 
 // XDR of words.
@@ -193,6 +199,44 @@ class RawPeer {
     std::vector<std::string> calls_; // guarded by mutex_
     Descriptor socket_;
     std::thread thread_; // the last one: it uses all others
+};
+
+// One in a process of its own, which `make` makes there: for tests that fork, whose children then find no lock held by
+// its thread, such as that of a sanitizer's allocator.
+class PeerProcess {
+  public:
+    template <typename Make> explicit PeerProcess(Make make)
+    {
+        int ends[2];
+        if (pipe2(ends, O_CLOEXEC) != 0)
+            throw std::runtime_error("pipe2");
+        const Descriptor told(ends[0]);
+        const Descriptor tells(ends[1]);
+        pid_ = fork();
+        if (pid_ == 0) {
+            (void)prctl(PR_SET_PDEATHSIG, SIGKILL);
+            const auto peer = make();
+            const uint16_t port = peer->port();
+            (void)!write(tells.get(), &port, sizeof port);
+            for (;;)
+                pause();
+        }
+        if (read(told.get(), &port_, sizeof port_) != sizeof port_)
+            throw std::runtime_error("the peer did not start");
+    }
+    ~PeerProcess()
+    {
+        (void)kill(pid_, SIGKILL);
+        (void)waitpid(pid_, nullptr, 0);
+    }
+    PeerProcess(const PeerProcess &) = delete;
+    PeerProcess &operator=(const PeerProcess &) = delete;
+
+    uint16_t port() const { return port_; }
+
+  private:
+    pid_t pid_ = -1;
+    uint16_t port_ = 0;
 };
 
 } // namespace test
