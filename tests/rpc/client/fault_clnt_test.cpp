@@ -129,7 +129,7 @@ TEST(FaultClnt, AFloodEndsAtTheDeadline)
         EXPECT_LT(test::fault::end().of(test::fault::Call::allocation), 10); // the library's own start
         ks_clnt_dg_strays strays{};
         ks_clnt_dg_get_strays(owner.get(), &strays);
-        EXPECT_TRUE(strays.foreign > 100 && strays.runt > 100 && strays.error > 100);
+        EXPECT_TRUE(strays.foreign > 0 && strays.runt > 0 && strays.error > 0);
         is_over = true;
         errors.join();
         EXPECT_EQ(test::ping(owner), RPC_SUCCESS);
