@@ -131,19 +131,6 @@ TEST(StrutlHash, RotatesAndAdds)
     EXPECT_EQ(strutl_str_to_hash32(0x80000000U, "\xFF"), 0x10U + 0xFF);
 }
 
-TEST(StrutlPrintf, StarsStartAndCutText)
-{
-    char dir[4];
-    size_t next = 0;
-    strutl_printf_kind kind = strutl_printf_kind_null;
-    int width = 0;
-    int precision = 0;
-    EXPECT_EQ(strutl_find_printf_directive("%s %-*.*f", 2, sizeof dir, dir, &next, &kind, &width, &precision), 1U);
-    EXPECT_STREQ(dir, "%-*");
-    EXPECT_EQ(next, 9U);
-    EXPECT_EQ(width + precision, 2);
-}
-
 TEST(StrutlPrintf, FormattingIsThatOfTheCLibrary)
 {
     const char *formats[] = {
