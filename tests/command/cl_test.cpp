@@ -52,12 +52,6 @@ Words all_args(cl_handle *clh)
     return words;
 }
 
-Words split(const std::string &line)
-{
-    const Scan scan(parse_line(line));
-    return all_args(scan);
-}
-
 // What one call gave: "a", "end", "arg:x", "none", "long:x", "?302,x,-x".
 std::string error_text(cl_handle *clh)
 {
@@ -137,7 +131,7 @@ TEST(ClParseLine, KeepsMultibyteCharactersWhole)
         // The ideographic blank separates words though none of its bytes is a blank; a broken
         // sequence at the end is not read past.
         const Words expected{"\u00e9", "\u65e5\u672c \u8a9e", "a", "b", "\u00e9\xe3\x80"};
-        EXPECT_EQ(split("\u00e9 '\u65e5\u672c \u8a9e' a\u3000b \\\u00e9\xe3\x80"), expected);
+        EXPECT_EQ(all_args(Scan(parse_line("\u00e9 '\u65e5\u672c \u8a9e' a\u3000b \\\u00e9\xe3\x80"))), expected);
     });
 }
 

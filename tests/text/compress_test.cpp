@@ -65,21 +65,6 @@ Bytes operator+(Bytes a, const Bytes &b)
     return a;
 }
 
-// Words of a small language, with some bytes above 0x80.
-Bytes text_like(std::size_t size, unsigned seed)
-{
-    std::minstd_rand random(seed);
-    std::vector<Bytes> words(300);
-    for (Bytes &word : words)
-        word = random_bytes(2 + random() % 9, 'a', 26, static_cast<unsigned>(random())) +
-               (random() % 9 == 0 ? Bytes{0xC3, 0xA9, ' '} : Bytes{' '});
-    Bytes text;
-    while (text.size() < size)
-        text = std::move(text) + words[random() % words.size() * (random() % 3 + 1) / 3];
-    text.resize(size);
-    return text;
-}
-
 TEST(Compress, BlocksHaveTheFixedBytes)
 {
     const std::pair<Bytes, Bytes> cases[] = {
@@ -94,54 +79,35 @@ TEST(Compress, BlocksHaveTheFixedBytes)
         EXPECT_EQ(compress(data), block);
 }
 
-TEST(Compress, KeepsItsFormatOnShortData)
+TEST(Compress, KeepsItsFormat)
 {
     Blocks blocks;
     for (std::size_t size = 0; size <= 110; ++size) {
-        blocks.add(Bytes(size, 0));
-        blocks.add(Bytes(size, 0xFE));
         for (unsigned seed = 0; seed < 8; ++seed) {
             blocks.add(random_bytes(size, 'a', 2, seed));
             blocks.add(random_bytes(size, 0x7E, 4, seed));
-            blocks.add(random_bytes(size, 0, 256, seed));
         }
     }
-    EXPECT_EQ(blocks.crc(), 0x8A511B51u);
-}
-
-// Matches of every length at every short distance.
-TEST(Compress, KeepsItsFormatOnPeriods)
-{
-    Blocks blocks;
-    for (std::size_t period = 1; period <= 40; ++period)
-        for (std::size_t size = period + 3; size <= period + 70; ++size) {
-            Bytes data;
-            while (data.size() < size)
-                data = std::move(data) + random_bytes(period, 0, 256, 9);
-            data.resize(size);
-            blocks.add(data + random_bytes(200, 0, 256, 8)); // far from the end
+    // Matches of every length at every short distance, far from the end.
+    for (std::size_t period = 1; period <= 40; ++period) {
+        Bytes data = random_bytes(period, 0, 256, 9);
+        for (std::size_t size = period; size < period + 70; ++size) {
+            blocks.add(data + random_bytes(200, 0, 256, 8));
+            data.push_back(data[size - period]);
         }
-    EXPECT_EQ(blocks.crc(), 0x28A19B19u);
-}
-
-// The window ends at 4096, heads and chains of positions beyond it are stepped over, and positions
-// grow past 16 bits.
-TEST(Compress, KeepsItsFormatAcrossTheWindow)
-{
-    Blocks blocks;
+    }
+    // The window ends at 4096; heads and chains of positions beyond it are stepped over.
     const Bytes mark = {'M', 'a', 'r', 'k', 'e', 'r', 0x81, 'x'};
     for (std::size_t gap = 4080; gap <= 4100; ++gap) {
         blocks.add(mark + random_bytes(gap, 0, 256, 1) + mark + random_bytes(gap, 0, 256, 2) + mark);
         // The same hash again just before: the chain's first node is near, its second beyond.
         blocks.add(mark + random_bytes(gap - 5, 0, 256, 1) + Bytes{'M', 'a', 'r', '-', '-'} + mark);
     }
-    for (const std::size_t size : {4095u, 4096u, 4097u, 65500u, 70000u, 200000u, 400000u}) {
-        blocks.add(text_like(size, 3));
+    for (const std::size_t size : {4096u, 70000u, 400000u}) { // positions grow past 16 bits
         blocks.add(random_bytes(size, 'a', 3, 4));
-        blocks.add(random_bytes(size, 0, 256, 5));
         blocks.add(random_bytes(4000, 0, 256, 6) + Bytes(size, 'r') + random_bytes(4000, 0, 256, 6));
     }
-    EXPECT_EQ(blocks.crc(), 0xD09E6ED2u);
+    EXPECT_EQ(blocks.crc(), 0xCCC1800Cu);
 }
 
 TEST(Compress, RefusedBlocksAreReported)

@@ -211,7 +211,6 @@ TEST(WildGlob, AgreesWithASlowWalk)
     const auto any = [&](const Paths &of) { return of[random() % of.size()]; };
     const Paths names{"a", "b", "ab", ".h", "c", "aab"};
     const Paths parts{"*", "a*", "?", "...", "[ab]", ".*", "a", "*b", "ab", "c", "*[!a]*"};
-    long found = 0;
     for (int trees = 0; trees < 12; ++trees) {
         const test::TempDir dir;
         const std::string top = dir.file("top"); // so that its ".." is the test's as well
@@ -246,10 +245,8 @@ TEST(WildGlob, AgreesWithASlowWalk)
             else if (walk.is_refused || expected.empty())
                 expected = walk.is_refused ? "-5" : "-6";
             ASSERT_EQ(glob(word, top, nullptr, 0), expected) << word;
-            found += static_cast<long>(walk.found.size());
         }
     }
-    EXPECT_GT(found, 3000);
 }
 
 } // namespace
