@@ -185,6 +185,8 @@ TEST(DateZones, AcrossChanges)
     };
     for (const auto &c : cases) {
         set_zone(c.zone);
+        for (time_t t = c.change - 2000; t < c.change + 2000; ++t)
+            ASSERT_EQ(std::string(date_fmt_token_date_time(t), 19), by_strftime("%Y-%m-%dT%H:%M:%S", t)) << c.zone;
         EXPECT_STREQ(date_fmt_token_date_time(c.change - 1), c.before);
         EXPECT_STREQ(date_fmt_token_date_time(c.change), c.after);
     }

@@ -303,15 +303,19 @@ TEST(HashSeeded, IsSipHash)
 TEST(HashTable, UsesCellsAgain)
 {
     hash_ht *ht = hash_flen_create(1, 8, 1, 4);
-    const void *keys[2];
-    void *data[2];
+    const void *keys[4];
+    void *data[4];
     (void)hash_flen_enter(ht, "key1", &keys[0], &data[0]);
+    (void)hash_flen_enter(ht, "key2", &keys[1], &data[1]);
     EXPECT_EQ(std::memcmp(data[0], "\0\0\0\0\0\0\0", 8), 0);
     std::memcpy(data[0], "old data", 8);
+    EXPECT_EQ(hash_flen_free(ht, "key2", nullptr, nullptr), 1);
     EXPECT_EQ(hash_flen_free(ht, "key1", nullptr, nullptr), 1);
-    (void)hash_flen_enter(ht, "key2", &keys[1], &data[1]);
-    EXPECT_TRUE(data[1] == data[0] && keys[1] == keys[0]); // the same buffers
-    EXPECT_EQ(std::memcmp(data[1], "old data", 8), 0);
+    (void)hash_flen_enter(ht, "key3", &keys[2], &data[2]);
+    (void)hash_flen_enter(ht, "key4", &keys[3], &data[3]);
+    EXPECT_TRUE(data[2] == data[0] && data[3] == data[1]); // the last to go comes first
+    EXPECT_EQ(std::memcmp(data[2], "old data", 8), 0);
+    EXPECT_EQ(keys[2], keys[0]); // the same buffer
     hash_delete_ht(&ht);
 }
 
