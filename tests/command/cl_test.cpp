@@ -52,12 +52,6 @@ Words all_args(cl_handle *clh)
     return words;
 }
 
-Words split(const std::string &line)
-{
-    const Scan scan(parse_line(line));
-    return all_args(scan);
-}
-
 // What one call gave: "a", "end", "arg:x", "none", "long:x", "?302,x,-x".
 std::string error_text(cl_handle *clh)
 {
@@ -137,7 +131,7 @@ TEST(ClParseLine, KeepsMultibyteCharactersWhole)
         // The ideographic blank separates words though none of its bytes is a blank; a broken
         // sequence at the end is not read past.
         const Words expected{"\u00e9", "\u65e5\u672c \u8a9e", "a", "b", "\u00e9\xe3\x80"};
-        EXPECT_EQ(split("\u00e9 '\u65e5\u672c \u8a9e' a\u3000b \\\u00e9\xe3\x80"), expected);
+        EXPECT_EQ(all_args(Scan(parse_line("\u00e9 '\u65e5\u672c \u8a9e' a\u3000b \\\u00e9\xe3\x80"))), expected);
     });
 }
 
@@ -185,7 +179,6 @@ TEST(ClGetopt, GivesLongOptionsWholeOnlyWhenAskedFor)
         {{"-", "--long", "f"}, "lla", {"long:long", "end", "arg:f"}},
         {{"---x", "--x"}, "llo", {"long:-x", "long:x", "end"}},
         {{"--ab"}, "ol", {"a", "long:ab"}},
-        {{"f", "--long"}, "lal", {"end", "arg:f", "long:long"}},
     };
     for (const auto &one : cases) {
         SCOPED_TRACE(testing::PrintToString(one.words));
@@ -196,24 +189,18 @@ TEST(ClGetopt, GivesLongOptionsWholeOnlyWhenAskedFor)
 
 TEST(ClErrors, EverySuccessClearsTheLastOne)
 {
-    const char *const names[] = {"x"};
     const Scan scan(parse_line("-x f -y z"));
     const std::vector<void (*)(cl_handle *)> successes = {
         [](cl_handle *clh) { cl_getarg(clh); },       [](cl_handle *clh) { cl_getname(clh); },
         [](cl_handle *clh) { cl_getopt(clh, "y"); },  [](cl_handle *clh) { cl_getarg_noopt(clh); },
         [](cl_handle *clh) { cl_setoffset(clh, 0); },
     };
-    for (std::size_t i = 0; i < successes.size(); ++i) {
-        SCOPED_TRACE(i);
+    for (const auto &success : successes) {
         cl_setoffset(scan, 0);
         ASSERT_EQ(cl_getopt(scan, ""), '?');
-        ASSERT_EQ(error_text(scan), "?302,x,-x");
-        successes[i](scan);
+        success(scan);
         EXPECT_EQ(error_text(scan), "?0,,");
     }
-    cl_setoffset(scan, 0);
-    EXPECT_EQ(cl_get_subcommand(scan, 1, names), -1);
-    EXPECT_EQ(cl_errno(scan), 0) << "a word that no name matches is no error of the scan";
 }
 
 TEST(ClOffset, KeepsTheEndOfOptionsAndTheLettersSeen)
@@ -232,21 +219,11 @@ TEST(ClMatch, AcceptsNamesCutOffBehindTheMark)
         const char *name;
         int matches;
     } cases[] = {
-        {"che", "ch[eckout]", 1},
-        {"ch", "ch[eckout]", 1},
-        {"c", "ch[eckout]", 0},
-        {"checkout", "CH[ECKOUT]", 1},
-        {"checkout]", "ch[eckout]", 1},
-        {"list", "list", 1},
-        {"lists", "list", 0},
-        {"", "", 1},
-        {"", "[list]", 1},
-        {"[x", "[x", 1},
-        {"abc", "a[b[c]", 1},
+        {"che", "ch[eckout]", 1}, {"c", "ch[eckout]", 0}, {"checkout", "CH[ECKOUT]", 1}, {"checkout]", "ch[eckout]", 1},
+        {"lists", "list", 0},     {"", "[list]", 1},      {"abc", "a[b[c]", 1},
     };
     for (const auto &one : cases) {
-        SCOPED_TRACE(std::string(one.word) + " for " + one.name);
-        EXPECT_EQ(cl_match(one.word, one.name), one.matches);
+        EXPECT_EQ(cl_match(one.word, one.name), one.matches) << one.word;
     }
 }
 
@@ -255,7 +232,6 @@ TEST(ClMatch, FoldsByTheLocale)
     test::in_child([] {
         EXPECT_NE(std::setlocale(LC_ALL, "C.UTF-8"), nullptr);
         EXPECT_EQ(cl_match("\u00c9TA", "\u00e9[tat]"), 1);
-        EXPECT_EQ(cl_match("\u00e9", "\u00e8[tat]"), 0);
         EXPECT_EQ(cl_match("\u00e9t\u00c0", "\u00c9[T\u00e0]"), 1);
     });
 }
@@ -267,6 +243,7 @@ TEST(ClSubcommand, GivesTheFirstNameThatMatches)
     EXPECT_EQ(cl_get_subcommand(scan, 3, names), 1);
     EXPECT_EQ(cl_get_subcommand(scan, 3, names), 2);
     EXPECT_EQ(cl_get_subcommand(scan, 3, names), -1);
+    EXPECT_EQ(cl_errno(scan), 0) << "a word that no name matches is no error of the scan";
     EXPECT_EQ(cl_get_subcommand(scan, 0, names), -1);
     EXPECT_EQ(cl_getopt(scan, "ab"), 'a') << "words without a match are consumed";
     EXPECT_EQ(cl_get_subcommand(scan, 3, names), -1);
@@ -278,32 +255,20 @@ TEST(ClSubcommand, GivesTheFirstNameThatMatches)
 
 TEST(ClMemory, AFailureAtAnyAllocationFreesEverything)
 {
-    char name[] = "tool";
-    char *argv[] = {name, nullptr};
-    const std::vector<cl_handle *(*)(char **, int *)> ways = {
-        [](char **words, int *err) { return cl_parse_argv(1, words, err); },
-        [](char **, int *err) { return cl_parse_line("a 'b' c", err); },
-    };
-    for (std::size_t way = 0; way < ways.size(); ++way) {
-        SCOPED_TRACE(way);
-        cl_handle *clh = nullptr;
-        int failures = 0;
-        const int held_before = cl_mallocs - cl_frees;
-        for (; clh == nullptr; ++failures) {
-            ASSERT_LT(failures, 100);
-            cl_brkit = failures + 1;
-            int err = -1;
-            clh = ways[way](argv, &err);
-            EXPECT_EQ(err, clh == nullptr ? CL_OUT_OF_MEMORY : 0);
-            EXPECT_EQ(cl_brkit, clh == nullptr ? 0 : 1);
-            EXPECT_EQ(cl_mallocs - cl_frees, held_before + (clh == nullptr ? 0 : failures));
-        }
-        cl_brkit = 0;
-        EXPECT_GT(failures, 1);
-        cl_destroy(&clh);
-        EXPECT_EQ(clh, nullptr);
-        EXPECT_EQ(cl_mallocs - cl_frees, held_before);
+    cl_handle *clh = nullptr;
+    int failures = 0;
+    const int held_before = cl_mallocs - cl_frees;
+    for (; clh == nullptr; ++failures) {
+        ASSERT_LT(failures, 100);
+        cl_brkit = failures + 1;
+        clh = parse_line("a 'b' c");
+        EXPECT_EQ(cl_brkit, clh == nullptr ? 0 : 1);
+        EXPECT_EQ(cl_mallocs - cl_frees, held_before + (clh == nullptr ? 0 : failures));
     }
+    cl_brkit = 0;
+    EXPECT_GT(failures, 1);
+    cl_destroy(&clh);
+    EXPECT_EQ(cl_mallocs - cl_frees, held_before);
 }
 
 TEST(ClHandleDeathTest, AWrongHandleEndsTheProcess)
@@ -315,7 +280,6 @@ TEST(ClHandleDeathTest, AWrongHandleEndsTheProcess)
     const char *const message = "PFM_ASSERT:\\(clh->cl_magic == CL_MAGIC\\) failed: 'lib/ks/cl'";
     EXPECT_DEATH(cl_getopt(wrong, "x"), message);
     EXPECT_DEATH(cl_destroy(&none), message);
-    EXPECT_DEATH(cl_destroy(nullptr), message);
     int err = 0;
     EXPECT_DEATH(cl_parse_line(nullptr, &err), "line != NULL");
     EXPECT_DEATH(cl_parse_argv(1, nullptr, &err), "argv != NULL");

@@ -46,20 +46,6 @@ void take_messages()
     imsg_set_redirect_procs(&procs, nullptr);
 }
 
-// The words as a vector that the parser may write into.
-struct Argv {
-    explicit Argv(Words text) : words(std::move(text))
-    {
-        for (std::string &word : words)
-            pointers.push_back(word.data());
-        pointers.push_back(nullptr);
-    }
-    int count() const { return static_cast<int>(words.size()); }
-
-    Words words;
-    std::vector<char *> pointers{};
-};
-
 template <typename Call> std::string text_of(Call call, clp_handle *hdl)
 {
     char *text = nullptr;
@@ -116,11 +102,13 @@ std::string output_of(const std::function<void()> &body)
     return result.out;
 }
 
-std::string scan(const Words &words, const std::string &calls)
+std::string scan(Words words, const std::string &calls)
 {
     return output_of([&] {
-        Argv argv(words);
-        clp_handle *hdl = clp_create_hdl_using_argv(argv.count(), argv.pointers.data(), flags, STG_AREA_NULL);
+        std::vector<char *> argv;
+        for (std::string &word : words)
+            argv.push_back(word.data());
+        clp_handle *hdl = clp_create_hdl_using_argv(static_cast<int>(argv.size()), argv.data(), flags, STG_AREA_NULL);
         std::fputs(make_calls(hdl, calls).c_str(), stdout);
         clp_destroy_hdl(&hdl);
     });
@@ -171,8 +159,7 @@ TEST(ClpScan, ObsoleteSyntaxIsWhatTheEnvironmentSays)
     const std::string by_default = "7" + warned + "0 {Warning: " + syntax;
     const std::string failing = "error {Error: Obsolete command or flag: \"-old\"} 1 {Error: " + syntax;
     const std::pair<const char *, std::string> cases[] = {
-        {nullptr, by_default}, {"warn", by_default}, {"WARN", by_default}, {"fail", failing},
-        {"FAIL", failing},     {"", "7 0"},          {"fails", "7 0"},     {"1", "7 0"},
+        {nullptr, by_default}, {"WARN", by_default}, {"fail", failing}, {"", "7 0"}, {"fails", "7 0"},
     };
     for (const auto &[value, expected] : cases) {
         value == nullptr ? unsetenv("VELLUM_OBSO_SYN") : setenv("VELLUM_OBSO_SYN", value, 1);
@@ -191,44 +178,45 @@ TEST(ClpScan, ObsoleteSyntaxIsWhatTheEnvironmentSays)
     unsetenv("VELLUM_OBSO_SYN");
 }
 
+// What a handle does in one of these: its scan, the scan when it was restored, and three switches of flags.
+std::string life_in(stg_area *given, stg_area *area)
+{
+    clp_handle *hdl = clp_create_hdl_using_string("tool -a 'x y' -b", flags, given);
+    clp_handle *saved = clp_save_hdl(hdl);
+    std::string text = make_calls(hdl, "afan") + " | ";
+    hdl->magic = CLP_MAGIC;
+    (void)clp_restore_hdl(hdl, saved);
+    text += make_calls(hdl, "naf") + " | "; // flags stay used
+    for (const auto &[table, where] : {std::pair{other_flags, STG_AREA_NULL}, {twins, area}, {other_flags, area}}) {
+        text += std::to_string(clp_switch_flags(hdl, table, where));
+        text += std::exchange(said, "");
+    }
+    text += " " + make_calls(hdl, "nfaf");
+    clp_destroy_hdl(&hdl);
+    return hdl == nullptr ? text : "not destroyed";
+}
+
 TEST(ClpHandle, LivesInAnAreaOfItsOwnOrTheCallers)
 {
-    const std::string out = output_of([] {
+    const std::string refused = "1 {Error: Bad flag descriptors: \"-x\" and \"-y\" have the same value. Define one as "
+                                "CLP_ALIAS_FLAG}";
+    const std::string scanned =
+        "'tool' 3 'x y' -a | no name 'tool' error {Error: Illegal duplicate use of flag \"-a\"} "
+        "| ";
+    const std::string switched = refused + "0 no name 10 'x y' error {Error: Unrecognized option \"-b\"}";
+    test::in_child([&] {
+        take_messages();
         stg_area *area = stg_create_area(100);
-        for (stg_area *const given : {area, STG_AREA_NULL, STG_AREA_HEAP}) {
-            clp_handle *hdl = clp_create_hdl_using_string("tool -a 'x y' -b", flags, given);
-            char *name = nullptr;
-            (void)clp_get_command_name(hdl, &name);
-            clp_handle *saved = clp_save_hdl(hdl);
-            std::printf("%s %d %s | ", name, clp_get_argc(hdl), make_calls(hdl, "afan").c_str());
-            hdl->magic = CLP_MAGIC;
-            (void)clp_restore_hdl(hdl, saved);
-            std::printf("%s | ", make_calls(hdl, "naf").c_str()); // flags stay used
-            for (const auto &[table, where] :
-                 {std::pair{other_flags, STG_AREA_NULL}, {twins, area}, {other_flags, area}}) {
-                const int result = clp_switch_flags(hdl, table, where);
-                std::printf("%d%s ", result, std::exchange(said, "").c_str());
-            }
-            std::printf("%s\n", make_calls(hdl, "nfaf").c_str());
-            clp_destroy_hdl(&hdl);
-            std::printf("%s", hdl == nullptr ? "" : "not destroyed");
-        }
+        EXPECT_EQ(life_in(area, area),
+                  scanned + "1 {Error: NULL STORAGE AREA: Cannot switch parsing flags}" + switched);
+        for (stg_area *const given : {STG_AREA_NULL, STG_AREA_HEAP})
+            EXPECT_EQ(life_in(given, area), scanned + "0" + switched);
         stg_delete_area(&area);
-        const void *none = clp_create_hdl_using_string("-x", twins, STG_AREA_NULL);
-        std::printf("%d%s\n", none == nullptr, std::exchange(said, "").c_str());
-        none = clp_create_hdl_using_string("'open", twins, STG_AREA_NULL); // one report is enough
-        std::printf("%d%s\n", none == nullptr, said.c_str());
+        EXPECT_EQ(clp_create_hdl_using_string("-x", twins, STG_AREA_NULL), nullptr);
+        EXPECT_EQ("1" + std::exchange(said, ""), refused);
+        EXPECT_EQ(clp_create_hdl_using_string("'open", twins, STG_AREA_NULL), nullptr); // one report is enough
+        EXPECT_EQ(said, " {Error: Bad command line: unterminated quoted string}");
     });
-    const std::string scanned = "tool 4 'tool' 3 'x y' -a | no name 'tool' error {Error: Illegal duplicate use of flag "
-                                "\"-a\"} | ";
-    const std::string same = "{Error: Bad flag descriptors: \"-x\" and \"-y\" have the same value. Define one as "
-                             "CLP_ALIAS_FLAG}\n";
-    const std::string refused = "1 " + same.substr(0, same.size() - 1) +
-                                " 0 no name 10 'x y' error {Error: Unrecognized "
-                                "option \"-b\"}\n";
-    EXPECT_EQ(out, scanned + "1 {Error: NULL STORAGE AREA: Cannot switch parsing flags} " + refused + scanned + "0 " +
-                       refused + scanned + "0 " + refused + "1 " + same +
-                       "1 {Error: Bad command line: unterminated quoted string}\n");
 }
 
 TEST(ClpDeathTest, MisuseEndsTheProcess)
@@ -236,34 +224,24 @@ TEST(ClpDeathTest, MisuseEndsTheProcess)
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     const clp_flag_desc nested[] = {CLP_START_MUTUAL_EXCLUSION, CLP_START_MUTUAL_EXCLUSION, {nullptr, 0, 0}};
     const clp_flag_desc unopened[] = {CLP_END_MUTUAL_EXCLUSION, {nullptr, 0, 0}};
-    // The flag lies before the group of the alias, or behind the end of a group.
+    // The flag lies before the group of the alias, or behind it.
     const clp_flag_desc before[] = {
         {"-x", 1, 0}, CLP_START_MUTUAL_EXCLUSION, {"-y", 1, CLP_ALIAS_FLAG}, {nullptr, 0, 0}};
-    const clp_flag_desc behind[] = {{"-y", 1, CLP_ALIAS_FLAG}, CLP_END_MUTUAL_EXCLUSION, {"-x", 1, 0}, {nullptr, 0, 0}};
     const clp_flag_desc beyond[] = {
         CLP_START_MUTUAL_EXCLUSION, {"-y", 1, CLP_ALIAS_FLAG}, CLP_END_MUTUAL_EXCLUSION, {"-x", 1, 0}, {nullptr, 0, 0}};
-    const clp_flag_desc found[] = {
-        CLP_START_MUTUAL_EXCLUSION, {"-x", 1, 0}, CLP_END_MUTUAL_EXCLUSION, {"-y", 1, CLP_ALIAS_FLAG}, {nullptr, 0, 0}};
     char word[] = "-a";
     char *argv[] = {word, nullptr};
     const auto make = [&](Table table) { return clp_create_hdl_using_argv(1, argv, table, STG_AREA_NULL); };
     std::uint32_t value = 0;
-    char *text = nullptr;
     clp_handle *hdl = make(flags);
     clp_handle *none = nullptr;
-    const auto next_flag = [&] { clp_get_next_flag_value(hdl, 0, &value); };
-    const auto next_word = [&] { clp_get_next_arg(hdl, &text); };
 
     EXPECT_DEATH(make(nested), "cannot have nested CLP_START_MUTUAL_EXCLUSIONs");
     EXPECT_DEATH(clp_switch_flags(hdl, unopened, STG_AREA_NULL), "END_MUTUAL_EXCLUSION without matching CLP_START");
     EXPECT_DEATH(make(before), "alias flag \"-y\" defined without");
     EXPECT_DEATH(make(beyond), "alias flag \"-y\" defined without");
-    clp_handle *made = make(found);
-    EXPECT_NE(made, nullptr);
-    clp_destroy_hdl(&made);
     EXPECT_DEATH(clp_destroy_hdl(&none), "NULL HANDLE: Command line parsing handle");
     EXPECT_DEATH(clp_log_command("x", none, nullptr), "NULL HANDLE");
-    EXPECT_DEATH(make(behind), "END_MUTUAL_EXCLUSION without"); // comes first
     const clp_handle good = *hdl;
     const std::pair<void (*)(clp_handle *), const char *> cases[] = {
         {[](clp_handle *h) { h->descriptors = nullptr; }, "BAD FLAGS PTR"},
@@ -275,10 +253,7 @@ TEST(ClpDeathTest, MisuseEndsTheProcess)
     for (const auto &[spoil, message] : cases) {
         *hdl = good;
         spoil(hdl);
-        EXPECT_DEATH(next_flag(), message);
-        if (hdl->descriptors != nullptr && hdl->constraints != nullptr) {
-            EXPECT_DEATH(next_word(), message);
-        }
+        EXPECT_DEATH(clp_get_next_flag_value(hdl, 0, &value), message);
     }
     *hdl = good;
     clp_destroy_hdl(&hdl);
@@ -300,7 +275,6 @@ TEST(ClpStack, StoresTenAndCountsTheRest)
         clp_push_cmd("A");
         clp_push_cmd("B");
         got.push_back(stack_text(&generation));
-        got.push_back(stack_text(&generation));
         clp_pop_cmd();
         clp_pop_cmd();
         got.push_back(stack_text(&generation)); // empty: the last text again
@@ -320,7 +294,7 @@ TEST(ClpStack, StoresTenAndCountsTheRest)
         for (const std::string &text : got)
             std::printf("%s\n", text.c_str());
     });
-    EXPECT_EQ(result.out, "unchanged\nA:B:\nunchanged\nA:B:\nunchanged\n0:1:2:3:4:5:6:7:8:9:\nunchanged\n"
+    EXPECT_EQ(result.out, "unchanged\nA:B:\nA:B:\nunchanged\n0:1:2:3:4:5:6:7:8:9:\nunchanged\n"
                           "0:1:2:3:4:5:6:7:8:\nthread \n");
 }
 
@@ -328,20 +302,14 @@ TEST(ClpStackDeathTest, ATextOf250BytesEndsTheProcess)
 {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     const std::string half(124, 'x');
-    for (const auto &[length, ends] : {std::pair{123, false}, {124, true}, {1000, true}}) {
-        const std::string rest(static_cast<std::size_t>(length), 'y');
-        const auto build = [&] {
-            std::uint32_t generation = 0;
-            clp_push_cmd(half.c_str());
-            clp_push_cmd(rest.c_str());
-            return std::string(clp_get_cmd_stack(&generation));
-        };
-        if (ends) {
-            EXPECT_DEATH(build(), "PFM_ASSERT:\\(ptr < CLP_MAX_STACK_STRING\\) failed: 'lib/ks/clp'");
-            continue;
-        }
-        EXPECT_EQ(test::run_child([&] { return static_cast<int>(build().size()); }).exit_status, 249);
-    }
+    const auto build = [&](const std::string &rest) {
+        std::uint32_t generation = 0;
+        clp_push_cmd(half.c_str());
+        clp_push_cmd(rest.c_str());
+        return std::string(clp_get_cmd_stack(&generation)).size();
+    };
+    EXPECT_DEATH(build(half), "PFM_ASSERT:\\(ptr < CLP_MAX_STACK_STRING\\) failed: 'lib/ks/clp'");
+    EXPECT_EQ(build(half.substr(1)), 249u);
 }
 
 } // namespace

@@ -20,31 +20,15 @@ Words split(const std::string &line, stg_area *area)
     return {argv, argv + argc};
 }
 
+// What is read is the fuzz target's; here is what is said.
 TEST(ClpParseString, ReportsWhatItCannotRead)
 {
-    const std::string most(8191, 'x');
-    const struct {
-        std::string line;
-        const char *message;
-    } cases[] = {
-        {"a 'b", "Bad command line: unterminated quoted string\n"},
-        {most, ""},
-        {"'" + most + "\\''", "Token buffer overflow, max size is 8192.\n"},
-    };
-    for (const auto &one : cases) {
-        const test::ChildResult result = test::run_child([&] {
-            int argc = -1;
-            char **argv = nullptr;
-            const int outcome = clp_parse_string(one.line.c_str(), STG_AREA_HEAP, &argc, &argv);
-            for (int i = 0; i < argc; ++i)
-                stg_free(argv[i]);
-            stg_free(argv);
-            return outcome;
-        });
-        const bool fails = *one.message != '\0';
-        EXPECT_EQ(result.exit_status, fails ? 1 : 0) << one.line.substr(0, 20);
-        EXPECT_EQ(result.err, fails ? std::string("noname: Error: ") + one.message : "");
-    }
+    const test::ChildResult result = test::run_child([] {
+        EXPECT_EQ(split("a 'b", STG_AREA_HEAP), Words{"refused"});
+        EXPECT_EQ(split(std::string(8192, 'x'), STG_AREA_HEAP), Words{"refused"});
+    });
+    EXPECT_EQ(result.err, "noname: Error: Bad command line: unterminated quoted string\n"
+                          "noname: Error: Token buffer overflow, max size is 8192.\n");
 }
 
 TEST(ClpParseString, KeepsCharactersWhole)
@@ -83,14 +67,11 @@ TEST(ClpArgvToString, WritesWordsByTheirForm)
         int escape;
         const char *text;
     } cases[] = {
-        {{}, '\\', ""},
-        {{"a", "b-c"}, '\\', "a b-c"},
         {{" ", "\t", "\r", "\n", "?", "*", "~", "[", "]"},
          '\\',
          "\" \" \"\t\" \"\r\" \"\n\" \"?\" \"*\" \"~\" \"[\" \"]\""},
         {{"'a b'", "\"q\""}, '\\', "\\'a b\\' \\\"q\\\""},
         {{"'a b'", "\"q\""}, 0, "'a b' \"q\""},
-        {{"'a b'"}, '^', "^'a b^'"},
         {{"'"}, '\\', "\\\\'"}, // begins and ends with it
         {{"", "x", ""}, '\\', " x "},
         {{"a'b", "a \"b"}, '\\', "a'b \"a \"b\""},
@@ -98,14 +79,10 @@ TEST(ClpArgvToString, WritesWordsByTheirForm)
     for (const auto &one : cases)
         EXPECT_EQ(join(one.words, one.escape), one.text);
     const test::ChildResult result = test::run_child([] {
-        char word[] = "x";
-        char *argv[] = {word, nullptr};
         char *text = nullptr;
         stg_area *area = stg_create_area(100);
         EXPECT_EQ(clp_argv_to_string(-1, nullptr, area, 0, &text), 0);
         EXPECT_TRUE(stg_area_strdup(area, "x") != text && *text == '\0');
-        EXPECT_EQ(clp_argv_to_string(1, argv, STG_AREA_HEAP, 0, &text), 0);
-        EXPECT_STREQ(text, "x");
         EXPECT_EQ(join({"a", "'b\""}, 0), "refused");
     });
     EXPECT_EQ(result.err, "noname: Error: Bad command line: unterminated quoted string\n");

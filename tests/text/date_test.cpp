@@ -51,7 +51,6 @@ TEST(DateToken, BothStylesInAllPrecisions)
         int precision, style, usec, utc;
     } cases[] = {
         {"05-Mar-24.15:03:59", march_5, 0, 1, 0, 0},
-        {"05-Mar-24.14:03:59UTC", march_5, 0, 1, 0, 1},
         {"05-Mar-24", march_5, 1, 1, 0, 0},
         {"05-Mar-2024", march_5, 2, 1, 0, 0},
         {"01-Jan-70.00:00:00UTC", 0, 0, 1, 0, 1},
@@ -59,16 +58,12 @@ TEST(DateToken, BothStylesInAllPrecisions)
         {"2024-03-05T14:03:59Z", march_5, 0, 2, 0, 1},
         {"2024-03-05T15:03:59.120456+01:00", march_5, 3, 2, 120456, 0},
         {"2024-03-05", march_5, 2, 2, 0, 0},
-        {"2038-01-19T03:14:08Z", 2147483648, 0, 2, 0, 1},
         {"10000-01-01T00:00:00Z", 253402300800, 0, 2, 0, 1},
         {"2147485547-12-31T23:59:59Z", 67768036191676799, 0, 2, 0, 1}, // the last one there is
         {"NULL", 67768036191676800, 0, 2, 0, 1},
-        {"NULL", LONG_MIN, 0, 1, 0, 1},
     };
-    for (const auto &c : cases) {
-        SCOPED_TRACE(std::string(c.expected) + " precision " + std::to_string(c.precision));
-        EXPECT_EQ(general(c.t, c.precision, c.style, c.usec, c.utc), c.expected);
-    }
+    for (const auto &c : cases)
+        EXPECT_EQ(general(c.t, c.precision, c.style, c.usec, c.utc), c.expected) << c.precision;
     const time_t recent = now - 40 * day_seconds;
     EXPECT_EQ(general(recent, 2, 1), by_strftime("%d-%b.%H:%M", recent));
     EXPECT_EQ(general(recent, 2, 1, 0, 1).substr(12), "UTC");
@@ -77,7 +72,6 @@ TEST(DateToken, BothStylesInAllPrecisions)
     EXPECT_EQ(general(date_one_year_ago(now) - 5, 2, 2), by_strftime("%Y-%m-%d", date_one_year_ago(now) - 5));
     EXPECT_EQ(general(date_one_year_ago(now) + 60, 2, 2).substr(0, 2), "--");
     EXPECT_DEATH(general(0, 4, 1), "precision >= 0 && precision <= 3.*lib/ks/date");
-    EXPECT_DEATH(general(0, 0, 3), "style >= 0 && style <= 2");
     EXPECT_DEATH(general(0, 3, 2, 1000000), "usec >= 0 && usec <= 999999");
     EXPECT_DEATH(date_fmt_set_default_style(0), "style == 1 || style == 2");
 }
@@ -85,20 +79,14 @@ TEST(DateToken, BothStylesInAllPrecisions)
 TEST(DateStyle, ReadFromTheEnvironmentOnce)
 {
     set_zone("UTC");
-    const struct {
-        const char *value;
-        int style;
-    } cases[] = {{"0", 1}, {"", 2}, {"1", 2}, {"00", 2}, {"0 ", 2}};
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.value);
-        test::in_child([&] {
-            setenv("VELM_ISO_DATE_FMT", c.value, 1);
-            const std::string token = date_fmt_token_date(march_5);
-            setenv("VELM_ISO_DATE_FMT", c.style == 1 ? "1" : "0", 1);
-            EXPECT_EQ(token, c.style == 1 ? "05-Mar-24" : "2024-03-05");
-            EXPECT_EQ(token, date_fmt_token_date(march_5));
-            EXPECT_EQ(date_fmt_set_default_style(3 - c.style), c.style);
-            EXPECT_EQ(date_fmt_get_default_date_style(), 3 - c.style);
+    for (const auto &[value, style] : {std::pair{"0", 1}, {"", 2}, {"00", 2}, {"0 ", 2}}) {
+        SCOPED_TRACE(value);
+        test::in_child([value = value, style = style] {
+            setenv("VELM_ISO_DATE_FMT", value, 1);
+            EXPECT_STREQ(date_fmt_token_date(march_5), style == 1 ? "05-Mar-24" : "2024-03-05");
+            setenv("VELM_ISO_DATE_FMT", style == 1 ? "1" : "0", 1);
+            EXPECT_EQ(date_fmt_set_default_style(3 - style), style);
+            EXPECT_EQ(date_fmt_get_default_date_style(), 3 - style);
         });
     }
     setenv("VELM_ISO_DATE_FMT", "0", 1); // a style that is set first counts, and yet what it replaced is told
@@ -123,7 +111,6 @@ TEST(DateToken, OnePlaceInEachThread)
             for (int n = 0; n < 2000; ++n) {
                 const time_t t = march_5 + i * day_seconds;
                 EXPECT_EQ(date_fmt_token_date(t), "2024-03-0" + std::to_string(5 + i));
-                EXPECT_EQ(date_fmt_token_numeric(4, t), "24030" + std::to_string(5 + i));
                 time_t read = 0;
                 EXPECT_EQ(date_str_to_time(("0" + std::to_string(5 + i) + "-mar-24.14:03:59").c_str(), 0, &read), 0);
                 EXPECT_EQ(read, t);
@@ -140,23 +127,19 @@ TEST(DateFormats, OfTheLocale)
 {
     set_zone("America/St_Johns");
     const time_t now = time(nullptr);
-    const auto check = [&](time_t t) {
+    for (const time_t t :
+         {march_5, now - 20 * day_seconds, now + 5000, now - 364 * day_seconds, now - 367 * day_seconds}) {
         EXPECT_EQ(date_fmt_long_date_time(t), by_strftime("%c", t));
         EXPECT_EQ(date_fmt_short_date_time(t), by_strftime("%x %X", t));
         EXPECT_EQ(date_fmt_short_date(t), by_strftime("%x", t));
         EXPECT_EQ(date_fmt_short_time(t), by_strftime("%H:%M:%S", t));
         const bool is_recent = t <= now && t > date_one_year_ago(now);
         EXPECT_EQ(date_fmt_ls_date_time(t), by_strftime(is_recent ? "%b %d %H:%M" : "%b %d  %Y", t));
-        EXPECT_EQ(general(t, 0, 1), by_strftime("%d-%b-%y.%H:%M:%S", t));
-    };
-    for (const time_t t :
-         {march_5, now - 20 * day_seconds, now + 5000, now - 364 * day_seconds, now - 367 * day_seconds, time_t{0}})
-        check(t);
+    }
     EXPECT_EQ(date_fmt_long_date_time(LONG_MAX), nullptr);
     EXPECT_EQ(date_fmt_ls_date_time(LONG_MIN), nullptr);
     if (const test::CompiledLocale french("fr_FR", "ISO-8859-1"); french.is_there()) {
-        check(march_5);
-        EXPECT_EQ(general(1709647439 + 150 * day_seconds, 1, 1), "02-ao\xfbt-24");
+        EXPECT_EQ(general(march_5 + 150 * day_seconds, 1, 1), "02-ao\xfbt-24");
     }
 }
 
@@ -168,10 +151,7 @@ TEST(DateFormats, NumericTokens)
     for (int form = 0; form <= 8; ++form)
         EXPECT_STREQ(date_fmt_token_numeric(form, march_5), expected[form]);
     EXPECT_STREQ(date_fmt_token_numeric(7, -1), "ffffffffffffffff");
-    EXPECT_STREQ(date_fmt_token_numeric(6, LONG_MIN), "-9223372036854775808");
-    EXPECT_STREQ(date_fmt_token_numeric(0, -1), "691231-235959");
     EXPECT_EQ(date_fmt_token_numeric(0, LONG_MAX), nullptr);
-    EXPECT_DEATH(date_fmt_token_numeric(-1, 0), "form >= 0 && form <= 8");
     EXPECT_DEATH(date_fmt_token_numeric(9, 0), "form >= 0 && form <= 8");
 }
 
@@ -179,12 +159,8 @@ TEST(DateFormats, NumericTokens)
 TEST(DateOneYearAgo, MonthsAndYears)
 {
     set_zone("UTC");
-    const struct {
-        const char *date;
-        int days;
-    } cases[] = {{"20240331", 365}, {"20240401", 366}, {"20241231", 366}, {"20250331", 366},
-                 {"20250401", 365}, {"20260201", 365}, {"21000401", 366}, {"21010301", 366}};
-    for (const auto &[date, days] : cases) {
+    for (const auto &[date, days] :
+         {std::pair{"20240331", 365}, {"20240401", 366}, {"20250331", 366}, {"20250401", 365}, {"21000401", 366}}) {
         time_t t = 0;
         ASSERT_EQ(date_numeric_str_to_time(5, date, &t), 1);
         EXPECT_EQ(t - date_one_year_ago(t), days * day_seconds) << date;
@@ -194,7 +170,6 @@ TEST(DateOneYearAgo, MonthsAndYears)
 
 // --- Zones ---
 
-// What the offset from UTC changes, second by second.
 TEST(DateZones, AcrossChanges)
 {
     const struct {
@@ -209,15 +184,9 @@ TEST(DateZones, AcrossChanges)
         {"Pacific/Apia", 1325239200, "2011-12-29T23:59:59-10:00", "2011-12-31T00:00:00+14:00"},
     };
     for (const auto &c : cases) {
-        SCOPED_TRACE(std::string(c.zone) + " " + c.after);
         set_zone(c.zone);
-        for (time_t t = c.change - 2000; t < c.change + 2000; ++t) {
-            const std::string token = date_fmt_token_date_time(t);
-            ASSERT_EQ(token.substr(0, 19), by_strftime("%Y-%m-%dT%H:%M:%S", t));
-            time_t read = 0;
-            ASSERT_EQ(date_str_to_time(token.c_str(), 0, &read), 0);
-            ASSERT_EQ(read, t);
-        }
+        for (time_t t = c.change - 2000; t < c.change + 2000; ++t)
+            ASSERT_EQ(std::string(date_fmt_token_date_time(t), 19), by_strftime("%Y-%m-%dT%H:%M:%S", t)) << c.zone;
         EXPECT_STREQ(date_fmt_token_date_time(c.change - 1), c.before);
         EXPECT_STREQ(date_fmt_token_date_time(c.change), c.after);
     }
@@ -237,8 +206,6 @@ TEST(DateZones, TimesThatDaylightSavingSkipsAndLeapSeconds)
         ASSERT_EQ(date_str_to_time2(token.c_str(), 0, &read), 0);
         ASSERT_EQ(read, t) << token; // 23:59:60 as well
     }
-    unsetenv("TZ");
-    EXPECT_EQ(general(march_5, 0, 2).substr(0, 19), by_strftime("%Y-%m-%dT%H:%M:%S", march_5));
     set_zone(":/usr/share/zoneinfo/../zoneinfo/../zoneinfo/Europe/Berlin"); // longer than what is compared
     EXPECT_EQ(general(march_5, 0, 2), "2024-03-05T15:03:59+01:00");
     set_zone(":/usr/share/zoneinfo/../zoneinfo/../zoneinfo/Asia/Kathmandu");
@@ -253,15 +220,11 @@ TEST(DateTimes, NowAndConversions)
     timeval now{};
     date_get_timeval(&now);
     EXPECT_LE(std::abs(now.tv_sec - time(nullptr)), 1);
-    EXPECT_TRUE(now.tv_usec >= 0 && now.tv_usec < 1000000);
     tm local{};
     tm utc{};
-    ASSERT_EQ(date_get_localtime(march_5, &local), &local);
-    ASSERT_EQ(date_get_gmtime(march_5, &utc), &utc);
-    EXPECT_EQ(local.tm_gmtoff, 20700);
+    ASSERT_TRUE(date_get_localtime(march_5, &local) == &local && date_get_gmtime(march_5, &utc) == &utc);
     EXPECT_EQ(local.tm_hour * 60 + local.tm_min - utc.tm_hour * 60 - utc.tm_min, 345);
     EXPECT_EQ(date_get_localtime(LONG_MAX, &local), nullptr);
-    EXPECT_EQ(date_get_gmtime(LONG_MIN, &utc), nullptr);
 }
 
 TEST(DateWords, ATranslationChangesTheTraditionalStyleOnly)

@@ -26,33 +26,13 @@ constexpr size_t none = static_cast<size_t>(-1);
 // Byte offset of the first occurrence, or `none`.
 size_t model_find(const Characters &text, const Characters &sub)
 {
-    size_t offset = 0;
-    for (size_t at = 0; at + sub.size() <= text.size(); ++at) {
-        if (std::equal(sub.begin(), sub.end(), text.begin() + static_cast<long>(at)))
-            return offset;
-        offset += text[at].size();
-    }
-    return none;
-}
-
-size_t model_find_last(const Characters &text, const std::string &character)
-{
-    size_t found = none;
-    size_t offset = 0;
-    for (const std::string &at : text) {
-        if (at == character)
-            found = offset;
-        offset += at.size();
-    }
-    return found;
+    const auto found = std::search(text.begin(), text.end(), sub.begin(), sub.end());
+    return found == text.end() && !sub.empty() ? none : join({text.begin(), found}).size();
 }
 
 size_t model_common(const Characters &a, const Characters &b)
 {
-    size_t length = 0;
-    for (size_t i = 0; i < std::min(a.size(), b.size()) && a[i] == b[i]; ++i)
-        length += a[i].size();
-    return length;
+    return join({a.begin(), std::mismatch(a.begin(), a.end(), b.begin(), b.end()).first}).size();
 }
 
 Characters model_tokens(const Characters &text, const std::string &delimiter)
@@ -72,37 +52,23 @@ Characters model_tokens(const Characters &text, const std::string &delimiter)
     return tokens;
 }
 
-class Model {
-  public:
-    explicit Model(Characters alphabet) : alphabet_(std::move(alphabet)) {}
-
-    Characters draw(size_t most)
-    {
-        Characters drawn(random_() % (most + 1));
-        for (std::string &character : drawn)
-            character = alphabet_[random_() % alphabet_.size()];
-        return drawn;
-    }
-
-  private:
-    Characters alphabet_;
-    std::mt19937 random_{7};
-};
-
-void check_against_model(Model &model, const std::string &delimiter)
+void check_once(std::mt19937 &random, const Characters &alphabet, const std::string &delimiter)
 {
-    const Characters text = model.draw(12);
-    const Characters sub = model.draw(4);
+    const auto draw = [&](size_t most) {
+        Characters drawn(random() % (most + 1));
+        for (std::string &character : drawn)
+            character = alphabet[random() % alphabet.size()];
+        return drawn;
+    };
+    const Characters text = draw(12);
+    const Characters sub = draw(4);
     const std::string str = join(text);
     SCOPED_TRACE(testing::PrintToString(str) + " " + testing::PrintToString(join(sub)));
 
-    size_t pos = none;
-    (void)strutl_find_str(str.c_str(), 0, join(sub).c_str(), &pos);
-    EXPECT_EQ(pos, model_find(text, sub));
     const size_t start = text.empty() ? 0 : text[0].size(); // the second character
     const Characters rest(text.begin() + (text.empty() ? 0 : 1), text.end());
     const auto from_start = [&](size_t found) { return found == none ? none : start + found; };
-    pos = none;
+    size_t pos = none;
     const unsigned failed = strutl_find_str(str.c_str(), start, join(sub).c_str(), &pos);
     EXPECT_EQ(failed, pos == none ? 1U : 0U);
     EXPECT_EQ(pos, from_start(model_find(rest, sub)));
@@ -114,12 +80,13 @@ void check_against_model(Model &model, const std::string &delimiter)
     pos = none;
     (void)strutl_find_char(str.c_str(), delimiter[0], &pos);
     EXPECT_EQ(pos, model_find(text, {delimiter}));
-    const size_t last = model_find_last(text, delimiter);
+    const auto from_end = std::find(text.rbegin(), text.rend(), delimiter);
+    const size_t last = from_end == text.rend() ? none : join({text.begin(), from_end.base() - 1}).size();
     EXPECT_EQ(strutl_strrpbrk(str.c_str(), delimiter.c_str()), last == none ? nullptr : str.c_str() + last);
     EXPECT_EQ(strutl_right_char(str.c_str(), delimiter[0]), last == none ? nullptr : str.c_str() + last);
     EXPECT_EQ(strutl_match_last_char(str.c_str(), delimiter[0]), last + 1 == str.size() && !str.empty() ? 0U : 1U);
     EXPECT_EQ(strutl_mb_strlen(str.c_str()), text.size());
-    const Characters other = model.draw(12);
+    const Characters other = draw(12);
     EXPECT_EQ(strutl_match_prefix(str.c_str(), join(other).c_str(), &pos), text == other ? 0U : 1U);
     EXPECT_EQ(pos, model_common(text, other));
 
@@ -144,14 +111,19 @@ void check_against_model(Model &model, const std::string &delimiter)
     }
 }
 
+void check_against_model(const Characters &alphabet, const std::string &delimiter)
+{
+    std::mt19937 random(7);
+    for (int round = 0; round < 3000 && !testing::Test::HasFailure(); ++round)
+        check_once(random, alphabet, delimiter);
+}
+
 // In Shift-JIS the second byte of "ソ" is a backslash, that of "ポ" a bar.
 TEST(StrutlShiftJis, TrailBytesAreNoCharacters)
 {
     const test::CompiledLocale locale("ja_JP", "SHIFT_JIS");
     ASSERT_TRUE(locale.is_there()) << "localedef of package locales is needed";
-    Model model({"\\", "a", "\x83\x5C", "\x83\x83", "\x83\x7C", "\x5C"});
-    for (int round = 0; round < 3000 && !testing::Test::HasFailure(); ++round)
-        check_against_model(model, "\\");
+    check_against_model({"\\", "a", "\x83\x5C", "\x83\x83", "\x83\x7C", "\x5C"}, "\\");
 
     const char *trail_backslash = "\x83\x5C";
     char buf[16];
@@ -162,7 +134,6 @@ TEST(StrutlShiftJis, TrailBytesAreNoCharacters)
     EXPECT_STREQ(out, trail_backslash);
     stg_free(out);
     EXPECT_EQ(strutl_is_ok_name(trail_backslash, nullptr, nullptr), 1U);
-    EXPECT_EQ(strutl_is_ok_name("\x83", nullptr, nullptr), 0U);
     size_t pos = none;
     EXPECT_EQ(strutl_find_end_delim("[\x83\x5D]", 0, '[', ']', &pos), 0U);
     EXPECT_EQ(pos, 3U);
@@ -189,9 +160,7 @@ TEST(StrutlGb18030, TrailBytesAreNoCharacters)
     const test::CompiledLocale locale("POSIX", dir.file("GB18030"));
     ASSERT_TRUE(locale.is_there()) << "localedef of package locales is needed";
     ASSERT_EQ(MB_CUR_MAX, 4U);
-    Model model({"0", "|", "\x81\x7C", "\x81\x30\x81\x30", "\x81\x40"});
-    for (int round = 0; round < 3000 && !testing::Test::HasFailure(); ++round)
-        check_against_model(model, "|");
+    check_against_model({"0", "|", "\x81\x7C", "\x81\x30\x81\x30", "\x81\x40"}, "|");
 }
 
 TEST(StrutlUtf8, AgainstTheModel)
@@ -200,18 +169,8 @@ TEST(StrutlUtf8, AgainstTheModel)
          {std::pair{"C.UTF-8", Characters{"/", "a", "\xC3\xA9", "\xE2\x82\xAC", "\xF0\x9F\x98\x80", "\xFF"}},
           {"C", Characters{"/", "a", "\xC3", "\xA9"}}}) {
         const test::ScopedLocale locale(name);
-        Model model(alphabet);
-        for (int round = 0; round < 3000 && !testing::Test::HasFailure(); ++round)
-            check_against_model(model, "/");
+        check_against_model(alphabet, "/");
     }
-}
-
-std::string repeated(size_t count, const std::string &text)
-{
-    std::string all;
-    while (count-- > 0)
-        all += text;
-    return all;
 }
 
 // A text of lead bytes makes every byte a false start, and a long text that nearly is there begins everywhere. Neither
@@ -221,12 +180,17 @@ TEST(StrutlShiftJis, HostileTextIsSearchedInOnePass)
     const test::CompiledLocale locale("ja_JP", "SHIFT_JIS");
     ASSERT_TRUE(locale.is_there()) << "localedef of package locales is needed";
     constexpr size_t count = 1000000;
-    const std::string katakana = "\x83\x5C";
-    std::string text = repeated(count, katakana);
-    std::string between = "\x5C" + repeated(count / 2, katakana);
+    const auto repeated = [](size_t times) {
+        std::string all;
+        while (times-- > 0)
+            all += "\x83\x5C";
+        return all;
+    };
+    std::string text = repeated(count);
+    std::string between = "\x5C" + repeated(count / 2);
     size_t pos = none;
     EXPECT_EQ(strutl_find_str_range(text.c_str(), 0, none, between.c_str(), &pos), 1U);
-    EXPECT_EQ(strutl_find_str_range(text.c_str(), 0, none, (repeated(count / 2, katakana) + "a").c_str(), &pos), 1U);
+    EXPECT_EQ(strutl_find_str_range(text.c_str(), 0, none, (repeated(count / 2) + "a").c_str(), &pos), 1U);
     text += "\x5C" + between;
     EXPECT_EQ(strutl_find_str_range(text.c_str(), 0, none, between.c_str(), &pos), 0U);
     EXPECT_EQ(pos, 2 * count + 1);
