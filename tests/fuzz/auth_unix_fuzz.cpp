@@ -1,21 +1,9 @@
 // Credentials of AUTH_UNIX from strangers, read in place, and by fields where the body lies askew: both as the
 // platform's.
 #include "fuzz/fuzz_support.h"
+#include "rpc/wire/connection.h"
 
 #include <korvaks/auth.h>
-
-namespace {
-
-std::string encoded(const void *parms)
-{
-    char bytes[KS_MAX_AUTH_BYTES];
-    XDR xdrs;
-    xdrmem_create(&xdrs, bytes, sizeof bytes, XDR_ENCODE);
-    FUZZ_REQUIRE(xdr_authunix_parms(&xdrs, static_cast<authunix_parms *>(const_cast<void *>(parms))) != FALSE);
-    return {bytes, xdr_getpos(&xdrs)};
-}
-
-} // namespace
 
 FUZZ_TARGET(input)
 {
@@ -34,7 +22,8 @@ FUZZ_TARGET(input)
         const std::uint64_t refused = ks_svc_auth_refused();
         FUZZ_REQUIRE(_ks_authenticate(&request, &message) == (is_good ? AUTH_OK : AUTH_BADCRED));
         FUZZ_REQUIRE(ks_svc_auth_refused() - refused == (is_good ? 0 : 1));
-        FUZZ_REQUIRE(!is_good || encoded(cooked.get()) == encoded(&expected));
-        xdr_free(reinterpret_cast<xdrproc_t>(xdr_authunix_parms), &expected);
+        auto &parms = *reinterpret_cast<authunix_parms *>(cooked.get());
+        FUZZ_REQUIRE(!is_good || test::encode(xdr_authunix_parms, parms) == test::encode(xdr_authunix_parms, expected));
+        test::release(xdr_authunix_parms, expected);
     }
 }
