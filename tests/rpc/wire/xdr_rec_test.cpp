@@ -62,29 +62,6 @@ TEST(RecordStream, RecordsOnTheWire)
     EXPECT_FALSE(stream.put(1) || stream.put("x") || ks_xdrrec_endofrecord(&stream, TRUE));
 }
 
-// The platform's routines over both streams write the same bytes, in the same fragments.
-TEST(RecordStream, ThePlatformAgrees)
-{
-    for (u_int size = 0; size < 300; size += 3) {
-        Connection connections[2];
-        for (const bool is_ours : {false, true}) {
-            XDR stream;
-            (is_ours ? ks_xdrrec_create : xdrrec_create)(&stream, 100, 100, &connections[is_ours], Connection::read,
-                                                         Connection::write);
-            stream.x_op = XDR_ENCODE;
-            int64_t hyper = -3;
-            std::string bytes(size, 'x');
-            for (char *text = bytes.data(); hyper < 0; ++hyper) {
-                ASSERT_TRUE((is_ours ? xdr_ks_int64_t : xdr_hyper)(&stream, &hyper) &&
-                            xdr_bytes(&stream, &text, &size, ~0u));
-                ASSERT_TRUE((is_ours ? ks_xdrrec_endofrecord : xdrrec_endofrecord)(&stream, hyper == -1));
-            }
-            XDR_DESTROY(&stream);
-        }
-        ASSERT_EQ(connections[0].writes, connections[1].writes) << size;
-    }
-}
-
 // A record in fragments of odd lengths, an empty one, and one that is passed over.
 TEST(RecordStream, RecordsAreReadAndPassedOver)
 {
