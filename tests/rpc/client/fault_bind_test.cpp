@@ -131,7 +131,7 @@ TEST(RpcBind, WhatCannotBeAskedIsTold)
 TEST(RpcBind, ARaiseEndsTheSearch)
 {
     const auto udp = transport(IPPROTO_UDP, false);
-    const Binder binder(udp);
+    const test::PeerProcess binder([&] { return std::make_unique<Binder>(udp); });
     test::in_child([&] {
         (void)ks_system_init();
         (void)kill(getpid(), SIGINT);

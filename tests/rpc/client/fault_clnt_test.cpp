@@ -107,13 +107,14 @@ TEST(FaultClnt, CreatesCallsAndEnds)
 TEST(FaultClnt, AFloodEndsAtTheDeadline)
 {
     bool is_first = true; // the peer's
-    RawPeer peer(AF_INET, SOCK_DGRAM, [&is_first](RawPeer::Link &link, const std::string &bytes) {
+    const RawPeer::Script flood = [&is_first](RawPeer::Link &link, const std::string &bytes) {
         const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(is_first ? 600 : 0);
         while (std::chrono::steady_clock::now() < end && link.reply("ab") && link.reply("abcdefgh")) {
         }
         is_first = false;
         link.reply(test::reply_to(bytes, {1, 0, 0, 0, 0}));
-    });
+    };
+    const test::PeerProcess peer([&] { return std::make_unique<RawPeer>(AF_INET, SOCK_DGRAM, flood); });
     test::in_child([port = peer.port()] {
         const test::ClientOwner owner = test::make_client("udp", port);
         const auto fd = static_cast<int>(test::control(owner, CLGET_FD));

@@ -141,6 +141,8 @@ class RawPeer {
         : type_(type), script_(std::move(script)), socket_(open_loopback(family, type, port)),
           thread_([this] { run(); })
     {
+        std::unique_lock lock(mutex_); // a fork in the middle of a thread's start is none that a sanitizer survives
+        changed_.wait(lock, [this] { return has_begun_; });
     }
 
     ~RawPeer()
@@ -165,6 +167,11 @@ class RawPeer {
   private:
     void run()
     {
+        {
+            const std::lock_guard lock(mutex_);
+            has_begun_ = true;
+        }
+        changed_.notify_all();
         if (type_ == SOCK_DGRAM) {
             Link link(*this, socket_.get());
             std::string call;
@@ -197,6 +204,7 @@ class RawPeer {
     std::mutex mutex_;
     std::condition_variable changed_;
     std::vector<std::string> calls_; // guarded by mutex_
+    bool has_begun_ = false;         // guarded by mutex_
     Descriptor socket_;
     std::thread thread_; // the last one: it uses all others
 };
