@@ -358,16 +358,32 @@ FRONT(int, openat, int directory, const char *path, int flags, ...)
     return NEXT(openat)(directory, path, flags, mode);
 }
 
-FRONT(ssize_t, read, int fd, void *buffer, size_t size)
+namespace {
+
+// A transfer that is refused, or short. `transfer` makes one of so many bytes.
+template <typename Transfer> ssize_t disturbed_read(Call call, int fd, size_t size, Transfer transfer)
 {
-    const int answer = answer_for_transfer(Call::read, fd, size);
+    const int answer = answer_for_transfer(call, fd, size);
     if (answer > 0)
         return fail(answer);
     if (answer == answer_end)
         return 0;
-    if (answer == answer_short && size > 1)
-        size = 1;
-    return NEXT(read)(fd, buffer, size);
+    return transfer(answer == answer_short && size > 1 ? 1 : size);
+}
+
+template <typename Transfer> ssize_t disturbed_write(Call call, int fd, size_t size, Transfer transfer)
+{
+    const int answer = answer_for_transfer(call, fd, size);
+    if (answer > 0)
+        return fail(answer);
+    return transfer(answer == answer_short && size > 1 ? part_of(size) : size);
+}
+
+} // namespace
+
+FRONT(ssize_t, read, int fd, void *buffer, size_t size)
+{
+    return disturbed_read(Call::read, fd, size, [=](size_t part) { return NEXT(read)(fd, buffer, part); });
 }
 
 FRONT(ssize_t, __read_chk, int fd, void *buffer, size_t size, size_t)
@@ -377,12 +393,7 @@ FRONT(ssize_t, __read_chk, int fd, void *buffer, size_t size, size_t)
 
 FRONT(ssize_t, write, int fd, const void *data, size_t size)
 {
-    const int answer = answer_for_transfer(Call::write, fd, size);
-    if (answer > 0)
-        return fail(answer);
-    if (answer == answer_short && size > 1)
-        size = part_of(size);
-    return NEXT(write)(fd, data, size);
+    return disturbed_write(Call::write, fd, size, [=](size_t part) { return NEXT(write)(fd, data, part); });
 }
 
 FRONT(int, close, int fd)
@@ -456,12 +467,8 @@ FRONT(int, connect, int fd, const sockaddr *address, socklen_t size)
 
 FRONT(ssize_t, sendto, int fd, const void *data, size_t size, int flags, const sockaddr *to, socklen_t to_size)
 {
-    const int answer = answer_for_transfer(Call::transfer, fd, size);
-    if (answer > 0)
-        return fail(answer);
-    if (answer == answer_short && size > 1)
-        size = part_of(size);
-    return NEXT(sendto)(fd, data, size, flags, to, to_size);
+    return disturbed_write(Call::transfer, fd, size,
+                           [=](size_t part) { return NEXT(sendto)(fd, data, part, flags, to, to_size); });
 }
 
 FRONT(ssize_t, send, int fd, const void *data, size_t size, int flags)
@@ -472,14 +479,8 @@ FRONT(ssize_t, send, int fd, const void *data, size_t size, int flags)
 // The end is there, or the rest of a datagram is lost.
 FRONT(ssize_t, recvfrom, int fd, void *buffer, size_t size, int flags, sockaddr *from, socklen_t *from_size)
 {
-    const int answer = answer_for_transfer(Call::transfer, fd, size);
-    if (answer > 0)
-        return fail(answer);
-    if (answer == answer_end)
-        return 0;
-    if (answer == answer_short && size > 1)
-        size = 1;
-    return NEXT(recvfrom)(fd, buffer, size, flags, from, from_size);
+    return disturbed_read(Call::transfer, fd, size,
+                          [=](size_t part) { return NEXT(recvfrom)(fd, buffer, part, flags, from, from_size); });
 }
 
 FRONT(ssize_t, recv, int fd, void *buffer, size_t size, int flags)
