@@ -14,6 +14,7 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <pthread.h>
 #include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -102,6 +103,37 @@ void report(Failures &failures)
     if (size > 0)
         ADD_FAILURE() << "in a child:\n" << std::string(failures.text, size);
 }
+
+#ifdef __SANITIZE_ADDRESS__
+// Whether no other thread of this process is on the processor or wants it.
+bool others_rest()
+{
+    const std::string self = std::to_string(gettid());
+    std::error_code error;
+    for (const auto &task : std::filesystem::directory_iterator("/proc/self/task", error)) {
+        std::string stat;
+        std::getline(std::ifstream(task.path() / "stat"), stat);
+        const std::size_t name_end = stat.rfind(')');
+        if (task.path().filename() != self && name_end != stat.npos && stat.compare(name_end, 3, ") R") == 0)
+            return false;
+    }
+    return true;
+}
+
+// The locks of the address sanitizer, of its allocator above all, are not let go in the child of a fork. A thread that
+// sleeps has none of them, so a fork waits for that, though not without end.
+extern "C" void rest_before_fork()
+{
+    const int saved = errno;
+    constexpr int tries = 200;
+    constexpr useconds_t pause_us = 100;
+    for (int i = 0; i < tries && !others_rest(); ++i)
+        usleep(pause_us);
+    errno = saved;
+}
+
+[[maybe_unused]] const int registered = pthread_atfork(rest_before_fork, nullptr, nullptr);
+#endif
 
 } // namespace
 
