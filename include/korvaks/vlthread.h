@@ -38,7 +38,7 @@ extern "C" {
 #endif
 
 #if defined(__GLIBC__) && !defined(__USE_UNIX98) && !defined(__USE_XOPEN2K)
-/* Strict C without a feature macro: the platform has the type and does not name it. */
+/* Strict C without a feature macro: the platform has the type and does not name it (nor its initialiser). */
 typedef union {
     struct __pthread_rwlock_arch_t __data;
     char __size[__SIZEOF_PTHREAD_RWLOCK_T];
@@ -115,6 +115,9 @@ typedef struct vlthread_rwlock {
     uint32_t fork_generation; /**< private: under which generation of forks it was last used */
     vlthread_t writer;
 } vlthread_rwlock_t;
+
+/** A free, counted read/write lock. It need not be destroyed. */
+#define VLTHREAD_RWLOCK_INITIALIZER {PTHREAD_RWLOCK_INITIALIZER, VLTHREAD_RAISE_COUNTED, 0, 0}
 
 /** Runs in a fork: `kind` is the argument of vlthread_fork(). */
 typedef void (*vlthread_fork_fn)(int kind);

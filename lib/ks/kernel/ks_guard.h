@@ -5,6 +5,8 @@
 // protect().
 #pragma once
 
+#include "kernel/ks_locks.h"
+
 #include <korvaks/pfm.h>
 #include <korvaks/vlthread.h>
 
@@ -25,6 +27,73 @@ class LockGuard {
 
   private:
     vlthread_mutex_t &mutex_;
+};
+
+// Checks, in debug builds, that a lock without an order class of its own is taken in the order of all others, and that
+// those taken under it are: a mutex of its level, which no other thread knows, is held beside it.
+class OrderMark {
+#ifdef NDEBUG
+  public:
+    explicit OrderMark(LockLevel) {}
+#else
+  public:
+    explicit OrderMark(LockLevel level)
+    {
+        (void)vlthread_mutex_init_full(&mark_, 0, level, 0, lock_order()); // has no other kind of failure
+        (void)vlthread_mutex_lock(&mark_);
+    }
+    ~OrderMark()
+    {
+        (void)vlthread_mutex_unlock(&mark_);
+        (void)vlthread_mutex_destroy(&mark_);
+    }
+    OrderMark(const OrderMark &) = delete;
+    OrderMark &operator=(const OrderMark &) = delete;
+
+  private:
+    vlthread_mutex_t mark_;
+#endif
+};
+
+// Hold a process-wide read/write lock, as LockGuard does a counted mutex.
+class ReadGuard {
+  public:
+    explicit ReadGuard(OrderedRwlock &lock)
+        : mark_(lock.level), rwlock_(lock.rwlock), is_taken_(vlthread_rwlock_rdlock(&rwlock_) == 0)
+    {
+    }
+    ~ReadGuard()
+    {
+        if (is_taken_)
+            (void)vlthread_rwlock_unlock(&rwlock_);
+    }
+    ReadGuard(const ReadGuard &) = delete;
+    ReadGuard &operator=(const ReadGuard &) = delete;
+
+  private:
+    [[no_unique_address]] OrderMark mark_;
+    vlthread_rwlock_t &rwlock_;
+    bool is_taken_; // not by a thread that writes under it already
+};
+
+class WriteGuard {
+  public:
+    explicit WriteGuard(OrderedRwlock &lock)
+        : mark_(lock.level), rwlock_(lock.rwlock), is_taken_(vlthread_rwlock_wrlock(&rwlock_) == 0)
+    {
+    }
+    ~WriteGuard()
+    {
+        if (is_taken_)
+            (void)vlthread_rwlock_unlock(&rwlock_);
+    }
+    WriteGuard(const WriteGuard &) = delete;
+    WriteGuard &operator=(const WriteGuard &) = delete;
+
+  private:
+    [[no_unique_address]] OrderMark mark_;
+    vlthread_rwlock_t &rwlock_;
+    bool is_taken_; // not by a thread that writes under it already
 };
 
 // Holds cancellation of the calling thread off: pthread_cancel() waits.

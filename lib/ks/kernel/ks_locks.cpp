@@ -38,13 +38,15 @@ consteval vlthread_mutex_t lock_at(LockLevel level, int32_t raise_mode)
 } // namespace
 
 #define KS_DEFINE_LOCK(name, raise_mode) constinit vlthread_mutex_t name = lock_at(lock_level_##name, raise_mode);
-#define KS_NO_LOCK(name)
-KS_LOCK_ORDER(KS_DEFINE_LOCK, KS_NO_LOCK)
+#define KS_DEFINE_RWLOCK(name) constinit OrderedRwlock name{VLTHREAD_RWLOCK_INITIALIZER, lock_level_##name};
+#define KS_NO_LOCK(...)
+KS_LOCK_ORDER(KS_DEFINE_LOCK, KS_DEFINE_RWLOCK, KS_NO_LOCK)
 
 namespace {
 
-#define KS_LOCK_ADDRESS(name, raise_mode) &name,
-constexpr std::array process_lock_table{KS_LOCK_ORDER(KS_LOCK_ADDRESS, KS_NO_LOCK)};
+#define KS_LOCK_ADDRESS(name, ...) &name,
+constexpr std::array process_lock_table{KS_LOCK_ORDER(KS_LOCK_ADDRESS, KS_NO_LOCK, KS_NO_LOCK)};
+constexpr std::array process_rwlock_table{KS_LOCK_ORDER(KS_NO_LOCK, KS_LOCK_ADDRESS, KS_NO_LOCK)};
 
 } // namespace
 
@@ -56,6 +58,11 @@ vlthread_order_class *lock_order()
 std::span<vlthread_mutex_t *const> process_locks()
 {
     return process_lock_table;
+}
+
+std::span<OrderedRwlock *const> process_rwlocks()
+{
+    return process_rwlock_table;
 }
 
 } // namespace ks

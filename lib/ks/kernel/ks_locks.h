@@ -11,11 +11,12 @@
 
 #include <korvaks/vlthread.h>
 
+#include <cstdint>
 #include <span>
 
-// LOCK(name, raise mode) is a lock. PLACE(name) is a place in the order for locks that are not
-// process-wide.
-#define KS_LOCK_ORDER(LOCK, PLACE)                                                                                     \
+// LOCK(name, raise mode) is a mutex, RWLOCK(name) a read/write lock, counted. PLACE(name) is a place in the order for
+// locks that are not process-wide.
+#define KS_LOCK_ORDER(LOCK, RWLOCK, PLACE)                                                                             \
     /* The library critical section; its recursion count is the depth. The attached thread holds it for long   */      \
     /* stretches, so a fork does not wait for it.                                                               */     \
     LOCK(vlthread_critical_section_mutex, VLTHREAD_RAISE_COUNTED)                                                      \
@@ -37,6 +38,20 @@
     /* either.                                                                                                  */     \
     LOCK(clp_collectdatas_crit, VLTHREAD_RAISE_COUNTED)                                                                \
     LOCK(clp_collectdatai_crit, VLTHREAD_RAISE_COUNTED)                                                                \
+    /* The queue of transports that wait for a worker, and the decision of a worker that there are none. A worker */   \
+    /* takes it holding nothing else.                                                                           */     \
+    LOCK(ks_svc_main_thread_wait_lock, VLTHREAD_RAISE_COUNTED)                                                         \
+    /* Which programs are served. A fork does not wait for it: the list is whole at any moment, and who unregisters */ \
+    /* what is not registered keeps it.                                                                         */     \
+    RWLOCK(ks_svc_lock)                                                                                                \
+    /* Which transports are registered, and which descriptors are selected on.                                  */     \
+    RWLOCK(ks_svc_fd_lock)                                                                                             \
+    /* Which workers are idle and which are busy.                                                               */     \
+    RWLOCK(ks_svc_thread_lock)                                                                                         \
+    /* What one worker is told.                                                                                 */     \
+    PLACE(svc_worker)                                                                                                  \
+    /* Whether the server's main thread has to be woken, and was.                                               */     \
+    RWLOCK(ks_svc_pipe_lock)                                                                                           \
     /* Children: the living, the reaped, deaths nobody announced and threads that wait for one.                 */     \
     LOCK(rt_proc_crit, VLTHREAD_RAISE_COUNTED)                                                                         \
     /* Timed events, descriptor handlers, and the flags of the loop.                                            */     \
@@ -62,21 +77,31 @@
 
 namespace ks {
 
-#define KS_DECLARE_LOCK(name, raise_mode) extern vlthread_mutex_t name;
-#define KS_NO_LOCK(name)
-KS_LOCK_ORDER(KS_DECLARE_LOCK, KS_NO_LOCK)
-#undef KS_DECLARE_LOCK
-#undef KS_NO_LOCK
-
 // Places in the order, and the class that checks them; NULL where nothing is checked.
 enum LockLevel : int16_t {
 #define KS_LOCK_LEVEL(name, ...) lock_level_##name,
-    KS_LOCK_ORDER(KS_LOCK_LEVEL, KS_LOCK_LEVEL)
+    KS_LOCK_ORDER(KS_LOCK_LEVEL, KS_LOCK_LEVEL, KS_LOCK_LEVEL)
 #undef KS_LOCK_LEVEL
 };
 vlthread_order_class *lock_order();
 
-// All of them, in order.
+// A read/write lock with its place. Under one of them no process-wide mutex is taken, and nothing is waited for.
+struct OrderedRwlock {
+    vlthread_rwlock_t rwlock;
+    LockLevel level;
+};
+
+#define KS_DECLARE_LOCK(name, raise_mode) extern vlthread_mutex_t name;
+#define KS_DECLARE_RWLOCK(name) extern OrderedRwlock name;
+#define KS_NO_LOCK(name)
+KS_LOCK_ORDER(KS_DECLARE_LOCK, KS_DECLARE_RWLOCK, KS_NO_LOCK)
+#undef KS_DECLARE_LOCK
+#undef KS_DECLARE_RWLOCK
+#undef KS_NO_LOCK
+
+// All mutexes, in order.
 std::span<vlthread_mutex_t *const> process_locks();
+// All read/write locks, in order.
+std::span<OrderedRwlock *const> process_rwlocks();
 
 } // namespace ks

@@ -28,6 +28,11 @@ bool is_left_alone(const vlthread_mutex_t *lock)
     return lock == &vlthread_critical_section_mutex || lock == &rt_proc_fork_crit || lock == &ks_authsvc_lock;
 }
 
+bool is_left_alone(const OrderedRwlock *lock)
+{
+    return lock == &ks_svc_lock;
+}
+
 // The locks that a fork takes one by one: the first is waited for with the gate open, and the thread layer's
 // own come last.
 bool is_taken_under_gate(const vlthread_mutex_t *lock)
@@ -92,6 +97,21 @@ bool take_locks(const timespec *patience)
     return true;
 }
 
+// Whoever holds one needs nothing that is held by now to give it back.
+void take_rwlocks()
+{
+    for (OrderedRwlock *lock : process_rwlocks())
+        if (!is_left_alone(lock))
+            (void)vlthread_rwlock_wrlock(&lock->rwlock);
+}
+
+void release_rwlocks()
+{
+    for (OrderedRwlock *lock : process_rwlocks())
+        if (!is_left_alone(lock))
+            (void)vlthread_rwlock_unlock(&lock->rwlock); // taken before
+}
+
 // With every lock held, the threads inside areas need nothing but the processor to leave.
 void wait_until_areas_are_left()
 {
@@ -109,6 +129,7 @@ bool try_to_hold(const timespec *patience)
     fork_gate.store(ForkGate::pending, std::memory_order_release);
     vlthread_set_mode(vlthread_mode_fork_pending);
     if (take_locks(patience)) {
+        take_rwlocks();
         hold_fault_blocks();
         wait_until_areas_are_left();
         return true;
@@ -171,6 +192,7 @@ void hold_library()
 void release_library()
 {
     release_fault_blocks();
+    release_rwlocks();
     release_first(process_locks());
     open_gate();
     (void)vlthread_mutex_unlock(&pfm_crit); // held since hold_library()
