@@ -78,6 +78,16 @@ void release_section(void *section)
 
 namespace ks::clnt {
 
+bool is_valid(const timeval &span)
+{
+    return span.tv_sec >= -1 && span.tv_sec <= 100'000'000 && span.tv_usec >= -1 && span.tv_usec <= 1'000'000;
+}
+
+bool is_zero(const timeval &span)
+{
+    return after(0, span) == 0;
+}
+
 uint32_t header_word(const Client &client, std::size_t at)
 {
     static_assert(std::endian::native == std::endian::little);

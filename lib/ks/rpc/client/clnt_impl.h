@@ -1,9 +1,10 @@
-// Private to the clients: what both transports share, and how they wait.
+// Private to the clients: what both transports share.
 #pragma once
 
 #include "base/ks_base.h"
 #include "kernel/vlthread_renew.h"
 #include "rpc/wire/rpc_platform.h"
+#include "rpc/wire/rpc_wait.h"
 
 #include <korvaks/clnt.h>
 
@@ -22,25 +23,16 @@ constexpr std::size_t xid_at = 0;
 constexpr std::size_t program_at = 12;
 constexpr std::size_t version_at = 16;
 
-// A moment of CLOCK_MONOTONIC, in nanoseconds.
-using Moment = int64_t;
-Moment now();
-// `span` is within the limits of is_valid(); a negative one counts as none.
-Moment after(Moment start, const timeval &span);
-inline Moment seconds_after(Moment start, time_t seconds)
-{
-    return after(start, timeval{seconds, 0});
-}
+using rpc::after;
+using rpc::Moment;
+using rpc::now;
+using rpc::seconds_after;
+using rpc::wait_for;
+using rpc::Waited;
 
 // Kept exactly: seconds from -1 to 100000000, microseconds from -1 to 1000000.
 bool is_valid(const timeval &span);
 bool is_zero(const timeval &span);
-
-enum class Waited { ready, timed_out, interrupted, failed };
-
-// Waits for a socket with the mutex of a handle held. Interrupted: a raise is pending for the attached thread, and
-// nothing but that mutex holds it off. Failed: errno says why. The revents of poll(2) are stored when it is ready.
-[[nodiscard]] Waited wait_for(int fd, short events, Moment deadline, short *out_revents = nullptr);
 
 // What both kinds of client have. The handle is first, so that one block holds all.
 struct Client {

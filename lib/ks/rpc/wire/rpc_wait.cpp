@@ -1,10 +1,14 @@
-// Time, and waiting for a server, which a raise of the attached thread ends.
-#include "rpc/client/clnt_impl.h"
+// Time, and waiting for a peer, which a raise of the attached thread ends.
+#include "rpc/wire/rpc_wait.h"
+
+#include "kernel/kernel.h"
 
 #include <korvaks/pfm.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <climits>
+#include <ctime>
 
 #include <poll.h>
 
@@ -25,7 +29,7 @@ bool must_end()
 }
 
 // Rounded up, so that nobody polls for nothing just before the end.
-int ms_until(ks::clnt::Moment deadline, ks::clnt::Moment moment)
+int ms_until(ks::rpc::Moment deadline, ks::rpc::Moment moment)
 {
     const int64_t left = std::max<int64_t>(deadline - moment, 0);
     return static_cast<int>(std::min<int64_t>((left + ns_per_ms - 1) / ns_per_ms, INT_MAX));
@@ -33,7 +37,7 @@ int ms_until(ks::clnt::Moment deadline, ks::clnt::Moment moment)
 
 } // namespace
 
-namespace ks::clnt {
+namespace ks::rpc {
 
 Moment now()
 {
@@ -45,16 +49,6 @@ Moment now()
 Moment after(Moment start, const timeval &span)
 {
     return start + std::max<int64_t>(span.tv_sec * ns_per_s + span.tv_usec * ns_per_us, 0);
-}
-
-bool is_valid(const timeval &span)
-{
-    return span.tv_sec >= -1 && span.tv_sec <= 100'000'000 && span.tv_usec >= -1 && span.tv_usec <= 1'000'000;
-}
-
-bool is_zero(const timeval &span)
-{
-    return after(0, span) == 0;
 }
 
 Waited wait_for(int fd, short events, Moment deadline, short *out_revents)
@@ -83,4 +77,4 @@ Waited wait_for(int fd, short events, Moment deadline, short *out_revents)
     }
 }
 
-} // namespace ks::clnt
+} // namespace ks::rpc
