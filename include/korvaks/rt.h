@@ -372,6 +372,28 @@ KS_API void rt_wait(const struct timeval *timeout);
 KS_API void rt_shutdown(void);
 
 /**
+ * Sets up the RPC server's worker threads (svc.h), once, for a program that runs this loop: a program uses this or
+ * ks_svc_run(), not both.
+ *
+ * @param count  workers, 1 or more; 0: none, calls are served by the loop's own thread
+ * @return 0; 1 for a count below 0, and when the server was set up before (with a message: "Unable to set multithread
+ *         mode"). Threads that cannot be had end the process (assertion "ks_svc_setup_threads()").
+ *
+ * Threads: any. Raises: in the message.
+ */
+KS_API int rt_set_worker_threads(int count);
+
+/**
+ * Tells how many workers the RPC server has, or is to have.
+ *
+ * @param out_count  0 in single-threaded mode
+ * @return 0; 1 when it cannot be told, with a message.
+ *
+ * Threads: any. Raises: in the message.
+ */
+KS_API int rt_get_worker_threads(int *out_count);
+
+/**
  * Reads the runtime's counters.
  * @param out_counters  filled; not NULL
  * Threads: any; each counter is whole, not all of the same moment. Raises: no.

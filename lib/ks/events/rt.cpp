@@ -3,6 +3,7 @@
 
 #include "base/msg_port.h"
 #include "events/children.h"
+#include "events/rt_started.h"
 
 #include <korvaks/imsg.h>
 
@@ -28,6 +29,11 @@ extern "C" void rt_fork_child(int)
 } // namespace
 
 } // namespace ks::rt
+
+bool ks::rt_has_started()
+{
+    return rt::state.is_inited.load(std::memory_order_acquire);
+}
 
 extern "C" {
 

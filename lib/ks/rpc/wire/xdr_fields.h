@@ -99,8 +99,19 @@ constexpr u_int padding_of(u_int count)
     return -count % BYTES_PER_XDR_UNIT;
 }
 
-// Whether the record that ks_xdrrec_skiprecord() went to has not begun to arrive. Skipping once more would pass over it.
+// Whether the record that ks_xdrrec_skiprecord() went to has not begun to arrive. Skipping once more would pass over
+// it.
 bool is_record_unbegun(const XDR *xdrs);
+
+// Whether bytes as they came from a connection begin with a record that is whole and of one fragment.
+bool is_whole_record(const char *bytes, std::size_t size);
+// Whether such a record is in the buffer behind the one that is being decoded. For a stream that blocks.
+bool holds_next_record(const XDR *xdrs);
+// Writes the records that were ended but not sent, when there are any and no further one was begun: false when they
+// could not be written.
+bool send_ended_records(XDR *xdrs);
+// Takes back what was encoded of the current record; false when a part of it was sent already.
+bool drop_record(XDR *xdrs);
 
 // Bytes and their padding: xdr_opaque().
 bool put_opaque(XDR *xdrs, const void *bytes, u_int count);

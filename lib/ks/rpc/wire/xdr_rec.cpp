@@ -30,16 +30,22 @@ void finish_header(const RecordStream &stream, uint32_t last_bit)
     store_word(stream.frag_header, length | last_bit);
 }
 
-// Writes the buffer, in which the current fragment is the last thing. After a failure it stays as it is.
-bool flush(RecordStream &stream, uint32_t last_bit)
+// Writes the buffer up to `end`, behind which nothing is to be kept. After a failure it stays as it is.
+bool write_out(RecordStream &stream, const char *end)
 {
-    finish_header(stream, last_bit);
-    const auto size = static_cast<int>(stream.out_finger - stream.out_base);
+    const auto size = static_cast<int>(end - stream.out_base);
     if (stream.writeit(stream.tcp_handle, stream.out_base, size) != size)
         return false;
     stream.frag_header = stream.out_base;
     stream.out_finger = stream.out_base + header_bytes;
     return true;
+}
+
+// Writes the buffer, in which the current fragment is the last thing.
+bool flush(RecordStream &stream, uint32_t last_bit)
+{
+    finish_header(stream, last_bit);
+    return write_out(stream, stream.out_finger);
 }
 
 bool flush_fragment(RecordStream &stream)
@@ -138,8 +144,8 @@ bool refill(RecordStream &stream)
     return true;
 }
 
-// Reads the next fragment's header, behind the end of the one before. What has arrived of it is kept when the connection
-// has no more for now: a client whose call times out there goes on with it in the next one.
+// Reads the next fragment's header, behind the end of the one before. What has arrived of it is kept when the
+// connection has no more for now: a client whose call times out there goes on with it in the next one.
 bool next_fragment(RecordStream &stream)
 {
     while (stream.in_hdrlen < header_bytes) {
@@ -352,6 +358,39 @@ int read_some(const RecordStream &stream, char *to, std::size_t room)
 bool ks::xdr::is_record_unbegun(const XDR *xdrs)
 {
     return stream_of(xdrs).in_unbegun;
+}
+
+bool ks::xdr::is_whole_record(const char *bytes, std::size_t size)
+{
+    if (size < header_bytes)
+        return false;
+    const uint32_t word = load_word(bytes);
+    return (word & ks::rec::last_fragment) != 0 && (word & ~ks::rec::last_fragment) <= size - header_bytes;
+}
+
+bool ks::xdr::holds_next_record(const XDR *xdrs)
+{
+    const RecordStream &stream = stream_of(xdrs);
+    return stream.in_beyond == 0 && stream.last_frag &&
+           is_whole_record(stream.in_limit, static_cast<std::size_t>(stream.in_boundry - stream.in_limit));
+}
+
+bool ks::xdr::send_ended_records(XDR *xdrs)
+{
+    RecordStream &stream = stream_of(xdrs);
+    const bool is_another_begun = stream.out_finger != stream.frag_header + header_bytes;
+    if (stream.frag_header == stream.out_base || is_another_begun)
+        return true;
+    return write_out(stream, stream.frag_header);
+}
+
+bool ks::xdr::drop_record(XDR *xdrs)
+{
+    RecordStream &stream = stream_of(xdrs);
+    if (stream.frag_sent)
+        return false;
+    stream.out_finger = stream.frag_header + header_bytes;
+    return true;
 }
 
 extern "C" {
