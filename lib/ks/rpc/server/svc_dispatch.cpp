@@ -58,11 +58,20 @@ bool serve_one(Transport &transport, const Registration &registration)
 
 void serve_inline(Transport &transport, Transport *&current)
 {
+    if (transport.is_served) { // by a routine that serves others meanwhile
+        transport.is_passed_over = true;
+        deselect(transport);
+        return release(transport);
+    }
     Transport *outer = std::exchange(current, &transport);
+    transport.is_served = true;
     bool is_kept = false;
-    while (serve_turn(transport) && !is_kept)
+    while (!is_kept && serve_turn(transport))
         is_kept = serve_later(transport);
     current = outer;
+    transport.is_served = false;
+    if (std::exchange(transport.is_passed_over, false))
+        select_again(transport);
     if (!is_kept)
         release(transport);
 }
@@ -76,7 +85,7 @@ template <typename Work> void serve_alone(Transport &transport, Work work)
         work();
     });
     if (status != 0)
-        pass_on(status, &transport);
+        return pass_on(status, &transport);
     release(transport);
 }
 
@@ -96,21 +105,20 @@ template <typename Work> void serve_on_main_thread(Work work)
         pass_on(status, served);
 }
 
-// A call of a datagram socket is read here, so that the socket goes on being selected on. Where every worker is busy it
-// stays unread.
+// A call of a datagram socket is read here, so that the socket goes on being selected on. Where every worker is busy,
+// or memory is short, it stays unread, and a worker gets the transport itself.
 void hand_over_datagram(Transport &transport)
 {
-    if (!has_idle_worker()) {
+    Transport *clone = has_idle_worker() ? make_clone(transport) : nullptr;
+    if (clone == nullptr) {
         deselect(transport);
         hand_over(transport);
         return;
     }
-    if (Transport *clone = make_clone(transport)) {
-        if (clone->handle.ops->recv(handle_of(*clone), held_call(*clone)) != FALSE)
-            hand_over(*clone);
-        else
-            release(*clone);
-    }
+    if (clone->handle.ops->recv(handle_of(*clone), held_call(*clone)) != FALSE)
+        hand_over(*clone);
+    else
+        release(*clone);
     release(transport);
 }
 
@@ -178,6 +186,7 @@ void abandon_call(Transport &transport)
     if (transport.kind->is_connection || is_clone(transport)) {
         end_served(transport);
     } else {
+        transport.is_served = false;
         transport.handle.reply_in_progress = 0;
         transport.handle.pending_reply = nullptr;
         select_again(transport);
@@ -196,7 +205,6 @@ void pass_on(int32_t status, Transport *served)
         abandon_call(*served);
     end_serving();
     pfm_raise(status);
-    __builtin_unreachable(); // of a thread that takes raises
 }
 
 void serve_set(const ks_fd_set &ready)

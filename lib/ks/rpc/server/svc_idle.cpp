@@ -34,7 +34,8 @@ bool may_be_closed(const Sweep &sweep, const Transport &transport)
 
 void end_idle(Sweep &sweep, Transport &transport)
 {
-    end_transport_unlocked(transport);
+    if (!end_transport_unlocked(transport))
+        return;
     transport.next_ready = sweep.ended;
     sweep.ended = &transport;
     count(counters.connections_idled);

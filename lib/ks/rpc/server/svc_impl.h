@@ -57,6 +57,8 @@ struct Transport {
     uint32_t holds;        // atomic
     bool is_ended;         // atomic: destroyed; the first hold is given back
     bool is_paused;        // atomic: a listener that waits for a descriptor
+    bool is_served;        // by the main thread, whose these are
+    bool is_passed_over;   // ready again in the middle of that
     Transport *next_ready; // in the queue for workers
     sockaddr_storage local;
     sockaddr_storage remote;
@@ -102,8 +104,9 @@ void release(Transport &transport);
 void end_transport(Transport &transport);
 // The same by whoever serves it.
 void end_served(Transport &transport);
-// The table's lock is held and nobody serves it: out of the table, and the caller gives the hold back behind the lock.
-void end_transport_unlocked(Transport &transport);
+// The table's lock is held and nobody serves it: out of the table, and the caller gives the first hold back behind the
+// lock. False when somebody else is about to.
+[[nodiscard]] bool end_transport_unlocked(Transport &transport);
 
 // --- svc_table.cpp ---
 
@@ -179,8 +182,8 @@ extern constinit Transport *served_by_main_thread;
 void serve_set(const ks_fd_set &ready);
 // The same for a connection with calls in memory; takes over the caller's hold.
 void serve_leftover(Transport &transport);
-// A raise has left the serving of the main thread, and goes on.
-[[noreturn]] void pass_on(int32_t status, Transport *served);
+// A raise has left the serving of a transport, or of none, and goes on.
+void pass_on(int32_t status, Transport *served);
 
 // --- svc_vc.cpp ---
 

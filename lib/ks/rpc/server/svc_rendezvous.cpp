@@ -119,9 +119,10 @@ bool take_newcomer(Rendezvous &listener)
     socklen_t size = 0;
     const int fd = accept_one(listener, remote, size, limit > 0);
     if (fd < 0) {
-        if (means_exhaustion(errno))
-            pause_listener(listener, errno);
-        return errno == ECONNABORTED;
+        const int error = errno;
+        if (means_exhaustion(error))
+            pause_listener(listener, error);
+        return error == ECONNABORTED;
     }
     count(counters.connections_accepted);
     Transport *newcomer = make_newcomer(listener, fd, limit);

@@ -133,10 +133,12 @@ void end_served(Transport &transport)
     release(transport);
 }
 
-void end_transport_unlocked(Transport &transport)
+bool end_transport_unlocked(Transport &transport)
 {
-    __atomic_store_n(&transport.is_ended, true, __ATOMIC_RELEASE);
+    if (__atomic_exchange_n(&transport.is_ended, true, __ATOMIC_ACQ_REL))
+        return false;
     __ks_xprt_unregister_unlocked(handle_of(transport));
+    return true;
 }
 
 } // namespace ks::svc
