@@ -1,11 +1,12 @@
 // The number of the server's workers, for programs that run the event loop.
+#include "base/ks_base.h"
 #include "base/msg_port.h"
-#include "rpc/server/svc_impl.h"
 
 #include "events/rt_msg.h"
 
 #include <korvaks/imsg.h>
 #include <korvaks/rt.h>
+#include <korvaks/svc.h>
 
 namespace {
 
