@@ -72,10 +72,11 @@ bool arm(int fd)
     epoll_event event{};
     event.events = read_events | (is_once ? uint32_t{EPOLLONESHOT} : 0);
     event.data.u64 = static_cast<uint64_t>(fd) | (is_once ? once_bit : 0);
-    if (!tell_kernel(fd, event))
-        return false;
-    set_armed(fd);
-    return true;
+    set_armed(fd); // first: the main thread may have taken it away again before this one goes on
+    if (tell_kernel(fd, event))
+        return true;
+    clear_armed(fd);
+    return false;
 }
 
 void disarm(int fd)
