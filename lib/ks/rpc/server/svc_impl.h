@@ -227,8 +227,9 @@ void resume_when_due();
 
 extern constinit std::atomic<bool> is_multi_threaded; // with workers, or after their end
 extern constinit std::atomic<bool> is_ending;
-// Gives a transport, which is held for it, to a worker, or puts it into the queue for the next one that is idle.
+// Puts a transport, which is held for it, into the queue for workers, and wakes one where that is needed.
 void hand_over(Transport &transport);
+// Whether a worker is idle for whom nothing is queued.
 [[nodiscard]] bool has_idle_worker();
 // Whether others wait for a worker.
 [[nodiscard]] bool is_anybody_queued();

@@ -1,5 +1,9 @@
 // The workers: a fixed pool of threads that serve what the main thread finds ready.
 //
+// What is ready goes through a queue. One idle worker at a time is on its way to it: when it has taken something, and
+// more is there, it wakes the next one. So all of them are at work as soon as there is enough of it, and a worker that
+// is done at once takes what another would have been woken for.
+//
 // A worker holds raises off for its whole life, and for itself alone, so that a stop signal still stops the process. A
 // routine that leaves by a raise ends there and costs its connection; one that ends the thread costs the connection
 // too, and another worker takes the place.
@@ -20,14 +24,13 @@ constinit std::atomic<bool> is_ending{false};
 
 namespace {
 
-enum Command : int { wait_command = 0, serve_command = 1, exit_command = 2 };
+enum Command : int { wait_command = 0, work_command = 1, exit_command = 2 };
 
 struct Worker {
     Worker *next; // in the list that it is on; guarded by ks_svc_thread_lock
     vlthread_cond_t wake;
     vlthread_mutex_t mutex; // guards what it is told:
     int command;
-    Transport *handed;
     vlthread_t thread;
     Transport *served;   // its own
     bool is_of_a_parent; // its thread has forked, and is the child's only one
@@ -43,6 +46,7 @@ constinit Worker *ks_svc_working_threads = nullptr; // busy; guarded by ks_svc_t
 // Guarded by ks_svc_main_thread_wait_lock.
 constinit Transport *queue_first = nullptr; // ready, with no worker for them
 constinit Transport *queue_last = nullptr;
+constinit bool is_one_on_its_way = false;  // a worker that was idle, to the queue
 constinit Worker *ended_threads = nullptr; // to be joined
 constinit int living_count = 0;
 constinit vlthread_cond_t ks_svc_main_thread_wait_event = VLTHREAD_COND_INITIALIZER; // one has ended
@@ -79,12 +83,11 @@ Worker *take_idle()
     return worker;
 }
 
-void tell(Worker &worker, Command command, Transport *handed)
+void tell(Worker &worker, Command command)
 {
     {
         const ks::LockGuard lock(worker.mutex);
         worker.command = command;
-        worker.handed = handed;
     }
     (void)pthread_cond_signal(&worker.wake); // cannot fail
 }
@@ -112,20 +115,30 @@ Transport *take_from_queue()
     return first;
 }
 
+// The worker to be told to go to the queue, by the caller behind the lock; NULL when none is needed, or there is none.
+Worker *choose_next()
+{
+    if (queue_first == nullptr || is_one_on_its_way)
+        return nullptr;
+    const ks::WriteGuard lock(ks::ks_svc_thread_lock);
+    Worker *worker = take_idle();
+    is_one_on_its_way = worker != nullptr;
+    return worker;
+}
+
 // --- A worker's life ---
 
 enum class Step { serve, wait, leave };
 
-// Has the worker go on with what is queued, or be idle.
-Step settle(Worker &worker)
+// Under ks_svc_main_thread_wait_lock.
+Step choose_step(Worker &worker)
 {
-    const ks::LockGuard lock(ks::ks_svc_main_thread_wait_lock);
     if (is_ending.load(std::memory_order_relaxed) || worker.is_of_a_parent)
         return Step::leave;
     worker.served = take_from_queue();
     if (worker.served != nullptr)
         return Step::serve;
-    const ks::WriteGuard list_lock(ks::ks_svc_thread_lock);
+    const ks::WriteGuard lock(ks::ks_svc_thread_lock);
     if (!unlink_from(ks_svc_working_threads, worker))
         return Step::leave;
     worker.command = wait_command;
@@ -133,14 +146,30 @@ Step settle(Worker &worker)
     return Step::wait;
 }
 
-// What the worker is told to serve next; false when it is to end.
-bool wait_for_transport(Worker &worker)
+// Has the worker go on with what is queued, or be idle.
+Step settle(Worker &worker, bool was_on_its_way)
+{
+    Step step = Step::leave;
+    Worker *next = nullptr;
+    {
+        const ks::LockGuard lock(ks::ks_svc_main_thread_wait_lock);
+        if (was_on_its_way)
+            is_one_on_its_way = false;
+        step = choose_step(worker);
+        next = choose_next();
+    }
+    if (next != nullptr)
+        tell(*next, work_command);
+    return step;
+}
+
+// False when it is to end.
+bool wait_for_work(Worker &worker)
 {
     const ks::LockGuard lock(worker.mutex);
     while (worker.command == wait_command)
         (void)vlthread_cond_wait(&worker.wake, &worker.mutex); // always 0
-    worker.served = std::exchange(worker.handed, nullptr);
-    return worker.command == serve_command;
+    return worker.command == work_command;
 }
 
 // Serves it, and gives it back to the main thread, or to the queue behind those that wait.
@@ -163,11 +192,13 @@ void serve(Worker &worker)
 
 void work(Worker &worker)
 {
-    for (;;) {
-        const Step step = settle(worker);
-        if (step == Step::leave || (step == Step::wait && !wait_for_transport(worker)))
+    for (bool was_on_its_way = false;;) {
+        const Step step = settle(worker, was_on_its_way);
+        was_on_its_way = step == Step::wait;
+        if (step == Step::leave || (was_on_its_way && !wait_for_work(worker)))
             return;
-        serve(worker);
+        if (step == Step::serve)
+            serve(worker);
     }
 }
 
@@ -278,7 +309,7 @@ void dismiss_idle()
         }
         if (worker == nullptr)
             return;
-        tell(*worker, exit_command, nullptr);
+        tell(*worker, exit_command);
     }
 }
 
@@ -354,7 +385,11 @@ int end_pool(int timeout_ms)
 bool has_idle_worker()
 {
     const ks::ReadGuard lock(ks::ks_svc_thread_lock);
-    return ks_svc_waiting_threads != nullptr;
+    uint64_t queued = queued_count.load(std::memory_order_relaxed);
+    const Worker *idle = ks_svc_waiting_threads;
+    for (; idle != nullptr && queued > 0; --queued)
+        idle = idle->next;
+    return idle != nullptr;
 }
 
 bool is_anybody_queued()
@@ -365,25 +400,18 @@ bool is_anybody_queued()
 void hand_over(Transport &transport)
 {
     Worker *worker = nullptr;
-    {
-        const ks::WriteGuard lock(ks::ks_svc_thread_lock);
-        worker = take_idle();
-    }
     bool is_dropped = false;
-    if (worker == nullptr) {
-        // A worker decides under this lock that there is nothing to do.
+    {
         const ks::LockGuard lock(ks::ks_svc_main_thread_wait_lock);
         is_dropped = is_ending.load(std::memory_order_relaxed);
         if (!is_dropped) {
-            const ks::WriteGuard list_lock(ks::ks_svc_thread_lock);
-            worker = take_idle();
-        }
-        if (!is_dropped && worker == nullptr)
             append_to_queue(transport);
+            worker = choose_next();
+        }
     }
     if (worker != nullptr)
-        tell(*worker, serve_command, &transport);
-    else if (is_dropped)
+        tell(*worker, work_command);
+    if (is_dropped)
         release(transport);
 }
 
@@ -454,6 +482,7 @@ InheritedPool drop_inherited_pool()
     while (Transport *transport = take_from_queue())
         release(*transport);
     living_count = 0;
+    is_one_on_its_way = false;
     ks_svc_main_thread_wait_event = VLTHREAD_COND_INITIALIZER;
     waiting_writers = 0;
     is_multi_threaded = false;
