@@ -211,7 +211,7 @@ extern "C" bool_t ks_svc_dg_control(SVCXPRT *xprt, u_int request, void *info);
 constexpr Kind datagram_kind =
     kind_of({ks_svc_dg_recv, ks_svc_dg_stat, ks_svc_dg_getargs, ks_svc_dg_reply, ks_svc_dg_reply_get_xdrs,
              ks_svc_dg_reply_finish, ks_svc_dg_freeargs, ks_svc_dg_destroy, ks_svc_dg_control},
-            false, false, dispose_datagram);
+            Serving::as_clone, false, dispose_datagram);
 
 // The buffer lies behind it in the same block. NULL on exhaustion.
 Datagram *make_datagram(uint32_t size)
@@ -254,11 +254,6 @@ Transport *make_clone(Transport &transport)
 bool is_clone(Transport &transport)
 {
     return transport.kind == &datagram_kind && static_cast<Datagram &>(transport).held != nullptr;
-}
-
-bool is_datagram(const Transport &transport)
-{
-    return transport.kind == &datagram_kind;
 }
 
 rpc_msg *held_call(Transport &clone)

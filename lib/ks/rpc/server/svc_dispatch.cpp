@@ -128,12 +128,12 @@ void serve_ready(Transport &transport)
     if (is_ending.load(std::memory_order_acquire)) {
         deselect(transport);
         release(transport);
-    } else if (is_update_pipe(transport)) {
-        release(transport);                                              // it lives as long as the process
+    } else if (transport.kind->serving == Serving::inline_by_main_thread) {
         (void)transport.handle.ops->recv(handle_of(transport), nullptr); // brings no call
+        release(transport);
     } else if (!is_multi_threaded.load(std::memory_order_acquire)) {
         serve_inline(transport, served_by_main_thread);
-    } else if (is_datagram(transport)) {
+    } else if (transport.kind->serving == Serving::as_clone) {
         hand_over_datagram(transport);
     } else {
         deselect(transport);

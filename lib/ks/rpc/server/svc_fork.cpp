@@ -31,6 +31,7 @@ extern "C" void svc_fork_child(int kind)
         return;
     const InheritedPool pool = drop_inherited_pool();
     drop_inherited_pipe();
+    drop_inherited_backlogs();
     settle_table(pool);
 }
 

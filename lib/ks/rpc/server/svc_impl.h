@@ -33,20 +33,27 @@ struct Transport;
 using PlatformOps = std::remove_const_t<std::remove_pointer_t<decltype(SVCXPRT::xp_ops)>>;
 using PlatformControl = std::remove_const_t<std::remove_pointer_t<decltype(SVCXPRT::xp_ops2)>>;
 
+// Who serves a transport that is ready.
+enum class Serving {
+    inline_by_main_thread, // also where there are workers
+    by_worker,             // which gets the transport itself
+    as_clone,              // by a worker, which gets a copy with one call
+};
+
 // What all transports of a kind have in common.
 struct Kind {
     ks_svc_ops ops; // this library's table, and the platform's, which its macros use
     PlatformOps platform;
     PlatformControl control;
-    bool is_handed_over; // a worker gets the transport itself; else it is served by the main thread, or cloned
+    Serving serving;
     bool is_connection;
     void (*dispose)(Transport &); // closes and frees all of it
 };
 
-consteval Kind kind_of(const ks_svc_ops &own, bool handed_over, bool connection, void (*dispose)(Transport &))
+consteval Kind kind_of(const ks_svc_ops &own, Serving serving, bool connection, void (*dispose)(Transport &))
 {
     return {own,           {own.recv, own.stat, own.getargs, own.reply, own.freeargs, own.destroy},
-            {own.control}, handed_over,
+            {own.control}, serving,
             connection,    dispose};
 }
 
@@ -67,6 +74,22 @@ struct Transport {
     char netid[8];
     char device[32];
 };
+
+// The operations of a transport that never brings a call (svc_transport.cpp has the rest of them).
+extern "C" {
+xprt_stat no_call_stat(SVCXPRT *xprt);
+bool_t no_call_getargs(SVCXPRT *xprt, xdrproc_t xdr_args, void *args);
+bool_t no_call_reply(SVCXPRT *xprt, rpc_msg *msg);
+XDR *no_call_get_xdrs(SVCXPRT *xprt);
+bool_t no_call_reply_finish(SVCXPRT *xprt);
+}
+consteval ks_svc_ops without_calls(bool_t (*recv)(SVCXPRT *, rpc_msg *), void (*destroy)(SVCXPRT *),
+                                   bool_t (*control)(SVCXPRT *, u_int, void *))
+{
+    return {
+        recv,    no_call_stat, no_call_getargs, no_call_reply, no_call_get_xdrs, no_call_reply_finish, no_call_getargs,
+        destroy, control};
+}
 
 inline Transport &transport_of(SVCXPRT *xprt)
 {
@@ -205,6 +228,28 @@ struct Idleness {
 // A moment of CLOCK_MONOTONIC_COARSE in microseconds.
 int64_t now_us();
 
+// --- svc_backlog.cpp ---
+
+// What a connection's peer has not taken yet; all zero when it has taken everything.
+struct Backlog {
+    char *bytes;
+    std::size_t begin;
+    std::size_t end;
+    std::size_t room;
+    int64_t give_up_at_us;
+    Transport *next;
+};
+[[nodiscard]] Backlog &backlog_of(Transport &connection); // svc_vc.cpp
+[[nodiscard]] const Backlog &backlog_of(const Transport &connection);
+[[nodiscard]] bool is_stuck(const Transport &connection);
+// Keeps bytes behind those that are kept, to be sent when the peer reads. False, and nothing is kept, where workers
+// wait for slow peers, and when it is too much.
+[[nodiscard]] bool keep_unsent(Transport &connection, const char *bytes, std::size_t size);
+// Hands out what is kept, whose bytes the caller frees.
+void take_backlog(Transport &connection, Backlog &out_backlog);
+void drain_backlogs();
+void drop_inherited_backlogs();
+
 // --- svc_rendezvous.cpp ---
 
 // The record limit of listeners to come; 0: none.
@@ -217,7 +262,6 @@ void resume_when_due();
 
 // --- svc_dg.cpp ---
 
-[[nodiscard]] bool is_datagram(const Transport &transport);
 [[nodiscard]] bool is_clone(Transport &transport);
 // A transport for one call of a datagram transport, with a buffer of its own, held once; NULL when memory is short.
 [[nodiscard]] Transport *make_clone(Transport &transport);
@@ -266,7 +310,6 @@ InheritedPool drop_inherited_pool();
 
 // Multi-threaded mode: made, or the process ends.
 void require_update_pipe();
-[[nodiscard]] bool is_update_pipe(const Transport &transport);
 // Wakes the main thread, if it waits or is about to. Under ks_svc_fd_lock.
 void wake_main_thread(const Transport *selected);
 // The main thread serves, and must not be woken; it looks at the set again.

@@ -65,36 +65,6 @@ extern "C" bool_t update_select_request(SVCXPRT *xprt, rpc_msg *)
     return FALSE;
 }
 
-extern "C" xprt_stat update_select_stat(SVCXPRT *)
-{
-    return XPRT_IDLE;
-}
-
-extern "C" bool_t update_select_getargs(SVCXPRT *, xdrproc_t, void *)
-{
-    return FALSE;
-}
-
-extern "C" bool_t update_select_reply(SVCXPRT *, rpc_msg *)
-{
-    return FALSE;
-}
-
-extern "C" XDR *update_select_reply_get_xdrs(SVCXPRT *)
-{
-    return nullptr;
-}
-
-extern "C" bool_t update_select_reply_finish(SVCXPRT *)
-{
-    return FALSE;
-}
-
-extern "C" bool_t update_select_freeargs(SVCXPRT *, xdrproc_t, void *)
-{
-    return FALSE;
-}
-
 extern "C" void update_select_destroy(SVCXPRT *xprt)
 {
     end_transport(transport_of(xprt));
@@ -112,10 +82,8 @@ void dispose_pipe(Transport &transport)
     std::free(&transport);
 }
 
-constexpr Kind pipe_kind = kind_of({update_select_request, update_select_stat, update_select_getargs,
-                                    update_select_reply, update_select_reply_get_xdrs, update_select_reply_finish,
-                                    update_select_freeargs, update_select_destroy, nullptr},
-                                   false, false, dispose_pipe);
+constexpr Kind pipe_kind = kind_of(without_calls(update_select_request, update_select_destroy, nullptr),
+                                   Serving::inline_by_main_thread, false, dispose_pipe);
 
 enum class Made { yes, no_pipe, no_memory, not_registered };
 
@@ -162,11 +130,6 @@ void require_update_pipe()
         break;
     }
     std::abort();
-}
-
-bool is_update_pipe(const Transport &transport)
-{
-    return transport.kind == &pipe_kind;
 }
 
 void wake_main_thread(const Transport *selected)

@@ -149,38 +149,6 @@ extern "C" bool_t ks_rendezvous_request(SVCXPRT *xprt, rpc_msg *)
     return FALSE;
 }
 
-// --- The rest is nobody's ---
-
-extern "C" xprt_stat ks_rendezvous_stat(SVCXPRT *)
-{
-    return XPRT_IDLE;
-}
-
-extern "C" bool_t ks_rendezvous_getargs(SVCXPRT *, xdrproc_t, void *)
-{
-    return FALSE;
-}
-
-extern "C" bool_t ks_rendezvous_reply(SVCXPRT *, rpc_msg *)
-{
-    return FALSE;
-}
-
-extern "C" XDR *ks_rendezvous_reply_get_xdrs(SVCXPRT *)
-{
-    return nullptr;
-}
-
-extern "C" bool_t ks_rendezvous_reply_finish(SVCXPRT *)
-{
-    return FALSE;
-}
-
-extern "C" bool_t ks_rendezvous_freeargs(SVCXPRT *, xdrproc_t, void *)
-{
-    return FALSE;
-}
-
 extern "C" bool_t ks_svc_vc_rendezvous_control(SVCXPRT *xprt, u_int request, void *info)
 {
     constexpr u_int get_limit = 3;
@@ -210,10 +178,9 @@ void dispose_listener(Transport &transport)
     std::free(&transport);
 }
 
-constexpr Kind listener_kind = kind_of({ks_rendezvous_request, ks_rendezvous_stat, ks_rendezvous_getargs,
-                                        ks_rendezvous_reply, ks_rendezvous_reply_get_xdrs, ks_rendezvous_reply_finish,
-                                        ks_rendezvous_freeargs, destroy_listener, ks_svc_vc_rendezvous_control},
-                                       true, false, dispose_listener);
+constexpr Kind listener_kind =
+    kind_of(without_calls(ks_rendezvous_request, destroy_listener, ks_svc_vc_rendezvous_control), Serving::by_worker,
+            false, dispose_listener);
 
 Transport *fail(Rendezvous *listener, const char *message)
 {

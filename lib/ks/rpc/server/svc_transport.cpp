@@ -133,6 +133,34 @@ void end_served(Transport &transport)
     release(transport);
 }
 
+extern "C" {
+
+xprt_stat no_call_stat(SVCXPRT *)
+{
+    return XPRT_IDLE;
+}
+
+bool_t no_call_getargs(SVCXPRT *, xdrproc_t, void *)
+{
+    return FALSE;
+}
+
+bool_t no_call_reply(SVCXPRT *, rpc_msg *)
+{
+    return FALSE;
+}
+
+XDR *no_call_get_xdrs(SVCXPRT *)
+{
+    return nullptr;
+}
+
+bool_t no_call_reply_finish(SVCXPRT *)
+{
+    return FALSE;
+}
+}
+
 bool end_transport_unlocked(Transport &transport)
 {
     if (__atomic_exchange_n(&transport.is_ended, true, __ATOMIC_ACQ_REL))

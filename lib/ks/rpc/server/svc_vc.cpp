@@ -32,6 +32,7 @@ struct Connection : Transport {
     bool has_failed;    // reading or writing has, or the peer has ended it
     bool may_have_more; // the last look has not shown that everything was read
     int64_t last_read_us;
+    Backlog backlog;         // of one with a record limit, and without workers
     std::size_t ahead_begin; // what was read ahead and is not assembled yet
     std::size_t ahead_end;
     char ahead[]; // of a connection with a record limit
@@ -143,23 +144,52 @@ bool wait_to_write(Connection &connection, ks::rpc::Moment &end)
     return seat.is_granted() && ks::rpc::wait_for(fd_of(connection), POLLOUT, end) == ks::rpc::Waited::ready;
 }
 
-int ks_write_vc(void *handle, void *buffer, int size)
+// Sends, waits for the peer where what is left cannot be kept, and goes on.
+bool write_all(Connection &connection, const char *bytes, std::size_t left)
 {
-    auto &connection = *static_cast<Connection *>(handle);
-    const auto *bytes = static_cast<const char *>(buffer);
     ks::rpc::Moment end = 0; // of patience, which begins with the first wait
-    for (std::size_t left = static_cast<std::size_t>(size); left > 0;) {
+    while (left > 0) {
         const ssize_t count = send(fd_of(connection), bytes, left, MSG_DONTWAIT | MSG_NOSIGNAL);
         if (count >= 0) {
             bytes += count;
             left -= static_cast<std::size_t>(count);
         } else if (!is_passing(errno)) {
-            return fail(connection);
-        } else if (errno != EINTR && !wait_to_write(connection, end)) {
-            return die_of_silence(connection);
+            (void)fail(connection);
+            return false;
+        } else if (errno != EINTR) {
+            if (connection.is_limited && keep_unsent(connection, bytes, left))
+                return true;
+            if (!wait_to_write(connection, end)) {
+                (void)die_of_silence(connection);
+                return false;
+            }
         }
     }
-    return size;
+    return true;
+}
+
+// Waits until the peer has taken what was kept for it, which has become too much.
+bool write_backlog(Connection &connection)
+{
+    Backlog backlog;
+    take_backlog(connection, backlog);
+    const bool is_sent = write_all(connection, backlog.bytes + backlog.begin, backlog.end - backlog.begin);
+    std::free(backlog.bytes);
+    return is_sent;
+}
+
+int ks_write_vc(void *handle, void *buffer, int size)
+{
+    auto &connection = *static_cast<Connection *>(handle);
+    const auto *bytes = static_cast<const char *>(buffer);
+    const auto count = static_cast<std::size_t>(size);
+    if (is_stuck(connection)) {
+        if (keep_unsent(connection, bytes, count))
+            return size;
+        if (!write_backlog(connection))
+            return -1;
+    }
+    return write_all(connection, bytes, count) ? size : -1;
 }
 
 // --- Calls ---
@@ -212,6 +242,8 @@ extern "C" bool_t ks_svc_vc_recv(SVCXPRT *xprt, rpc_msg *msg)
 
 bool has_more(Connection &connection)
 {
+    if (is_stuck(connection))
+        return false;
     if (connection.is_limited)
         return connection.may_have_more || connection.ahead_begin != connection.ahead_end;
     return ks_xdrrec_eof(&connection.stream) == FALSE;
@@ -302,6 +334,7 @@ void dispose_connection(Transport &transport)
 {
     auto &connection = static_cast<Connection &>(transport);
     close_socket(connection);
+    std::free(connection.backlog.bytes);
     XDR_DESTROY(&connection.stream);
     std::free(&connection);
 }
@@ -309,7 +342,7 @@ void dispose_connection(Transport &transport)
 constexpr Kind connection_kind =
     kind_of({ks_svc_vc_recv, ks_svc_vc_stat, ks_svc_vc_getargs, ks_svc_vc_reply, ks_svc_vc_reply_get_xdrs,
              ks_svc_vc_reply_finish, ks_svc_vc_freeargs, ks_svc_vc_destroy, ks_svc_vc_control},
-            true, true, dispose_connection);
+            Serving::by_worker, true, dispose_connection);
 
 } // namespace
 
@@ -347,6 +380,8 @@ bool send_held_replies(Transport &transport)
 bool has_input_in_memory(const Transport &transport)
 {
     const auto &connection = static_cast<const Connection &>(transport);
+    if (is_stuck(connection))
+        return false;
     return connection.is_limited ? connection.ahead_begin != connection.ahead_end
                                  : ks::xdr::holds_next_record(&connection.stream);
 }
@@ -357,6 +392,16 @@ void drop_reply(Transport &transport)
     connection.handle.reply_in_progress = 0;
     if (!ks::xdr::drop_record(&connection.stream))
         connection.status = XPRT_DIED; // what was sent of it would be taken for a part of the next
+}
+
+Backlog &backlog_of(Transport &transport)
+{
+    return static_cast<Connection &>(transport).backlog;
+}
+
+const Backlog &backlog_of(const Transport &transport)
+{
+    return static_cast<const Connection &>(transport).backlog;
 }
 
 Idleness idleness_of(const Transport &transport)

@@ -50,7 +50,8 @@ void clear_armed(int fd)
 bool is_served_by_workers(int fd)
 {
     const Transport *transport = __ks_svc_xports != nullptr ? __ks_svc_xports[fd].transport : nullptr;
-    return transport != nullptr && transport->kind->is_handed_over && is_multi_threaded.load(std::memory_order_relaxed);
+    return transport != nullptr && transport->kind->serving == Serving::by_worker &&
+           is_multi_threaded.load(std::memory_order_relaxed);
 }
 
 // A number that another file has taken is none that the kernel knows, and the other way round.
