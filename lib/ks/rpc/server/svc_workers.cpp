@@ -85,10 +85,8 @@ Worker *take_idle()
 
 void tell(Worker &worker, Command command)
 {
-    {
-        const ks::LockGuard lock(worker.mutex);
-        worker.command = command;
-    }
+    const ks::LockGuard lock(worker.mutex); // one that is told may end, and its record with it
+    worker.command = command;
     (void)pthread_cond_signal(&worker.wake); // cannot fail
 }
 
