@@ -1,4 +1,5 @@
-// Datagrams: one transport for a socket. Where workers serve, each call is read by the main thread into a clone.
+// Datagrams: one transport for a socket. Where workers serve, each call is read by the main thread into a clone; else
+// several are read at once, and served in their order in the same turn.
 //
 // A call is decoded no further than its datagram goes: behind it the buffer holds what others have sent before. A reply
 // leaves from the address that its call came to.
@@ -35,15 +36,27 @@ struct Destination {
     alignas(cmsghdr) char bytes[CMSG_SPACE(sizeof(in6_pktinfo))];
 };
 
+// What was read at once, each with a buffer of its own behind the record.
+struct Arrivals {
+    static constexpr unsigned count_max = 8;
+    mmsghdr messages[count_max];
+    iovec rooms[count_max];
+    sockaddr_storage remotes[count_max];
+    Destination destinations[count_max];
+    unsigned count;
+    unsigned next; // to be served
+};
+
 struct Datagram : Transport {
     uint32_t size; // of the buffer
     uint32_t xid;
     XDR stream;
     HeldCall *held;      // NULL: no clone
     Transport *original; // of a clone, which holds it
+    Arrivals *arrivals;  // of one that is no clone
     Destination destination;
     std::size_t destination_size; // 0: not known
-    char *buffer;
+    char *buffer;                 // of the call that is served, and of its reply
 };
 
 Datagram &datagram_of(SVCXPRT *xprt)
@@ -87,32 +100,66 @@ void note_destination(Datagram &datagram, const msghdr &message)
         info.ipi6_ifindex = 0;
 }
 
+// Readies a header for one datagram, and keeps what the system has made of it.
+void prepare(msghdr &message, sockaddr_storage &remote, iovec &room, Destination &destination)
+{
+    message = {&remote, sizeof remote, &room, 1, &destination, sizeof destination, 0};
+}
+
+void note_arrival(Datagram &datagram, const msghdr &message)
+{
+    note_destination(datagram, message);
+    note_remote(datagram, message.msg_namelen);
+}
+
 // The bytes of the datagram; -1 when there is none.
-ssize_t receive(Datagram &datagram)
+ssize_t receive_one(Datagram &datagram)
 {
     iovec room{datagram.buffer, datagram.size};
     msghdr message{};
-    message.msg_name = &datagram.remote;
-    message.msg_iov = &room;
-    message.msg_iovlen = 1;
-    message.msg_control = &datagram.destination;
     ssize_t count = 0;
     do {
-        message.msg_namelen = sizeof datagram.remote;
-        message.msg_controllen = sizeof datagram.destination;
+        prepare(message, datagram.remote, room, datagram.destination);
         count = recvmsg(fd_of(datagram), &message, MSG_DONTWAIT);
     } while (count < 0 && errno == EINTR);
-    if (count < 0)
-        return count;
-    note_destination(datagram, message);
-    note_remote(datagram, message.msg_namelen);
+    if (count >= 0)
+        note_arrival(datagram, message);
     return count;
+}
+
+void receive_several(const Datagram &datagram)
+{
+    Arrivals &arrivals = *datagram.arrivals;
+    int count = 0;
+    do {
+        for (unsigned i = 0; i < Arrivals::count_max; ++i)
+            prepare(arrivals.messages[i].msg_hdr, arrivals.remotes[i], arrivals.rooms[i], arrivals.destinations[i]);
+        count = recvmmsg(fd_of(datagram), arrivals.messages, Arrivals::count_max, MSG_DONTWAIT, nullptr);
+    } while (count < 0 && errno == EINTR);
+    arrivals.next = 0;
+    arrivals.count = count > 0 ? static_cast<unsigned>(count) : 0;
+}
+
+ssize_t take_arrival(Datagram &datagram)
+{
+    Arrivals &arrivals = *datagram.arrivals;
+    if (arrivals.next == arrivals.count)
+        receive_several(datagram);
+    if (arrivals.next == arrivals.count)
+        return -1;
+    const unsigned i = arrivals.next++;
+    const mmsghdr &arrival = arrivals.messages[i];
+    datagram.buffer = static_cast<char *>(arrivals.rooms[i].iov_base);
+    std::memcpy(&datagram.remote, &arrivals.remotes[i], arrival.msg_hdr.msg_namelen);
+    std::memcpy(&datagram.destination, &arrivals.destinations[i], arrival.msg_hdr.msg_controllen);
+    note_arrival(datagram, arrival.msg_hdr);
+    return arrival.msg_len;
 }
 
 extern "C" bool_t ks_svc_dg_recv(SVCXPRT *xprt, rpc_msg *msg)
 {
     Datagram &datagram = datagram_of(xprt);
-    const ssize_t size = receive(datagram);
+    const ssize_t size = datagram.arrivals != nullptr ? take_arrival(datagram) : receive_one(datagram);
     if (size < shortest_call)
         return FALSE;
     ks::make_memory_stream(datagram.stream, datagram.buffer, static_cast<u_int>(size), XDR_DECODE);
@@ -194,6 +241,8 @@ extern "C" void ks_svc_dg_destroy(SVCXPRT *xprt)
     end_transport(transport_of(xprt));
 }
 
+void free_datagram(Datagram *datagram);
+
 void dispose_datagram(Transport &transport)
 {
     auto &datagram = static_cast<Datagram &>(transport);
@@ -202,8 +251,7 @@ void dispose_datagram(Transport &transport)
         release(*datagram.original);
     else
         close_socket(datagram);
-    std::free(datagram.held);
-    std::free(&datagram);
+    free_datagram(&datagram);
 }
 
 extern "C" bool_t ks_svc_dg_control(SVCXPRT *xprt, u_int request, void *info);
@@ -213,10 +261,10 @@ constexpr Kind datagram_kind =
              ks_svc_dg_reply_finish, ks_svc_dg_freeargs, ks_svc_dg_destroy, ks_svc_dg_control},
             Serving::as_clone, false, dispose_datagram);
 
-// The buffer lies behind it in the same block. NULL on exhaustion.
-Datagram *make_datagram(uint32_t size)
+// With a buffer of so many bytes behind it in the same block. NULL on exhaustion.
+Datagram *make_datagram(uint32_t size, std::size_t buffer_size)
 {
-    auto *made = static_cast<Datagram *>(std::malloc(sizeof(Datagram) + size));
+    auto *made = static_cast<Datagram *>(std::malloc(sizeof(Datagram) + buffer_size));
     if (made == nullptr)
         return nullptr;
     std::memset(static_cast<void *>(made), 0, sizeof *made);
@@ -226,13 +274,36 @@ Datagram *make_datagram(uint32_t size)
 }
 static_assert(sizeof(Datagram) % BYTES_PER_XDR_UNIT == 0);
 
+Arrivals *make_arrivals(uint32_t size)
+{
+    auto *made = static_cast<Arrivals *>(std::calloc(1, sizeof(Arrivals) + Arrivals::count_max * std::size_t{size}));
+    if (made == nullptr)
+        return nullptr;
+    auto *buffer = reinterpret_cast<char *>(made + 1);
+    for (iovec &room : made->rooms) {
+        room = {buffer, size};
+        buffer += size;
+    }
+    return made;
+}
+static_assert(sizeof(Arrivals) % BYTES_PER_XDR_UNIT == 0);
+
+void free_datagram(Datagram *datagram)
+{
+    if (datagram == nullptr)
+        return;
+    std::free(datagram->arrivals);
+    std::free(datagram->held);
+    std::free(datagram);
+}
+
 } // namespace
 
 Transport *make_clone(Transport &transport)
 {
     const auto &original = static_cast<const Datagram &>(transport);
     auto *held = static_cast<HeldCall *>(std::calloc(1, sizeof(HeldCall)));
-    Datagram *clone = held != nullptr ? make_datagram(original.size) : nullptr;
+    Datagram *clone = held != nullptr ? make_datagram(original.size, original.size) : nullptr;
     if (clone == nullptr) {
         std::free(held);
         return nullptr;
@@ -254,6 +325,20 @@ Transport *make_clone(Transport &transport)
 bool is_clone(Transport &transport)
 {
     return transport.kind == &datagram_kind && static_cast<Datagram &>(transport).held != nullptr;
+}
+
+bool has_arrivals(const Transport &transport)
+{
+    if (transport.kind != &datagram_kind)
+        return false;
+    const Arrivals *arrivals = static_cast<const Datagram &>(transport).arrivals;
+    return arrivals != nullptr && arrivals->next != arrivals->count;
+}
+
+void drop_arrivals(Transport &transport)
+{
+    if (has_arrivals(transport))
+        static_cast<Datagram &>(transport).arrivals->next = static_cast<Datagram &>(transport).arrivals->count;
 }
 
 rpc_msg *held_call(Transport &clone)
@@ -292,7 +377,7 @@ extern "C" bool_t ks_svc_dg_control(SVCXPRT *xprt, u_int request, void *info)
 Transport *fail(Datagram *datagram, const char *why)
 {
     (void)ks_warnx("ks_svc_dg_create: %s", why);
-    std::free(datagram);
+    free_datagram(datagram);
     return nullptr;
 }
 
@@ -305,9 +390,13 @@ Transport *create(int fd, u_int sendsize, u_int recvsize)
     const u_int receive = __ks_rpc_get_t_size(info.si_af, info.si_proto, static_cast<int>(recvsize));
     if (send == 0 || receive == 0 || info.si_socktype != SOCK_DGRAM)
         return fail(nullptr, " transport does not support data transfer");
-    Datagram *datagram = make_datagram(RNDUP(std::max(send, receive)));
+    const uint32_t size = RNDUP(std::max(send, receive));
+    Datagram *datagram = make_datagram(size, 0);
     if (datagram == nullptr)
         return fail(nullptr, "out of memory");
+    datagram->arrivals = make_arrivals(size);
+    if (datagram->arrivals == nullptr)
+        return fail(datagram, "out of memory");
     begin_transport(*datagram, fd, datagram_kind, info.si_socktype);
     if (!read_local_address(*datagram))
         return fail(datagram, "could not get transport information");
@@ -317,7 +406,7 @@ Transport *create(int fd, u_int sendsize, u_int recvsize)
     ask_for_destinations(*datagram);
     if (ks_xprt_register(handle_of(*datagram)) != FALSE)
         return datagram;
-    std::free(datagram);
+    free_datagram(datagram);
     return nullptr;
 }
 

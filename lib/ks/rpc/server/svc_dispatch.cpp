@@ -115,10 +115,11 @@ void hand_over_datagram(Transport &transport)
         hand_over(transport);
         return;
     }
+    hold(*clone);
     if (clone->handle.ops->recv(handle_of(*clone), held_call(*clone)) != FALSE)
         hand_over(*clone);
     else
-        release(*clone);
+        give_up(*clone);
     release(transport);
 }
 
@@ -163,7 +164,8 @@ bool serve_turn(Transport &transport)
 {
     const Registration registration = registration_of(transport);
     const bool is_connection = transport.kind->is_connection;
-    for (int calls = 1; serve_one(transport, registration); ++calls)
+    for (int calls = 1; serve_one(transport, registration) || (has_arrivals(transport) && is_registered(registration));
+         ++calls)
         if (calls >= calls_per_turn && (!is_multi_threaded.load(std::memory_order_relaxed) || is_anybody_queued()))
             break;
     if (!is_connection || !is_registered(registration))
@@ -180,12 +182,20 @@ void serve_clone(Transport &clone)
     end_served(clone);
 }
 
+void give_up(Transport &transport)
+{
+    if (is_clone(transport))
+        end_served(transport);
+    release(transport);
+}
+
 void abandon_call(Transport &transport)
 {
     count(counters.calls_abandoned);
     if (transport.kind->is_connection || is_clone(transport)) {
         end_served(transport);
     } else {
+        drop_arrivals(transport);
         transport.is_served = false;
         transport.handle.reply_in_progress = 0;
         transport.handle.pending_reply = nullptr;

@@ -194,6 +194,8 @@ struct Found {
 [[nodiscard]] bool serve_turn(Transport &transport);
 // Dispatches the call that a clone holds, and ends the clone, which the caller holds for that.
 void serve_clone(Transport &clone);
+// Gives back a transport, held for it, that nobody will serve.
+void give_up(Transport &transport);
 // Ends a reply that a routine has begun and not finished.
 void drop_reply_in_progress(Transport &transport);
 // A routine has left by a raise, or ended its thread, in the middle of a call. Takes over the hold of
@@ -263,6 +265,9 @@ void resume_when_due();
 // --- svc_dg.cpp ---
 
 [[nodiscard]] bool is_clone(Transport &transport);
+// Whether datagrams that were read are still to be served; and giving them up, for their callers to send them again.
+[[nodiscard]] bool has_arrivals(const Transport &transport);
+void drop_arrivals(Transport &transport);
 // A transport for one call of a datagram transport, with a buffer of its own, held once; NULL when memory is short.
 [[nodiscard]] Transport *make_clone(Transport &transport);
 [[nodiscard]] rpc_msg *held_call(Transport &clone);

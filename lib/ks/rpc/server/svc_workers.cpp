@@ -359,7 +359,7 @@ void drop_queue()
         }
         if (transport == nullptr)
             return;
-        release(*transport);
+        give_up(*transport);
     }
 }
 
@@ -410,7 +410,7 @@ void hand_over(Transport &transport)
     if (worker != nullptr)
         tell(*worker, work_command);
     if (is_dropped)
-        release(transport);
+        give_up(transport);
 }
 
 WaitingSeat::WaitingSeat()
@@ -478,7 +478,7 @@ InheritedPool drop_inherited_pool()
         }
     }
     while (Transport *transport = take_from_queue())
-        release(*transport);
+        give_up(*transport);
     living_count = 0;
     is_one_on_its_way = false;
     ks_svc_main_thread_wait_event = VLTHREAD_COND_INITIALIZER;
