@@ -8,9 +8,14 @@
 
 namespace depot {
 
+bool may_ask()
+{
+    return isatty(STDIN_FILENO) == 1;
+}
+
 bool confirm(Msg question, const char *name)
 {
-    if (isatty(STDIN_FILENO) != 1)
+    if (!may_ask())
         return true;
     constexpr unsigned answers = IMSG_CHOICE_YES | IMSG_CHOICE_NO;
     const char *const text = text_of(question, shown(name));

@@ -5,6 +5,8 @@
 #include "depot_list.h"
 #include "depot_ping.h"
 #include "depot_report.h"
+#include "depot_status.h"
+#include "depot_target.h"
 
 #include <korvaks/evutl.h>
 #include <korvaks/fileutl.h>
@@ -34,8 +36,8 @@ constexpr bool is_group_mark(const clp_flag_desc &flag)
 }
 
 constexpr clp_flag_desc common_flags[] = {
-    {"--d[epot]", flag_depot, 0},
-    {"--h[elp]", flag_help, 0},
+    CLP_START_MUTUAL_EXCLUSION, {"--d[epot]", flag_depot, 0}, {"--se[rver]", flag_server, 0},
+    CLP_END_MUTUAL_EXCLUSION,   {"--h[elp]", flag_help, 0},
 };
 
 template <std::size_t count> constexpr auto both_spellings(const std::array<clp_flag_desc, count> &flags)
@@ -104,6 +106,7 @@ constexpr auto ping_flags = with_common_flags({
 
 constexpr FlagText flag_texts[] = {
     {msg_argument_depot, msg_flag_depot},
+    {msg_argument_server, msg_flag_server},
     {msg_none, msg_flag_help},
     {msg_none, msg_flag_version},
     {msg_argument_name, msg_flag_name},
@@ -174,18 +177,27 @@ Status check_put(const Job &job)
     if (line.has(flag_name))
         return line.word_count == 1 ? Status::done : misused(msg_one_name, line.words[1]);
     for (std::size_t i = 0; i < line.word_count; ++i)
-        if (std::strcmp(line.words[i], standard_stream) == 0)
+        if (is_stream(line.words[i]))
             return misused(msg_stdin_needs_name, line.words[i]);
     return check_names_differ(job);
 }
 
-// What is not to be replaced has been dealt with.
-bool may_put(const Job &job, const char *path)
+// Whether to go on with a file; `out_is_failed`: it is not known whether it would replace anything.
+bool may_put(Job &job, const char *path, bool &out_is_failed)
 {
     const CommandLine &line = job.line;
     const char *const name = line.has(flag_name) ? line.values[flag_name] : base_name(path);
-    const bool is_settled = line.has(flag_replace) || line.has(flag_keep) || !has_entry(job.depot, name);
-    return is_settled || confirm(msg_ask_replace_entry, name);
+    if (line.has(flag_replace) || line.has(flag_keep) || !may_ask())
+        return true;
+    bool is_there = false;
+    out_is_failed = !job.store->look_up(name, is_there);
+    return !out_is_failed && (!is_there || confirm(msg_ask_replace_entry, name));
+}
+
+bool put_if_confirmed(Job &job, const char *path, const Label &label)
+{
+    bool is_failed = false;
+    return may_put(job, path, is_failed) ? job.store->put(path, label) : !is_failed;
 }
 
 Status put_files(Job &job)
@@ -198,13 +210,13 @@ Status put_files(Job &job)
         report(IMSG_ERROR, msg_no_owner, imsg_strerror(errno));
         return Status::failed;
     }
-    if (const Status status = open_depot_of(job, true); status != Status::done)
+    if (const Status status = open_store(job, true); status != Status::done)
         return status;
     const Label label = {line.values[flag_name], owner, line.has(flag_comment) ? line.values[flag_comment] : "",
                          !line.has(flag_keep)};
     bool is_done = true;
     for (std::size_t i = 0; i < line.word_count; ++i)
-        is_done = (!may_put(job, line.words[i]) || put_file(job.depot, line.words[i], label)) && is_done;
+        is_done = put_if_confirmed(job, line.words[i], label) && is_done;
     return status_of(is_done);
 }
 
@@ -215,7 +227,7 @@ Overwrite may_get(const CommandLine &line, const char *name)
     const char *const target = line.has(flag_out) ? line.values[flag_out] : name;
     if (line.has(flag_force))
         return Overwrite::yes;
-    if (isatty(STDIN_FILENO) != 1 || std::strcmp(target, standard_stream) == 0 || fileutl_exists(target) == 0)
+    if (isatty(STDIN_FILENO) != 1 || is_stream(target) || fileutl_exists(target) == 0)
         return Overwrite::no;
     return confirm(msg_ask_replace_file, target) ? Overwrite::yes : Overwrite::skip;
 }
@@ -223,8 +235,7 @@ Overwrite may_get(const CommandLine &line, const char *name)
 bool get_entry(Job &job, const char *name)
 {
     const Overwrite overwrite = may_get(job.line, name);
-    return overwrite == Overwrite::skip ||
-           get_file(job.depot, name, job.line.values[flag_out], overwrite == Overwrite::yes);
+    return overwrite == Overwrite::skip || job.store->get(name, job.line.values[flag_out], overwrite == Overwrite::yes);
 }
 
 Status get_entries(Job &job)
@@ -252,14 +263,19 @@ Status verify_entries(Job &job)
         return found;
     unsigned long sound = 0;
     for (std::size_t i = 0; i < names.count; ++i)
-        sound += verify_entry(job.depot, names.items[i]) ? 1 : 0;
+        sound += job.store->verify(names.items[i]) ? 1 : 0;
     report(IMSG_OK, msg_verified, sound, static_cast<unsigned long>(names.count));
     return status_of(found == Status::done && sound == names.count);
 }
 
-bool remove_if_confirmed(const Job &job, const char *name)
+bool remove_if_confirmed(Job &job, const char *name)
 {
-    return (!job.line.has(flag_yes) && !confirm(msg_ask_remove, name)) || remove_entry(job.depot, name);
+    if (!job.line.has(flag_yes) && !confirm(msg_ask_remove, name))
+        return true;
+    if (!job.store->remove(name))
+        return false;
+    report(IMSG_OK, msg_removed, shown(name));
+    return true;
 }
 
 Status remove_entries(Job &job)
@@ -286,6 +302,26 @@ Status help(Job &job)
     return Status::done;
 }
 
+// What a flag says, else the environment; NULL: neither.
+const char *value_of(const Job &job, Flag flag, const char *variable)
+{
+    constexpr unsigned how = EVUTL_GETENV_NONEMPTY | EVUTL_GETENV_WHOLE | EVUTL_GETENV_SECURE;
+    if (job.line.has(flag))
+        return job.line.values[flag];
+    auto *const buffer = static_cast<char *>(stg_alloc(job.area, PATH_MAX));
+    return buffer == nullptr ? nullptr : getenv_safe(variable, buffer, PATH_MAX, how);
+}
+
+Status open_server_at(Job &job, const char *server)
+{
+    Addresses addresses;
+    if (const Search search = find_addresses(job.area, server, addresses); search != Search::found)
+        return search == Search::bad_word ? Status::misused : Status::failed;
+    job.remote.open(job.area, server, addresses);
+    job.store = &job.remote;
+    return Status::done;
+}
+
 constexpr std::size_t any_number = SIZE_MAX;
 
 constexpr Command commands[] = {
@@ -297,34 +333,43 @@ constexpr Command commands[] = {
      verify_entries},
     {"r[emove]", remove_flags.data(), 1, any_number, msg_argument_remove, msg_summary_remove, msg_notes_remove, nullptr,
      remove_entries},
+    {"s[tatus]", plain_flags.data(), 0, 0, msg_none, msg_summary_status, msg_notes_status, nullptr, show_status},
     {"pi[ng]", ping_flags.data(), 1, 1, msg_argument_ping, msg_summary_ping, msg_notes_ping, nullptr, ping},
     {"h[elp]", plain_flags.data(), 0, 1, msg_argument_help, msg_summary_help, msg_notes_help, nullptr, help},
 };
 
 } // namespace
 
-Status open_depot_of(Job &job, bool make)
+Status open_store(Job &job, bool make)
 {
-    constexpr unsigned how = EVUTL_GETENV_NONEMPTY | EVUTL_GETENV_WHOLE | EVUTL_GETENV_SECURE;
-    const char *directory = job.line.values[flag_depot];
-    if (directory == nullptr) {
-        auto *const buffer = static_cast<char *>(stg_alloc(job.area, PATH_MAX));
-        if (buffer == nullptr)
-            return Status::failed;
-        directory = getenv_safe("VELDEPOT_DIR", buffer, PATH_MAX, how);
-    }
+    const CommandLine &line = job.line;
+    if (line.has(flag_depot) && line.has(flag_server))
+        return misused(msg_two_depots, line.values[flag_server]);
+    const char *const server = line.has(flag_depot) ? nullptr : value_of(job, flag_server, "VELDEPOT_SERVER");
+    if (server != nullptr)
+        return open_server_at(job, server);
+    const char *const directory = value_of(job, flag_depot, "VELDEPOT_DIR");
     if (directory == nullptr) {
         report(IMSG_ERROR, msg_no_directory);
         return Status::misused;
     }
-    return status_of(open_depot(directory, make, job.depot));
+    return status_of(job.local.open(directory, make));
+}
+
+Status open_server(Job &job)
+{
+    const char *const server = value_of(job, flag_server, "VELDEPOT_SERVER");
+    if (server != nullptr)
+        return open_server_at(job, server);
+    report(IMSG_ERROR, msg_no_server);
+    return Status::misused;
 }
 
 Status find_entries(Job &job, Names &out_names)
 {
-    if (const Status status = open_depot_of(job, false); status != Status::done)
+    if (const Status status = open_store(job, false); status != Status::done)
         return status;
-    const Found found = find_names(job.depot, job.area, {job.line.words, job.line.word_count}, out_names);
+    const Found found = find_names(*job.store, job.area, {job.line.words, job.line.word_count}, out_names);
     return found == Found::no_words ? Status::misused : status_of(found == Found::all);
 }
 

@@ -2,9 +2,10 @@
 // help pages are made from.
 #pragma once
 
-#include "depot.h"
 #include "depot_msg.h"
 #include "depot_names.h"
+#include "depot_remote.h"
+#include "depot_store.h"
 
 #include <korvaks/clp.h>
 #include <korvaks/stg.h>
@@ -17,6 +18,7 @@ namespace depot {
 
 enum Flag : std::uint32_t {
     flag_depot,
+    flag_server,
     flag_help,
     flag_version,
     flag_name,
@@ -62,14 +64,19 @@ struct CommandLine {
 struct Job {
     const CommandLine &line;
     stg_area *area;
-    Depot depot;
+    LocalStore local;
+    RemoteStore remote;
+    Store *store = &local; // one of them
 };
 
 // How a command ended: the program's exit status.
 enum class Status : int { done = 0, failed = 1, misused = 2 };
 
-// Opens the depot that the command line or the environment names.
-Status open_depot_of(Job &job, bool make);
+// Opens the depot that the command line or the environment names: a server's, or that of a directory.
+Status open_store(Job &job, bool make);
+
+// A server's alone.
+Status open_server(Job &job);
 
 // And finds the entries that its words mean; `failed`: some of them.
 Status find_entries(Job &job, Names &out_names);
@@ -79,7 +86,7 @@ struct Command {
     const clp_flag_desc *flags;
     std::size_t words_min;
     std::size_t words_max;
-    Msg arguments;
+    Msg arguments; // msg_none: it has none
     Msg summary;
     Msg notes;
     void (*explain)();       // more for its help page, or NULL

@@ -60,6 +60,16 @@ bool pack_block(Transfer &transfer, std::size_t size, Entry &entry, Checksum &su
     return failure == 0 || fail(msg_cannot_write, transfer.target_name, failure);
 }
 
+bool pack_waiting(Transfer &transfer, Packing &packing, Entry &entry)
+{
+    packing.content.add(transfer.room, packing.waiting);
+    if (!pack_block(transfer, packing.waiting, entry, packing.stored))
+        return false;
+    entry.length += packing.waiting;
+    packing.waiting = 0;
+    return true;
+}
+
 // Fetching.
 
 // Reads bytes that have to be there.
@@ -191,27 +201,46 @@ void release(Transfer &transfer)
     drop(transfer.room);
 }
 
+bool add_content(Transfer &transfer, Packing &packing, Entry &entry, const unsigned char *data, std::size_t size)
+{
+    if (!make_room(transfer))
+        return false;
+    while (size > 0) {
+        const std::size_t count = std::min(size, block_content_bytes - packing.waiting);
+        std::copy_n(data, count, transfer.room + packing.waiting);
+        packing.waiting += count;
+        data += count;
+        size -= count;
+        if (packing.waiting == block_content_bytes && !pack_waiting(transfer, packing, entry))
+            return false;
+    }
+    return true;
+}
+
+bool end_content(Transfer &transfer, Packing &packing, Entry &entry)
+{
+    if (packing.waiting > 0 && !pack_waiting(transfer, packing, entry))
+        return false;
+    entry.checksum = packing.content.value();
+    entry.stored_checksum = packing.stored.value();
+    return true;
+}
+
 bool pack(Transfer &transfer, Entry &entry)
 {
     if (!make_room(transfer))
         return false;
-    Checksum content;
-    Checksum stored;
-    std::size_t size = block_content_bytes;
-    while (size == block_content_bytes) { // a shorter one is the last
-        if (const int failure = read_fully(transfer.source, transfer.room, block_content_bytes, size); failure != 0)
+    Packing packing;
+    for (;;) {
+        const int failure = read_fully(transfer.source, transfer.room, block_content_bytes, packing.waiting);
+        if (failure != 0)
             return fail_to_read(transfer, failure);
-        if (size == 0)
-            break;
-        content.add(transfer.room, size);
-        if (!pack_block(transfer, size, entry, stored))
+        if (packing.waiting < block_content_bytes) // a shorter one is the last
+            return end_content(transfer, packing, entry);
+        if (!pack_waiting(transfer, packing, entry))
             return false;
-        entry.length += size;
         show_progress(transfer.source_name, entry.length);
     }
-    entry.checksum = content.value();
-    entry.stored_checksum = stored.value();
-    return true;
 }
 
 int to_nowhere(Transfer &, const unsigned char *, std::size_t)

@@ -19,6 +19,7 @@ struct Transfer {
     unsigned char *room = nullptr;   // for one block as it is read; kept from file to file
     unsigned char *result = nullptr; // a block, packed or unpacked
     unsigned char *whole = nullptr;  // an entry of an older version
+    void *sink_argument = nullptr;   // for a sink that needs more
     unsigned char header[header_bytes_max];
 };
 
@@ -28,7 +29,20 @@ void end_transfer(Transfer &transfer);
 // And what is kept for the next.
 void release(Transfer &transfer);
 
-// Packs all of the source into blocks behind what the aside holds, and tells the entry their sums.
+// Content that is being packed: what of it waits in the transfer's room for the rest of its block, and the sums.
+struct Packing {
+    std::size_t waiting = 0;
+    Checksum content;
+    Checksum stored;
+};
+
+// Adds content, in blocks behind what the aside holds; the entry's lengths grow with each.
+bool add_content(Transfer &transfer, Packing &packing, Entry &entry, const unsigned char *data, std::size_t size);
+
+// Packs what waits, and tells the entry the sums.
+bool end_content(Transfer &transfer, Packing &packing, Entry &entry);
+
+// The same with all of the source.
 bool pack(Transfer &transfer, Entry &entry);
 
 // Where content goes: 0 or an errno number.

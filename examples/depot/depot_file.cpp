@@ -24,6 +24,8 @@ constexpr char aside_prefix[] = ".veldepot-";
 // select ends, and pfm_enable() delivers the raise to the innermost cleanup record.
 void wait_until_ready(int fd, bool to_write)
 {
+    if (pfm_inhibit_count() != 0)
+        return; // nobody would be heard: the read or write itself waits
     ks_fd_set set;
     ks_fd_zero(&set);
     ks_fd_add(&set, fd);
@@ -40,22 +42,6 @@ bool is_worth_a_retry(int failure, int &tries)
 {
     constexpr int tries_max = 1000;
     return failure == EINTR || (failure == EAGAIN && ++tries < tries_max);
-}
-
-int write_file(int fd, const void *data, std::size_t size)
-{
-    auto *from = static_cast<const unsigned char *>(data);
-    while (size > 0) {
-        pfm_test_raise(nullptr);
-        const ssize_t count = write(fd, from, std::min(size, piece_bytes));
-        if (count < 0 && errno != EINTR)
-            return errno;
-        if (count > 0) {
-            from += count;
-            size -= static_cast<std::size_t>(count);
-        }
-    }
-    return 0;
 }
 
 // Keeps little unwritten: nothing interrupts the fsync() at the end, so that has to be short. The disk works
@@ -137,6 +123,22 @@ int read_fully(int fd, void *data, std::size_t size, std::size_t &out_count)
         if (count < 0 && !is_worth_a_retry(errno, tries))
             return errno;
         out_count += count > 0 ? static_cast<std::size_t>(count) : 0;
+    }
+    return 0;
+}
+
+int write_file(int fd, const void *data, std::size_t size)
+{
+    auto *from = static_cast<const unsigned char *>(data);
+    while (size > 0) {
+        pfm_test_raise(nullptr);
+        const ssize_t count = write(fd, from, std::min(size, piece_bytes));
+        if (count < 0 && errno != EINTR)
+            return errno;
+        if (count > 0) {
+            from += count;
+            size -= static_cast<std::size_t>(count);
+        }
     }
     return 0;
 }

@@ -116,7 +116,9 @@ void show_usage(int kind, const Command *command)
     if (command != nullptr)
         line.add(" ", command->name);
     add_flags(line, command == nullptr ? general_flags() : command->flags);
-    line.add(" ", text_of(command == nullptr ? msg_argument_command : command->arguments));
+    const Msg arguments = command == nullptr ? msg_argument_command : command->arguments;
+    if (arguments != msg_none)
+        line.add(" ", text_of(arguments));
     report(kind, msg_usage, line.text());
 }
 

@@ -13,7 +13,9 @@
 #include <cstring>
 #include <string_view>
 
+#include <arpa/inet.h>
 #include <netdb.h>
+#include <netinet/in.h>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
@@ -79,23 +81,23 @@ int resolve()
 
 bool copy(std::string_view host)
 {
-    if (host.empty() || host.size() >= sizeof lookup.host)
+    if (host.size() >= sizeof lookup.host)
         return false;
     *std::copy(host.begin(), host.end(), lookup.host) = '\0';
     return true;
 }
 
 // The resolver knows decimal numbers only.
-bool read_port(const char *word)
+bool read_port(const char *word, std::uint32_t least)
 {
     std::uint32_t port = 0;
-    const bool is_port = read_number(word, 1, 65535, port);
+    const bool is_port = read_number(word, least, 65535, port);
     (void)strutl_snprintf(lookup.port, sizeof lookup.port, "%u", port);
     return is_port;
 }
 
 // A ":" in the host must be one of an address in brackets.
-bool split(std::string_view word) // with a NUL behind it
+bool split(std::string_view word, std::uint32_t least_port) // with a NUL behind it
 {
     const std::size_t colon = word.rfind(':');
     if (colon == word.npos)
@@ -104,7 +106,8 @@ bool split(std::string_view word) // with a NUL behind it
     const bool is_bracketed = host.size() >= 2 && host.front() == '[' && host.back() == ']';
     if (is_bracketed)
         host = host.substr(1, host.size() - 2);
-    return (host.find(':') != host.npos) == is_bracketed && copy(host) && read_port(word.data() + colon + 1);
+    return (host.find(':') != host.npos) == is_bracketed && copy(host) &&
+           read_port(word.data() + colon + 1, least_port);
 }
 
 bool keep(stg_area *area, const addrinfo *list, Addresses &out_addresses)
@@ -123,14 +126,8 @@ bool keep(stg_area *area, const addrinfo *list, Addresses &out_addresses)
     return true;
 }
 
-} // namespace
-
-Search find_addresses(stg_area *area, const char *word, Addresses &out_addresses)
+Search ask_resolver(stg_area *area, Addresses &out_addresses)
 {
-    if (!split(word)) {
-        (void)fail(msg_bad_target, word);
-        return Search::bad_word;
-    }
     if (const int code = resolve(); code != 0) {
         report(IMSG_ERROR, msg_no_host, shown(lookup.host),
                code == EAI_SYSTEM ? imsg_strerror(lookup.failure) : gai_strerror(code));
@@ -139,6 +136,61 @@ Search find_addresses(stg_area *area, const char *word, Addresses &out_addresses
     const bool is_kept = keep(area, lookup.list, out_addresses);
     freeaddrinfo(lookup.list);
     return is_kept ? Search::found : Search::unknown;
+}
+
+Search every_address(stg_area *area, Addresses &out_addresses)
+{
+    out_addresses.items = static_cast<Address *>(stg_alloc(area, 2 * sizeof(Address)));
+    if (out_addresses.items == nullptr)
+        return Search::unknown;
+    out_addresses.count = 2;
+    const sockaddr_in6 in6 = {AF_INET6, 0, 0, IN6ADDR_ANY_INIT, 0};
+    const sockaddr_in in = {AF_INET, 0, {INADDR_ANY}, {}};
+    out_addresses.items[0] = {{}, sizeof in6};
+    std::memcpy(&out_addresses.items[0].bytes, &in6, sizeof in6);
+    out_addresses.items[1] = {{}, sizeof in};
+    std::memcpy(&out_addresses.items[1].bytes, &in, sizeof in);
+    std::uint32_t port = 0;
+    (void)read_number(lookup.port, 0, 65535, port);
+    for (std::size_t i = 0; i < out_addresses.count; ++i)
+        set_port(out_addresses.items[i], static_cast<std::uint16_t>(port));
+    return Search::found;
+}
+
+} // namespace
+
+Search find_addresses(stg_area *area, const char *word, Addresses &out_addresses)
+{
+    if (split(word, 1) && lookup.host[0] != '\0')
+        return ask_resolver(area, out_addresses);
+    (void)fail(msg_bad_target, word);
+    return Search::bad_word;
+}
+
+Search find_own_addresses(stg_area *area, const char *word, Addresses &out_addresses)
+{
+    if (!split(word, 0)) {
+        (void)fail(msg_bad_target, word);
+        return Search::bad_word;
+    }
+    return lookup.host[0] == '\0' ? every_address(area, out_addresses) : ask_resolver(area, out_addresses);
+}
+
+bool is_any(const Address &address)
+{
+    if (address.bytes.ss_family == AF_INET6)
+        return IN6_IS_ADDR_UNSPECIFIED(&reinterpret_cast<const sockaddr_in6 *>(&address.bytes)->sin6_addr);
+    return reinterpret_cast<const sockaddr_in *>(&address.bytes)->sin_addr.s_addr == INADDR_ANY;
+}
+
+std::uint16_t port_of(const Address &address)
+{
+    return ntohs(reinterpret_cast<const sockaddr_in *>(&address.bytes)->sin_port);
+}
+
+void set_port(Address &address, std::uint16_t port)
+{
+    reinterpret_cast<sockaddr_in *>(&address.bytes)->sin_port = htons(port);
 }
 
 const char *shown(const Address &address)

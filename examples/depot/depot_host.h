@@ -4,6 +4,7 @@
 #include <korvaks/stg.h>
 
 #include <cstddef>
+#include <cstdint>
 
 #include <sys/socket.h>
 
@@ -28,6 +29,16 @@ enum class Search {
 // The addresses of a host with a port, in the resolver's order, in memory of the area. An IPv6 address stands in
 // brackets. What fails has been reported. A raise point, also while it waits for the resolver.
 Search find_addresses(stg_area *area, const char *word, Addresses &out_addresses);
+
+// The same to serve at: no host before the ":" stands for every address of this one, IPv6 and IPv4, and a port of 0 for
+// one that the system chooses.
+Search find_own_addresses(stg_area *area, const char *word, Addresses &out_addresses);
+
+bool is_any(const Address &address);
+
+// Both families have it at the same place.
+std::uint16_t port_of(const Address &address);
+void set_port(Address &address, std::uint16_t port);
 
 // "192.0.2.1:4711", "[2001:db8::1]:4711". A text for report().
 const char *shown(const Address &address);

@@ -2,6 +2,7 @@
 
 #include "depot_help.h"
 #include "depot_report.h"
+#include "depot_target.h"
 
 #include <korvaks/strutl.h>
 

@@ -48,7 +48,7 @@ bool read_rows(Job &job, std::optional<time_t> since, const Names &names, Rows &
     bool is_done = true;
     for (std::size_t i = 0; i < names.count; ++i) {
         Row row = {};
-        if (!read_entry(job.depot, job.area, names.items[i], row.entry)) {
+        if (!job.store->read(job.area, names.items[i], row.entry)) {
             is_done = false;
         } else if (!since || row.entry.stored.tv_sec >= *since) {
             row.name = listed(job, names.items[i]);

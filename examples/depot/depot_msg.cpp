@@ -18,7 +18,10 @@ struct Row {
 };
 
 constexpr Row rows[] = {
-    {msg_no_directory, "No depot: give its directory with -d or in VELDEPOT_DIR.\n"},
+    {msg_no_directory, "No depot: give its directory with -d or in VELDEPOT_DIR, or a server with -se or in "
+                       "VELDEPOT_SERVER.\n"},
+    {msg_no_server, "No server: give one with -se or in VELDEPOT_SERVER.\n"},
+    {msg_two_depots, "Two depots: a directory with -d, and that of server \"%s\"; give one of them.\n"},
     {msg_unknown_command, "Unknown command \"%s\"; there are %s.\n"},
     {msg_unknown_flag, "Unknown flag \"%s\"; a name that begins with \"-\" stands behind \"--\".\n"},
     {msg_flag_needs, "Flag \"%s\" needs an argument, %s.\n"},
@@ -35,7 +38,7 @@ constexpr Row rows[] = {
     {msg_bad_number, "\"%s\" is no number from %u to %u.\n"},
     {msg_bad_target, "\"%s\" is no HOST:PORT; a port is 1 to 65535, an IPv6 address stands in brackets: [::1]:4711.\n"},
 
-    {msg_bad_name, "\"%s\" cannot name an entry: a name has 1 to %d bytes, no \"/\", and is not \".\" or \"..\".\n"},
+    {msg_bad_name, "\"%s\" cannot name an entry: a name has 1 to 251 bytes, no \"/\", and is not \".\" or \"..\".\n"},
     {msg_no_owner, "Unable to find your name: %s\n"},
     {msg_no_depot, "Unable to open depot \"%s\": %s\n"},
     {msg_no_new_depot, "Unable to make depot \"%s\": %s\n"},
@@ -61,6 +64,15 @@ constexpr Row rows[] = {
     {msg_foreign, "\"%s\" in the depot's directory is not part of the depot.\n"},
     {msg_no_host, "Unable to find host \"%s\": %s\n"},
     {msg_ping_unanswered, "Unable to call \"%s\" over %s.\n"},
+    {msg_cannot_reach, "Unable to reach server \"%s\": %s\n"},
+    {msg_cannot_ask, "Unable to get an answer from server \"%s\": %s\n"},
+
+    {msg_bad_transfer, "\"%s\" was damaged or cut on its way, and was not taken.\n"},
+    {msg_put_unknown, "The server knows no more of storing \"%s\": it was started anew, or waited for too long.\n"},
+    {msg_put_out_of_order, "Something of \"%s\" got lost on its way, and it was not stored.\n"},
+    {msg_too_many_puts, "The server stores too many files at once, and did not take \"%s\".\n"},
+    {msg_needs_connection, "\"%s\" may be too much for a datagram: ask for it over TCP.\n"},
+    {msg_unknown_failure, "The server failed with \"%s\" in a way that this program does not know.\n"},
 
     {msg_stored, "Stored \"%s\": %llu bytes in %llu.\n"},
     {msg_fetched, "Fetched \"%s\" into \"%s\".\n"},
@@ -87,6 +99,30 @@ constexpr Row rows[] = {
     {msg_denied_reply, "the reply has a bad verifier"},
     {msg_denied_unsaid, "no reason given"},
     {msg_denied_number, "reason %u"},
+    {msg_call_denied, "denied, %s"},
+
+    {msg_counter, "%12llu  %s\n"},
+    {msg_counter_uptime, "seconds since it was started"},
+    {msg_counter_open, "connections open now"},
+    {msg_counter_accepted, "connections accepted"},
+    {msg_counter_refused, "connections refused for want of memory or room"},
+    {msg_counter_idled, "connections closed because they were idle"},
+    {msg_counter_pauses, "times that a listener waited for a free descriptor"},
+    {msg_counter_dead, "connections ended because the peer was silent or did not read"},
+    {msg_counter_bad_records, "records and datagrams that held no call or were too long"},
+    {msg_counter_calls, "calls"},
+    {msg_counter_succeeded, "calls that were answered"},
+    {msg_counter_no_program, "calls for another program"},
+    {msg_counter_bad_version, "calls for another version"},
+    {msg_counter_no_procedure, "calls for no procedure"},
+    {msg_counter_bad_arguments, "calls with bad arguments"},
+    {msg_counter_failed, "calls that the server failed in"},
+    {msg_counter_denied, "calls denied for their credential"},
+    {msg_counter_abandoned, "calls whose procedure was left in its middle"},
+    {msg_counter_queued, "connections that wait for a worker now"},
+    {msg_counter_workers, "workers"},
+    {msg_counter_busy, "workers busy now"},
+    {msg_counter_puts, "files being stored now"},
 
     {msg_ask_replace_entry, "Replace entry \"%s\"?"},
     {msg_ask_replace_file, "Replace file \"%s\"?"},
@@ -111,7 +147,7 @@ constexpr Row rows[] = {
     {msg_head_comment, "COMMENT"},
 
     {msg_usage, "usage: %s\n"},
-    {msg_help_about, "\nKeeps compressed copies of files, with checksums, in a depot directory.\n"},
+    {msg_help_about, "\nKeeps compressed copies of files, with checksums, in a depot: a directory, or a server's.\n"},
     {msg_help_commands, "\nCommands:\n"},
     {msg_help_flags, "\nFlags:\n"},
     {msg_help_row, "  %s  %s\n"},
@@ -137,12 +173,13 @@ constexpr Row rows[] = {
     {msg_summary_list, "list entries"},
     {msg_summary_verify, "check entries against their checksums"},
     {msg_summary_remove, "remove entries"},
+    {msg_summary_status, "show what a server of a depot counts"},
     {msg_summary_ping, "see whether a server answers"},
     {msg_summary_help, "show this text, or more about a command"},
     {msg_notes_put,
      "\nEach FILE becomes an entry of its base name, with your name, the time and the comment. An entry of\n"
      "that name is replaced, comment and all, unless -nreplace is given; on a terminal you are asked, unless\n"
-     "-replace is. A depot that does not exist is made.\n"
+     "-replace is. A directory that does not exist is made.\n"
      "\"-\" is standard input, and needs a -name. A file that changes while it is read is not stored.\n"},
     {msg_notes_get,
      "\nEach entry is checked, and written to a file of its own name, or one entry to FILE, with the time and\n"
@@ -159,12 +196,16 @@ constexpr Row rows[] = {
     {msg_notes_verify, "\nChecks these entries, or all. Every byte is looked at.\n"},
     {msg_notes_remove,
      "\nRemoves these entries for good. On a terminal you are asked for each, unless -yes is given.\n"},
+    {msg_notes_status,
+     "\nShows what the server of a depot has done since it was started, and does now: a number, and what it counts,\n"
+     "in each line.\n"},
     {msg_notes_ping,
      "\nCalls the null procedure of an RPC server, which does nothing, over TCP and UDP, at each address of HOST.\n"
      "HOST is a name or an address; one of IPv6 stands in brackets. The call carries your user and groups.\n"
      "The exit status is 0 when each transport has had its answer from one address at least.\n"},
     {msg_notes_help, "\nShows what the tool is for, or all about one COMMAND.\n"},
     {msg_argument_depot, "DIR"},
+    {msg_argument_server, "HOST:PORT"},
     {msg_argument_name, "NAME"},
     {msg_argument_comment, "TEXT"},
     {msg_argument_out, "FILE"},
@@ -173,6 +214,7 @@ constexpr Row rows[] = {
     {msg_argument_number, "NUMBER"},
     {msg_argument_seconds, "SECONDS"},
     {msg_flag_depot, "the depot's directory, else that of VELDEPOT_DIR"},
+    {msg_flag_server, "the server that has the depot, else that of VELDEPOT_SERVER, before any directory"},
     {msg_flag_help, "show help about the command instead"},
     {msg_flag_version, "show the program's version instead"},
     {msg_flag_name, "the entry's name, for one FILE"},

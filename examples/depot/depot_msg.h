@@ -10,6 +10,8 @@ namespace depot {
 enum Msg : unsigned {
     // Errors of the command line.
     msg_no_directory = 0,
+    msg_no_server,
+    msg_two_depots,      // server
     msg_unknown_command, // word, the commands
     msg_unknown_flag,    // word
     msg_flag_needs,      // flag, its argument
@@ -27,7 +29,7 @@ enum Msg : unsigned {
     msg_bad_target, // word
 
     // Errors of the work.
-    msg_bad_name,      // name, most bytes
+    msg_bad_name,      // name
     msg_no_owner,      // error text
     msg_no_depot,      // directory, error text
     msg_no_new_depot,  // directory, error text
@@ -53,6 +55,16 @@ enum Msg : unsigned {
     msg_foreign,            // name
     msg_no_host,            // host, error text
     msg_ping_unanswered,    // host and port, transport
+    msg_cannot_reach,       // host and port, error text
+    msg_cannot_ask,         // host and port, error text
+
+    // What servers of depots answer beside those.
+    msg_bad_transfer,     // name
+    msg_put_unknown,      // name
+    msg_put_out_of_order, // name
+    msg_too_many_puts,    // name
+    msg_needs_connection, // name
+    msg_unknown_failure,  // name
 
     // What was done.
     msg_stored,   // name, bytes, stored bytes
@@ -82,6 +94,31 @@ enum Msg : unsigned {
     msg_denied_reply,
     msg_denied_unsaid,
     msg_denied_number, // number of the reason
+    msg_call_denied,   // one of those
+
+    // What a server counts, and the line in which it is shown.
+    msg_counter, // a number, what is counted
+    msg_counter_uptime,
+    msg_counter_open,
+    msg_counter_accepted,
+    msg_counter_refused,
+    msg_counter_idled,
+    msg_counter_pauses,
+    msg_counter_dead,
+    msg_counter_bad_records,
+    msg_counter_calls,
+    msg_counter_succeeded,
+    msg_counter_no_program,
+    msg_counter_bad_version,
+    msg_counter_no_procedure,
+    msg_counter_bad_arguments,
+    msg_counter_failed,
+    msg_counter_denied,
+    msg_counter_abandoned,
+    msg_counter_queued,
+    msg_counter_workers,
+    msg_counter_busy,
+    msg_counter_puts,
 
     // Questions.
     msg_ask_replace_entry, // name
@@ -128,6 +165,7 @@ enum Msg : unsigned {
     msg_summary_list,
     msg_summary_verify,
     msg_summary_remove,
+    msg_summary_status,
     msg_summary_ping,
     msg_summary_help,
     msg_notes_put,
@@ -135,9 +173,11 @@ enum Msg : unsigned {
     msg_notes_list,
     msg_notes_verify,
     msg_notes_remove,
+    msg_notes_status,
     msg_notes_ping,
     msg_notes_help,
     msg_argument_depot,
+    msg_argument_server,
     msg_argument_name,
     msg_argument_comment,
     msg_argument_out,
@@ -146,6 +186,7 @@ enum Msg : unsigned {
     msg_argument_number,
     msg_argument_seconds,
     msg_flag_depot,
+    msg_flag_server,
     msg_flag_help,
     msg_flag_version,
     msg_flag_name,

@@ -1,6 +1,7 @@
 #include "depot_names.h"
 
 #include "depot_report.h"
+#include "depot_store.h"
 
 #include <korvaks/imsg.h>
 #include <korvaks/ks_sort.h>
@@ -59,21 +60,6 @@ template <typename Visit> int for_each_file(int directory, const Visit &visit)
     return failure;
 }
 
-bool add_name(stg_area *area, const char *name, Names &names)
-{
-    // Room doubles whenever the count is a power of two.
-    if ((names.count & (names.count - 1)) == 0) {
-        const std::size_t room = names.count == 0 ? 1 : names.count * 2;
-        auto **const items = static_cast<const char **>(stg_alloc(area, room * sizeof *names.items));
-        if (items == nullptr)
-            return false;
-        std::copy_n(names.items, names.count, items);
-        names.items = items;
-    }
-    names.items[names.count++] = name;
-    return true;
-}
-
 int add_copy(stg_area *area, const char *name, Names &names)
 {
     const char *const copy = stg_area_strdup(area, name);
@@ -93,22 +79,11 @@ void sort(Names &names)
     names.count = static_cast<std::size_t>(end - names.items);
 }
 
-// Sorts the names in the directory into those of entries and the rest.
-bool read_directory(const Depot &depot, stg_area *area, Names &out_names, Names &out_others)
-{
-    const int failure = for_each_file(depot.directory, [&](char *name) {
-        if (is_dots(name) || is_aside(name))
-            return 0;
-        Names &names = strip_suffix(name) ? out_names : out_others;
-        return add_copy(area, name, names);
-    });
-    return failure == 0 || fail(msg_no_depot, depot.path, failure);
-}
-
-bool read_names(const Depot &depot, stg_area *area, Names &out_names)
+// Those of entries; the rest gets a warning.
+bool read_entries(Store &store, stg_area *area, Names &out_names)
 {
     Names others;
-    if (!read_directory(depot, area, out_names, others))
+    if (!store.read_names(area, out_names, others))
         return false;
     sort(others);
     for (std::size_t i = 0; i < others.count; ++i)
@@ -122,12 +97,15 @@ struct Pattern {
     int has_wildcards;
 };
 
-Found compile(const Depot &depot, stg_area *area, const char *text, Pattern &out_pattern)
+Found compile(Store &store, stg_area *area, const char *text, Pattern &out_pattern)
 {
     constexpr std::size_t reserve = 8; // for the NUL and what the compiler keeps free
     const std::size_t size = 2 * std::strlen(text) + reserve;
     out_pattern = {text, nullptr, 0};
-    if (has_entry(depot, text))
+    bool is_entry = false;
+    if (!store.look_up(text, is_entry))
+        return Found::some;
+    if (is_entry)
         return Found::all;
     out_pattern.compiled = static_cast<char *>(stg_alloc(area, size));
     if (out_pattern.compiled == nullptr)
@@ -168,19 +146,19 @@ EntryFile::EntryFile(const char *entry)
     (void)std::snprintf(name, sizeof name, "%s%s", entry, suffix);
 }
 
-Found find_names(const Depot &depot, stg_area *area, std::span<const char *const> words, Names &out_names)
+Found find_names(Store &store, stg_area *area, std::span<const char *const> words, Names &out_names)
 {
     auto *const patterns = static_cast<Pattern *>(stg_alloc(area, (words.size() + 1) * sizeof(Pattern)));
     if (patterns == nullptr)
         return Found::some;
     bool must_read = words.empty();
     for (std::size_t i = 0; i < words.size(); ++i) {
-        if (const Found found = compile(depot, area, words[i], patterns[i]); found != Found::all)
+        if (const Found found = compile(store, area, words[i], patterns[i]); found != Found::all)
             return found;
         must_read = must_read || patterns[i].compiled != nullptr;
     }
     Names all;
-    if (must_read && !read_names(depot, area, all))
+    if (must_read && !read_entries(store, area, all))
         return Found::some;
     Found result = Found::all;
     if (words.empty())
@@ -192,10 +170,36 @@ Found find_names(const Depot &depot, stg_area *area, std::span<const char *const
     return result;
 }
 
+bool read_names(const Depot &depot, stg_area *area, Names &out_names, Names &out_others)
+{
+    const int failure = for_each_file(depot.directory, [&](char *name) {
+        if (is_dots(name) || is_aside(name))
+            return 0;
+        Names &names = strip_suffix(name) ? out_names : out_others;
+        return add_copy(area, name, names);
+    });
+    return failure == 0 || fail(msg_no_depot, depot.path, failure);
+}
+
+bool add_name(stg_area *area, const char *name, Names &names)
+{
+    // Room doubles whenever the count is a power of two.
+    if ((names.count & (names.count - 1)) == 0) {
+        const std::size_t room = names.count == 0 ? 1 : names.count * 2;
+        auto **const items = static_cast<const char **>(stg_alloc(area, room * sizeof *names.items));
+        if (items == nullptr)
+            return false;
+        std::copy_n(names.items, names.count, items);
+        names.items = items;
+    }
+    names.items[names.count++] = name;
+    return true;
+}
+
 bool list_names(const Depot &depot, stg_area *area, Names &out_names)
 {
     Names others;
-    if (!read_directory(depot, area, out_names, others))
+    if (!read_names(depot, area, out_names, others))
         return false;
     sort(out_names);
     return true;

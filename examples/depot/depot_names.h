@@ -28,13 +28,21 @@ enum class Found {
     no_words, // the words are wrong, which has been reported
 };
 
-// The entries that words mean, each once and in order, in memory of the area. A word that is an entry's name
-// means that entry, any other is a pattern; no words mean all. The directory is read once at most; files that do
-// not belong in it get a warning then.
-Found find_names(const Depot &depot, stg_area *area, std::span<const char *const> words, Names &out_names);
+class Store;
 
-// All entries, in order, in memory of the area. Files that do not belong in the directory are passed over.
+// The entries that words mean, each once and in order, in memory of the area. A word that is an entry's name
+// means that entry, any other is a pattern; no words mean all. The depot's names are read once at most; files
+// that do not belong in it get a warning then.
+Found find_names(Store &store, stg_area *area, std::span<const char *const> words, Names &out_names);
+
+// All entries, and the files that do not belong in the directory, in memory of the area.
+bool read_names(const Depot &depot, stg_area *area, Names &out_names, Names &out_others);
+
+// The entries alone, in order.
 bool list_names(const Depot &depot, stg_area *area, Names &out_names);
+
+// Adds a name; false when memory is exhausted.
+bool add_name(stg_area *area, const char *name, Names &names);
 
 // Removes what writers that were killed have left in a depot; true when it holds an entry.
 bool remove_left_behind(const Depot &depot);

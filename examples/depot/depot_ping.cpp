@@ -2,6 +2,7 @@
 // finds nothing to undo.
 #include "depot_ping.h"
 
+#include "depot_call.h"
 #include "depot_host.h"
 #include "depot_number.h"
 #include "depot_program.h"
@@ -15,8 +16,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
-#include <iterator>
 
 #include <poll.h>
 #include <time.h>
@@ -142,17 +141,7 @@ Answer ask(const Transport &transport, const Address &address, const Question &q
     return answer;
 }
 
-const char *denial_text(const rpc_err &error)
-{
-    constexpr Msg texts[] = {msg_none,           msg_denied_credential, msg_denied_refused, msg_denied_verifier,
-                             msg_denied_discard, msg_denied_weak,       msg_denied_reply,   msg_denied_unsaid};
-    unsigned number = 0; // of the server's: no value of the enumeration need be it
-    static_assert(sizeof number == sizeof error.re_why);
-    std::memcpy(&number, &error.re_why, sizeof number);
-    return number > 0 && number < std::size(texts) ? text_of(texts[number]) : text_of(msg_denied_number, number);
-}
-
-const char *failure_text(const Answer &answer)
+const char *text_of_failure(const Answer &answer)
 {
     return answer.failure != 0 ? imsg_strerror(answer.failure) : ks_clnt_sperrno(answer.status);
 }
@@ -177,7 +166,7 @@ void tell(const Transport &transport, const Address &address, const Question &qu
     else if (answer.failure == ECONNREFUSED)
         tell_that(msg_ping_refused);
     else
-        tell_that(msg_ping_failed, failure_text(answer));
+        tell_that(msg_ping_failed, text_of_failure(answer));
 }
 
 // Over all addresses; whether one of them gave the answer that it should.

@@ -5,6 +5,7 @@
 #include <csignal>
 
 #include <fcntl.h>
+#include <time.h>
 #include <unistd.h>
 
 namespace depot {
@@ -24,6 +25,13 @@ void handle_stop_signals(void (*handler)(int signal))
         if (sigaction(signal, nullptr, &action) == 0 && action.sa_handler != SIG_IGN)
             (void)pfm_signal(signal, handler);
     }
+}
+
+std::int64_t now_ms()
+{
+    timespec now = {};
+    (void)clock_gettime(CLOCK_MONOTONIC, &now);
+    return std::int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
 }
 
 } // namespace depot

@@ -1,5 +1,7 @@
-// The start of a program that must not lose its way over what it was started with.
+// The start of a program that must not lose its way over what it was started with, and its clock.
 #pragma once
+
+#include <cstdint>
 
 namespace depot {
 
@@ -10,5 +12,8 @@ void fill_standard_streams();
 // Has a function called for SIGINT, SIGHUP and SIGTERM, on the library's signal-handler thread. What was ignored at the
 // start, as by nohup, stays ignored.
 void handle_stop_signals(void (*handler)(int signal));
+
+// Milliseconds of a clock that nobody sets.
+std::int64_t now_ms();
 
 } // namespace depot

@@ -1,5 +1,7 @@
 #include "depot_report.h"
 
+#include "depot_process.h"
+
 #include <korvaks/imsg.h>
 #include <korvaks/stg.h>
 #include <korvaks/strutl.h>
@@ -12,7 +14,6 @@
 #include <cwchar>
 
 #include <poll.h>
-#include <time.h>
 #include <unistd.h>
 
 namespace depot {
@@ -28,12 +29,8 @@ constexpr std::int64_t progress_every_ms = 200;
 constinit std::int64_t progress_due_ms = 0;
 constinit bool is_progress_shown = false;
 
-std::int64_t now_ms()
-{
-    timespec now = {};
-    (void)clock_gettime(CLOCK_MONOTONIC, &now);
-    return std::int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
-}
+// Where this thread's errors are written down; NULL: they are printed.
+constinit thread_local Failure *noting = nullptr;
 
 // Marks that say how text is laid out: they count as printable and show nothing.
 bool is_layout_mark(const char *from, std::size_t length)
@@ -66,6 +63,15 @@ std::size_t show_character(const char *from, std::size_t available, char *&to)
             to += strutl_snprintf(to, 5, "\\%03o", byte);
     }
     return length;
+}
+
+void note(Msg number, const char *name, int failure)
+{
+    if (noting->number != msg_none)
+        return;
+    noting->number = number;
+    noting->error = failure;
+    (void)strutl_snprintf(noting->name, sizeof noting->name, "%s", name);
 }
 
 // Whoever reads a pipe may stop when it has seen enough: that is no failure to speak of. Messages keep errno, so
@@ -105,7 +111,10 @@ void report(int kind, unsigned number, ...)
 
 bool fail(Msg number, const char *name)
 {
-    report(IMSG_ERROR, number, shown(name));
+    if (noting != nullptr)
+        note(number, name, 0);
+    else
+        report(IMSG_ERROR, number, shown(name));
     return false;
 }
 
@@ -113,8 +122,27 @@ bool fail(Msg number, const char *name, int failure)
 {
     if (failure == ENOMEM)
         return fail(msg_no_memory, name);
-    report(IMSG_ERROR, number, shown(name), imsg_strerror(failure));
+    if (noting != nullptr)
+        note(number, name, failure);
+    else
+        report(IMSG_ERROR, number, shown(name), imsg_strerror(failure));
     return false;
+}
+
+// What has no error's text in it passes over that.
+void tell(const Failure &failure)
+{
+    report(IMSG_ERROR, failure.number, shown(failure.name), imsg_strerror(failure.error));
+}
+
+FailureNote::FailureNote(Failure &to) : before_(noting)
+{
+    noting = &to;
+}
+
+FailureNote::~FailureNote()
+{
+    noting = before_;
 }
 
 void show_progress(const char *name, std::uint64_t bytes)

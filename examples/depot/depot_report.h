@@ -20,6 +20,28 @@ void report(int kind, unsigned number, ...);
 bool fail(Msg number, const char *name);
 bool fail(Msg number, const char *name, int failure);
 
+// What one of them would have printed, for who is told later, or elsewhere.
+struct Failure {
+    Msg number = msg_none; // msg_none: nothing
+    int error = 0;         // errno number, for a message that has an error's text
+    char name[1024] = "";  // cut where it is longer
+};
+
+void tell(const Failure &failure);
+
+// While it lives, the errors of its thread are written down, the first one, and nothing is printed. Only where raises
+// are held off: one would leave it behind.
+class FailureNote {
+  public:
+    explicit FailureNote(Failure &to);
+    ~FailureNote();
+    FailureNote(const FailureNote &) = delete;
+    FailureNote &operator=(const FailureNote &) = delete;
+
+  private:
+    Failure *before_;
+};
+
 // Tells a terminal, once a command takes longer than a moment, how far it is. The next report() erases it.
 void show_progress(const char *name, std::uint64_t bytes);
 void erase_progress();

@@ -53,14 +53,14 @@ Status run_protected(depot::Job &job)
     pfm_cleanup_rec record = {};
     record.status = sigsetjmp(record.jump, 1);
     if (const int32_t raised = pfm_cleanup_start(&record, 0); raised != 0) {
-        close_depot(job.depot);
+        job.store->close();
         depot::erase_progress();
         pfm_raise(raised); // on to the end of the program
         return Status::failed;
     }
     const Status status = job.line.command->run(job);
     pfm_cleanup_rls(&record);
-    close_depot(job.depot);
+    job.store->close();
     return status;
 }
 
@@ -78,7 +78,7 @@ Status run_command(const depot::CommandLine &line, stg_area *area)
     const char *const name = stg_area_strdup(area, depot::unbracketed(line.command->name));
     if (name == nullptr)
         return Status::failed;
-    depot::Job job = {line, area, {}};
+    depot::Job job = {line, area, {}, {}};
     (void)clp_push_cmd(name);
     const Status status = run_protected(job);
     (void)clp_pop_cmd();

@@ -47,7 +47,8 @@ TEST_F(DepotCommand, MayBeCutOff)
         {{"--", "list"}, {"list"}},
         {{"l", "new.txt", "-s", "old.txt"}, {"list", "-short", "old.txt", "new.txt"}}};
     EXPECT_EQ(run_program({VELDEPOT_PROGRAM, "list"}).err,
-              "veldepot: Error: No depot: give its directory with -d or in VELDEPOT_DIR.\n");
+              "veldepot: Error: No depot: give its directory with -d or in VELDEPOT_DIR, or a server with -se or in "
+              "VELDEPOT_SERVER.\n");
     setenv("VELDEPOT_DIR", "depot", 1);
     for (const auto &[abbreviated, whole] : cases) {
         SCOPED_TRACE(testing::PrintToString(abbreviated));
@@ -67,8 +68,10 @@ TEST_F(DepotCommand, NamesTheWordThatIsWrong)
         std::string error;
         std::string more; // how the next line begins, "": there is none
     } cases[] = {
-        {{"mend"}, "Unknown command \"mend\"; there are put, get, list, verify, remove, ping, help.", ""},
-        {{"help", "m\tnd"}, "Unknown command \"m\\011nd\"; there are put, get, list, verify, remove, ping, help.", ""},
+        {{"mend"}, "Unknown command \"mend\"; there are put, get, list, verify, remove, status, ping, help.", ""},
+        {{"help", "m\tnd"},
+         "Unknown command \"m\\011nd\"; there are put, get, list, verify, remove, status, ping, help.",
+         ""},
         {{"list", "-\033[1m"},
          "Unknown flag \"-\\033[1m\"; a name that begins with \"-\" stands behind \"--\".",
          "usage: veldepot l[ist] "},
@@ -89,6 +92,8 @@ TEST_F(DepotCommand, NamesTheWordThatIsWrong)
         {{"list", "-fmt", "%Dn"}, "Bad format in control string at or near \"%Dn\".", "A format may hold %n %s "},
         {{"list", "-fmt", "%.-4097n"}, "Bad format in control string at or near \"%.-4097n\".", "A format may hold "},
         {{"ping", "a:1", "-v", "4294967296"}, "\"4294967296\" is no number from 0 to 4294967295.", ""},
+        {{"list", "-se", "a:1"}, "Two depots: a directory with -d, and that of server \"a:1\"; give one of them.", ""},
+        {{"status"}, "No server: give one with -se or in VELDEPOT_SERVER.", ""},
         {{"ping", "a:1", "-ti", "0"}, "\"0\" is no number from 1 to 3600.", ""},
         {{"ping", "a:1", "-p", " 1"}, "\" 1\" is no number from 0 to 4294967295.", ""},
     };
@@ -113,16 +118,19 @@ TEST_F(DepotCommand, NamesTheWordThatIsWrong)
 TEST_F(DepotCommand, ExplainsItselfAndEveryCommand)
 {
     const std::pair<std::string, std::string> pages[] = {
-        {"", "[-version] [-d[epot] DIR] [-h[elp]] COMMAND [ARGUMENT]..."},
-        {"put",
-         "p[ut] [-n[ame] NAME] [-c[omment] TEXT]... [-r[eplace] | -nr[eplace]] [-d[epot] DIR] [-h[elp]] FILE..."},
-        {"get", "g[et] [-o[ut] FILE] [-f[orce]] [-d[epot] DIR] [-h[elp]] PATTERN..."},
-        {"list", "l[ist] [-l[ong] | -s[hort] | -fmt FORMAT | -0] [-since DATE] [-d[epot] DIR] [-h[elp]] [PATTERN]..."},
-        {"verify", "v[erify] [-d[epot] DIR] [-h[elp]] [PATTERN]..."},
-        {"remove", "r[emove] [-y[es]] [-d[epot] DIR] [-h[elp]] PATTERN..."},
-        {"ping", "pi[ng] [-p[rogram] NUMBER] [-v[ersion] NUMBER] [-tc[p] | -u[dp]] [-ti[meout] SECONDS] [-d[epot] DIR] "
+        {"", "[-version] [-d[epot] DIR | -se[rver] HOST:PORT] [-h[elp]] COMMAND [ARGUMENT]..."},
+        {"put", "p[ut] [-n[ame] NAME] [-c[omment] TEXT]... [-r[eplace] | -nr[eplace]] [-d[epot] DIR | -se[rver] "
+                "HOST:PORT] [-h[elp]] FILE..."},
+        {"get", "g[et] [-o[ut] FILE] [-f[orce]] [-d[epot] DIR | -se[rver] HOST:PORT] [-h[elp]] PATTERN..."},
+        {"list", "l[ist] [-l[ong] | -s[hort] | -fmt FORMAT | -0] [-since DATE] [-d[epot] DIR | -se[rver] HOST:PORT] "
+                 "[-h[elp]] [PATTERN]..."},
+        {"verify", "v[erify] [-d[epot] DIR | -se[rver] HOST:PORT] [-h[elp]] [PATTERN]..."},
+        {"remove", "r[emove] [-y[es]] [-d[epot] DIR | -se[rver] HOST:PORT] [-h[elp]] PATTERN..."},
+        {"ping", "pi[ng] [-p[rogram] NUMBER] [-v[ersion] NUMBER] [-tc[p] | -u[dp]] [-ti[meout] SECONDS] [-d[epot] DIR "
+                 "| -se[rver] HOST:PORT] "
                  "[-h[elp]] HOST:PORT"},
-        {"help", "h[elp] [-d[epot] DIR] [-h[elp]] [COMMAND]"},
+        {"status", "s[tatus] [-d[epot] DIR | -se[rver] HOST:PORT] [-h[elp]]"},
+        {"help", "h[elp] [-d[epot] DIR | -se[rver] HOST:PORT] [-h[elp]] [COMMAND]"},
     };
     for (const auto &[command, usage] : pages) {
         SCOPED_TRACE(command);

@@ -1,0 +1,148 @@
+// What the procedures of the depot's program take and answer: the types, and their XDR routines.
+//
+// Each routine encodes or decodes by the stream's operation. Texts and pieces have room of their own in the types, as
+// long as they may be: decoding allocates nothing, and refuses what is longer, has a NUL in it, or is no time, so that
+// what was decoded may be used as it is. Only names are to be checked still (check_name()).
+#pragma once
+
+#include "depot.h"
+#include "depot_report.h"
+
+#include <korvaks/xdr.h>
+
+#include <cstddef>
+#include <cstdint>
+
+namespace depot {
+
+// Content in one piece, at most.
+inline constexpr std::uint32_t piece_bytes_max = 1 << 16;
+
+struct WireName {
+    char text[name_bytes_max + 1];
+};
+bool_t xdr_name(XDR *xdrs, WireName *name);
+
+// A failure as a number that stays the same whatever messages there are; 0: there is none. One of a number that this
+// program does not know becomes msg_unknown_failure.
+bool_t xdr_failure(XDR *xdrs, Failure *failure);
+
+// An entry without its content. The texts of `entry` are those behind it: one that was copied has none of its own.
+struct WireEntry {
+    Entry entry;
+    std::uint32_t mode = 0; // permissions of a copy
+    char owner[owner_bytes_max + 1];
+    char comment[comment_bytes_max + 1];
+
+    void set(const Entry &from, std::uint32_t new_mode);
+};
+bool_t xdr_entry(XDR *xdrs, WireEntry *entry);
+
+// --- List ---
+
+struct ListQuestion {
+    WireName name;       // of one entry; "": all
+    std::uint32_t heads; // 1: with what their headers say
+};
+bool_t xdr_list_question(XDR *xdrs, ListQuestion *question);
+
+enum ItemKind : std::uint32_t {
+    item_end = 0,
+    item_entry = 1,   // a name, as far as it is known
+    item_headed = 2,  // name and what the header says, or why it could not be read
+    item_foreign = 3, // the name of a file that does not belong in the depot
+};
+
+// The answer is a failure, or none and then items up to item_end.
+struct ListItem {
+    std::uint32_t kind;
+    char name[256]; // a foreign one is longer than an entry's may be
+    Failure failure;
+    WireEntry entry;
+};
+bool_t xdr_list_item(XDR *xdrs, ListItem *item);
+
+// --- Content ---
+
+// The answer of get is a failure; or none, the entry, and pieces up to an empty one with the failure of the whole.
+struct Piece {
+    std::uint32_t size;
+    std::uint32_t checksum; // of its bytes
+    Failure failure;        // of an empty one
+    unsigned char bytes[piece_bytes_max];
+};
+bool_t xdr_piece(XDR *xdrs, Piece *piece);
+
+// Whether it came as it was sent.
+bool is_whole(const Piece &piece);
+
+// --- Put ---
+
+struct PutBegin {
+    WireName name;
+    std::uint32_t may_replace;
+    WireEntry entry; // change, permissions, owner and comment count
+};
+bool_t xdr_put_begin(XDR *xdrs, PutBegin *begin);
+
+struct PutPiece {
+    std::uint64_t handle;
+    std::uint64_t offset;
+    Piece piece; // not empty
+};
+bool_t xdr_put_piece(XDR *xdrs, PutPiece *piece);
+
+struct PutFinish {
+    std::uint64_t handle;
+    std::uint64_t length;
+    std::uint32_t checksum; // of the content
+};
+bool_t xdr_put_finish(XDR *xdrs, PutFinish *finish);
+
+// Answer of the steps of put: the handle; the bytes that are there; the bytes as stored; nothing.
+struct PutAnswer {
+    Failure failure;
+    std::uint64_t number = 0;
+};
+bool_t xdr_put_answer(XDR *xdrs, PutAnswer *answer);
+
+// --- Status ---
+
+// What a server counts, in this order on the wire. One that is newer may count more, which is passed over.
+enum Counter : std::uint32_t {
+    counter_uptime, // seconds
+    counter_open,
+    counter_accepted,
+    counter_refused,
+    counter_idled,
+    counter_pauses,
+    counter_dead,
+    counter_bad_records,
+    counter_calls,
+    counter_succeeded,
+    counter_no_program,
+    counter_bad_version,
+    counter_no_procedure,
+    counter_bad_arguments,
+    counter_failed,
+    counter_denied,
+    counter_abandoned,
+    counter_queued,
+    counter_workers,
+    counter_busy,
+    counter_puts,
+    counter_count
+};
+
+struct Counters {
+    std::uint64_t values[counter_count] = {};
+};
+bool_t xdr_counters(XDR *xdrs, Counters *counters);
+
+// As the library passes it on.
+template <typename T> xdrproc_t as_xdrproc(bool_t (*routine)(XDR *, T *))
+{
+    return reinterpret_cast<xdrproc_t>(routine);
+}
+
+} // namespace depot
