@@ -26,20 +26,31 @@ enum DaemonMsg : unsigned {
     msg_daemon_died,      // signal
     msg_daemon_gone,      // entry
     msg_daemon_no_memory, // seconds
+    msg_daemon_threads,   // word, most
+    msg_daemon_many,      // most addresses
+    msg_daemon_serving,   // address
+    msg_daemon_no_socket, // address, error text
+    msg_daemon_no_server, // nothing more
+    msg_daemon_calls,     // calls, of them denied, connections
+    msg_daemon_cut_off,   // calls
 };
 
 inline constexpr korvaks::MessageTable daemon_messages(
     "veldepot", "depotd", 2,
     {{msg_daemon_usage,
-      "%s -d DIR [-l FILE] [-i SECONDS]: watches a depot and keeps a log.\n\n"
+      "%s -d DIR [-l FILE] [-i SECONDS] [-s HOST:PORT]... [-t N]: watches a depot, serves it and keeps a log.\n\n"
       "  -d DIR, --depot         the depot's directory, else that of VELDEPOT_DIR\n"
       "  -l FILE, --log          the log, else that directory's name with \".log\" behind it\n"
       "  -i SECONDS, --interval  how often the depot is looked at, 60 by itself\n"
+      "  -s HOST:PORT, --serve   serve the depot there, over TCP and UDP; up to 8 of them. Without HOST at every\n"
+      "                          address, IPv4 and IPv6; with port 0 at one that the log tells. An IPv6 address\n"
+      "                          stands in brackets. Whoever reaches it may store, fetch and remove\n"
+      "  -t N, --threads         threads that serve, 4 by itself; 0: the only one does\n"
       "  -V, --version           the version\n"
       "  -h, --help              this text\n\n"
       "Entries that are new or have changed are verified by a veldepot beside this program. It stays in the\n"
-      "foreground. SIGUSR1 opens the log anew, SIGTERM, SIGINT and SIGHUP end it in order. Exit status: 0 when it was\n"
-      "told to end, 1 when it failed, 2 for a wrong command line.\n"},
+      "foreground. SIGUSR1 opens the log anew, SIGTERM, SIGINT and SIGHUP end it in order, calls that run with it.\n"
+      "Exit status: 0 when it was told to end, 1 when it failed, 2 for a wrong command line.\n"},
      {msg_daemon_version, "veldepotd %s\n"},
      {msg_daemon_option, "%s: \"%s\"; see -h.\n"},
      {msg_daemon_needs, "\"-%c\" needs an argument, of at most %d bytes; see -h.\n"},
@@ -55,7 +66,14 @@ inline constexpr korvaks::MessageTable daemon_messages(
      {msg_daemon_unsound, "Verified: not all of %u entries are sound, as told above\n"},
      {msg_daemon_died, "The verifying process was ended by a signal: %s\n"},
      {msg_daemon_gone, "Entry \"%s\" is gone\n"},
-     {msg_daemon_no_memory, "Out of memory; looking again in %ld s\n"}});
+     {msg_daemon_no_memory, "Out of memory; looking again in %ld s\n"},
+     {msg_daemon_threads, "\"%s\" is no number of threads from 0 to %ld.\n"},
+     {msg_daemon_many, "There are more than %u addresses to serve at.\n"},
+     {msg_daemon_serving, "Serving at %s, over TCP and UDP\n"},
+     {msg_daemon_no_socket, "Unable to serve at %s: %s\n"},
+     {msg_daemon_no_server, "Unable to begin serving; the depot is not served\n"},
+     {msg_daemon_calls, "%llu calls, %llu of them denied, over %llu connections\n"},
+     {msg_daemon_cut_off, "%d calls took too long and were not finished\n"}});
 
 // Prints a message with the arguments that its text needs; what shown() has made for it ends.
 template <typename... Args> void say(int kind, DaemonMsg number, Args... args)

@@ -1,7 +1,8 @@
-// veldepotd: watches a depot, has what changes in it verified, and keeps a log of that.
+// veldepotd: watches a depot, has what changes in it verified, serves it to clients, and keeps a log of that.
 //
 // The program's start and end. `veldepotd -h` tells how it is called.
 #include "daemon/daemon_msg.h"
+#include "daemon/serve.h"
 #include "daemon/watch.h"
 #include "depot_process.h"
 #include "depot_report.h"
@@ -39,6 +40,7 @@ struct Options {
     char depot[PATH_MAX] = "";
     char log[PATH_MAX] = "";
     long interval = 60;
+    Serving serving;
 };
 
 constexpr long longest_interval = 86400;
@@ -49,13 +51,14 @@ constexpr char log_suffix[] = ".log";
 constexpr struct {
     const char *name;
     int letter;
-} long_options[] = {{"d[epot]", 'd'}, {"l[og]", 'l'}, {"i[nterval]", 'i'}, {"V[ersion]", 'V'}, {"h[elp]", 'h'}};
+} long_options[] = {{"d[epot]", 'd'},   {"l[og]", 'l'},     {"i[nterval]", 'i'}, {"s[erve]", 's'},
+                    {"t[hreads]", 't'}, {"V[ersion]", 'V'}, {"h[elp]", 'h'}};
 
 // The next option's letter, whichever way it was written; 0 at their end, '?' for what is none.
 int next_option(cl_handle *clh)
 {
     char *longopt = nullptr;
-    int letter = cl_getopt_long(clh, "d:l:i:Vh", &longopt);
+    int letter = cl_getopt_long(clh, "d:l:i:s:t:Vh", &longopt);
     if (longopt == nullptr)
         return letter;
     letter = '?';
@@ -73,12 +76,35 @@ bool copy_path(const char *word, char *path)
     return word != nullptr && strutl_cpy_buf(path, word, PATH_MAX) == 0;
 }
 
+bool read_long(const char *word, long least, long most, long &out_number)
+{
+    return word != nullptr && strutl_strtol(word, 10, &out_number) == 0 && out_number >= least && out_number <= most;
+}
+
 bool read_interval(const char *word, long &out_seconds)
 {
-    if (word != nullptr && strutl_strtol(word, 10, &out_seconds) == 0 && out_seconds >= 1 &&
-        out_seconds <= longest_interval)
+    if (read_long(word, 1, longest_interval, out_seconds))
         return true;
     say(IMSG_ERROR, msg_daemon_interval, shown(word == nullptr ? "" : word), 1L, longest_interval);
+    return false;
+}
+
+bool read_threads(const char *word, long &out_count)
+{
+    if (read_long(word, 0, threads_max, out_count))
+        return true;
+    say(IMSG_ERROR, msg_daemon_threads, shown(word == nullptr ? "" : word), threads_max);
+    return false;
+}
+
+bool add_place(const char *word, Serving &serving)
+{
+    if (serving.place_count == places_max)
+        say(IMSG_ERROR, msg_daemon_many, places_max);
+    else if (strutl_cpy_buf(serving.places[serving.place_count], word, place_bytes_max) == 0)
+        return ++serving.place_count > 0;
+    else
+        say(IMSG_ERROR, msg_daemon_needs, 's', static_cast<int>(place_bytes_max) - 1);
     return false;
 }
 
@@ -94,6 +120,13 @@ Next take_option(cl_handle *clh, int letter, Options &options)
         break;
     case 'i':
         return read_interval(cl_getarg(clh), options.interval) ? Next::run : Next::misused;
+    case 's':
+        if (const char *const word = cl_getarg(clh); word != nullptr)
+            return add_place(word, options.serving) ? Next::run : Next::misused;
+        is_good = false;
+        break;
+    case 't':
+        return read_threads(cl_getarg(clh), options.serving.threads) ? Next::run : Next::misused;
     case 'V':
         say(IMSG_OUTPUT, msg_daemon_version, VELDEPOT_VERSION);
         return Next::done;
@@ -161,6 +194,7 @@ extern "C" void stop(void *)
 {
     say(IMSG_OK, msg_daemon_stopping, strsignal(stop_signal));
     (void)rt_notify_stopping(strsignal(stop_signal)); // there may be nobody who listens
+    stop_serving(options.serving);
     stop_watch(watch, rt_shutdown);
 }
 
@@ -212,6 +246,7 @@ void report_stop(const char *reason)
 {
     rt_counters counters = {};
     imsg_log_counters log = {};
+    report_calls(options.serving);
     (void)imsg_drain_pipes_fully(); // what children have left without an end comes before the last words
     rt_get_counters(&counters);
     imsg_get_log_counters(&log);
@@ -232,8 +267,10 @@ int serve()
     report_start();
     handle_stop_signals(note_stop);
     (void)pfm_signal(SIGUSR1, note_reopen);
-    if (!start_watch(watch))
+    if (!start_serving(options.serving, options.depot) || !start_watch(watch)) {
+        stop_serving(options.serving);
         return EXIT_FAILURE;
+    }
     (void)rt_notify_ready(options.depot); // there may be nobody who listens
     rt_run();
     return EXIT_SUCCESS;

@@ -1,0 +1,334 @@
+// Every call has a depot handle of its own, and what fails is written down and sent. Raises are held off, so that
+// objects with destructors may be alive anywhere.
+#include "daemon/procedures.h"
+
+#include "daemon/puts.h"
+#include "depot_names.h"
+#include "depot_process.h"
+#include "depot_program.h"
+#include "depot_wire.h"
+
+#include <korvaks/stg.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <iterator>
+
+#include <netconfig.h>
+
+namespace depot {
+
+namespace {
+
+constinit const char *depot_path = nullptr;
+constinit std::int64_t start_ms = 0;
+
+struct Call {
+    SVCXPRT *transport;
+    uid_t user;
+};
+
+bool is_datagram(const Call &call)
+{
+    return reinterpret_cast<const ks_svcxprt *>(call.transport)->semantics == NC_TPI_CLTS;
+}
+
+template <typename Question> bool take(const Call &call, bool_t (*routine)(XDR *, Question *), Question &out_question)
+{
+    if (svc_getargs(call.transport, as_xdrproc(routine), &out_question))
+        return true;
+    ks_svcerr_decode(call.transport);
+    return false;
+}
+
+// A client that is gone gets no answer, and there is nobody else to tell.
+template <typename Answer> void reply(const Call &call, bool_t (*routine)(XDR *, Answer *), Answer &answer)
+{
+    (void)ks_svc_sendreply(call.transport, as_xdrproc(routine), &answer);
+}
+
+// Does some work, whose failure is written down.
+template <typename Work> bool attempt(Failure &failure, const Work &work)
+{
+    const FailureNote note(failure);
+    if (!work() && failure.number == msg_none)
+        (void)fail(msg_no_memory, depot_path); // which the memory module has told of
+    return failure.number == msg_none;
+}
+
+// The depot's handle of one call.
+class CallDepot {
+  public:
+    CallDepot() = default;
+    ~CallDepot() { close_depot(depot_); }
+    CallDepot(const CallDepot &) = delete;
+    CallDepot &operator=(const CallDepot &) = delete;
+
+    bool open() { return open_depot(depot_path, false, depot_); }
+    Depot &get() { return depot_; }
+
+  private:
+    Depot depot_;
+};
+
+class CallArea {
+  public:
+    CallArea() : area_(stg_create_area(16384)) {}
+    ~CallArea()
+    {
+        if (area_ != STG_AREA_NULL)
+            stg_delete_area(&area_);
+    }
+    CallArea(const CallArea &) = delete;
+    CallArea &operator=(const CallArea &) = delete;
+
+    stg_area *get() const { return area_; }
+
+  private:
+    stg_area *area_;
+};
+
+void refuse_datagram(const Call &call, const char *name)
+{
+    Failure failure;
+    (void)attempt(failure, [&] { return fail(msg_needs_connection, name); });
+    reply(call, xdr_failure, failure);
+}
+
+// --- List ---
+
+bool send(XDR *xdrs, ListItem &item, std::uint32_t kind, const char *name)
+{
+    item.kind = kind;
+    item.name[std::string_view(name).copy(item.name, sizeof item.name - 1)] = '\0';
+    return xdr_list_item(xdrs, &item) != FALSE;
+}
+
+bool send_entry(XDR *xdrs, ListItem &item, Depot &depot, const char *name, bool with_head)
+{
+    if (!with_head)
+        return send(xdrs, item, item_entry, name);
+    item.failure = {};
+    (void)attempt(item.failure, [&] {
+        Entry entry;
+        mode_t mode = 0;
+        const bool is_read = open_entry(depot, name, entry, mode);
+        if (is_read)
+            item.entry.set(entry, mode);
+        end_transfer(depot.transfer);
+        return is_read;
+    });
+    return send(xdrs, item, item_headed, name);
+}
+
+// Names are found before the reply begins: behind its head no failure of that can be told.
+bool find(const ListQuestion &question, Depot &depot, stg_area *area, Names &out_names, Names &out_others)
+{
+    const char *const name = question.name.text;
+    if (*name == '\0')
+        return area != STG_AREA_NULL && read_names(depot, area, out_names, out_others);
+    return check_name(name, name) && (!has_entry(depot, name) || add_name(area, name, out_names));
+}
+
+void list(const Call &call)
+{
+    ListQuestion question;
+    if (!take(call, xdr_list_question, question))
+        return;
+    if (is_datagram(call) && question.name.text[0] == '\0')
+        return refuse_datagram(call, depot_path);
+    const CallArea area;
+    CallDepot depot;
+    Names names;
+    Names others;
+    ListItem item;
+    Failure failure;
+    if (!attempt(failure, [&] { return depot.open() && find(question, depot.get(), area.get(), names, others); }))
+        return reply(call, xdr_failure, failure);
+    if (!ks_svc_sendreply_start(call.transport, as_xdrproc(xdr_failure), &failure))
+        return;
+    XDR *const xdrs = ks_svc_sendreply_get_xdrs(call.transport);
+    for (std::size_t i = 0; i < others.count; ++i)
+        if (!send(xdrs, item, item_foreign, others.items[i]))
+            return;
+    for (std::size_t i = 0; i < names.count; ++i)
+        if (!send_entry(xdrs, item, depot.get(), names.items[i], question.heads != 0))
+            return;
+    item.kind = item_end;
+    (void)ks_svc_sendreply_finish(call.transport, as_xdrproc(xdr_list_item), &item);
+}
+
+// --- Get ---
+
+struct GetAnswer {
+    Failure failure;
+    WireEntry entry;
+};
+
+bool_t xdr_get_head(XDR *xdrs, GetAnswer *answer)
+{
+    return xdr_failure(xdrs, &answer->failure) &&
+           (answer->failure.number != msg_none || xdr_entry(xdrs, &answer->entry));
+}
+
+// A sink: content becomes pieces of the reply. EPIPE: there is nobody who reads it.
+int to_wire(Transfer &transfer, const unsigned char *data, std::size_t size)
+{
+    auto *const xdrs = static_cast<XDR *>(transfer.sink_argument);
+    Piece piece;
+    while (size > 0) {
+        piece.size = static_cast<std::uint32_t>(std::min<std::size_t>(size, piece_bytes_max));
+        std::copy_n(data, piece.size, piece.bytes);
+        piece.checksum = fileutl_crc_buffer(data, piece.size, nullptr);
+        if (!xdr_piece(xdrs, &piece))
+            return EPIPE;
+        data += piece.size;
+        size -= piece.size;
+    }
+    return 0;
+}
+
+void get(const Call &call)
+{
+    WireName name;
+    if (!take(call, xdr_name, name))
+        return;
+    if (is_datagram(call))
+        return refuse_datagram(call, name.text);
+    CallDepot depot;
+    Entry entry;
+    mode_t mode = 0;
+    GetAnswer answer;
+    Transfer &transfer = depot.get().transfer;
+    if (attempt(answer.failure, [&] { return depot.open() && open_entry(depot.get(), name.text, entry, mode); }))
+        answer.entry.set(entry, mode);
+    else
+        return reply(call, xdr_get_head, answer);
+    if (!ks_svc_sendreply_start(call.transport, as_xdrproc(xdr_get_head), &answer))
+        return;
+    transfer.sink_argument = ks_svc_sendreply_get_xdrs(call.transport);
+    Piece end;
+    end.size = 0;
+    const FailureNote note(end.failure);
+    if (unpack(transfer, entry, to_wire) || end.failure.number != msg_none)
+        (void)ks_svc_sendreply_finish(call.transport, as_xdrproc(xdr_piece), &end);
+}
+
+// --- Put ---
+
+template <typename Question, typename Step>
+void step_of_put(const Call &call, bool_t (*routine)(XDR *, Question *), const Step &step)
+{
+    Question question;
+    if (!take(call, routine, question))
+        return;
+    PutAnswer answer;
+    (void)attempt(answer.failure, [&] { return step(question, answer.number); });
+    reply(call, xdr_put_answer, answer);
+}
+
+void begin(const Call &call)
+{
+    step_of_put(call, xdr_put_begin, [&](const PutBegin &question, std::uint64_t &out_number) {
+        return begin_put(depot_path, call.user, question, out_number);
+    });
+}
+
+void add_piece(const Call &call)
+{
+    step_of_put(call, xdr_put_piece, [&](const PutPiece &question, std::uint64_t &out_number) {
+        return put_piece(call.user, question, out_number);
+    });
+}
+
+void finish(const Call &call)
+{
+    step_of_put(call, xdr_put_finish, [&](const PutFinish &question, std::uint64_t &out_number) {
+        return finish_put(call.user, question, out_number);
+    });
+}
+
+void cancel(const Call &call)
+{
+    step_of_put(call, xdr_put_finish,
+                [&](const PutFinish &question, std::uint64_t &) { return cancel_put(call.user, question.handle); });
+}
+
+// --- The rest ---
+
+template <typename Work> void with_entry(const Call &call, const Work &work)
+{
+    WireName name;
+    if (!take(call, xdr_name, name))
+        return;
+    CallDepot depot;
+    Failure failure;
+    (void)attempt(failure, [&] { return depot.open() && work(depot.get(), name.text); });
+    reply(call, xdr_failure, failure);
+}
+
+void verify(const Call &call)
+{
+    with_entry(call, verify_entry);
+}
+
+void remove(const Call &call)
+{
+    with_entry(call, remove_entry);
+}
+
+void status(const Call &call)
+{
+    ks_svc_counters from;
+    ks_svc_get_counters(&from);
+    const auto uptime_s = static_cast<std::uint64_t>((now_ms() - start_ms) / 1000);
+    Counters counters = {{uptime_s,
+                          from.connections_open,
+                          from.connections_accepted,
+                          from.connections_refused,
+                          from.connections_idled,
+                          from.accept_pauses,
+                          from.dead_peers,
+                          from.bad_records,
+                          from.calls,
+                          from.calls_succeeded,
+                          from.calls_no_program,
+                          from.calls_bad_version,
+                          from.calls_no_procedure,
+                          from.calls_bad_arguments,
+                          from.calls_failed,
+                          from.calls_denied,
+                          from.calls_abandoned,
+                          from.queued,
+                          from.workers,
+                          from.workers_busy,
+                          count_puts()}};
+    reply(call, xdr_counters, counters);
+}
+
+// By number, from 1.
+constexpr void (*procedures[])(const Call &) = {list, get, begin, add_piece, finish, cancel, verify, remove, status};
+static_assert(std::size(procedures) == procedure_count - 1);
+
+} // namespace
+
+void set_served_depot(const char *path)
+{
+    depot_path = path;
+    start_ms = now_ms();
+}
+
+extern "C" void serve_call(svc_req *request, SVCXPRT *transport)
+{
+    if (request->rq_proc == procedure_null)
+        (void)ks_svc_sendreply(transport, nullptr, nullptr);
+    else if (request->rq_cred.oa_flavor != AUTH_UNIX)
+        ks_svcerr_weakauth(transport);
+    else if (request->rq_proc >= procedure_count)
+        ks_svcerr_noproc(transport);
+    else
+        procedures[request->rq_proc - 1](
+            {transport, static_cast<const authunix_parms *>(request->rq_clntcred)->aup_uid});
+}
+
+} // namespace depot

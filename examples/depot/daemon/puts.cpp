@@ -1,0 +1,228 @@
+#include "daemon/puts.h"
+
+#include "depot_process.h"
+
+#include <korvaks/korvaks.hpp>
+#include <korvaks/vlthread.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <iterator>
+
+#include <sys/random.h>
+
+namespace depot {
+
+namespace {
+
+struct Put {
+    // Guarded by puts_crit.
+    std::uint64_t handle; // 0: this place is free
+    uid_t user;
+    bool is_busy; // a thread works on it: the rest is that thread's
+    std::int64_t used_ms;
+
+    Depot depot;
+    PutBegin begin;
+    Packing packing;
+    std::uint64_t received;
+    std::uint64_t last_offset; // of the last piece, which may be sent again
+};
+
+constinit Put puts[puts_max] = {};
+constinit vlthread_mutex_t puts_crit = VLTHREAD_MUTEX_INITIALIZER;
+constinit vlthread_cond_t put_given_back = VLTHREAD_COND_INITIALIZER;
+
+// Those that follow hold puts_crit.
+
+Put *find(uid_t user, std::uint64_t handle)
+{
+    Put *const put = std::ranges::find_if(
+        puts, [&](const Put &one) { return handle != 0 && one.handle == handle && one.user == user; });
+    return put == std::end(puts) ? nullptr : put;
+}
+
+// NULL: there is no room for one more.
+Put *find_room(uid_t user)
+{
+    const auto of_user =
+        std::ranges::count_if(puts, [&](const Put &one) { return one.handle != 0 && one.user == user; });
+    Put *const put = std::ranges::find(puts, 0U, &Put::handle);
+    return of_user >= puts_of_user_max || put == std::end(puts) ? nullptr : put;
+}
+
+// 0 when the system has no random number.
+std::uint64_t make_handle()
+{
+    std::uint64_t handle = 0;
+    do {
+        if (getrandom(&handle, sizeof handle, 0) != sizeof handle)
+            return 0;
+    } while (handle == 0 || std::ranges::find(puts, handle, &Put::handle) != std::end(puts));
+    return handle;
+}
+
+// The others.
+
+// A put with nothing in it, for the caller to work on; NULL: there is none to be had.
+Put *make_put(uid_t user)
+{
+    const korvaks::Lock lock(puts_crit);
+    Put *const put = find_room(user);
+    const std::uint64_t handle = put == nullptr ? 0 : make_handle();
+    if (handle == 0)
+        return nullptr;
+    put->handle = handle;
+    put->user = user;
+    put->is_busy = true;
+    put->depot = {};
+    put->packing = {};
+    put->received = put->last_offset = 0;
+    return put;
+}
+
+// The put for the caller to work on, once nobody else does.
+Put *take(uid_t user, std::uint64_t handle)
+{
+    const korvaks::Lock lock(puts_crit);
+    Put *put = find(user, handle);
+    while (put != nullptr && put->is_busy) {
+        (void)vlthread_cond_wait(&put_given_back, &puts_crit);
+        put = find(user, handle);
+    }
+    if (put != nullptr)
+        put->is_busy = true;
+    return put;
+}
+
+void give_back(Put &put)
+{
+    const korvaks::Lock lock(puts_crit);
+    put.is_busy = false;
+    put.used_ms = now_ms();
+    (void)pthread_cond_broadcast(&put_given_back);
+}
+
+// What the put has written aside goes, unless it is an entry by now.
+void end(Put &put)
+{
+    close_depot(put.depot);
+    const korvaks::Lock lock(puts_crit);
+    put.is_busy = false;
+    put.handle = 0;
+    (void)pthread_cond_broadcast(&put_given_back);
+}
+
+// The put goes on, or ends when it failed for good.
+bool given_back(Put &put, bool is_done)
+{
+    if (is_done)
+        give_back(put);
+    else
+        end(put);
+    return is_done;
+}
+
+bool begin(Put &put, const char *depot_path)
+{
+    Entry &entry = put.begin.entry.entry;
+    entry.length = entry.stored_length = 0;
+    entry.permissions |= 0400; // what the daemon has stored it can read
+    return open_depot(depot_path, false, put.depot) &&
+           begin_entry(put.depot, put.begin.name.text, put.begin.may_replace != 0, entry);
+}
+
+// Content that was there before is not taken again.
+bool add(Put &put, const PutPiece &piece)
+{
+    put.last_offset = put.received;
+    put.received += piece.piece.size;
+    return add_content(put.depot.transfer, put.packing, put.begin.entry.entry, piece.piece.bytes, piece.piece.size);
+}
+
+bool finish(Put &put, const PutFinish &finish)
+{
+    const char *const name = put.begin.name.text;
+    Entry &entry = put.begin.entry.entry;
+    if (!end_content(put.depot.transfer, put.packing, entry))
+        return false;
+    if (entry.length != finish.length || entry.checksum != finish.checksum)
+        return fail(msg_bad_transfer, name);
+    return finish_entry(put.depot, name, put.begin.may_replace != 0, entry);
+}
+
+} // namespace
+
+bool begin_put(const char *depot_path, uid_t user, const PutBegin &question, std::uint64_t &out_handle)
+{
+    if (!check_name(question.name.text, question.name.text))
+        return false;
+    Put *const put = make_put(user);
+    if (put == nullptr)
+        return fail(msg_too_many_puts, question.name.text);
+    put->begin = question;
+    put->begin.entry.entry.owner = put->begin.entry.owner; // its texts have moved with it
+    put->begin.entry.entry.comment = put->begin.entry.comment;
+    out_handle = put->handle;
+    return given_back(*put, begin(*put, depot_path));
+}
+
+bool put_piece(uid_t user, const PutPiece &piece, std::uint64_t &out_length)
+{
+    Put *const put = take(user, piece.handle);
+    if (put == nullptr)
+        return fail(msg_put_unknown, "");
+    const std::uint64_t size = piece.piece.size;
+    const bool is_there = piece.offset <= put->last_offset && size <= put->received - piece.offset;
+    const bool is_next = piece.offset == put->received;
+    const bool is_sound = is_whole(piece.piece);
+    if (!is_sound || !(is_next || is_there)) {
+        (void)fail(is_sound ? msg_put_out_of_order : msg_bad_transfer, put->begin.name.text);
+        give_back(*put);
+        return false;
+    }
+    out_length = piece.offset + size;
+    return given_back(*put, !is_next || add(*put, piece));
+}
+
+bool finish_put(uid_t user, const PutFinish &question, std::uint64_t &out_stored_length)
+{
+    Put *const put = take(user, question.handle);
+    if (put == nullptr)
+        return fail(msg_put_unknown, "");
+    const bool is_done = finish(*put, question);
+    out_stored_length = put->begin.entry.entry.stored_length;
+    end(*put);
+    return is_done;
+}
+
+bool cancel_put(uid_t user, std::uint64_t handle)
+{
+    Put *const put = take(user, handle);
+    if (put == nullptr)
+        return fail(msg_put_unknown, "");
+    end(*put);
+    return true;
+}
+
+unsigned count_puts()
+{
+    const korvaks::Lock lock(puts_crit);
+    return static_cast<unsigned>(std::ranges::count_if(puts, [](const Put &put) { return put.handle != 0; }));
+}
+
+void end_puts(std::int64_t silent_ms)
+{
+    const std::int64_t now = now_ms();
+    for (Put &put : puts) {
+        {
+            const korvaks::Lock lock(puts_crit);
+            if (put.handle == 0 || put.is_busy || now - put.used_ms < silent_ms)
+                continue;
+            put.is_busy = true;
+        }
+        end(put);
+    }
+}
+
+} // namespace depot
