@@ -83,8 +83,8 @@ bool is_locked_elsewhere(int fd)
 int create_aside(int directory, mode_t mode, Aside &out_aside)
 {
     std::uint64_t number = 0;
-    if (getrandom(&number, sizeof number, 0) != sizeof number)
-        return EIO;
+    if (const int failure = make_random(number); failure != 0)
+        return failure;
     out_aside = {.directory = directory};
     (void)strutl_snprintf(out_aside.name, sizeof out_aside.name, "%s%016llx", aside_prefix,
                           static_cast<unsigned long long>(number));
@@ -141,6 +141,11 @@ int write_file(int fd, const void *data, std::size_t size)
         }
     }
     return 0;
+}
+
+int make_random(std::uint64_t &out_number)
+{
+    return getrandom(&out_number, sizeof out_number, 0) == sizeof out_number ? 0 : EIO;
 }
 
 // A pipe that can be written to has room for PIPE_BUF bytes; more could block where no raise is heard.

@@ -18,6 +18,9 @@ int read_fully(int fd, void *data, std::size_t size, std::size_t &out_count);
 // Writes to a pipe, terminal or file that need not be ready.
 int write_to_stream(int fd, const void *data, std::size_t size);
 
+// A number that nobody can guess. 0 or an errno number.
+int make_random(std::uint64_t &out_number);
+
 // Writes to a plain file.
 int write_file(int fd, const void *data, std::size_t size);
 

@@ -176,6 +176,11 @@ Search find_own_addresses(stg_area *area, const char *word, Addresses &out_addre
     return lookup.host[0] == '\0' ? every_address(area, out_addresses) : ask_resolver(area, out_addresses);
 }
 
+bool is_place(const char *word)
+{
+    return split(word, 0);
+}
+
 bool is_any(const Address &address)
 {
     if (address.bytes.ss_family == AF_INET6)

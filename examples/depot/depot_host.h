@@ -34,6 +34,9 @@ Search find_addresses(stg_area *area, const char *word, Addresses &out_addresses
 // one that the system chooses.
 Search find_own_addresses(stg_area *area, const char *word, Addresses &out_addresses);
 
+// Whether a word is for that. Reports nothing.
+bool is_place(const char *word);
+
 bool is_any(const Address &address);
 
 // Both families have it at the same place.

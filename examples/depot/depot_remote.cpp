@@ -268,8 +268,8 @@ bool RemoteStore::call(Procedure procedure, bool_t (*xdr_question)(XDR *, Questi
         return true;
     rpc_err error = {};
     clnt_geterr(client_, &error);
-    disconnect(); // there may be the rest of an answer on its way
-    pfm_test_raise(nullptr);
+    pfm_test_raise(nullptr); // one that has ended the call leaves the connection good for the end of a put
+    disconnect();            // there may be the rest of an answer on its way
     if (failure.number != msg_none)
         tell(failure);
     else
@@ -407,6 +407,10 @@ bool RemoteStore::put_source(const char *path, const Label &label)
     transfer_.target_name = entry_name;
     Entry entry = describe(status, label);
     PutBegin begin;
+    if (const int failure = make_random(put_handle_); failure != 0)
+        return fail(msg_cannot_write, entry_name, failure);
+    put_handle_ |= 1; // never 0
+    begin.handle = put_handle_;
     name(begin.name, entry_name);
     begin.may_replace = label.may_replace ? 1 : 0;
     begin.entry.set(entry, 0);
@@ -414,7 +418,6 @@ bool RemoteStore::put_source(const char *path, const Label &label)
     if (!call(procedure_begin_put, xdr_put_begin, begin, xdr_put_answer, begun) ||
         is_refused(begun.failure, entry_name))
         return false;
-    put_handle_ = begun.number;
     PutFinish finish;
     PutAnswer finished;
     if (!put_pieces(finish) || !check_unchanged(transfer_, status) ||

@@ -150,7 +150,8 @@ bool is_whole(const Piece &piece)
 
 bool_t xdr_put_begin(XDR *xdrs, PutBegin *begin)
 {
-    return xdr_name(xdrs, &begin->name) && code(xdrs, begin->may_replace) && xdr_entry(xdrs, &begin->entry);
+    return code(xdrs, begin->handle) && begin->handle != 0 && xdr_name(xdrs, &begin->name) &&
+           code(xdrs, begin->may_replace) && xdr_entry(xdrs, &begin->entry);
 }
 
 bool_t xdr_put_piece(XDR *xdrs, PutPiece *piece)

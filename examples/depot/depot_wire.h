@@ -78,7 +78,10 @@ bool is_whole(const Piece &piece);
 
 // --- Put ---
 
+// A put is known by its caller's user and a number that the caller makes up, not 0 and not to be guessed. So each step
+// may come again, when its answer was lost, and a put can be cancelled whose beginning was not answered.
 struct PutBegin {
+    std::uint64_t handle;
     WireName name;
     std::uint32_t may_replace;
     WireEntry entry; // change, permissions, owner and comment count
@@ -99,7 +102,7 @@ struct PutFinish {
 };
 bool_t xdr_put_finish(XDR *xdrs, PutFinish *finish);
 
-// Answer of the steps of put: the handle; the bytes that are there; the bytes as stored; nothing.
+// The number: of a piece, the bytes that are there with it; of the finish, the bytes as stored; else 0.
 struct PutAnswer {
     Failure failure;
     std::uint64_t number = 0;

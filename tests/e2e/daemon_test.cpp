@@ -18,33 +18,14 @@ namespace {
 using test::ChildResult;
 using test::Words;
 
+const Words often{"-i", "1"};
+
 class DaemonTest : public test::DepotTest {
   protected:
     void SetUp() override
     {
         DepotTest::SetUp();
         std::filesystem::create_directory("depot");
-    }
-
-    std::unique_ptr<test::Child> start_daemon(const std::string &program = VELDEPOTD_PROGRAM)
-    {
-        auto daemon = std::make_unique<test::Child>([&] { return test::exec({program, "-d", "depot", "-i", "1"}); });
-        EXPECT_TRUE(is_logged("veldepotd 1.0.0 started, pid " + std::to_string(daemon->pid()) + ": depot \"depot\""));
-        return daemon;
-    }
-
-    static std::string log() { return std::filesystem::exists("depot.log") ? test::read_file("depot.log") : ""; }
-
-    // Waits until a record holds the text.
-    static bool is_logged(const std::string &text)
-    {
-        for (int tries = 0; tries < 2000; ++tries) {
-            if (log().find(text) != std::string::npos)
-                return true;
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        }
-        ADD_FAILURE() << "\"" << text << "\" is not in:\n" << log();
-        return false;
     }
 
     // Tells it to end; every record of its log has a time and a head, and the last one the reason.
@@ -66,7 +47,7 @@ TEST_F(DaemonTest, VerifiesWhatIsNewAndWhatHasChanged)
 {
     put("one", "first content");
     put("-two words\n", "second content");
-    const auto daemon = start_daemon();
+    const auto daemon = start_daemon(often);
     EXPECT_TRUE(is_logged("Verified: all of 2 entries are sound"));
     put("three", "third content");
     EXPECT_TRUE(is_logged("Verified: all of 1 entries are sound"));
@@ -88,7 +69,7 @@ TEST_F(DaemonTest, EndsInOrderBySignalsAlsoAfterAStop)
     ASSERT_EQ(setenv("NOTIFY_SOCKET", home_.file("manager").c_str(), 1), 0);
     for (const int signal : {SIGTERM, SIGINT, SIGHUP}) {
         std::filesystem::remove("depot.log");
-        const auto daemon = start_daemon();
+        const auto daemon = start_daemon(often);
         EXPECT_EQ(kill(daemon->pid(), SIGSTOP), 0);
         EXPECT_TRUE(daemon->wait_for_stop(SIGSTOP));
         EXPECT_EQ(kill(daemon->pid(), SIGCONT), 0);
@@ -105,7 +86,7 @@ TEST_F(DaemonTest, EndsInOrderBySignalsAlsoAfterAStop)
 
 TEST_F(DaemonTest, OpensItsLogAnewWhenToldTo)
 {
-    const auto daemon = start_daemon();
+    const auto daemon = start_daemon(often);
     std::filesystem::rename("depot.log", "old.log");
     put("one", "content");
     for (int tries = 0; tries < 2000 && test::read_file("old.log").find("all of 1") == std::string::npos; ++tries)
@@ -124,7 +105,7 @@ TEST_F(DaemonTest, TakesItsChildWithIt)
     test::write_file("veldepot", "#!/bin/sh\nprintf 'no end' >&2\necho \"$@\"\nexec sleep 1000\n");
     ASSERT_EQ(chmod("veldepot", 0755), 0);
     test::write_file("depot/one.vde", "");
-    const auto daemon = start_daemon(home_.file("veldepotd"));
+    const auto daemon = start_daemon(often, home_.file("veldepotd"));
     EXPECT_TRUE(is_logged("Ok: verify -depot depot -- one"));
     end(*daemon);
     EXPECT_NE(log().find("Stopping: Terminated"), std::string::npos);
@@ -145,6 +126,10 @@ TEST_F(DaemonTest, SaysWhatIsWrongWithItsCommandLine)
         {{"-d", "depot", "--wrong"}, 2, "\"wrong\"; see -h"},
         {{"-d", "depot", "more"}, 2, "\"more\" is too much"},
         {{"--interval", "0"}, 2, "\"0\" is no number of seconds from 1 to 86400"},
+        {{"-t", "1001"}, 2, "\"1001\" is no number of threads from 0 to 1000"},
+        {{"-s", "host"}, 2, "\"host\" is no [HOST]:PORT"},
+        {{"-s", ":65536"}, 2, "\":65536\" is no [HOST]:PORT"},
+        {{"-d", "depot", "-s", "192.0.2.1:0"}, 1, ""},
         {{"-d", "nothing"}, 1, "\"nothing\""},
         {{"-d", "depot", "-l", "depot/no/log"}, 1, "depot/no/log"},
         {{"--version"}, 0, "veldepotd 1.0.0"},

@@ -13,24 +13,12 @@
 
 namespace {
 
-using test::abc_block;
 using test::ChildResult;
-using test::first_part;
+using test::EveryDepot;
 using test::run_program;
-using test::second_part;
 using test::Words;
 
-class DepotCommand : public test::DepotTest {
-  protected:
-    // Three entries whose dates are known, of both versions of the format.
-    static void make_dated_entries()
-    {
-        put_entry_file("old.txt", first_part(1, {1709643839, 0}) + abc_block); // 2024-03-05 14:03:59 in Prague
-        put_entry_file("new one", first_part(2, {1234567890, 0}) + second_part({1767225599, 0}, "ann", "") + abc_block);
-        put_entry_file("new.txt", first_part(2, {-1, 0}) +
-                                      second_part({1767225600, 999999999}, "bo\x1b", "first \xff\nsecond") + abc_block);
-    }
-};
+class DepotCommand : public test::DepotTest {};
 
 TEST_F(DepotCommand, MayBeCutOff)
 {
@@ -147,7 +135,7 @@ TEST_F(DepotCommand, ExplainsItselfAndEveryCommand)
         EXPECT_NE(list_page.find(text), std::string::npos) << text;
 }
 
-TEST_F(DepotCommand, ListsWhatIsAskedForInTheFormThatIsAskedFor)
+TEST_P(EveryDepot, ListsWhatIsAskedForInTheFormThatIsAskedFor)
 {
     make_dated_entries();
     const char *const traditional = "0";
@@ -199,7 +187,7 @@ TEST_F(DepotCommand, ListsWhatIsAskedForInTheFormThatIsAskedFor)
     }
 }
 
-TEST_F(DepotCommand, PutReplacesUnlessToldNotTo)
+TEST_P(EveryDepot, PutReplacesUnlessToldNotTo)
 {
     put("file", "1");
     test::write_file("file", "22");
@@ -246,5 +234,7 @@ TEST_F(DepotCommand, IsKeptInTheHostsHistory)
     const std::string expected = line + "'put' '--' 'a b' in /[^\n]*\n" + line + "'mend' 'a\\?b' in /[^\n]*\n";
     EXPECT_TRUE(test::matches(test::read_file(log), expected)) << test::read_file(log);
 }
+
+INSTANTIATE_TEST_SUITE_P(Reached, EveryDepot, test::every_way, test::name_of_way);
 
 } // namespace

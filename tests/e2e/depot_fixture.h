@@ -5,6 +5,7 @@
 #include <korvaks/fileutl.h>
 
 #include <chrono>
+#include <csignal>
 #include <cstdint>
 #include <cstdlib>
 #include <filesystem>
@@ -109,20 +110,62 @@ class DepotTest : public testing::Test {
   protected:
     void SetUp() override
     {
-        for (const char *name : {"NLSPATH", "VELDEPOT_DIR", "TRACE_SUBSYS", "PRINT_SUBSYS", "PRINT_SUBSYS_OK",
-                                 "VELM_ISO_DATE_FMT", "VELM_HOSTDATA_DIR"})
+        for (const char *name : {"NLSPATH", "VELDEPOT_DIR", "VELDEPOT_SERVER", "TRACE_SUBSYS", "PRINT_SUBSYS",
+                                 "PRINT_SUBSYS_OK", "VELM_ISO_DATE_FMT", "VELM_HOSTDATA_DIR"})
             unsetenv(name);
         setenv("LC_ALL", "C", 1);
         setenv("TZ", "CET-1", 1);
         ASSERT_EQ(chdir(home_.path().c_str()), 0);
+        where_ = {"-d", "depot"};
     }
     void TearDown() override { ASSERT_EQ(chdir("/"), 0); }
+
+    // A daemon over the depot "depot", once it has logged its start.
+    static std::unique_ptr<Child> start_daemon(const Words &options = {},
+                                               const std::string &program = VELDEPOTD_PROGRAM)
+    {
+        std::filesystem::create_directory("depot");
+        Words command{program, "-d", "depot"};
+        command.insert(command.end(), options.begin(), options.end());
+        auto daemon = std::make_unique<Child>([&] { return exec(command); });
+        EXPECT_TRUE(is_logged("veldepotd 1.0.0 started, pid " + std::to_string(daemon->pid()) + ": depot \"depot\""));
+        return daemon;
+    }
+
+    // One that serves it, which is what runs work on from then on.
+    static std::unique_ptr<Child> start_server(const Words &options = {})
+    {
+        std::filesystem::remove("depot.log");
+        Words serving{"-s", "127.0.0.1:0"};
+        serving.insert(serving.end(), options.begin(), options.end());
+        auto daemon = start_daemon(serving);
+        EXPECT_TRUE(is_logged(", over TCP and UDP"));
+        const std::string at = "Serving at ";
+        const std::size_t start = log().find(at) + at.size();
+        where_ = {"-server", log().substr(start, log().find(',', start) - start)};
+        return daemon;
+    }
+
+    static std::string log() { return std::filesystem::exists("depot.log") ? read_file("depot.log") : ""; }
+
+    // Waits until a record holds the text.
+    static bool is_logged(const std::string &text)
+    {
+        for (int tries = 0; tries < 2000; ++tries) {
+            if (log().find(text) != std::string::npos)
+                return true;
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+        ADD_FAILURE() << "\"" << text << "\" is not in:\n" << log();
+        return false;
+    }
 
     // A run in the test's directory, on the depot "depot".
     static std::unique_ptr<Child> start(
         const Words &words, const std::function<void()> &prepare = [] {})
     {
-        Words command{VELDEPOT_PROGRAM, "-d", "depot"};
+        Words command{VELDEPOT_PROGRAM};
+        command.insert(command.end(), where_.begin(), where_.end());
         command.insert(command.end(), words.begin(), words.end());
         return std::make_unique<Child>([&]() -> int {
             prepare();
@@ -157,6 +200,15 @@ class DepotTest : public testing::Test {
         write_file("depot/" + name + ".vde", bytes);
     }
 
+    // Three entries whose dates are known, of both older versions of the format.
+    static void make_dated_entries()
+    {
+        put_entry_file("old.txt", first_part(1, {1709643839, 0}) + abc_block); // 2024-03-05 14:03:59 in Prague
+        put_entry_file("new one", first_part(2, {1234567890, 0}) + second_part({1767225599, 0}, "ann", "") + abc_block);
+        put_entry_file("new.txt", first_part(2, {-1, 0}) +
+                                      second_part({1767225600, 999999999}, "bo\x1b", "first \xff\nsecond") + abc_block);
+    }
+
     // The content of an entry, by way of the program.
     static std::string content_of(const std::string &name)
     {
@@ -186,6 +238,34 @@ class DepotTest : public testing::Test {
     }
 
     TempDir home_;
+    static inline Words where_{"-d", "depot"};
 };
+
+// The depot "depot", in each way in which it can be reached.
+class EveryDepot : public DepotTest, public testing::WithParamInterface<const char *> {
+  protected:
+    void SetUp() override
+    {
+        DepotTest::SetUp();
+        if (GetParam() == std::string("local"))
+            return;
+        server_ = start_server({"-t", GetParam() == std::string("threads") ? "4" : "0"});
+        setenv("VELDEPOT_SERVER", where_[1].c_str(), 1);
+        where_.clear();
+    }
+    void TearDown() override
+    {
+        if (server_ != nullptr) {
+            kill(server_->pid(), SIGTERM);
+            EXPECT_EQ(server_->finish().exit_status, 0) << log();
+        }
+        DepotTest::TearDown();
+    }
+
+    std::unique_ptr<Child> server_;
+};
+
+inline const auto every_way = testing::Values("local", "loop", "threads");
+inline const auto name_of_way = [](const auto &way) { return std::string(way.param); };
 
 } // namespace test

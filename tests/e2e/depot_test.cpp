@@ -19,6 +19,7 @@ using test::abc_block;
 using test::ChildResult;
 using test::DepotTest;
 using test::entry_in_blocks;
+using test::EveryDepot;
 using test::first_part;
 using test::random_bytes;
 using test::second_fields;
@@ -26,7 +27,7 @@ using test::second_part;
 using test::user_name;
 using test::Words;
 
-TEST_F(DepotTest, KeepsFilesWithTheirNamesContentsAndTimes)
+TEST_P(EveryDepot, KeepsFilesWithTheirNamesContentsAndTimes)
 {
     const std::pair<std::string, std::string> files[] = {{"empty", ""},
                                                          {"one", "x"},
@@ -61,7 +62,7 @@ TEST_F(DepotTest, KeepsFilesWithTheirNamesContentsAndTimes)
     EXPECT_EQ(asides(), Words{});
 }
 
-TEST_F(DepotTest, WritesTheFormatThatIsWrittenDown)
+TEST_P(EveryDepot, WritesTheFormatThatIsWrittenDown)
 {
     test::write_file("abc", "abc");
     ASSERT_EQ(chmod("abc", 0755), 0);
@@ -84,7 +85,7 @@ TEST_F(DepotTest, WritesTheFormatThatIsWrittenDown)
     EXPECT_EQ(bytes, entry_in_blocks(times[1], second_fields(stored, user_name(), "why not\n\xff", "\1\355")));
 }
 
-TEST_F(DepotTest, ReadsEntriesOfTheOlderVersions)
+TEST_P(EveryDepot, ReadsEntriesOfTheOlderVersions)
 {
     put_entry_file("older", first_part(2, {1, 2}) + second_part({3, 4}, "o", "c") + abc_block);
     EXPECT_EQ(content_of("older"), "abc");
@@ -97,7 +98,7 @@ TEST_F(DepotTest, ReadsEntriesOfTheOlderVersions)
     EXPECT_EQ(good({"list", "-fmt", "%d %m %u '%c'"}), "2009-02-14T00:31:30+01:00 2009-02-14T00:31:30+01:00 - ''");
 }
 
-TEST_F(DepotTest, ListsInColumnsAndInOrder)
+TEST_P(EveryDepot, ListsInColumnsAndInOrder)
 {
     put("zeros", std::string(1000, '\0'));
     put("a", "abc");
@@ -110,7 +111,7 @@ TEST_F(DepotTest, ListsInColumnsAndInOrder)
                                   "3 in all            1003              97\n");
 }
 
-TEST_F(DepotTest, NoticesEveryDamage)
+TEST_P(EveryDepot, NoticesEveryDamage)
 {
     put("sound", "untouched");
     put("hurt", "some text that is some text");
@@ -142,7 +143,7 @@ TEST_F(DepotTest, NoticesEveryDamage)
     EXPECT_NE(listed.out.find("\nsound "), std::string::npos) << "the rest is still listed";
 }
 
-TEST_F(DepotTest, SaysWhatIsWrongAndGoesOn)
+TEST_P(EveryDepot, SaysWhatIsWrongAndGoesOn)
 {
     put("here", "1");
     test::write_file("depot/README", "");
@@ -194,7 +195,7 @@ TEST_F(DepotTest, SaysWhatIsWrongAndGoesOn)
     EXPECT_FALSE(std::filesystem::exists("nowhere"));
 }
 
-TEST_F(DepotTest, AnInterruptLeavesNoHalfFile)
+TEST_P(EveryDepot, AnInterruptLeavesNoHalfFile)
 {
     put("pipe", "old");
     std::filesystem::remove("pipe");
@@ -214,7 +215,7 @@ TEST_F(DepotTest, AnInterruptLeavesNoHalfFile)
     }
 }
 
-TEST_F(DepotTest, AFileThatChangesWhileItIsReadIsNotStored)
+TEST_P(EveryDepot, AFileThatChangesWhileItIsReadIsNotStored)
 {
     put("file", "old");
     for (const bool grows : {true, false}) {
@@ -237,7 +238,7 @@ TEST_F(DepotTest, AFileThatChangesWhileItIsReadIsNotStored)
     }
 }
 
-TEST_F(DepotTest, FetchesByNameAndPatternAndGivesExecutableBitsBack)
+TEST_P(EveryDepot, FetchesByNameAndPatternAndGivesExecutableBitsBack)
 {
     const std::string left_behind = ".veldepot-0123456789abcdef"; // whatever it is, it is the user's
     for (const std::string name : {"a1", "a2", "*", "other", "[o-"})
@@ -315,5 +316,7 @@ TEST_F(DepotTest, AKillAtAnyMomentLeavesTheOldOrTheNewEntryWhole)
     put("file", old_content);
     EXPECT_EQ(asides(), Words{});
 }
+
+INSTANTIATE_TEST_SUITE_P(Reached, EveryDepot, test::every_way, test::name_of_way);
 
 } // namespace

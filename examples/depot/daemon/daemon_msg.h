@@ -28,6 +28,7 @@ enum DaemonMsg : unsigned {
     msg_daemon_no_memory, // seconds
     msg_daemon_threads,   // word, most
     msg_daemon_many,      // most addresses
+    msg_daemon_place,     // word
     msg_daemon_serving,   // address
     msg_daemon_no_socket, // address, error text
     msg_daemon_no_server, // nothing more
@@ -69,6 +70,7 @@ inline constexpr korvaks::MessageTable daemon_messages(
      {msg_daemon_no_memory, "Out of memory; looking again in %ld s\n"},
      {msg_daemon_threads, "\"%s\" is no number of threads from 0 to %ld.\n"},
      {msg_daemon_many, "There are more than %u addresses to serve at.\n"},
+     {msg_daemon_place, "\"%s\" is no [HOST]:PORT; a port is 0 to 65535, an IPv6 address stands in brackets.\n"},
      {msg_daemon_serving, "Serving at %s, over TCP and UDP\n"},
      {msg_daemon_no_socket, "Unable to serve at %s: %s\n"},
      {msg_daemon_no_server, "Unable to begin serving; the depot is not served\n"},

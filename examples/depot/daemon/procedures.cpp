@@ -229,9 +229,8 @@ void step_of_put(const Call &call, bool_t (*routine)(XDR *, Question *), const S
 
 void begin(const Call &call)
 {
-    step_of_put(call, xdr_put_begin, [&](const PutBegin &question, std::uint64_t &out_number) {
-        return begin_put(depot_path, call.user, question, out_number);
-    });
+    step_of_put(call, xdr_put_begin,
+                [&](const PutBegin &question, std::uint64_t &) { return begin_put(depot_path, call.user, question); });
 }
 
 void add_piece(const Call &call)

@@ -6,10 +6,8 @@
 #include <korvaks/vlthread.h>
 
 #include <algorithm>
-#include <cerrno>
+#include <cstring>
 #include <iterator>
-
-#include <sys/random.h>
 
 namespace depot {
 
@@ -51,26 +49,14 @@ Put *find_room(uid_t user)
     return of_user >= puts_of_user_max || put == std::end(puts) ? nullptr : put;
 }
 
-// 0 when the system has no random number.
-std::uint64_t make_handle()
-{
-    std::uint64_t handle = 0;
-    do {
-        if (getrandom(&handle, sizeof handle, 0) != sizeof handle)
-            return 0;
-    } while (handle == 0 || std::ranges::find(puts, handle, &Put::handle) != std::end(puts));
-    return handle;
-}
-
 // The others.
 
-// A put with nothing in it, for the caller to work on; NULL: there is none to be had.
-Put *make_put(uid_t user)
+// A put with nothing in it, for the caller to work on; NULL: there is no room for it.
+Put *make_put(uid_t user, std::uint64_t handle)
 {
     const korvaks::Lock lock(puts_crit);
     Put *const put = find_room(user);
-    const std::uint64_t handle = put == nullptr ? 0 : make_handle();
-    if (handle == 0)
+    if (put == nullptr || find(user, handle) != nullptr) // another thread may have had the same call meanwhile
         return nullptr;
     put->handle = handle;
     put->user = user;
@@ -153,17 +139,22 @@ bool finish(Put &put, const PutFinish &finish)
 
 } // namespace
 
-bool begin_put(const char *depot_path, uid_t user, const PutBegin &question, std::uint64_t &out_handle)
+bool begin_put(const char *depot_path, uid_t user, const PutBegin &question)
 {
-    if (!check_name(question.name.text, question.name.text))
+    const char *const name = question.name.text;
+    if (!check_name(name, name))
         return false;
-    Put *const put = make_put(user);
+    if (Put *const begun = take(user, question.handle); begun != nullptr) {
+        const bool is_same = std::strcmp(begun->begin.name.text, name) == 0;
+        give_back(*begun);
+        return is_same || fail(msg_put_out_of_order, name);
+    }
+    Put *const put = make_put(user, question.handle);
     if (put == nullptr)
-        return fail(msg_too_many_puts, question.name.text);
+        return fail(msg_too_many_puts, name);
     put->begin = question;
     put->begin.entry.entry.owner = put->begin.entry.owner; // its texts have moved with it
     put->begin.entry.entry.comment = put->begin.entry.comment;
-    out_handle = put->handle;
     return given_back(*put, begin(*put, depot_path));
 }
 

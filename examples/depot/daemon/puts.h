@@ -1,9 +1,9 @@
 // Files that clients store piece by piece: each is begun, gets its pieces, and is finished. One that is not leaves
 // nothing in the depot.
 //
-// A put belongs to the user who began it, and is known by a random number. The threads that serve calls call these
-// functions, with raises held off; what fails is told by fail(). While one works on a put others of the same put wait,
-// and those of other puts do not.
+// A put belongs to the user who began it, and is known by that and a number of the client's (depot_wire.h). The threads
+// that serve calls call these functions, with raises held off; what fails is told by fail(). While one works on a put
+// others of the same put wait, and those of other puts do not.
 #pragma once
 
 #include "depot_wire.h"
@@ -16,8 +16,8 @@ namespace depot {
 inline constexpr unsigned puts_max = 64;
 inline constexpr unsigned puts_of_user_max = 16;
 
-// Gives the put's handle.
-bool begin_put(const char *depot_path, uid_t user, const PutBegin &begin, std::uint64_t &out_handle);
+// One that was begun already with this handle and name goes on.
+bool begin_put(const char *depot_path, uid_t user, const PutBegin &begin);
 
 // Gives the bytes that are there with this piece, also for one that was there already: it may come again, when its
 // answer was lost. One out of order, or damaged, is refused, and the put waits for the right one.

@@ -97,14 +97,15 @@ bool read_threads(const char *word, long &out_count)
     return false;
 }
 
+// Whether a place is right is seen while there is somebody at the terminal.
 bool add_place(const char *word, Serving &serving)
 {
     if (serving.place_count == places_max)
         say(IMSG_ERROR, msg_daemon_many, places_max);
-    else if (strutl_cpy_buf(serving.places[serving.place_count], word, place_bytes_max) == 0)
-        return ++serving.place_count > 0;
+    else if (!is_place(word) || strutl_cpy_buf(serving.places[serving.place_count], word, place_bytes_max) != 0)
+        say(IMSG_ERROR, msg_daemon_place, shown(word));
     else
-        say(IMSG_ERROR, msg_daemon_needs, 's', static_cast<int>(place_bytes_max) - 1);
+        return ++serving.place_count > 0;
     return false;
 }
 
