@@ -95,6 +95,16 @@ bool_t xdr_list_answer(XDR *xdrs, ListAnswer *answer)
     return FALSE;
 }
 
+// Of names that a stranger chooses, which stay in the area.
+hash_ht *make_table()
+{
+    hash_ht *const table =
+        hash_create_ht(0, sizeof(RemoteStore::Known), HASH_KEY_STR, 0, 0, hash_seeded_str_fn, nullptr);
+    if (table != nullptr)
+        hash_set_dynamic(table, 1);
+    return table;
+}
+
 // --- Get ---
 
 struct GetAnswer {
@@ -311,7 +321,7 @@ void RemoteStore::close()
 bool RemoteStore::list(stg_area *area, const char *one, Names &out_names, Names &out_others)
 {
     if (known_ == nullptr)
-        known_ = hash_str_create(0, sizeof(Known), 1);
+        known_ = make_table();
     if (known_ == nullptr)
         return fail(msg_no_memory, server_);
     ListQuestion question;
