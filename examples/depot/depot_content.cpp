@@ -99,14 +99,7 @@ bool give(Transfer &transfer, const unsigned char *data, std::size_t size, Sink 
     return failure == 0 || fail(msg_cannot_write, transfer.target_name, failure);
 }
 
-// The sums that the header tells, taken anew.
-struct Sums {
-    Checksum content;
-    Checksum stored;
-    std::uint64_t stored_length = 0;
-};
-
-bool unpack_block(Transfer &transfer, std::size_t size, Sums &sums, Sink sink)
+bool unpack_block(Transfer &transfer, std::size_t size, Position &position, Sink sink)
 {
     unsigned char bytes[block_head_bytes];
     if (!read_stored(transfer, bytes, sizeof bytes))
@@ -116,35 +109,19 @@ bool unpack_block(Transfer &transfer, std::size_t size, Sums &sums, Sink sink)
         return fail(Fault::block, transfer.source_name);
     if (!read_stored(transfer, transfer.room, head.stored_bytes))
         return false;
-    add_block(sums.stored, transfer.room, head.stored_bytes);
-    sums.stored_length += block_head_bytes + head.stored_bytes;
-    if (sums.stored.value() != head.checksum)
+    add_block(position.stored_sum, transfer.room, head.stored_bytes);
+    position.stored += block_head_bytes + head.stored_bytes;
+    if (position.stored_sum.value() != head.checksum)
         return fail(Fault::block, transfer.source_name);
     const bool is_packed = head.stored_bytes < size;
     if (is_packed && !restore(transfer, transfer.room, head.stored_bytes, size))
         return false;
     const unsigned char *const data = is_packed ? transfer.result : transfer.room;
-    sums.content.add(data, size);
+    position.content.add(data, size);
+    position.given += size;
     const bool is_given = give(transfer, data, size, sink);
     drop(transfer.result);
     return is_given;
-}
-
-bool unpack_blocks(Transfer &transfer, const Entry &entry, Sink sink)
-{
-    if (!make_room(transfer))
-        return false;
-    Sums sums;
-    for (std::uint64_t left = entry.length; left > 0;) {
-        const auto size = static_cast<std::size_t>(std::min<std::uint64_t>(left, block_content_bytes));
-        if (!unpack_block(transfer, size, sums, sink))
-            return false;
-        left -= size;
-        show_progress(transfer.source_name, entry.length - left);
-    }
-    if (sums.stored_length != entry.stored_length || sums.stored.value() != entry.stored_checksum)
-        return fail(Fault::block, transfer.source_name);
-    return sums.content.value() == entry.checksum || fail(Fault::content, transfer.source_name);
 }
 
 // A checksum of any length, with checks for Ctrl-C.
@@ -258,9 +235,32 @@ int to_output(Transfer &, const unsigned char *data, std::size_t size)
     return write_to_stream(STDOUT_FILENO, data, size);
 }
 
+bool unpack_next(Transfer &transfer, const Entry &entry, Position &position, Sink sink)
+{
+    if (!entry.is_in_blocks) {
+        position.given = entry.length;
+        return unpack_whole(transfer, entry, sink);
+    }
+    const std::uint64_t left = entry.length - position.given;
+    const auto size = static_cast<std::size_t>(std::min<std::uint64_t>(left, block_content_bytes));
+    if (size > 0 && (!make_room(transfer) || !unpack_block(transfer, size, position, sink)))
+        return false;
+    show_progress(transfer.source_name, position.given);
+    if (position.given < entry.length)
+        return true;
+    return (position.stored == entry.stored_length && position.stored_sum.value() == entry.stored_checksum) ||
+           fail(Fault::block, transfer.source_name);
+}
+
 bool unpack(Transfer &transfer, const Entry &entry, Sink sink)
 {
-    return entry.is_in_blocks ? unpack_blocks(transfer, entry, sink) : unpack_whole(transfer, entry, sink);
+    Position position;
+    do {
+        if (!unpack_next(transfer, entry, position, sink))
+            return false;
+    } while (position.given < entry.length);
+    const bool is_checked = !entry.is_in_blocks; // by unpack_whole()
+    return is_checked || position.content.value() == entry.checksum || fail(Fault::content, transfer.source_name);
 }
 
 bool fail(Fault fault, const char *name)

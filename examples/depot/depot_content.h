@@ -56,6 +56,19 @@ int to_output(Transfer &transfer, const unsigned char *data, std::size_t size);
 // been checked. False also when only the end shows that something is wrong.
 bool unpack(Transfer &transfer, const Entry &entry, Sink sink);
 
+// How far an entry is unpacked, in front of a block.
+struct Position {
+    std::uint64_t given = 0;  // of the content
+    std::uint64_t stored = 0; // of what is behind the header
+    Checksum stored_sum;
+    Checksum content;
+};
+
+// The same in steps, for as long as content is left: gives the next block, or all of an entry of an older version. Of
+// the content each block is checked, and with the last one all that is stored; the content's own sum is the caller's to
+// check.
+bool unpack_next(Transfer &transfer, const Entry &entry, Position &position, Sink sink);
+
 // Reports what is wrong with an entry.
 bool fail(Fault fault, const char *name);
 

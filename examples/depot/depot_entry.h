@@ -63,8 +63,12 @@ inline constexpr std::size_t block_head_bytes = 8;
 // A checksum that is continued from piece to piece.
 class Checksum {
   public:
+    Checksum() = default;
+    Checksum(std::uint32_t value, std::uint32_t counter) : value_(value), counter_(counter) {}
+
     void add(const void *data, std::size_t size) { (void)fileutl_crc_buffer_step(data, size, &counter_, &value_); }
     std::uint32_t value() const { return value_; }
+    std::uint32_t counter() const { return counter_; }
 
   private:
     std::uint32_t value_ = 0;

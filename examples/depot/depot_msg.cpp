@@ -72,6 +72,8 @@ constexpr Row rows[] = {
     {msg_put_out_of_order, "Something of \"%s\" got lost on its way, and it was not stored.\n"},
     {msg_too_many_puts, "The server stores too many files at once, and did not take \"%s\".\n"},
     {msg_needs_connection, "\"%s\" may be too much for a datagram: ask for it over TCP.\n"},
+    {msg_replaced, "Entry \"%s\" was replaced while it was fetched; try again.\n"},
+    {msg_busy, "The server is too busy to give \"%s\".\n"},
     {msg_unknown_failure, "The server failed with \"%s\" in a way that this program does not know.\n"},
 
     {msg_stored, "Stored \"%s\": %llu bytes in %llu.\n"},

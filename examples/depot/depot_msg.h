@@ -64,6 +64,8 @@ enum Msg : unsigned {
     msg_put_out_of_order, // name
     msg_too_many_puts,    // name
     msg_needs_connection, // name
+    msg_replaced,         // name
+    msg_busy,             // name
     msg_unknown_failure,  // name
 
     // What was done.

@@ -19,9 +19,22 @@
 #include <cstring>
 
 #include <fcntl.h>
+#include <poll.h>
 #include <unistd.h>
 
 namespace depot {
+
+// Of all calls that fetch an entry.
+struct GetAnswer {
+    Failure failure;
+    Transfer *transfer = nullptr;
+    bool is_spooled = false; // content for a stream waits in a file without a name
+    std::uint64_t length = 0;
+    Checksum content;
+    Place next;
+    WireEntry entry;
+    Piece piece;
+};
 
 namespace {
 
@@ -107,16 +120,6 @@ hash_ht *make_table()
 
 // --- Get ---
 
-struct GetAnswer {
-    Failure failure;
-    Transfer *transfer = nullptr;
-    bool is_spooled = false; // content for a stream waits in a file without a name
-    std::uint64_t length = 0;
-    Checksum content;
-    WireEntry entry;
-    Piece piece;
-};
-
 bool is_complete(const GetAnswer &answer)
 {
     return answer.length == answer.entry.entry.length && answer.content.value() == answer.entry.entry.checksum;
@@ -147,12 +150,13 @@ bool_t xdr_get_answer(XDR *xdrs, GetAnswer *answer)
         return TRUE;
     if (!xdr_entry(xdrs, &answer->entry))
         return FALSE;
-    if (!answer->is_spooled && !begin_target(*answer->transfer, answer->entry.mode))
+    const bool is_begun = answer->is_spooled || answer->transfer->aside.fd >= 0;
+    if (!is_begun && !begin_target(*answer->transfer, answer->entry.mode))
         return FALSE;
     while (xdr_piece(xdrs, &answer->piece)) {
         if (answer->piece.size == 0) {
             answer->failure = answer->piece.failure;
-            return TRUE;
+            return xdr_place(xdrs, &answer->next);
         }
         if (!take_piece(*answer))
             return FALSE;
@@ -287,6 +291,22 @@ bool RemoteStore::call(Procedure procedure, bool_t (*xdr_question)(XDR *, Questi
     return false;
 }
 
+// A server may be too busy for long answers, for a moment.
+template <typename Question, typename Answer>
+bool RemoteStore::call_when_granted(Procedure procedure, bool_t (*xdr_question)(XDR *, Question *), Question &question,
+                                    bool_t (*xdr_answer)(XDR *, Answer *), Answer &answer)
+{
+    constexpr int pause_ms = 20;
+    const std::int64_t deadline_ms = now_ms() + usual_patience_s * 1000;
+    for (;;) {
+        if (!call(procedure, xdr_question, question, xdr_answer, answer))
+            return false;
+        if (answer.failure.number != msg_busy || now_ms() > deadline_ms)
+            return true;
+        (void)poll(nullptr, 0, pause_ms);
+    }
+}
+
 // A call whose answer is nothing but a failure.
 bool RemoteStore::call_about(Procedure procedure, const char *about)
 {
@@ -330,7 +350,7 @@ bool RemoteStore::list(stg_area *area, const char *one, Names &out_names, Names 
     ListAnswer answer;
     answer.area = area;
     answer.known = known_;
-    if (!call(procedure_list, xdr_list_question, question, xdr_list_answer, answer))
+    if (!call_when_granted(procedure_list, xdr_list_question, question, xdr_list_answer, answer))
         return false;
     out_names = answer.names;
     out_others = answer.others;
@@ -460,22 +480,33 @@ void RemoteStore::cancel_put()
 
 // --- Fetching ---
 
+// Asks for a block after the other, until all is there.
+bool RemoteStore::get_content(GetQuestion &question, GetAnswer &answer)
+{
+    const char *const about = question.name.text;
+    std::uint64_t before = 0;
+    do {
+        before = answer.length;
+        if (!call_when_granted(procedure_get, xdr_get_question, question, xdr_get_answer, answer) ||
+            is_refused(answer.failure, about))
+            return false;
+        question.place = answer.next;
+    } while (answer.length < answer.entry.entry.length && answer.length > before);
+    return is_complete(answer) || fail(msg_bad_transfer, about);
+}
+
 bool RemoteStore::get_entry(const char *entry_name, const char *target, bool replace)
 {
-    WireName question;
-    name(question, entry_name);
+    GetQuestion question;
+    name(question.name, entry_name);
     GetAnswer answer;
     answer.transfer = &transfer_;
     answer.is_spooled = is_stream(target);
     transfer_.source_name = entry_name;
     transfer_.target_name = target;
     if (!(answer.is_spooled ? open_spool(transfer_) : open_target(transfer_, target, replace)) ||
-        !call(procedure_get, xdr_name, question, xdr_get_answer, answer, patience_for(entry_name)))
+        !get_content(question, answer))
         return false;
-    if (is_refused(answer.failure, entry_name))
-        return false;
-    if (!is_complete(answer))
-        return fail(msg_bad_transfer, entry_name);
     return answer.is_spooled ? copy_spool(transfer_, answer.piece)
                              : finish_target(transfer_, answer.entry.entry.changed, replace);
 }

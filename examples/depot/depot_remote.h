@@ -14,6 +14,8 @@
 
 namespace depot {
 
+struct GetAnswer;
+
 class RemoteStore final : public Store {
   public:
     // The server's addresses are tried in order when the first call is made. They and its name, which is for messages,
@@ -45,11 +47,15 @@ class RemoteStore final : public Store {
     template <typename Question, typename Answer>
     bool call(Procedure procedure, bool_t (*xdr_question)(XDR *, Question *), Question &question,
               bool_t (*xdr_answer)(XDR *, Answer *), Answer &answer, long patience_s = 30);
+    template <typename Question, typename Answer>
+    bool call_when_granted(Procedure procedure, bool_t (*xdr_question)(XDR *, Question *), Question &question,
+                           bool_t (*xdr_answer)(XDR *, Answer *), Answer &answer);
     bool call_about(Procedure procedure, const char *name);
     bool list(stg_area *area, const char *name, Names &out_names, Names &out_others);
     long patience_for(const char *name);
     bool put_pieces(PutFinish &out_finish);
     bool put_source(const char *path, const Label &label);
+    bool get_content(GetQuestion &question, GetAnswer &answer);
     bool get_entry(const char *name, const char *target, bool replace);
     void cancel_put();
     bool ended(bool is_done);

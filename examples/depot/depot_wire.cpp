@@ -8,12 +8,30 @@ namespace depot {
 namespace {
 
 // A failure's number on the wire is its place here, so that this only ever grows, at its end.
-constexpr Msg failures[] = {
-    msg_none,          msg_no_depot,        msg_cannot_read,  msg_cannot_write,       msg_cannot_remove,
-    msg_no_memory,     msg_not_synced,      msg_entry_exists, msg_removal_not_synced, msg_no_entry,
-    msg_not_an_entry,  msg_unknown_version, msg_bad_header,   msg_bad_size,           msg_bad_block,
-    msg_bad_content,   msg_bad_name,        msg_bad_transfer, msg_put_unknown,        msg_put_out_of_order,
-    msg_too_many_puts, msg_needs_connection};
+constexpr Msg failures[] = {msg_none,
+                            msg_no_depot,
+                            msg_cannot_read,
+                            msg_cannot_write,
+                            msg_cannot_remove,
+                            msg_no_memory,
+                            msg_not_synced,
+                            msg_entry_exists,
+                            msg_removal_not_synced,
+                            msg_no_entry,
+                            msg_not_an_entry,
+                            msg_unknown_version,
+                            msg_bad_header,
+                            msg_bad_size,
+                            msg_bad_block,
+                            msg_bad_content,
+                            msg_bad_name,
+                            msg_bad_transfer,
+                            msg_put_unknown,
+                            msg_put_out_of_order,
+                            msg_too_many_puts,
+                            msg_needs_connection,
+                            msg_replaced,
+                            msg_busy};
 
 bool code(XDR *xdrs, std::uint32_t &number)
 {
@@ -146,6 +164,17 @@ bool_t xdr_piece(XDR *xdrs, Piece *piece)
 bool is_whole(const Piece &piece)
 {
     return fileutl_crc_buffer(piece.bytes, piece.size, nullptr) == piece.checksum;
+}
+
+bool_t xdr_place(XDR *xdrs, Place *place)
+{
+    return code(xdrs, place->given) && code(xdrs, place->stored) && code(xdrs, place->file) && code(xdrs, place->sum) &&
+           code(xdrs, place->counter);
+}
+
+bool_t xdr_get_question(XDR *xdrs, GetQuestion *question)
+{
+    return xdr_name(xdrs, &question->name) && xdr_place(xdrs, &question->place);
 }
 
 bool_t xdr_put_begin(XDR *xdrs, PutBegin *begin)

@@ -64,7 +64,25 @@ bool_t xdr_list_item(XDR *xdrs, ListItem *item);
 
 // --- Content ---
 
-// The answer of get is a failure; or none, the entry, and pieces up to an empty one with the failure of the whole.
+// A get asks for the content from a place on, which the answer before has told; at first that is all 0.
+struct Place {
+    std::uint64_t given = 0;  // of the content
+    std::uint64_t stored = 0; // behind the header, of the file with
+    std::uint64_t file = 0;   // this number: its entry was not replaced
+    std::uint32_t sum = 0;    // of what is stored up to there
+    std::uint32_t counter = 0;
+};
+
+struct GetQuestion {
+    WireName name;
+    Place place;
+};
+bool_t xdr_get_question(XDR *xdrs, GetQuestion *question);
+
+// The answer is a failure; or none, the entry, content in pieces up to an empty one, and where to go on. It is one
+// block's, and no more, since nobody is waited for who does not read: what is left is asked for when that has arrived.
+bool_t xdr_place(XDR *xdrs, Place *place);
+
 struct Piece {
     std::uint32_t size;
     std::uint32_t checksum; // of its bytes

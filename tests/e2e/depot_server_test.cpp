@@ -52,6 +52,8 @@ std::string begin_put(uint64_t handle, const std::string &name, const std::strin
     return big_endian(handle, 8) + text(name) + words({1}) + entry + text(owner) + text("");
 }
 
+const std::string at_start(8 + 8 + 8 + 4 + 4, '\0');
+
 std::string finish_put(uint64_t handle, uint64_t length, const std::string &sum)
 {
     return big_endian(handle, 8) + big_endian(length, 8) + sum;
@@ -153,13 +155,14 @@ TEST_F(DepotServer, RefusesWhatIsNoGoodCall)
     Caller caller(where_);
     for (const std::string name : {"", ".", "..", "/", "../depot.log", "a/b"})
         for (const Procedure procedure : {procedure_get, procedure_verify, procedure_remove, procedure_begin_put})
-            EXPECT_EQ(caller.failure(procedure, procedure == procedure_begin_put ? begin_put(1, name) : text(name)),
+            EXPECT_EQ(caller.failure(procedure,
+                                     procedure == procedure_begin_put ? begin_put(1, name) : text(name) + at_start),
                       bad_name)
                 << name << procedure;
     EXPECT_EQ(caller.failure(procedure_verify, text("none")), no_entry);
     Caller datagrams(where_, SOCK_DGRAM);
     EXPECT_EQ(datagrams.failure(procedure_verify, text("none")), no_entry);
-    EXPECT_EQ(datagrams.failure(procedure_get, text("none")), needs_connection);
+    EXPECT_EQ(datagrams.failure(procedure_get, text("none") + at_start), needs_connection);
     EXPECT_EQ(datagrams.failure(procedure_list, text("") + words({1})), needs_connection);
     stop(*daemon);
 }
@@ -265,7 +268,7 @@ TEST_F(DepotServer, SaysWhatIsWrongWithAServer)
                              words({0644, 0644}) + text("o") + text("");
     const std::string item = words({1}) + text("file") + words({0});
     const auto abc = [](const std::string &sum) { return words({3}) + sum + "abc" + std::string(1, '\0'); };
-    const std::string end = words({0, 0});
+    const std::string end = words({0, 0}) + at_start;
     const std::string not_understood = "Unable to get an answer from server \"SERVER\": RPC: Can't decode result\n";
     const struct {
         uint32_t procedure;
@@ -286,7 +289,8 @@ TEST_F(DepotServer, SaysWhatIsWrongWithAServer)
         {procedure_get, head + abc(test::checksum("abc")), not_understood},
         {procedure_get, head + words({65537}), not_understood},
         {procedure_get, ok + words({0, 0}), not_understood},
-        {procedure_get, head + words({0, 15, 0}) + text("file"), "Entry \"file\" is damaged: its content does not"},
+        {procedure_get, head + words({0, 15, 0}) + text("file") + at_start,
+         "Entry \"file\" is damaged: its content does not"},
     };
     for (const auto &one : cases) {
         SCOPED_TRACE(one.error);

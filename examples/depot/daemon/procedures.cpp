@@ -11,10 +11,13 @@
 #include <korvaks/stg.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <iterator>
 
 #include <netconfig.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace depot {
 
@@ -88,12 +91,30 @@ class CallArea {
     stg_area *area_;
 };
 
-void refuse_datagram(const Call &call, const char *name)
+void refuse(const Call &call, Msg why, const char *name)
 {
     Failure failure;
-    (void)attempt(failure, [&] { return fail(msg_needs_connection, name); });
+    (void)attempt(failure, [&] { return fail(why, name); });
     reply(call, xdr_failure, failure);
 }
+
+// Long replies may have to wait until their client has read what is before. So many may at once that one thread is left
+// which needs not; who comes then is told to come again.
+constinit std::atomic<long> streams{0};
+constinit long streams_max = 1;
+
+class StreamTurn {
+  public:
+    StreamTurn() : is_granted_(streams.fetch_add(1) < streams_max) {}
+    ~StreamTurn() { --streams; }
+    StreamTurn(const StreamTurn &) = delete;
+    StreamTurn &operator=(const StreamTurn &) = delete;
+
+    bool is_granted() const { return is_granted_; }
+
+  private:
+    bool is_granted_;
+};
 
 // --- List ---
 
@@ -135,8 +156,12 @@ void list(const Call &call)
     ListQuestion question;
     if (!take(call, xdr_list_question, question))
         return;
-    if (is_datagram(call) && question.name.text[0] == '\0')
-        return refuse_datagram(call, depot_path);
+    const bool is_long = question.name.text[0] == '\0';
+    if (is_long && is_datagram(call))
+        return refuse(call, msg_needs_connection, depot_path);
+    const StreamTurn turn;
+    if (is_long && !turn.is_granted())
+        return refuse(call, msg_busy, depot_path);
     const CallArea area;
     CallDepot depot;
     Names names;
@@ -188,30 +213,68 @@ int to_wire(Transfer &transfer, const unsigned char *data, std::size_t size)
     return 0;
 }
 
+// The end of a reply: how it went, and where to go on.
+struct GetEnd {
+    Piece piece;
+    Place place;
+};
+
+bool_t xdr_get_end(XDR *xdrs, GetEnd *end)
+{
+    return xdr_piece(xdrs, &end->piece) && xdr_place(xdrs, &end->place);
+}
+
+// Opens an entry and goes to a place in it. What a client makes up is read as it is and then not found sound.
+bool open_at(Depot &depot, const GetQuestion &question, Entry &out_entry, mode_t &out_mode, Place &out_place)
+{
+    const char *const name = question.name.text;
+    if (!open_entry(depot, name, out_entry, out_mode))
+        return false;
+    const int fd = depot.transfer.source;
+    struct stat status;
+    if (fstat(fd, &status) != 0)
+        return fail(msg_cannot_read, name, errno);
+    out_place = question.place;
+    out_place.file = status.st_ino;
+    if (out_place.given == 0)
+        return true;
+    if (out_place.file != question.place.file || out_place.given >= out_entry.length ||
+        out_place.stored > out_entry.stored_length)
+        return fail(msg_replaced, name);
+    return lseek(fd, static_cast<off_t>(out_place.stored), SEEK_CUR) >= 0 || fail(msg_cannot_read, name, errno);
+}
+
 void get(const Call &call)
 {
-    WireName name;
-    if (!take(call, xdr_name, name))
+    GetQuestion question;
+    if (!take(call, xdr_get_question, question))
         return;
     if (is_datagram(call))
-        return refuse_datagram(call, name.text);
+        return refuse(call, msg_needs_connection, question.name.text);
+    const StreamTurn turn;
+    if (!turn.is_granted())
+        return refuse(call, msg_busy, question.name.text);
     CallDepot depot;
     Entry entry;
     mode_t mode = 0;
     GetAnswer answer;
+    GetEnd end;
     Transfer &transfer = depot.get().transfer;
-    if (attempt(answer.failure, [&] { return depot.open() && open_entry(depot.get(), name.text, entry, mode); }))
-        answer.entry.set(entry, mode);
-    else
+    if (!attempt(answer.failure,
+                 [&] { return depot.open() && open_at(depot.get(), question, entry, mode, end.place); }))
         return reply(call, xdr_get_head, answer);
+    answer.entry.set(entry, mode);
     if (!ks_svc_sendreply_start(call.transport, as_xdrproc(xdr_get_head), &answer))
         return;
     transfer.sink_argument = ks_svc_sendreply_get_xdrs(call.transport);
-    Piece end;
-    end.size = 0;
-    const FailureNote note(end.failure);
-    if (unpack(transfer, entry, to_wire) || end.failure.number != msg_none)
-        (void)ks_svc_sendreply_finish(call.transport, as_xdrproc(xdr_piece), &end);
+    Position position = {end.place.given, end.place.stored, Checksum(end.place.sum, end.place.counter), {}};
+    end.piece.size = 0;
+    const FailureNote note(end.piece.failure);
+    if (!unpack_next(transfer, entry, position, to_wire) && end.piece.failure.number == msg_none)
+        return; // there is nobody who reads it
+    end.place = {position.given, position.stored, end.place.file, position.stored_sum.value(),
+                 position.stored_sum.counter()};
+    (void)ks_svc_sendreply_finish(call.transport, as_xdrproc(xdr_get_end), &end);
 }
 
 // --- Put ---
@@ -311,9 +374,10 @@ static_assert(std::size(procedures) == procedure_count - 1);
 
 } // namespace
 
-void set_served_depot(const char *path)
+void set_served_depot(const char *path, long threads)
 {
     depot_path = path;
+    streams_max = std::max(threads - 1, 1L);
     start_ms = now_ms();
 }
 

@@ -49,7 +49,7 @@ bool start_serving(Serving &serving, const char *depot_path)
     if (serving.place_count == 0)
         return true;
     int limit = record_bytes_max;
-    set_served_depot(depot_path);
+    set_served_depot(depot_path, serving.threads);
     if (ks_rpc_control(KS_SVC_SET_RECORD_LIMIT, &limit) && listen(serving) &&
         ks_svc_register(nullptr, program_number, program_version, serve_call, 0) &&
         rt_set_worker_threads(static_cast<int>(serving.threads)) == 0 &&
