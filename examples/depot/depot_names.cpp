@@ -71,14 +71,6 @@ int compare_names(const void *a, const void *b, void *)
     return std::strcmp(*static_cast<const char *const *>(a), *static_cast<const char *const *>(b));
 }
 
-void sort(Names &names)
-{
-    ks_qsort(names.items, names.count, sizeof *names.items, compare_names, nullptr);
-    const auto is_same = [](const char *a, const char *b) { return std::strcmp(a, b) == 0; };
-    const char **const end = std::unique(names.items, names.items + names.count, is_same);
-    names.count = static_cast<std::size_t>(end - names.items);
-}
-
 // Those of entries; the rest gets a warning.
 bool read_entries(Store &store, stg_area *area, Names &out_names)
 {
@@ -194,6 +186,14 @@ bool add_name(stg_area *area, const char *name, Names &names)
     }
     names.items[names.count++] = name;
     return true;
+}
+
+void sort(Names &names)
+{
+    ks_qsort(names.items, names.count, sizeof *names.items, compare_names, nullptr);
+    const auto is_same = [](const char *a, const char *b) { return std::strcmp(a, b) == 0; };
+    const char **const end = std::unique(names.items, names.items + names.count, is_same);
+    names.count = static_cast<std::size_t>(end - names.items);
 }
 
 bool list_names(const Depot &depot, stg_area *area, Names &out_names)

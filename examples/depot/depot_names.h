@@ -38,6 +38,9 @@ Found find_names(Store &store, stg_area *area, std::span<const char *const> word
 // All entries, and the files that do not belong in the directory, in memory of the area.
 bool read_names(const Depot &depot, stg_area *area, Names &out_names, Names &out_others);
 
+// Puts names in order, each once.
+void sort(Names &names);
+
 // The entries alone, in order.
 bool list_names(const Depot &depot, stg_area *area, Names &out_names);
 

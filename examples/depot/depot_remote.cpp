@@ -51,6 +51,8 @@ struct ListAnswer {
     Names names;
     Names others;
     hash_ht *known = nullptr;
+    std::uint32_t end = item_end;       // the kind of the last item,
+    std::uint32_t last_kind = item_end; // and of the one before
     ListItem item;
 };
 
@@ -100,8 +102,10 @@ bool_t xdr_list_answer(XDR *xdrs, ListAnswer *answer)
     for (std::uint32_t i = 0; i < items_max; ++i) {
         if (!xdr_list_item(xdrs, &answer->item))
             return FALSE;
-        if (answer->item.kind == item_end)
+        answer->end = answer->item.kind;
+        if (answer->end == item_end || answer->end == item_more)
             return TRUE;
+        answer->last_kind = answer->end;
         if (!keep_item(*answer))
             return FALSE;
     }
@@ -347,14 +351,22 @@ bool RemoteStore::list(stg_area *area, const char *one, Names &out_names, Names 
     ListQuestion question;
     name(question.name, one);
     question.heads = 1;
+    question.after_kind = item_end;
+    question.after[0] = '\0';
     ListAnswer answer;
     answer.area = area;
     answer.known = known_;
-    if (!call_when_granted(procedure_list, xdr_list_question, question, xdr_list_answer, answer))
-        return false;
+    do {
+        answer.last_kind = item_end;
+        if (!call_when_granted(procedure_list, xdr_list_question, question, xdr_list_answer, answer) ||
+            is_refused(answer.failure, server_))
+            return false;
+        question.after_kind = answer.last_kind;
+        (void)strutl_cpy_buf(question.after, answer.item.name, sizeof question.after);
+    } while (answer.end == item_more && answer.last_kind != item_end && answer.names.count < items_max);
     out_names = answer.names;
     out_others = answer.others;
-    return !is_refused(answer.failure, server_);
+    return true;
 }
 
 bool RemoteStore::look_up(const char *one, bool &out_is_there)

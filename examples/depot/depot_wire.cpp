@@ -136,14 +136,15 @@ bool_t xdr_entry(XDR *xdrs, WireEntry *wire)
 
 bool_t xdr_list_question(XDR *xdrs, ListQuestion *question)
 {
-    return xdr_name(xdrs, &question->name) && code(xdrs, question->heads);
+    return xdr_name(xdrs, &question->name) && code(xdrs, question->heads) && code(xdrs, question->after_kind) &&
+           code(xdrs, question->after);
 }
 
 bool_t xdr_list_item(XDR *xdrs, ListItem *item)
 {
-    if (!code(xdrs, item->kind) || item->kind > item_foreign)
+    if (!code(xdrs, item->kind) || item->kind > item_more)
         return FALSE;
-    if (item->kind == item_end)
+    if (item->kind == item_end || item->kind == item_more)
         return TRUE;
     if (!code(xdrs, item->name))
         return FALSE;

@@ -40,9 +40,15 @@ bool_t xdr_entry(XDR *xdrs, WireEntry *entry);
 
 // --- List ---
 
+// A foreign file's name is longer than an entry's may be.
+inline constexpr std::size_t item_name_bytes_max = 255;
+
 struct ListQuestion {
     WireName name;       // of one entry; "": all
     std::uint32_t heads; // 1: with what their headers say
+    // To go on behind an item: its kind, item_end at first, and name.
+    std::uint32_t after_kind;
+    char after[item_name_bytes_max + 1];
 };
 bool_t xdr_list_question(XDR *xdrs, ListQuestion *question);
 
@@ -51,12 +57,14 @@ enum ItemKind : std::uint32_t {
     item_entry = 1,   // a name, as far as it is known
     item_headed = 2,  // name and what the header says, or why it could not be read
     item_foreign = 3, // the name of a file that does not belong in the depot
+    item_more = 4,    // the end of this answer, but not of the list
 };
 
-// The answer is a failure, or none and then items up to item_end.
+// The answer is a failure, or none and then items up to item_end or item_more: those that are foreign, in order, and
+// then those that are not.
 struct ListItem {
     std::uint32_t kind;
-    char name[256]; // a foreign one is longer than an entry's may be
+    char name[item_name_bytes_max + 1];
     Failure failure;
     WireEntry entry;
 };

@@ -20,6 +20,7 @@ namespace {
 using namespace depot;
 using test::big_endian;
 using test::ChildResult;
+using test::first_part;
 using test::RawPeer;
 using test::words;
 using test::Words;
@@ -163,7 +164,7 @@ TEST_F(DepotServer, RefusesWhatIsNoGoodCall)
     Caller datagrams(where_, SOCK_DGRAM);
     EXPECT_EQ(datagrams.failure(procedure_verify, text("none")), no_entry);
     EXPECT_EQ(datagrams.failure(procedure_get, text("none") + at_start), needs_connection);
-    EXPECT_EQ(datagrams.failure(procedure_list, text("") + words({1})), needs_connection);
+    EXPECT_EQ(datagrams.failure(procedure_list, text("") + words({1, 0, 0})), needs_connection);
     stop(*daemon);
 }
 
@@ -246,6 +247,34 @@ TEST_F(DepotServer, AStopInTheMiddleOfAPutLeavesTheOldEntry)
     }
 }
 
+// Long answers do not need a thread each, nor who reads them at once.
+TEST_F(DepotServer, GivesLongAnswersToMoreClientsThanItHasThreads)
+{
+    const std::string content = test::random_bytes(3000000, 7);
+    test::write_file("big", content);
+    put_entry_file("0", first_part(1, {0, 0}) + test::abc_block);
+    const std::string names = std::string(200, 'n');
+    for (int i = 0; i < 3000; ++i)
+        std::filesystem::create_hard_link("depot/0.vde",
+                                          "depot/" + names + std::to_string(10000 + i) + (i % 2 == 0 ? ".vde" : ""));
+    for (const std::string threads : {"0", "1", "3"}) {
+        SCOPED_TRACE(threads);
+        const auto daemon = start_server({"-t", threads, "-i", "1000"});
+        good({"put", "-r", "big"});
+        std::vector<std::unique_ptr<test::Child>> clients;
+        for (const std::string name : {"a", "b", "c", "d", "e"})
+            clients.push_back(start({"get", "-f", "big", "-o", name}));
+        const ChildResult listed = run({"list", "-s"});
+        EXPECT_EQ(std::ranges::count(listed.out, '\n'), 1502);
+        EXPECT_EQ(std::ranges::count(listed.err, '\n'), 1500);
+        for (const auto &client : clients)
+            EXPECT_EQ(client->finish().err, "");
+        for (const std::string name : {"a", "b", "c", "d", "e"})
+            EXPECT_EQ(test::read_file(name), content);
+        stop(*daemon);
+    }
+}
+
 TEST_F(DepotServer, CountsWhatItDoes)
 {
     const auto daemon = start_server({"-t", "3"});
@@ -281,7 +310,7 @@ TEST_F(DepotServer, SaysWhatIsWrongWithAServer)
         {procedure_list, ok + words({1}) + text("../file") + words({0}), "\"../file\" cannot name an entry: "},
         {procedure_list, ok + words({1, 0xffffffff}), not_understood},
         {procedure_list, ok + item, not_understood},
-        {procedure_list, ok + words({4}), not_understood},
+        {procedure_list, ok + words({5}), not_understood},
         {procedure_get, head + abc(words({1})) + end, "\"file\" was damaged or cut on its way, and was not taken.\n"},
         {procedure_get, head + abc(test::checksum("abc")) + end, "\"file\" was damaged or cut on its way"},
         {procedure_get, head + end, "\"file\" was damaged or cut on its way"},

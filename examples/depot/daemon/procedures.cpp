@@ -13,6 +13,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <cstring>
 #include <iterator>
 
 #include <netconfig.h>
@@ -118,17 +119,36 @@ class StreamTurn {
 
 // --- List ---
 
-bool send(XDR *xdrs, ListItem &item, std::uint32_t kind, const char *name)
+// The items of one answer, and how much they are by now.
+struct ListReply {
+    XDR *xdrs;
+    std::size_t bytes;
+    ListItem item;
+};
+
+bool is_full(const ListReply &reply)
 {
-    item.kind = kind;
-    item.name[std::string_view(name).copy(item.name, sizeof item.name - 1)] = '\0';
-    return xdr_list_item(xdrs, &item) != FALSE;
+    constexpr std::size_t enough = 1 << 19;
+    return reply.bytes > enough;
 }
 
-bool send_entry(XDR *xdrs, ListItem &item, Depot &depot, const char *name, bool with_head)
+bool send(ListReply &reply, std::uint32_t kind, const char *name)
+{
+    constexpr std::size_t bytes_beside_texts = 80;
+    ListItem &item = reply.item;
+    item.kind = kind;
+    item.name[std::string_view(name).copy(item.name, item_name_bytes_max)] = '\0';
+    reply.bytes += bytes_beside_texts + std::strlen(item.name);
+    if (kind == item_headed)
+        reply.bytes += item.entry.entry.owner.size() + item.entry.entry.comment.size() + std::strlen(item.failure.name);
+    return xdr_list_item(reply.xdrs, &item) != FALSE;
+}
+
+bool send_entry(ListReply &reply, Depot &depot, const char *name, bool with_head)
 {
     if (!with_head)
-        return send(xdrs, item, item_entry, name);
+        return send(reply, item_entry, name);
+    ListItem &item = reply.item;
     item.failure = {};
     (void)attempt(item.failure, [&] {
         Entry entry;
@@ -139,16 +159,57 @@ bool send_entry(XDR *xdrs, ListItem &item, Depot &depot, const char *name, bool 
         end_transfer(depot.transfer);
         return is_read;
     });
-    return send(xdrs, item, item_headed, name);
+    return send(reply, item_headed, name);
+}
+
+void drop_up_to(Names &names, const char *last)
+{
+    const auto is_behind = [&](const char *name) { return std::strcmp(name, last) > 0; };
+    const char **const end = names.items + names.count;
+    const char **const first = std::find_if(names.items, end, is_behind);
+    names = {first, static_cast<std::size_t>(end - first)};
 }
 
 // Names are found before the reply begins: behind its head no failure of that can be told.
 bool find(const ListQuestion &question, Depot &depot, stg_area *area, Names &out_names, Names &out_others)
 {
     const char *const name = question.name.text;
-    if (*name == '\0')
-        return area != STG_AREA_NULL && read_names(depot, area, out_names, out_others);
-    return check_name(name, name) && (!has_entry(depot, name) || add_name(area, name, out_names));
+    if (area == STG_AREA_NULL)
+        return false;
+    if (*name != '\0')
+        return check_name(name, name) && (!has_entry(depot, name) || add_name(area, name, out_names));
+    if (!read_names(depot, area, out_names, out_others))
+        return false;
+    sort(out_names);
+    sort(out_others);
+    if (question.after_kind == item_foreign)
+        drop_up_to(out_others, question.after);
+    if (question.after_kind == item_entry || question.after_kind == item_headed) {
+        out_others = {};
+        drop_up_to(out_names, question.after);
+    }
+    return true;
+}
+
+// False when there is nobody who reads it. `out_end` is the kind of the last item, which is to be sent.
+bool send_items(ListReply &reply, const ListQuestion &question, Depot &depot, const Names &names, const Names &others,
+                std::uint32_t &out_end)
+{
+    out_end = item_more;
+    for (std::size_t i = 0; i < others.count; ++i) {
+        if (is_full(reply))
+            return true;
+        if (!send(reply, item_foreign, others.items[i]))
+            return false;
+    }
+    for (std::size_t i = 0; i < names.count; ++i) {
+        if (is_full(reply))
+            return true;
+        if (!send_entry(reply, depot, names.items[i], question.heads != 0))
+            return false;
+    }
+    out_end = item_end;
+    return true;
 }
 
 void list(const Call &call)
@@ -166,21 +227,17 @@ void list(const Call &call)
     CallDepot depot;
     Names names;
     Names others;
-    ListItem item;
     Failure failure;
     if (!attempt(failure, [&] { return depot.open() && find(question, depot.get(), area.get(), names, others); }))
         return reply(call, xdr_failure, failure);
     if (!ks_svc_sendreply_start(call.transport, as_xdrproc(xdr_failure), &failure))
         return;
-    XDR *const xdrs = ks_svc_sendreply_get_xdrs(call.transport);
-    for (std::size_t i = 0; i < others.count; ++i)
-        if (!send(xdrs, item, item_foreign, others.items[i]))
-            return;
-    for (std::size_t i = 0; i < names.count; ++i)
-        if (!send_entry(xdrs, item, depot.get(), names.items[i], question.heads != 0))
-            return;
-    item.kind = item_end;
-    (void)ks_svc_sendreply_finish(call.transport, as_xdrproc(xdr_list_item), &item);
+    ListReply items = {ks_svc_sendreply_get_xdrs(call.transport), 0, {}};
+    std::uint32_t end = item_end;
+    if (!send_items(items, question, depot.get(), names, others, end))
+        return;
+    items.item.kind = end;
+    (void)ks_svc_sendreply_finish(call.transport, as_xdrproc(xdr_list_item), &items.item);
 }
 
 // --- Get ---
