@@ -100,7 +100,7 @@ typedef struct ks_svcxprt {
  */
 extern KS_API ks_fd_set ks_svc_fdset;
 
-/** The highest descriptor of a registered transport, -1 when there is none. */
+/** The highest descriptor of a registered transport, -1 when there is none. Read and written as a word of the set. */
 extern KS_API int ks_svc_maxfd;
 
 /**

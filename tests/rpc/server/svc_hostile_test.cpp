@@ -135,6 +135,23 @@ TEST(SvcHostile, AGoodClientIsServedAndNothingIsLeft)
     }
 }
 
+TEST(SvcHostile, AReaderThatBeginsLateGetsALongReplyInItsOrder)
+{
+    for (const Mode mode : bounded) {
+        SCOPED_TRACE(to_string(mode));
+        const Server server(mode);
+        const Caller peer(server.port());
+        constexpr u_int last = 4'000'000; // more than the sockets and the server keep
+        std::string numbers;
+        for (u_int i = 0; i <= last; ++i)
+            numbers += words({i});
+        EXPECT_TRUE(peer.send_call(test::call_message(test::STREAM, words({last}))));
+        (void)usleep(300000);
+        EXPECT_TRUE(peer.receive() == test::success(1, numbers)); // too long to be shown
+        EXPECT_TRUE(peer.is_served());
+    }
+}
+
 double cpu_seconds(pid_t process)
 {
     clockid_t clock{};

@@ -66,6 +66,7 @@ struct Transport {
     bool is_paused;        // atomic: a listener that waits for a descriptor
     bool is_served;        // by the main thread, whose these are
     bool is_passed_over;   // ready again in the middle of that
+    bool is_served_later;  // is in the list of those
     Transport *next_ready; // in the queue for workers
     sockaddr_storage local;
     sockaddr_storage remote;

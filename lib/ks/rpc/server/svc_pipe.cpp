@@ -42,6 +42,7 @@ void serve_later_ones()
     for (const Transport *last = later_last; later_first != nullptr;) {
         Transport &transport = *std::exchange(later_first, later_first->next_ready);
         const bool is_last = &transport == last;
+        transport.is_served_later = false;
         serve_leftover(transport);
         if (is_last)
             return;
@@ -155,6 +156,10 @@ bool serve_later(Transport &transport)
 {
     if (make_update_pipe() != Made::yes)
         return false;
+    if (std::exchange(transport.is_served_later, true)) { // and was ready by its descriptor meanwhile
+        release(transport);
+        return true;
+    }
     transport.next_ready = nullptr;
     if (later_first == nullptr)
         later_first = &transport;
@@ -169,8 +174,11 @@ bool serve_later(Transport &transport)
 // In a child: the other end is its parent's. What was to be served again is served with what comes next.
 void drop_inherited_pipe()
 {
-    while (later_first != nullptr)
-        release(*std::exchange(later_first, later_first->next_ready));
+    while (later_first != nullptr) {
+        Transport &transport = *std::exchange(later_first, later_first->next_ready);
+        transport.is_served_later = false;
+        release(transport);
+    }
     later_last = nullptr;
     if (update_pipe != nullptr)
         end_transport(*update_pipe);

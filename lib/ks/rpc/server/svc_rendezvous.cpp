@@ -240,8 +240,7 @@ extern "C" SVCXPRT *ks_svc_vc_create(int fd, u_int sendsize, u_int recvsize)
     listener->maxrec = __ks_svc_maxrec.load();
     constexpr int on = 1;
     (void)setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on); // its connections inherit it; a wish
-    (void)sysutl_set_socket_nonblocking(fd, 1);                     // an open descriptor
-    if (ks_xprt_register(handle_of(*listener)) != FALSE)
+    if (sysutl_set_socket_nonblocking(fd, 1) == 0 && ks_xprt_register(handle_of(*listener)) != FALSE)
         return handle_of(*listener);
     std::free(listener);
     return nullptr;

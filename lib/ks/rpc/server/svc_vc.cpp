@@ -14,6 +14,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <string_view>
 
 #include <poll.h>
 
@@ -136,60 +137,83 @@ ks::rpc::Moment write_end(const Connection &connection)
     return ks::rpc::after(0, timeval{now.tv_sec + 2, 0});
 }
 
+// Whoever has no seat to wait on lets the peer take something soon, or gives it up.
 bool wait_to_write(Connection &connection, ks::rpc::Moment &end)
 {
+    constexpr timeval grace{0, 250'000};
     if (end == 0)
         end = write_end(connection);
     const WaitingSeat seat;
-    return seat.is_granted() && ks::rpc::wait_for(fd_of(connection), POLLOUT, end) == ks::rpc::Waited::ready;
+    const ks::rpc::Moment latest = seat.is_granted() ? end : std::min(end, ks::rpc::after(ks::rpc::now(), grace));
+    return ks::rpc::wait_for(fd_of(connection), POLLOUT, latest) == ks::rpc::Waited::ready;
 }
 
-// Sends, waits for the peer where what is left cannot be kept, and goes on.
-bool write_all(Connection &connection, const char *bytes, std::size_t left)
+// Sends what the socket takes at once; what is left stays in `bytes`. False when the connection is dead.
+bool send_now(Connection &connection, std::string_view &bytes)
 {
-    ks::rpc::Moment end = 0; // of patience, which begins with the first wait
-    while (left > 0) {
-        const ssize_t count = send(fd_of(connection), bytes, left, MSG_DONTWAIT | MSG_NOSIGNAL);
+    while (!bytes.empty()) {
+        const ssize_t count = send(fd_of(connection), bytes.data(), bytes.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
         if (count >= 0) {
-            bytes += count;
-            left -= static_cast<std::size_t>(count);
+            bytes.remove_prefix(static_cast<std::size_t>(count));
         } else if (!is_passing(errno)) {
             (void)fail(connection);
             return false;
         } else if (errno != EINTR) {
-            if (connection.is_limited && keep_unsent(connection, bytes, left))
-                return true;
-            if (!wait_to_write(connection, end)) {
-                (void)die_of_silence(connection);
-                return false;
-            }
+            return true;
         }
     }
     return true;
 }
 
-// Waits until the peer has taken what was kept for it, which has become too much.
+bool write_waiting(Connection &connection, std::string_view bytes)
+{
+    ks::rpc::Moment end = 0; // of patience, which begins with the first wait
+    while (send_now(connection, bytes)) {
+        if (bytes.empty())
+            return true;
+        if (!wait_to_write(connection, end)) {
+            (void)die_of_silence(connection);
+            return false;
+        }
+    }
+    return false;
+}
+
+// Waits until the peer has taken what was kept for it, which has become too much; as long as it goes on taking.
 bool write_backlog(Connection &connection)
 {
+    constexpr std::size_t step = 8192;
     Backlog backlog;
     take_backlog(connection, backlog);
-    const bool is_sent = write_all(connection, backlog.bytes + backlog.begin, backlog.end - backlog.begin);
+    bool is_sent = true;
+    for (std::string_view rest(backlog.bytes + backlog.begin, backlog.end - backlog.begin); is_sent && !rest.empty();) {
+        const std::size_t size = std::min(step, rest.size());
+        is_sent = write_waiting(connection, {rest.data(), size});
+        rest.remove_prefix(size);
+    }
     std::free(backlog.bytes);
     return is_sent;
+}
+
+bool write_or_keep(Connection &connection, std::string_view bytes)
+{
+    if (is_stuck(connection)) { // what is kept goes first
+        if (keep_unsent(connection, bytes.data(), bytes.size()))
+            return true;
+        if (!write_backlog(connection))
+            return false;
+    }
+    if (!send_now(connection, bytes))
+        return false;
+    if (bytes.empty() || (connection.is_limited && keep_unsent(connection, bytes.data(), bytes.size())))
+        return true;
+    return write_waiting(connection, bytes);
 }
 
 int ks_write_vc(void *handle, void *buffer, int size)
 {
     auto &connection = *static_cast<Connection *>(handle);
-    const auto *bytes = static_cast<const char *>(buffer);
-    const auto count = static_cast<std::size_t>(size);
-    if (is_stuck(connection)) {
-        if (keep_unsent(connection, bytes, count))
-            return size;
-        if (!write_backlog(connection))
-            return -1;
-    }
-    return write_all(connection, bytes, count) ? size : -1;
+    return write_or_keep(connection, {static_cast<const char *>(buffer), static_cast<std::size_t>(size)}) ? size : -1;
 }
 
 // --- Calls ---
