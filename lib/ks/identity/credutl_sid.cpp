@@ -1,16 +1,15 @@
 // The layout of security identifiers and their text.
 #include <korvaks/credutl.h>
 
-#include "base/ks_base.h"
+#include "identity/credutl_impl.h"
 
-#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <type_traits>
 
 namespace {
 
-constexpr ks::AssertPath here{"lib/ks/credutl"};
+using ks::credutl::here;
 
 // Of a UNIX identity.
 constexpr int unix_length = 7;
@@ -20,11 +19,37 @@ static_assert(std::is_standard_layout_v<credutl_sid_t> && std::is_trivially_copy
 static_assert(sizeof(credutl_sid_t) == 34 && offsetof(credutl_sid_t, length) == 0 &&
               offsetof(credutl_sid_t, kind) == 1 && offsetof(credutl_sid_t, body) == 2);
 
-int32_t unix_number(const credutl_sid_t &sid)
+uint32_t unix_number(const credutl_sid_t &sid)
 {
     uint32_t number;
     std::memcpy(&number, sid.body, sizeof number);
-    return static_cast<int32_t>(__builtin_bswap32(number));
+    return __builtin_bswap32(number);
+}
+
+credutl_sid_t bodiless_sid(int kind)
+{
+    return {CREDUTL_SID_LENGTH_MIN, static_cast<ks_char_t>(kind), {}};
+}
+
+credutl_sid_t sid_of(unsigned long id, int type)
+{
+    const auto number = static_cast<uint32_t>(id);
+    if (number == ks::credutl::nobody_id || !ks::credutl::is_system_id(id))
+        return bodiless_sid(CREDUTL_SID_NOBODY);
+    if (number == ks::credutl::dontcare_id)
+        return bodiless_sid(CREDUTL_SID_DONTCARE);
+    credutl_sid_t sid{unix_length, CREDUTL_SID_UNIX, {}};
+    const uint32_t in_order = __builtin_bswap32(number);
+    std::memcpy(sid.body, &in_order, sizeof in_order);
+    sid.body[type_place] = static_cast<unsigned char>(type);
+    return sid;
+}
+
+unsigned long id_of(const credutl_sid_t &sid, int type)
+{
+    if (sid.length != 0 && sid.kind == CREDUTL_SID_DONTCARE)
+        return ks::credutl::dontcare_id;
+    return ks::credutl::is_unix_sid(sid, type) ? unix_number(sid) : ks::credutl::nobody_id;
 }
 
 const char *unix_type_name(const credutl_sid_t &sid)
@@ -62,13 +87,30 @@ int write_text(const credutl_sid_t &sid, char (&text)[CREDUTL_SID_STR_SIZE])
     if (sid.kind == CREDUTL_SID_DONTCARE)
         return std::snprintf(text, sizeof text, "DONTCARE");
     if (sid.kind == CREDUTL_SID_UNIX && sid.length == unix_length)
-        return std::snprintf(text, sizeof text, "%s%s-%d", "UNIX:", unix_type_name(sid), unix_number(sid));
+        return std::snprintf(text, sizeof text, "%s%s-%d", "UNIX:", unix_type_name(sid),
+                             static_cast<int32_t>(unix_number(sid)));
     return write_foreign(sid, text);
 }
 
 } // namespace
 
-extern "C" char *credutl_sid_to_str(const credutl_sid_t *sid, std::size_t size, char *buf)
+namespace ks::credutl {
+
+bool is_unix_sid(const credutl_sid_t &sid, int type)
+{
+    return sid.kind == CREDUTL_SID_UNIX && sid.length == unix_length && sid.body[type_place] == type;
+}
+
+credutl_sid_credentials_t nobody()
+{
+    return {bodiless_sid(CREDUTL_SID_NOBODY), bodiless_sid(CREDUTL_SID_NOBODY), 0, {}};
+}
+
+} // namespace ks::credutl
+
+extern "C" {
+
+char *credutl_sid_to_str(const credutl_sid_t *sid, std::size_t size, char *buf)
 {
     char text[CREDUTL_SID_STR_SIZE];
     const auto text_size = static_cast<std::size_t>(write_text(*sid, text)) + 1;
@@ -77,4 +119,32 @@ extern "C" char *credutl_sid_to_str(const credutl_sid_t *sid, std::size_t size, 
     else if (size > 0)
         buf[0] = '\0';
     return buf;
+}
+
+int credutl_sid_eq(const credutl_sid_t *a, const credutl_sid_t *b)
+{
+    if (a->length != b->length)
+        return 0;
+    return a->length == 0 || (a->kind == b->kind && std::memcmp(a->body, b->body, body_size(*a)) == 0) ? 1 : 0;
+}
+
+void credutl_uid_to_sid(credutl_uid_t uid, credutl_sid_t *out_sid)
+{
+    *out_sid = sid_of(uid, CREDUTL_SID_UNIX_UID);
+}
+
+void credutl_gid_to_sid(credutl_gid_t gid, credutl_sid_t *out_sid)
+{
+    *out_sid = sid_of(gid, CREDUTL_SID_UNIX_GID);
+}
+
+credutl_uid_t credutl_sid_to_uid(const credutl_sid_t *sid)
+{
+    return id_of(*sid, CREDUTL_SID_UNIX_UID);
+}
+
+credutl_gid_t credutl_sid_to_gid(const credutl_sid_t *sid)
+{
+    return id_of(*sid, CREDUTL_SID_UNIX_GID);
+}
 }
