@@ -651,7 +651,7 @@ KS_API char *credutl_creds_to_str(const credutl_sid_t *user_sid, const credutl_s
  *
  * @param buf   receives the name. Where it does not fit, a warning is printed and the buffer holds
  *              "<credutl authunix machname too long>", as much of it as fits.
- * @param size  bytes of `buf`. 256 are what a credential takes; 131 are enough for any domain and host.
+ * @param size  bytes of `buf`. 256 are what a credential takes; 130 are enough for any domain and host.
  *
  * Threads: any.
  * Raises:  yes: where it prints; the buffer is filled in then.

@@ -15,6 +15,7 @@
 
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <grp.h>
 #include <nl_types.h>
 #include <poll.h>
 #include <pthread.h>
@@ -595,14 +596,17 @@ FRONT(nl_catd, catopen, const char *name, int flag)
 PASS(fail, limit, int, getrlimit, (int resource, rlimit *out), (resource, out))
 PASS(fail, name, int, uname, (utsname * out), (out))
 
-FRONT(int, getpwuid_r, uid_t uid, passwd *entry, char *buffer, size_t size, passwd **out_found)
-{
-    if (const int answer = answer_for(Call::user); answer != 0) {
-        *out_found = nullptr;
-        return answer;
+#define PASS_ENTRY(name, Key, Entry)                                                                                   \
+    FRONT(int, name, Key key, Entry *entry, char *buffer, size_t size, Entry **out_found)                              \
+    {                                                                                                                  \
+        *out_found = nullptr;                                                                                          \
+        const int answer = answer_for(Call::user);                                                                     \
+        return answer != 0 ? answer : NEXT(name)(key, entry, buffer, size, out_found);                                 \
     }
-    return NEXT(getpwuid_r)(uid, entry, buffer, size, out_found);
-}
+PASS_ENTRY(getpwuid_r, uid_t, passwd)
+PASS_ENTRY(getpwnam_r, const char *, passwd)
+PASS_ENTRY(getgrgid_r, gid_t, group)
+PASS_ENTRY(getgrnam_r, const char *, group)
 
 // Raises ---------------------------------------------------------------------------------------
 

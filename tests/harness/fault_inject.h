@@ -46,7 +46,7 @@ enum class Call : unsigned {
     catalogue, // catopen()
     limit,     // getrlimit()
     name,      // uname()
-    user,      // getpwuid_r()
+    user,      // getpwuid_r(), getpwnam_r(), getgrgid_r(), getgrnam_r()
     wait,      // waitid()
     kill,
     socket,
