@@ -77,7 +77,10 @@ TEST(FaultCredutl, RaisesLoseNothing)
             imsg_set_trace_verbosity(1);
             imsg_set_trace_subsys("credutl");
         })
-        .act([] { auth_destroy(credutl_auth_create_for(&client)); })
+        .act([] {
+            AUTH *auth = credutl_auth_create_for(&client);
+            auth_destroy(auth);
+        })
         .cleanup([] { imsg_set_trace_subsys(nullptr); })
         .sweep_raises();
 }
