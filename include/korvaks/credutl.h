@@ -635,8 +635,8 @@ KS_API void credutl_crack_fq_name(const char *name, char *domain_buf, size_t dom
  * @param group_sids  that many. A UNIX identity of no known type ends the process, as in credutl_sid_to_str().
  * @param size        bytes of `buf`; 0 writes nothing
  * @param buf         receives the text. Where user and group, or the word behind them, fill it, the last character is
- *                    "+". A group is written whole or not at all; where one is left out "+ " follows, or "+" is the
- * last character where there is no room for it.
+ *                    "+". The first group whose text does not fit, and all behind it, are left out: "+ " follows, "+"
+ *                    where there is room for no more, or "+" in the place of the last character where there is none.
  * @return `buf`
  *
  * Threads: any.
