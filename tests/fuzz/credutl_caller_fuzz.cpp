@@ -11,6 +11,11 @@ FUZZ_TARGET(input)
     test::Stream in(body, XDR_DECODE);
     const bool is_decoded = xdr_credutl_client_t(&in, &client) && XDR_GETPOS(&in) == body.size();
     const std::string again = is_decoded ? test::encode(xdr_credutl_client_t, client) : "";
+    credutl_string_credentials_t names{};
+    if (is_decoded)
+        FUZZ_REQUIRE(credutl_crack_client_vellum(&client, nullptr, 0, nullptr, 0, &names) == 0 &&
+                     names.ngroups == client.record->credentials.ngroups);
+    credutl_free_string_credentials(&names);
     test::release(xdr_credutl_client_t, client);
     for (const int flavour : {CREDUTL_AUTH_FLAVOUR, int(AUTH_UNIX)}) {
         const test::Answer answer = test::call(flavour, body, "192.0.2.1");

@@ -42,13 +42,16 @@ inline Answer call(int flavour, const std::string &body, const std::string &addr
     message.rm_call.cb_cred = {flavour, place, u_int(body.size())};
     Answer result{_ks_authenticate(&request, &message), 0, 0, "", "", ""};
     credutl_caller_t caller;
-    credutl_sid_credentials_t cracked;
+    credutl_whole_credentials_t whole{};
+    credutl_sid_credentials_t cracked{};
     if (result.checked == AUTH_OK) {
         result.status = credutl_identify_caller(&request, &caller);
         result.user = text_of(caller.credentials);
         result.claim = caller.claimed_user + std::string("@") + caller.domain_name + "/" + caller.host_name;
-        result.cracked_status = credutl_crack_rpc_auth(&request, &cracked, nullptr, 0, nullptr, 0);
+        result.cracked_status = credutl_crack_whole_rpc_auth(&request, STG_AREA_HEAP, &whole, nullptr, 0, nullptr, 0);
+        (void)credutl_whole_credentials_to_sid_credentials(&whole, &cracked);
         result.cracked = text_of(cracked);
+        stg_free(whole.group_sids);
     }
     freeaddrinfo(remote);
     return result;

@@ -61,20 +61,17 @@ TEST_F(ProcessIdentity, IsThatOfTheRecord)
 
 TEST_F(ProcessIdentity, IsNotThatOfANumberCutTo32Bits)
 {
-    using Change = void (*)(credutl_credentials_t &);
-    const std::pair<Change, const char *> rows[] = {
-        {[](auto &to) { to.groups[1] += 1UL << 32; }, "setgroups failed: Invalid argument\n"},
-        {[](auto &to) { to.gid = 1UL << 32; }, "setgid 0 failed: Invalid argument\n"},
-        {[](auto &to) { to.uid = 1UL << 32; }, "setuid 0 failed: Invalid argument\n"}};
-    for (const auto &[change, text] : rows) {
-        const auto result = test::run_child([change = change] {
-            credutl_credentials_t to = record(2);
-            change(to);
+    const auto result = test::run_child([] {
+        credutl_credentials_t to = record(1);
+        to.uid = to.gid = to.groups[0] = 1UL << 32; // root's and its group's
+        for (credutl_gid_t *id : {&to.groups[0], &to.gid, &to.uid}) {
             EXPECT_TRUE(prctl(PR_SET_DUMPABLE, 0) == 0 && credutl_set_credentials(&to) == 1 && geteuid() == 0);
-            EXPECT_EQ(prctl(PR_GET_DUMPABLE), to.groups[1] < 1UL << 32); // the groups alone do not change it
-        });
-        EXPECT_NE(result.err.find(text), std::string::npos) << result.err;
-    }
+            EXPECT_EQ(prctl(PR_GET_DUMPABLE), id != &to.groups[0]); // the groups alone do not change it
+            *id = group;
+        }
+    });
+    for (const char *call : {"setgroups", "setgid 0", "setuid 0"})
+        EXPECT_NE(result.err.find(call + std::string(" failed: Invalid argument\n")), std::string::npos) << result.err;
 }
 
 TEST_F(ProcessIdentity, HasTheFirst32Groups)
