@@ -158,7 +158,7 @@ TEST(Callers, ArePrivilegedOnlyOnThisHost)
     freeifaddrs(list);
     const std::vector<std::string> addresses{"192.0.2.1", "2001:db8::1", "::ffff:192.0.2.1", "127.9.9.9",
                                              "::1",       own,           "::ffff:" + own};
-    for (const std::string &host : {here, upper, here + "x", ""s})
+    for (const std::string &host : {here, upper, upper + "x", ""s})
         for (std::size_t i = 0; i < addresses.size(); ++i) {
             const std::string &address = addresses[i];
             SCOPED_TRACE(host + " " + address);
