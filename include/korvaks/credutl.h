@@ -501,7 +501,7 @@ KS_API int credutl_string_credentials_to_sid_credentials(const credutl_string_cr
  *
  * @param creds      the credentials
  * @param area       where the groups are put; with STG_AREA_HEAP they are freed with stg_free(). Without groups nothing
- * is taken of it, and `group_sids` is NULL.
+ *                   is taken of it, and `group_sids` is NULL.
  * @param out_creds  receives them; what it held is not looked at
  * @return 0; 1 with errno ENOMEM (message).
  *
@@ -555,7 +555,7 @@ KS_API int credutl_get_sid_credentials(credutl_sid_credentials_t *creds);
  * has in memory from before is in them.
  *
  * @param creds  the record, which stays as it is; of more than 32 groups the first 32 count. A number that is none of
- * the system's (above 32 bits) is refused with EINVAL: it would be somebody else's when it is cut.
+ *               the system's (above 32 bits) is refused with EINVAL: it would be somebody else's when it is cut.
  * @return 0; 1 with errno: ENOMEM without a message; else the error "setgroups failed: ...", "setgid N failed: ..." or
  *         "setuid N failed: ..." with the system's reason (EPERM for a process without the privilege). What was changed
  *         before stays changed: end the process, or set another identity, rather than go on.
@@ -709,7 +709,7 @@ KS_API int credutl_mk_client_vellum(credutl_auth_vellum_kind_t kind, credutl_aut
  * @param domain, domain_size  receives the domain, cut to whole characters; a size of 0 stores nothing
  * @param host, host_size      receives the host, the same
  * @param out_creds            receives copies of the names, released with credutl_free_string_credentials(). A client
- * that told its host only is user "NOBODY", group "NOBODY", without further groups.
+ *                             that told its host only is user "NOBODY", group "NOBODY", without further groups.
  * @return 0; 1 with errno ENOMEM, `out_creds` as it was.
  *
  * Threads: any.
@@ -734,7 +734,7 @@ KS_API void credutl_free_client(credutl_client_t *client);
  * admitted, and the handle cannot be refreshed (auth_refresh() gives FALSE).
  *
  * @return the handle; NULL with errno: as credutl_mk_client_vellum(); EMSGSIZE where domain, host, user and group alone
- * do not fit; ENOMEM.
+ *         do not fit; ENOMEM.
  *
  * Threads: any; one at a time for a handle.
  * Raises:  yes: where it prints or traces; nothing is lost.
@@ -745,9 +745,9 @@ KS_API AUTH *credutl_auth_create(void);
  * Makes a handle of the product's flavour for any client, as credutl_auth_create() does it.
  *
  * @param client  a client, which is read and stays the caller's; a family other than CREDUTL_AUTH_FAMILY_VELLUM ends
- * the process, as in credutl_crack_client_vellum()
+ *                the process, as in credutl_crack_client_vellum()
  * @return as credutl_auth_create(); EINVAL for a number of groups below 0 or above 32, of which nothing is sent;
- * EMSGSIZE also for what xdr_credutl_client_t() does not admit.
+ *         EMSGSIZE also for what xdr_credutl_client_t() does not admit.
  *
  * Threads: any; one at a time for a handle.
  * Raises:  where it traces; nothing is lost.
@@ -793,7 +793,7 @@ KS_API int credutl_svc_auth_register(void);
  *
  * A caller may claim to be anybody, and neither flavour proves anything. Nobody is what it is taken for when it claims
  *  - uid 0, by number or name, unless both the host's name is this host's and the call comes from one of this host's
- * own addresses (credutl_is_own_address()): the name is the caller's choice, the address is less so;
+ *    own addresses (credutl_is_own_address()): the name is the caller's choice, the address is less so;
  *  - a name that this host's database does not know, uid -1 or -2, or what is no user of this system's kind.
  * Whoever is not believed is in no group either. AUTH_UNIX is taken by its numbers, and no database is asked; a record
  * of the product's flavour by its names (credutl_string_credentials_to_sid_credentials()), with a look-up for each,
@@ -803,7 +803,7 @@ KS_API int credutl_svc_auth_register(void);
  * @param out_caller  filled in, in any case
  * @return CREDUTL_CALLER_TOLD; CREDUTL_CALLER_UNTOLD for AUTH_NONE, and for a client that tells its host only;
  *         CREDUTL_CALLER_UNKNOWN_FLAVOUR; CREDUTL_CALLER_ERROR when the database could not be asked, with errno: the
- * caller is nobody then.
+ *         caller is nobody then.
  *
  * Threads: any.
  * Raises:  no.
@@ -831,7 +831,7 @@ KS_API int credutl_is_own_address(const struct sockaddr *addr);
  *
  * @param request              the request of a dispatch routine
  * @param out_creds            receives them; the SIDs of nobody, without groups, where the result is not 0 or the
- * caller is not trusted
+ *                             caller is not trusted
  * @param domain, domain_size  receives the domain of the machine name (credutl_crack_authunix_machname()), "" for other
  *                             flavours; not printable as it stands. NULL, or a size of 0: not given
  * @param host, host_size      receives the host, the same

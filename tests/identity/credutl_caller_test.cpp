@@ -14,6 +14,8 @@
 #include <netdb.h>
 #include <pwd.h>
 
+#include <gtest/gtest.h>
+
 namespace {
 
 using namespace std::string_literals;
