@@ -38,15 +38,30 @@ consteval vlthread_mutex_t lock_at(LockLevel level, int32_t raise_mode)
 } // namespace
 
 #define KS_DEFINE_LOCK(name, raise_mode) constinit vlthread_mutex_t name = lock_at(lock_level_##name, raise_mode);
+#define KS_DEFINE_LOCKS(name, count) constinit vlthread_mutex_t name[count]{};
 #define KS_DEFINE_RWLOCK(name) constinit OrderedRwlock name{VLTHREAD_RWLOCK_INITIALIZER, lock_level_##name};
 #define KS_NO_LOCK(...)
-KS_LOCK_ORDER(KS_DEFINE_LOCK, KS_DEFINE_RWLOCK, KS_NO_LOCK)
+KS_LOCK_ORDER(KS_DEFINE_LOCK, KS_DEFINE_LOCKS, KS_DEFINE_RWLOCK, KS_NO_LOCK)
 
 namespace {
 
-#define KS_LOCK_ADDRESS(name, ...) &name,
-constexpr std::array process_lock_table{KS_LOCK_ORDER(KS_LOCK_ADDRESS, KS_NO_LOCK, KS_NO_LOCK)};
-constexpr std::array process_rwlock_table{KS_LOCK_ORDER(KS_NO_LOCK, KS_LOCK_ADDRESS, KS_NO_LOCK)};
+#define KS_ONE_LOCK(...) +1
+#define KS_SO_MANY_LOCKS(name, count) +(count)
+constexpr std::size_t process_lock_count = KS_LOCK_ORDER(KS_ONE_LOCK, KS_SO_MANY_LOCKS, KS_NO_LOCK, KS_NO_LOCK);
+
+#define KS_LIST_LOCK(name, ...) table[at++] = &name;
+#define KS_LIST_LOCKS(name, count)                                                                                     \
+    for (vlthread_mutex_t & lock : name)                                                                               \
+        table[at++] = &lock;
+constexpr std::array process_lock_table = [] {
+    std::array<vlthread_mutex_t *, process_lock_count> table{};
+    std::size_t at = 0;
+    KS_LOCK_ORDER(KS_LIST_LOCK, KS_LIST_LOCKS, KS_NO_LOCK, KS_NO_LOCK)
+    return table;
+}();
+
+#define KS_LOCK_ADDRESS(name) &name,
+constexpr std::array process_rwlock_table{KS_LOCK_ORDER(KS_NO_LOCK, KS_NO_LOCK, KS_LOCK_ADDRESS, KS_NO_LOCK)};
 
 } // namespace
 

@@ -14,9 +14,18 @@
 #include <cstdint>
 #include <span>
 
-// LOCK(name, raise mode) is a mutex, RWLOCK(name) a read/write lock, counted. PLACE(name) is a place in the order for
-// locks that are not process-wide.
-#define KS_LOCK_ORDER(LOCK, RWLOCK, PLACE)                                                                             \
+// The thread sanitizer follows 64 locks that a thread holds, and a fork takes all: there buckets share them.
+#ifdef __SANITIZE_THREAD__
+#define KS_NIRPC_LOCKS 16
+#else
+#define KS_NIRPC_LOCKS 53
+#endif
+
+// LOCK(name, raise mode) is a mutex, LOCKS(name, count) an array of counted mutexes of one place, RWLOCK(name) a
+// read/write lock, counted. PLACE(name) is a place in the order for locks that are not process-wide. The mutexes of an
+// array are made by their module under a lock that stands above them; until then their raise mode is 0, and no fork
+// takes them.
+#define KS_LOCK_ORDER(LOCK, LOCKS, RWLOCK, PLACE)                                                                      \
     /* The library critical section; its recursion count is the depth. The attached thread holds it for long   */      \
     /* stretches, so a fork does not wait for it.                                                               */     \
     LOCK(vlthread_critical_section_mutex, VLTHREAD_RAISE_COUNTED)                                                      \
@@ -52,6 +61,9 @@
     PLACE(svc_worker)                                                                                                  \
     /* Whether the server's main thread has to be woken, and was.                                               */     \
     RWLOCK(ks_svc_pipe_lock)                                                                                           \
+    /* The duplicate-request cache, while its table is made; and its buckets, one of which a thread takes.     */      \
+    LOCK(nirpc_init_lock, VLTHREAD_RAISE_COUNTED)                                                                      \
+    LOCKS(nirpc_hash_locks, KS_NIRPC_LOCKS)                                                                            \
     /* Children: the living, the reaped, deaths nobody announced and threads that wait for one.                 */     \
     LOCK(rt_proc_crit, VLTHREAD_RAISE_COUNTED)                                                                         \
     /* Timed events, descriptor handlers, and the flags of the loop.                                            */     \
@@ -80,7 +92,7 @@ namespace ks {
 // Places in the order, and the class that checks them; NULL where nothing is checked.
 enum LockLevel : int16_t {
 #define KS_LOCK_LEVEL(name, ...) lock_level_##name,
-    KS_LOCK_ORDER(KS_LOCK_LEVEL, KS_LOCK_LEVEL, KS_LOCK_LEVEL)
+    KS_LOCK_ORDER(KS_LOCK_LEVEL, KS_LOCK_LEVEL, KS_LOCK_LEVEL, KS_LOCK_LEVEL)
 #undef KS_LOCK_LEVEL
 };
 vlthread_order_class *lock_order();
@@ -92,10 +104,12 @@ struct OrderedRwlock {
 };
 
 #define KS_DECLARE_LOCK(name, raise_mode) extern vlthread_mutex_t name;
+#define KS_DECLARE_LOCKS(name, count) extern vlthread_mutex_t name[count];
 #define KS_DECLARE_RWLOCK(name) extern OrderedRwlock name;
 #define KS_NO_LOCK(name)
-KS_LOCK_ORDER(KS_DECLARE_LOCK, KS_DECLARE_RWLOCK, KS_NO_LOCK)
+KS_LOCK_ORDER(KS_DECLARE_LOCK, KS_DECLARE_LOCKS, KS_DECLARE_RWLOCK, KS_NO_LOCK)
 #undef KS_DECLARE_LOCK
+#undef KS_DECLARE_LOCKS
 #undef KS_DECLARE_RWLOCK
 #undef KS_NO_LOCK
 

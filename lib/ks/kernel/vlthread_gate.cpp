@@ -33,11 +33,17 @@ bool is_left_alone(const OrderedRwlock *lock)
     return lock == &ks_svc_lock;
 }
 
+// Not so: the locks of an array that is not in use yet. Whoever makes them holds a lock that stands above them.
+bool is_made(const vlthread_mutex_t *lock)
+{
+    return lock->raise_mode != 0;
+}
+
 // The locks that a fork takes one by one: the first is waited for with the gate open, and the thread layer's
 // own come last.
 bool is_taken_under_gate(const vlthread_mutex_t *lock)
 {
-    return !is_left_alone(lock) && lock != &pfm_crit;
+    return !is_left_alone(lock) && lock != &pfm_crit && is_made(lock);
 }
 
 bool holds_process_lock()
