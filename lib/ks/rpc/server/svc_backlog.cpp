@@ -37,19 +37,8 @@ extern "C" bool_t take_tick(SVCXPRT *xprt, rpc_msg *)
     return FALSE;
 }
 
-extern "C" void destroy_timer(SVCXPRT *xprt)
-{
-    end_transport(transport_of(xprt));
-}
-
-void dispose_timer(Transport &transport)
-{
-    close_socket(transport);
-    std::free(&transport);
-}
-
 constexpr Kind timer_kind =
-    kind_of(without_calls(take_tick, destroy_timer, nullptr), Serving::inline_by_main_thread, false, dispose_timer);
+    kind_of(without_calls(take_tick, nullptr), Serving::inline_by_main_thread, false, dispose_plain);
 
 bool start_timer()
 {

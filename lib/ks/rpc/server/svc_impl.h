@@ -76,21 +76,29 @@ struct Transport {
     char device[32];
 };
 
-// The operations of a transport that never brings a call (svc_transport.cpp has the rest of them).
+// Operations that several kinds share: the end, and those of a transport that never brings a call.
 extern "C" {
+void ks_svc_vc_destroy(SVCXPRT *xprt);
 xprt_stat no_call_stat(SVCXPRT *xprt);
 bool_t no_call_getargs(SVCXPRT *xprt, xdrproc_t xdr_args, void *args);
 bool_t no_call_reply(SVCXPRT *xprt, rpc_msg *msg);
 XDR *no_call_get_xdrs(SVCXPRT *xprt);
 bool_t no_call_reply_finish(SVCXPRT *xprt);
 }
-consteval ks_svc_ops without_calls(bool_t (*recv)(SVCXPRT *, rpc_msg *), void (*destroy)(SVCXPRT *),
-                                   bool_t (*control)(SVCXPRT *, u_int, void *))
+consteval ks_svc_ops without_calls(bool_t (*recv)(SVCXPRT *, rpc_msg *), bool_t (*control)(SVCXPRT *, u_int, void *))
 {
-    return {
-        recv,    no_call_stat, no_call_getargs, no_call_reply, no_call_get_xdrs, no_call_reply_finish, no_call_getargs,
-        destroy, control};
+    return {recv,
+            no_call_stat,
+            no_call_getargs,
+            no_call_reply,
+            no_call_get_xdrs,
+            no_call_reply_finish,
+            no_call_getargs,
+            ks_svc_vc_destroy,
+            control};
 }
+// For a kind that has a socket and nothing else.
+void dispose_plain(Transport &transport);
 
 inline Transport &transport_of(SVCXPRT *xprt)
 {

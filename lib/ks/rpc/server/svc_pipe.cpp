@@ -66,25 +66,19 @@ extern "C" bool_t update_select_request(SVCXPRT *xprt, rpc_msg *)
     return FALSE;
 }
 
-extern "C" void update_select_destroy(SVCXPRT *xprt)
-{
-    end_transport(transport_of(xprt));
-}
-
 void dispose_pipe(Transport &transport)
 {
-    close_socket(transport);
     if (update_pipe == &transport) {
         update_pipe = nullptr;
         const ks::WriteGuard lock(ks::ks_svc_pipe_lock);
         (void)close(std::exchange(ks_svc_pipe_write_fd, -1)); // given up either way
         ks_svc_pipe_written = 0;
     }
-    std::free(&transport);
+    dispose_plain(transport);
 }
 
-constexpr Kind pipe_kind = kind_of(without_calls(update_select_request, update_select_destroy, nullptr),
-                                   Serving::inline_by_main_thread, false, dispose_pipe);
+constexpr Kind pipe_kind =
+    kind_of(without_calls(update_select_request, nullptr), Serving::inline_by_main_thread, false, dispose_pipe);
 
 enum class Made { yes, no_pipe, no_memory, not_registered };
 

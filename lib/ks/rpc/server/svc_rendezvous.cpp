@@ -167,20 +167,8 @@ extern "C" bool_t ks_svc_vc_rendezvous_control(SVCXPRT *xprt, u_int request, voi
     return TRUE;
 }
 
-extern "C" void destroy_listener(SVCXPRT *xprt)
-{
-    end_transport(transport_of(xprt));
-}
-
-void dispose_listener(Transport &transport)
-{
-    close_socket(transport);
-    std::free(&transport);
-}
-
-constexpr Kind listener_kind =
-    kind_of(without_calls(ks_rendezvous_request, destroy_listener, ks_svc_vc_rendezvous_control), Serving::by_worker,
-            false, dispose_listener);
+constexpr Kind listener_kind = kind_of(without_calls(ks_rendezvous_request, ks_svc_vc_rendezvous_control),
+                                       Serving::by_worker, false, dispose_plain);
 
 Transport *fail(Rendezvous *listener, const char *message)
 {

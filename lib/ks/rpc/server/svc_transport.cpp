@@ -133,7 +133,18 @@ void end_served(Transport &transport)
     release(transport);
 }
 
+void dispose_plain(Transport &transport)
+{
+    close_socket(transport);
+    std::free(&transport);
+}
+
 extern "C" {
+
+void ks_svc_vc_destroy(SVCXPRT *xprt)
+{
+    end_transport(transport_of(xprt));
+}
 
 xprt_stat no_call_stat(SVCXPRT *)
 {

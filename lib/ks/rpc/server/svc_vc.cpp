@@ -344,11 +344,6 @@ extern "C" bool_t ks_svc_vc_reply_finish(SVCXPRT *xprt)
 
 // --- Life ---
 
-extern "C" void ks_svc_vc_destroy(SVCXPRT *xprt)
-{
-    end_transport(transport_of(xprt));
-}
-
 extern "C" bool_t ks_svc_vc_control(SVCXPRT *, u_int, void *)
 {
     return FALSE;
