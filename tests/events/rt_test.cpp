@@ -1,4 +1,5 @@
 #include "harness/child.h"
+#include "harness/fake_clock.h"
 #include "harness/misuse.h"
 
 #include <korvaks/pfm.h>
@@ -15,11 +16,8 @@
 #include <vector>
 
 #include <fcntl.h>
-#include <sys/eventfd.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
-#include <sys/syscall.h>
-#include <sys/timerfd.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -28,9 +26,9 @@
 
 namespace {
 
-std::string seen;                    // what ran, a letter each
-std::atomic<time_t> clock_step_s{0}; // how far the clock of the process was set
-int clock_fd = -1;                   // told when it is
+using test::set_clock;
+
+std::string seen; // what ran, a letter each
 
 void note(void *letter)
 {
@@ -60,37 +58,6 @@ int ready_fd()
     int ends[2];
     return pipe(ends) == 0 && write(ends[1], "x", 1) == 1 ? ends[0] : -1;
 }
-
-void set_clock(time_t change)
-{
-    const uint64_t one = 1;
-    clock_step_s += change;
-    (void)!write(clock_fd, &one, sizeof one);
-}
-
-} // namespace
-
-// The clock of the test, which is set without touching the machine's.
-extern "C" int clock_gettime(clockid_t clock, timespec *now) noexcept
-{
-    const auto result = static_cast<int>(syscall(SYS_clock_gettime, clock, now));
-    if (clock == CLOCK_REALTIME)
-        now->tv_sec += clock_step_s;
-    return result;
-}
-
-extern "C" int timerfd_create(clockid_t, int) noexcept
-{
-    return clock_fd = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
-}
-
-extern "C" int timerfd_settime(int, int flags, const itimerspec *, itimerspec *) noexcept
-{
-    EXPECT_EQ(flags, TFD_TIMER_ABSTIME | TFD_TIMER_CANCEL_ON_SET);
-    return 0;
-}
-
-namespace {
 
 TEST(RtEvents, FireByDueTimeAndThenInTheOrderOfTheirScheduling)
 {

@@ -1,5 +1,6 @@
 // The duplicate-request cache: what is answered to which call, expiry, and what goes on at once.
 #include "harness/child.h"
+#include "harness/fake_clock.h"
 #include "harness/forked.h"
 #include "harness/match.h"
 #include "harness/misuse.h"
@@ -16,46 +17,13 @@
 #include <thread>
 
 #include <netinet/in.h>
-#include <sys/eventfd.h>
-#include <sys/syscall.h>
-#include <sys/timerfd.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 
 namespace {
 
-std::atomic<time_t> clock_step_s{0}; // how far the clock of the process was set
-int clock_fd = -1;                   // told when it is
-
-} // namespace
-
-extern "C" int clock_gettime(clockid_t clock, timespec *now) noexcept
-{
-    const auto result = static_cast<int>(syscall(SYS_clock_gettime, clock, now));
-    if (clock == CLOCK_REALTIME)
-        now->tv_sec += clock_step_s;
-    return result;
-}
-
-extern "C" int timerfd_create(clockid_t, int) noexcept
-{
-    return clock_fd = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
-}
-
-extern "C" int timerfd_settime(int, int, const itimerspec *, itimerspec *) noexcept
-{
-    return 0;
-}
-
-namespace {
-
-void set_clock(time_t change)
-{
-    const uint64_t one = 1;
-    clock_step_s += change;
-    (void)!write(clock_fd, &one, sizeof one);
-}
+using test::set_clock;
 
 // A transport whose peer has this address. Callers 100 apart have the same port.
 class Transport {
