@@ -58,18 +58,17 @@ bool serve_one(Transport &transport, const Registration &registration)
 
 void serve_inline(Transport &transport, Transport *&current)
 {
-    if (transport.is_served) { // by a routine that serves others meanwhile
+    if (!begin_service(transport)) { // by a routine that serves others meanwhile
         transport.is_passed_over = true;
         deselect(transport);
         return release(transport);
     }
     Transport *outer = std::exchange(current, &transport);
-    transport.is_served = true;
     bool is_kept = false;
     while (!is_kept && serve_turn(transport))
         is_kept = serve_later(transport);
     current = outer;
-    transport.is_served = false;
+    end_service(transport);
     if (std::exchange(transport.is_passed_over, false))
         select_again(transport);
     if (!is_kept)
@@ -105,16 +104,22 @@ template <typename Work> void serve_on_main_thread(Work work)
         pass_on(status, served);
 }
 
+// A loop may tell of a transport that was handed over already, when it goes by a set of some time ago.
+void hand_over_itself(Transport &transport)
+{
+    if (!begin_service(transport))
+        return release(transport);
+    deselect(transport);
+    hand_over(transport);
+}
+
 // A call of a datagram socket is read here, so that the socket goes on being selected on. Where every worker is busy,
 // or memory is short, it stays unread, and a worker gets the transport itself.
 void hand_over_datagram(Transport &transport)
 {
     Transport *clone = has_idle_worker() ? make_clone(transport) : nullptr;
-    if (clone == nullptr) {
-        deselect(transport);
-        hand_over(transport);
-        return;
-    }
+    if (clone == nullptr)
+        return hand_over_itself(transport);
     hold(*clone);
     if (clone->handle.ops->recv(handle_of(*clone), held_call(*clone)) != FALSE)
         hand_over(*clone);
@@ -137,8 +142,7 @@ void serve_ready(Transport &transport)
     } else if (transport.kind->serving == Serving::as_clone) {
         hand_over_datagram(transport);
     } else {
-        deselect(transport);
-        hand_over(transport);
+        hand_over_itself(transport);
     }
 }
 
@@ -186,6 +190,7 @@ void give_up(Transport &transport)
 {
     if (is_clone(transport))
         end_served(transport);
+    end_service(transport);
     release(transport);
 }
 
@@ -196,7 +201,7 @@ void abandon_call(Transport &transport)
         end_served(transport);
     } else {
         drop_arrivals(transport);
-        transport.is_served = false;
+        end_service(transport);
         transport.handle.reply_in_progress = 0;
         transport.handle.pending_reply = nullptr;
         select_again(transport);

@@ -64,8 +64,8 @@ struct Transport {
     uint32_t holds;        // atomic
     bool is_ended;         // atomic: destroyed; the first hold is given back
     bool is_paused;        // atomic: a listener that waits for a descriptor
-    bool is_served;        // by the main thread, whose these are
-    bool is_passed_over;   // ready again in the middle of that
+    bool is_served;        // atomic: by the main thread or a worker, or queued for one
+    bool is_passed_over;   // ready again in the middle of that; the main thread's
     bool is_served_later;  // is in the list of those
     Transport *next_ready; // in the queue for workers
     sockaddr_storage local;
@@ -139,6 +139,16 @@ void end_served(Transport &transport);
 // The table's lock is held and nobody serves it: out of the table, and the caller gives the first hold back behind the
 // lock. False when somebody else is about to.
 [[nodiscard]] bool end_transport_unlocked(Transport &transport);
+
+// A transport is served by one at a time: false when it is already.
+[[nodiscard]] inline bool begin_service(Transport &transport)
+{
+    return !__atomic_exchange_n(&transport.is_served, true, __ATOMIC_ACQUIRE);
+}
+inline void end_service(Transport &transport)
+{
+    __atomic_store_n(&transport.is_served, false, __ATOMIC_RELEASE);
+}
 
 // --- svc_table.cpp ---
 

@@ -182,6 +182,7 @@ void serve(Worker &worker)
         append_to_queue(transport);
         return;
     } else {
+        end_service(transport);
         select_again(transport);
     }
     worker.served = nullptr;
