@@ -327,4 +327,24 @@ TEST(SvcWorkers, EndWhenTheirCallsHaveEnded)
         });
 }
 
+// A loop that hands in, again, what it found a moment ago.
+TEST(SvcWorkers, ServeAConnectionOneAfterTheOther)
+{
+    const test::Server server({2, test::record_limit}, [] {
+        EXPECT_TRUE(ks_svc_setup_threads());
+        for (ks_fd_set found{};;) {
+            (void)usleep(5000);
+            for (std::size_t i = 0; i < KS_FD_SET_WORDS; ++i)
+                found.words[i] |= __atomic_load_n(&ks_svc_fdset.words[i], __ATOMIC_RELAXED);
+            ks_svc_getreqset(&found);
+        }
+    });
+    const test::Caller caller(server.port());
+    EXPECT_TRUE(caller.send_call(test::call_message(PROBE_SLEEP, test::words({100}))));
+    (void)usleep(50000);
+    EXPECT_TRUE(caller.send_call(test::call_message(PROBE_NULL, "", 2)));
+    EXPECT_EQ(caller.receive(), test::success(1));
+    EXPECT_EQ(caller.receive(), test::success(2));
+}
+
 } // namespace
