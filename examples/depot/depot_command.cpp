@@ -7,6 +7,7 @@
 #include "depot_report.h"
 #include "depot_status.h"
 #include "depot_target.h"
+#include "depot_who.h"
 
 #include <korvaks/evutl.h>
 #include <korvaks/fileutl.h>
@@ -90,9 +91,15 @@ constexpr auto list_flags = with_common_flags({
     {"--since", flag_since, 0},
 });
 
+constexpr clp_flag_desc datagrams = {"--u[dp]", flag_udp, 0};
+
 constexpr auto remove_flags = with_common_flags({
     {"--y[es]", flag_yes, 0},
+    datagrams,
 });
+
+// Of commands whose calls and answers are short.
+constexpr auto short_flags = with_common_flags({datagrams});
 
 constexpr auto ping_flags = with_common_flags({
     {"--p[rogram]", flag_program, 0},
@@ -312,12 +319,19 @@ const char *value_of(const Job &job, Flag flag, const char *variable)
     return buffer == nullptr ? nullptr : getenv_safe(variable, buffer, PATH_MAX, how);
 }
 
+// NULL: none.
+const char *server_of(const Job &job)
+{
+    const bool is_local = job.line.has(flag_depot) && !job.line.has(flag_server);
+    return is_local ? nullptr : value_of(job, flag_server, "VELDEPOT_SERVER");
+}
+
 Status open_server_at(Job &job, const char *server)
 {
     Addresses addresses;
     if (const Search search = find_addresses(job.area, server, addresses); search != Search::found)
         return search == Search::bad_word ? Status::misused : Status::failed;
-    job.remote.open(job.area, server, addresses);
+    job.remote.open(job.area, server, addresses, job.line.has(flag_udp));
     job.store = &job.remote;
     return Status::done;
 }
@@ -329,11 +343,12 @@ constexpr Command commands[] = {
     {"g[et]", get_flags.data(), 1, any_number, msg_argument_get, msg_summary_get, msg_notes_get, nullptr, get_entries},
     {"l[ist]", list_flags.data(), 0, any_number, msg_argument_list, msg_summary_list, msg_notes_list, explain_list,
      list_entries},
-    {"v[erify]", plain_flags.data(), 0, any_number, msg_argument_verify, msg_summary_verify, msg_notes_verify, nullptr,
+    {"v[erify]", short_flags.data(), 0, any_number, msg_argument_verify, msg_summary_verify, msg_notes_verify, nullptr,
      verify_entries},
     {"r[emove]", remove_flags.data(), 1, any_number, msg_argument_remove, msg_summary_remove, msg_notes_remove, nullptr,
      remove_entries},
-    {"s[tatus]", plain_flags.data(), 0, 0, msg_none, msg_summary_status, msg_notes_status, nullptr, show_status},
+    {"s[tatus]", short_flags.data(), 0, 0, msg_none, msg_summary_status, msg_notes_status, nullptr, show_status},
+    {"w[hoami]", short_flags.data(), 0, 0, msg_none, msg_summary_whoami, msg_notes_whoami, nullptr, show_identity},
     {"pi[ng]", ping_flags.data(), 1, 1, msg_argument_ping, msg_summary_ping, msg_notes_ping, nullptr, ping},
     {"h[elp]", plain_flags.data(), 0, 1, msg_argument_help, msg_summary_help, msg_notes_help, nullptr, help},
 };
@@ -345,15 +360,23 @@ Status open_store(Job &job, bool make)
     const CommandLine &line = job.line;
     if (line.has(flag_depot) && line.has(flag_server))
         return misused(msg_two_depots, line.values[flag_server]);
-    const char *const server = line.has(flag_depot) ? nullptr : value_of(job, flag_server, "VELDEPOT_SERVER");
-    if (server != nullptr)
+    if (const char *const server = server_of(job); server != nullptr)
         return open_server_at(job, server);
+    if (line.has(flag_udp)) {
+        report(IMSG_ERROR, msg_no_server);
+        return Status::misused;
+    }
     const char *const directory = value_of(job, flag_depot, "VELDEPOT_DIR");
     if (directory == nullptr) {
         report(IMSG_ERROR, msg_no_directory);
         return Status::misused;
     }
     return status_of(job.local.open(directory, make));
+}
+
+bool names_server(const Job &job)
+{
+    return server_of(job) != nullptr;
 }
 
 Status open_server(Job &job)

@@ -78,6 +78,9 @@ Status open_store(Job &job, bool make);
 // A server's alone.
 Status open_server(Job &job);
 
+// Whether they name a server.
+bool names_server(const Job &job);
+
 // And finds the entries that its words mean; `failed`: some of them.
 Status find_entries(Job &job, Names &out_names);
 

@@ -74,6 +74,8 @@ constexpr Row rows[] = {
     {msg_needs_connection, "\"%s\" may be too much for a datagram: ask for it over TCP.\n"},
     {msg_replaced, "Entry \"%s\" was replaced while it was fetched; try again.\n"},
     {msg_busy, "The server is too busy to give \"%s\".\n"},
+    {msg_not_owner, "Entry \"%s\" is another's: only its owner may replace or remove it.\n"},
+    {msg_no_identity, "Unable to tell who %s is: %s\n"},
     {msg_unknown_failure, "The server failed with \"%s\" in a way that this program does not know.\n"},
 
     {msg_stored, "Stored \"%s\": %llu bytes in %llu.\n"},
@@ -125,6 +127,16 @@ constexpr Row rows[] = {
     {msg_counter_workers, "workers"},
     {msg_counter_busy, "workers busy now"},
     {msg_counter_puts, "files being stored now"},
+    {msg_counter_repeated, "calls that came again and were answered as before"},
+    {msg_counter_dropped, "calls that came again and were dropped"},
+    {msg_counter_remembered, "callers whose last call is remembered now"},
+
+    {msg_who_user, "user    %s\n"},
+    {msg_who_group, "group   %s\n"},
+    {msg_who_groups, "groups  %s\n"},
+    {msg_who_host, "host    %s/%s\n"},
+    {msg_who_believed, "claim   %s, believed\n"},
+    {msg_who_not_believed, "claim   %s, not believed\n"},
 
     {msg_ask_replace_entry, "Replace entry \"%s\"?"},
     {msg_ask_replace_file, "Replace file \"%s\"?"},
@@ -176,6 +188,7 @@ constexpr Row rows[] = {
     {msg_summary_verify, "check entries against their checksums"},
     {msg_summary_remove, "remove entries"},
     {msg_summary_status, "show what a server of a depot counts"},
+    {msg_summary_whoami, "show who you are, or who a server takes you for"},
     {msg_summary_ping, "see whether a server answers"},
     {msg_summary_help, "show this text, or more about a command"},
     {msg_notes_put,
@@ -197,10 +210,14 @@ constexpr Row rows[] = {
      "stored.\n"},
     {msg_notes_verify, "\nChecks these entries, or all. Every byte is looked at.\n"},
     {msg_notes_remove,
-     "\nRemoves these entries for good. On a terminal you are asked for each, unless -yes is given.\n"},
+     "\nRemoves these entries for good. On a terminal you are asked for each, unless -yes is given. A server removes\n"
+     "those that you have stored, and older ones that have no owner; all for the user root of its own host.\n"},
     {msg_notes_status,
      "\nShows what the server of a depot has done since it was started, and does now: a number, and what it counts,\n"
      "in each line.\n"},
+    {msg_notes_whoami,
+     "\nShows your user, group and further groups, and your host. Of a server it shows whom it takes you for, which\n"
+     "is nobody where it does not believe what you claim: it believes the user root from its own host alone.\n"},
     {msg_notes_ping,
      "\nCalls the null procedure of an RPC server, which does nothing, over TCP and UDP, at each address of HOST.\n"
      "HOST is a name or an address; one of IPv6 stands in brackets. The call carries your user and groups.\n"

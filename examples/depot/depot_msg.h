@@ -66,6 +66,8 @@ enum Msg : unsigned {
     msg_needs_connection, // name
     msg_replaced,         // name
     msg_busy,             // name
+    msg_not_owner,        // name
+    msg_no_identity,      // whose, error text
     msg_unknown_failure,  // name
 
     // What was done.
@@ -121,6 +123,17 @@ enum Msg : unsigned {
     msg_counter_workers,
     msg_counter_busy,
     msg_counter_puts,
+    msg_counter_repeated,
+    msg_counter_dropped,
+    msg_counter_remembered,
+
+    // Who somebody is.
+    msg_who_user,         // name
+    msg_who_group,        // name
+    msg_who_groups,       // names
+    msg_who_host,         // domain, host
+    msg_who_believed,     // claimed name
+    msg_who_not_believed, // claimed name
 
     // Questions.
     msg_ask_replace_entry, // name
@@ -168,6 +181,7 @@ enum Msg : unsigned {
     msg_summary_verify,
     msg_summary_remove,
     msg_summary_status,
+    msg_summary_whoami,
     msg_summary_ping,
     msg_summary_help,
     msg_notes_put,
@@ -176,6 +190,7 @@ enum Msg : unsigned {
     msg_notes_verify,
     msg_notes_remove,
     msg_notes_status,
+    msg_notes_whoami,
     msg_notes_ping,
     msg_notes_help,
     msg_argument_depot,

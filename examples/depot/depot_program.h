@@ -10,7 +10,7 @@ namespace depot {
 inline constexpr std::uint32_t program_number = 0x2000de70;
 inline constexpr std::uint32_t program_version = 1;
 
-// All but the first take calls with a credential of AUTH_UNIX alone.
+// All but the first take calls that tell a user, in the product's own flavour or in AUTH_UNIX.
 enum Procedure : std::uint32_t {
     procedure_null = 0,
     procedure_list = 1,
@@ -22,6 +22,7 @@ enum Procedure : std::uint32_t {
     procedure_verify = 7,
     procedure_remove = 8,
     procedure_status = 9,
+    procedure_whoami = 10,
     procedure_count
 };
 

@@ -8,6 +8,7 @@
 #include "depot_target.h"
 
 #include <korvaks/auth.h>
+#include <korvaks/credutl.h>
 #include <korvaks/evutl.h>
 #include <korvaks/pfm.h>
 #include <korvaks/strutl.h>
@@ -20,6 +21,7 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <time.h>
 #include <unistd.h>
 
 namespace depot {
@@ -42,6 +44,7 @@ constexpr long usual_patience_s = 30;
 constexpr std::int64_t idle_ms_max = 10000; // a server closes connections that are idle for longer than 30 s
 constexpr u_int buffer_bytes = 1 << 17;     // a piece leaves in one write
 constexpr std::uint32_t items_max = 1 << 22;
+constexpr bool_t (*no_arguments)(XDR *, char *) = nullptr;
 
 // --- List ---
 
@@ -214,22 +217,42 @@ bool is_refused(Failure &failure, const char *about)
 
 // --- The connection ---
 
-void RemoteStore::open(stg_area *area, const char *server, const Addresses &addresses)
+void RemoteStore::open(stg_area *area, const char *server, const Addresses &addresses, bool is_datagram)
 {
+    is_datagram_ = is_datagram;
     area_ = area;
     server_ = server;
     addresses_ = addresses;
 }
 
+CLIENT *RemoteStore::make_client(int fd, const Address &address) const
+{
+    sockaddr_storage bytes = address.bytes;
+    const netbuf to = {address.size, address.size, &bytes};
+    if (!is_datagram_)
+        return ks_clnt_vc_create(fd, &to, program_number, program_version, buffer_bytes, buffer_bytes);
+    CLIENT *const client = ks_clnt_dg_create(fd, &to, program_number, program_version, 0, 0);
+    timeval again = {0, 100000}; // at first
+    if (client != nullptr)
+        (void)clnt_control(client, CLSET_RETRY_TIMEOUT, reinterpret_cast<char *>(&again));
+    return client;
+}
+
+// Of several addresses, one at which somebody answers: datagrams tell of nobody who connects.
+bool RemoteStore::is_answering()
+{
+    return !is_datagram_ || addresses_.count == 1 ||
+           clnt_call(client_, procedure_null, nullptr, nullptr, nullptr, nullptr, (timeval{5, 0})) == RPC_SUCCESS;
+}
+
 // 0, or why there is no connection.
 int RemoteStore::connect_to(const Address &address)
 {
-    const int fd = socket(address.bytes.ss_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const int type = is_datagram_ ? SOCK_DGRAM : SOCK_STREAM;
+    const int fd = socket(address.bytes.ss_family, type | SOCK_CLOEXEC, 0);
     if (fd < 0)
         return errno;
-    sockaddr_storage bytes = address.bytes;
-    const netbuf to = {address.size, address.size, &bytes};
-    client_ = ks_clnt_vc_create(fd, &to, program_number, program_version, buffer_bytes, buffer_bytes);
+    client_ = make_client(fd, address);
     if (client_ == nullptr) {
         const int failure = ks_rpc_get_createerr()->cf_error.re_errno;
         (void)::close(fd);
@@ -237,7 +260,12 @@ int RemoteStore::connect_to(const Address &address)
     }
     (void)clnt_control(client_, CLSET_FD_CLOSE, nullptr);
     client_->cl_auth = auth_;
-    return 0;
+    if (is_answering())
+        return 0;
+    rpc_err error = {};
+    clnt_geterr(client_, &error);
+    disconnect();
+    return error.re_status == RPC_CANTSEND || error.re_status == RPC_CANTRECV ? error.re_errno : ETIMEDOUT;
 }
 
 bool RemoteStore::connect()
@@ -247,8 +275,8 @@ bool RemoteStore::connect()
     if (client_ != nullptr || is_out_of_reach_)
         return !is_out_of_reach_;
     if (auth_ == nullptr)
-        auth_ = ks_authunix_create_default();
-    int failure = auth_ == nullptr ? ENOMEM : 0;
+        auth_ = credutl_auth_create();
+    int failure = auth_ == nullptr ? errno : 0;
     for (std::size_t i = 0; auth_ != nullptr && i < addresses_.count; ++i) {
         failure = connect_to(addresses_.items[i]);
         if (failure == 0)
@@ -311,14 +339,34 @@ bool RemoteStore::call_when_granted(Procedure procedure, bool_t (*xdr_question)(
     }
 }
 
+// For the next call that runs once. The process is known by its start: those before it at the same port had other times
+// and other random bits.
+bool RemoteStore::number_call(CallNumber &out_number)
+{
+    if (last_call_.number == 0) {
+        std::uint64_t random = 0;
+        if (const int failure = make_random(random); failure != 0)
+            return fail(msg_cannot_ask, server_, failure);
+        timespec now = {};
+        (void)clock_gettime(CLOCK_REALTIME, &now);
+        last_call_.client = static_cast<std::uint64_t>(now.tv_sec) << 32 | (random & UINT32_MAX);
+    }
+    ++last_call_.number;
+    out_number = last_call_;
+    return true;
+}
+
 // A call whose answer is nothing but a failure.
 bool RemoteStore::call_about(Procedure procedure, const char *about)
 {
-    WireName question;
+    NameQuestion question;
     Failure failure;
+    if (!number_call(question.call))
+        return false;
     const long patience_s = procedure == procedure_verify ? patience_for(about) : usual_patience_s;
-    name(question, about);
-    return call(procedure, xdr_name, question, xdr_failure, failure, patience_s) && !is_refused(failure, about);
+    name(question.name, about);
+    return call(procedure, xdr_name_question, question, xdr_failure, failure, patience_s) &&
+           !is_refused(failure, about);
 }
 
 bool RemoteStore::ended(bool is_done)
@@ -334,7 +382,7 @@ void RemoteStore::close()
     release(transfer_);
     disconnect();
     if (auth_ != nullptr)
-        ks_authunix_destroy(auth_);
+        auth_destroy(auth_);
     auth_ = nullptr;
     if (known_ != nullptr)
         hash_delete_ht(&known_);
@@ -436,8 +484,8 @@ bool RemoteStore::put_pieces(PutFinish &out_finish)
         step.offset += count;
         show_progress(transfer_.source_name, step.offset);
     }
-    out_finish = {put_handle_, step.offset, content.value()};
-    return true;
+    out_finish = {{}, put_handle_, step.offset, content.value()};
+    return number_call(out_finish.call);
 }
 
 bool RemoteStore::put_source(const char *path, const Label &label)
@@ -482,9 +530,8 @@ bool RemoteStore::put(const char *path, const Label &label)
 void RemoteStore::cancel_put()
 {
     if (put_handle_ != 0 && client_ != nullptr) {
-        PutFinish question = {put_handle_, 0, 0};
         PutAnswer answer;
-        (void)clnt_call(client_, procedure_cancel_put, as_xdrproc(xdr_put_finish), &question,
+        (void)clnt_call(client_, procedure_cancel_put, as_xdrproc(xdr_put_handle), &put_handle_,
                         as_xdrproc(xdr_put_answer), &answer, (timeval{2, 0}));
     }
     put_handle_ = 0;
@@ -543,8 +590,17 @@ bool RemoteStore::remove(const char *entry_name)
 bool RemoteStore::read_counters(Counters &out_counters)
 {
     char nothing = 0;
-    bool_t (*const no_routine)(XDR *, char *) = nullptr;
-    return call(procedure_status, no_routine, nothing, xdr_counters, out_counters);
+    return call(procedure_status, no_arguments, nothing, xdr_counters, out_counters);
+}
+
+bool RemoteStore::read_identity(Identity &out_identity)
+{
+    char nothing = 0;
+    WhoAnswer answer;
+    if (!call(procedure_whoami, no_arguments, nothing, xdr_who_answer, answer) || is_refused(answer.failure, server_))
+        return false;
+    out_identity = answer.identity;
+    return true;
 }
 
 } // namespace depot

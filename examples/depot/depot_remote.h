@@ -20,7 +20,8 @@ class RemoteStore final : public Store {
   public:
     // The server's addresses are tried in order when the first call is made. They and its name, which is for messages,
     // live as long as the area.
-    void open(stg_area *area, const char *server, const Addresses &addresses);
+    // Over datagrams no content goes, and no list of all names.
+    void open(stg_area *area, const char *server, const Addresses &addresses, bool is_datagram);
 
     bool look_up(const char *name, bool &out_is_there) override;
     bool read_names(stg_area *area, Names &out_names, Names &out_others) override;
@@ -34,6 +35,9 @@ class RemoteStore final : public Store {
     // What the server counts. Needs no depot.
     bool read_counters(Counters &out_counters);
 
+    // Whom it takes its caller for. Needs none either.
+    bool read_identity(Identity &out_identity);
+
     // What is known of an entry. Its header is told with its name, so that none is asked for twice.
     struct Known {
         Entry entry;
@@ -41,6 +45,8 @@ class RemoteStore final : public Store {
     };
 
   private:
+    CLIENT *make_client(int fd, const Address &address) const;
+    bool is_answering();
     int connect_to(const Address &address);
     bool connect();
     void disconnect();
@@ -50,6 +56,7 @@ class RemoteStore final : public Store {
     template <typename Question, typename Answer>
     bool call_when_granted(Procedure procedure, bool_t (*xdr_question)(XDR *, Question *), Question &question,
                            bool_t (*xdr_answer)(XDR *, Answer *), Answer &answer);
+    bool number_call(CallNumber &out_number);
     bool call_about(Procedure procedure, const char *name);
     bool list(stg_area *area, const char *name, Names &out_names, Names &out_others);
     long patience_for(const char *name);
@@ -63,6 +70,8 @@ class RemoteStore final : public Store {
     stg_area *area_ = nullptr;
     const char *server_ = nullptr;
     Addresses addresses_;
+    bool is_datagram_ = false;
+    CallNumber last_call_ = {}; // of those that run once
     CLIENT *client_ = nullptr;
     AUTH *auth_ = nullptr;
     bool is_out_of_reach_ = false; // which has been reported

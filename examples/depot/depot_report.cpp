@@ -214,14 +214,18 @@ const char *text_of(unsigned number, ...)
 
 const char *shown(std::string_view name)
 {
-    char *const text = make_text(4 * name.size() + 1); // 4 bytes for \ooo
+    char *const text = make_text(shown_bytes(name.size()));
     if (text == nullptr)
         return "?";
-    char *to = text;
+    show_in(text, name);
+    return text;
+}
+
+void show_in(char *to, std::string_view name)
+{
     while (!name.empty())
         name.remove_prefix(show_character(name.data(), name.size(), to));
     *to = '\0';
-    return text;
 }
 
 const char *padded(const char *text, int width)

@@ -70,6 +70,13 @@ const char *text_of(unsigned number, ...);
 // tricks on a terminal. Nor are those that have no look of their own, but turn what follows around.
 const char *shown(std::string_view name);
 
+// The same in the caller's own room, for threads that may not use report().
+constexpr std::size_t shown_bytes(std::size_t name_bytes)
+{
+    return 4 * name_bytes + 1; // \ooo
+}
+void show_in(char *to, std::string_view name);
+
 // The text with blanks behind it, `width` columns wide at least.
 const char *padded(const char *text, int width);
 

@@ -31,7 +31,9 @@ constexpr Msg failures[] = {msg_none,
                             msg_too_many_puts,
                             msg_needs_connection,
                             msg_replaced,
-                            msg_busy};
+                            msg_busy,
+                            msg_not_owner,
+                            msg_no_identity};
 
 bool code(XDR *xdrs, std::uint32_t &number)
 {
@@ -76,6 +78,11 @@ template <std::size_t room> bool code(XDR *xdrs, char (&text)[room])
     return xdrs->x_op != XDR_DECODE || std::strlen(text) == size;
 }
 
+bool code(XDR *xdrs, CallNumber &call)
+{
+    return code(xdrs, call.client) && code(xdrs, call.number);
+}
+
 std::uint32_t number_of(Msg message)
 {
     for (std::uint32_t i = 0; i < std::size(failures); ++i)
@@ -94,6 +101,11 @@ template <std::size_t room> void copy(std::string_view from, char (&to)[room])
 bool_t xdr_name(XDR *xdrs, WireName *name)
 {
     return code(xdrs, name->text);
+}
+
+bool_t xdr_name_question(XDR *xdrs, NameQuestion *question)
+{
+    return code(xdrs, question->call) && xdr_name(xdrs, &question->name);
 }
 
 bool_t xdr_failure(XDR *xdrs, Failure *failure)
@@ -192,7 +204,13 @@ bool_t xdr_put_piece(XDR *xdrs, PutPiece *piece)
 
 bool_t xdr_put_finish(XDR *xdrs, PutFinish *finish)
 {
-    return code(xdrs, finish->handle) && code(xdrs, finish->length) && code(xdrs, finish->checksum);
+    return code(xdrs, finish->call) && code(xdrs, finish->handle) && code(xdrs, finish->length) &&
+           code(xdrs, finish->checksum);
+}
+
+bool_t xdr_put_handle(XDR *xdrs, std::uint64_t *handle)
+{
+    return code(xdrs, *handle);
 }
 
 bool_t xdr_put_answer(XDR *xdrs, PutAnswer *answer)
@@ -200,6 +218,17 @@ bool_t xdr_put_answer(XDR *xdrs, PutAnswer *answer)
     if (!xdr_failure(xdrs, &answer->failure))
         return FALSE;
     return answer->failure.number != msg_none || code(xdrs, answer->number);
+}
+
+bool_t xdr_who_answer(XDR *xdrs, WhoAnswer *answer)
+{
+    if (!xdr_failure(xdrs, &answer->failure))
+        return FALSE;
+    Identity &identity = answer->identity;
+    return answer->failure.number != msg_none ||
+           (code(xdrs, identity.user) && code(xdrs, identity.group) && code(xdrs, identity.groups) &&
+            code(xdrs, identity.domain) && code(xdrs, identity.host) && code(xdrs, identity.claim) &&
+            code(xdrs, identity.is_believed));
 }
 
 bool_t xdr_counters(XDR *xdrs, Counters *counters)

@@ -23,6 +23,20 @@ struct WireName {
 };
 bool_t xdr_name(XDR *xdrs, WireName *name);
 
+// A call that runs once, however often it arrives: a number that rises from call to call, and one that is another for
+// each client that was started. A client makes one such call at a time.
+struct CallNumber {
+    std::uint64_t client;
+    std::uint64_t number;
+};
+
+// Verifies or removes an entry, with a failure for an answer.
+struct NameQuestion {
+    CallNumber call;
+    WireName name;
+};
+bool_t xdr_name_question(XDR *xdrs, NameQuestion *question);
+
 // A failure as a number that stays the same whatever messages there are; 0: there is none. One of a number that this
 // program does not know becomes msg_unknown_failure.
 bool_t xdr_failure(XDR *xdrs, Failure *failure);
@@ -122,11 +136,15 @@ struct PutPiece {
 bool_t xdr_put_piece(XDR *xdrs, PutPiece *piece);
 
 struct PutFinish {
+    CallNumber call;
     std::uint64_t handle;
     std::uint64_t length;
     std::uint32_t checksum; // of the content
 };
 bool_t xdr_put_finish(XDR *xdrs, PutFinish *finish);
+
+// What cancels one.
+bool_t xdr_put_handle(XDR *xdrs, std::uint64_t *handle);
 
 // The number: of a piece, the bytes that are there with it; of the finish, the bytes as stored; else 0.
 struct PutAnswer {
@@ -160,6 +178,9 @@ enum Counter : std::uint32_t {
     counter_workers,
     counter_busy,
     counter_puts,
+    counter_repeated,
+    counter_dropped,
+    counter_remembered,
     counter_count
 };
 
@@ -167,6 +188,25 @@ struct Counters {
     std::uint64_t values[counter_count] = {};
 };
 bool_t xdr_counters(XDR *xdrs, Counters *counters);
+
+// --- Who calls ---
+
+// Names of a user, as a server knows them: of one that it does not believe, nobody's.
+struct Identity {
+    char user[owner_bytes_max + 1];
+    char group[owner_bytes_max + 1];
+    char groups[1024]; // further ones, with blanks between them, as many as fit
+    char domain[256];  // this and what follows are the caller's own words
+    char host[256];
+    char claim[256]; // the user
+    std::uint32_t is_believed;
+};
+
+struct WhoAnswer {
+    Failure failure;
+    Identity identity; // if there is none
+};
+bool_t xdr_who_answer(XDR *xdrs, WhoAnswer *answer);
 
 // As the library passes it on.
 template <typename T> xdrproc_t as_xdrproc(bool_t (*routine)(XDR *, T *))

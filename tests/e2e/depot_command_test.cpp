@@ -56,9 +56,11 @@ TEST_F(DepotCommand, NamesTheWordThatIsWrong)
         std::string error;
         std::string more; // how the next line begins, "": there is none
     } cases[] = {
-        {{"mend"}, "Unknown command \"mend\"; there are put, get, list, verify, remove, status, ping, help.", ""},
+        {{"mend"},
+         "Unknown command \"mend\"; there are put, get, list, verify, remove, status, whoami, ping, help.",
+         ""},
         {{"help", "m\tnd"},
-         "Unknown command \"m\\011nd\"; there are put, get, list, verify, remove, status, ping, help.",
+         "Unknown command \"m\\011nd\"; there are put, get, list, verify, remove, status, whoami, ping, help.",
          ""},
         {{"list", "-\033[1m"},
          "Unknown flag \"-\\033[1m\"; a name that begins with \"-\" stands behind \"--\".",
@@ -82,6 +84,7 @@ TEST_F(DepotCommand, NamesTheWordThatIsWrong)
         {{"ping", "a:1", "-v", "4294967296"}, "\"4294967296\" is no number from 0 to 4294967295.", ""},
         {{"list", "-se", "a:1"}, "Two depots: a directory with -d, and that of server \"a:1\"; give one of them.", ""},
         {{"status"}, "No server: give one with -se or in VELDEPOT_SERVER.", ""},
+        {{"remove", "-udp", "a"}, "No server: give one with -se or in VELDEPOT_SERVER.", ""},
         {{"ping", "a:1", "-ti", "0"}, "\"0\" is no number from 1 to 3600.", ""},
         {{"ping", "a:1", "-p", " 1"}, "\" 1\" is no number from 0 to 4294967295.", ""},
     };
@@ -112,12 +115,13 @@ TEST_F(DepotCommand, ExplainsItselfAndEveryCommand)
         {"get", "g[et] [-o[ut] FILE] [-f[orce]] [-d[epot] DIR | -se[rver] HOST:PORT] [-h[elp]] PATTERN..."},
         {"list", "l[ist] [-l[ong] | -s[hort] | -fmt FORMAT | -0] [-since DATE] [-d[epot] DIR | -se[rver] HOST:PORT] "
                  "[-h[elp]] [PATTERN]..."},
-        {"verify", "v[erify] [-d[epot] DIR | -se[rver] HOST:PORT] [-h[elp]] [PATTERN]..."},
-        {"remove", "r[emove] [-y[es]] [-d[epot] DIR | -se[rver] HOST:PORT] [-h[elp]] PATTERN..."},
+        {"verify", "v[erify] [-u[dp]] [-d[epot] DIR | -se[rver] HOST:PORT] [-h[elp]] [PATTERN]..."},
+        {"remove", "r[emove] [-y[es]] [-u[dp]] [-d[epot] DIR | -se[rver] HOST:PORT] [-h[elp]] PATTERN..."},
         {"ping", "pi[ng] [-p[rogram] NUMBER] [-v[ersion] NUMBER] [-tc[p] | -u[dp]] [-ti[meout] SECONDS] [-d[epot] DIR "
                  "| -se[rver] HOST:PORT] "
                  "[-h[elp]] HOST:PORT"},
-        {"status", "s[tatus] [-d[epot] DIR | -se[rver] HOST:PORT] [-h[elp]]"},
+        {"whoami", "w[hoami] [-u[dp]] [-d[epot] DIR | -se[rver] HOST:PORT] [-h[elp]]"},
+        {"status", "s[tatus] [-u[dp]] [-d[epot] DIR | -se[rver] HOST:PORT] [-h[elp]]"},
         {"help", "h[elp] [-d[epot] DIR | -se[rver] HOST:PORT] [-h[elp]] [COMMAND]"},
     };
     for (const auto &[command, usage] : pages) {

@@ -1,10 +1,12 @@
 // A depot over the wire: what the daemon answers to calls as they should and should not be, what the tool makes of
 // answers as they should not be, and how a stop of the daemon in the middle ends.
 
-#include <csignal>
 #include <algorithm>
+#include <csignal>
+#include <cstring>
 #include <filesystem>
 #include <regex>
+#include <utility>
 
 #include <fcntl.h>
 #include <sys/socket.h>
@@ -14,6 +16,7 @@
 #include "depot_program.h"
 #include "e2e/depot_fixture.h"
 #include "rpc/peer/raw_peer.h"
+#include "rpc/peer/udp_proxy.h"
 
 namespace {
 
@@ -33,7 +36,8 @@ enum : uint32_t {
     put_unknown,
     out_of_order,
     too_many_puts,
-    needs_connection
+    needs_connection,
+    not_owner = 24
 };
 
 std::string text(const std::string &bytes)
@@ -55,9 +59,16 @@ std::string begin_put(uint64_t handle, const std::string &name, const std::strin
 
 const std::string at_start(8 + 8 + 8 + 4 + 4, '\0');
 
+// The number of a call that runs once, unless it has the same again.
+std::string once()
+{
+    static uint64_t number = 0;
+    return big_endian(1, 8) + big_endian(++number, 8);
+}
+
 std::string finish_put(uint64_t handle, uint64_t length, const std::string &sum)
 {
-    return big_endian(handle, 8) + big_endian(length, 8) + sum;
+    return once() + big_endian(handle, 8) + big_endian(length, 8) + sum;
 }
 
 uint64_t number(const std::string &bytes, std::size_t size)
@@ -67,6 +78,8 @@ uint64_t number(const std::string &bytes, std::size_t size)
         value = value << 8 | static_cast<unsigned char>(byte);
     return value;
 }
+
+constexpr int usual_user = 31000; // whom no host knows
 
 // What the daemon answers to calls that no client would make.
 class Caller {
@@ -81,7 +94,7 @@ class Caller {
     }
 
     // The reply behind its transaction id; "" when the connection has ended.
-    std::string call(Procedure procedure, const std::string &arguments, int uid = 1000)
+    std::string call(Procedure procedure, const std::string &arguments, int uid = usual_user)
     {
         const auto user = static_cast<uint32_t>(uid);
         const std::string unix_body = words({0, 0, user, 100, 0});
@@ -101,7 +114,7 @@ class Caller {
     }
 
     // The results of a call that was accepted and has succeeded.
-    std::string results(Procedure procedure, const std::string &arguments, int uid = 1000)
+    std::string results(Procedure procedure, const std::string &arguments, int uid = usual_user)
     {
         const std::string reply = call(procedure, arguments, uid);
         const std::string success = words({1, 0, 0, 0, 0});
@@ -110,9 +123,16 @@ class Caller {
     }
 
     // The failure that they begin with.
-    uint32_t failure(Procedure procedure, const std::string &arguments, int uid = 1000)
+    uint32_t failure(Procedure procedure, const std::string &arguments, int uid = usual_user)
     {
         return static_cast<uint32_t>(number(results(procedure, arguments, uid), 4));
+    }
+
+    // For calls that may get none.
+    void wait_at_most(int ms) const
+    {
+        const timeval patience = {0, ms * 1000};
+        EXPECT_EQ(setsockopt(fd_.get(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience), 0);
     }
 
   private:
@@ -143,7 +163,7 @@ TEST_F(DepotServer, RefusesWhatIsNoGoodCall)
         {procedure_get, words({0xffffffff})},
         {procedure_get, words({0x7fffffff}) + "name"},
         {procedure_get, text(std::string(252, 'n'))},
-        {procedure_remove, text(std::string("a\0b", 3))},
+        {procedure_remove, once() + text(std::string("a\0b", 3))},
         {procedure_begin_put, begin_put(1, "name", std::string(256, 'o'))},
         {procedure_begin_put, begin_put(1, "name").substr(0, 40)},
         {procedure_begin_put, begin_put(0, "name")},
@@ -155,14 +175,14 @@ TEST_F(DepotServer, RefusesWhatIsNoGoodCall)
         EXPECT_EQ(Caller(where_).call(procedure, arguments), garbage) << procedure << arguments;
     Caller caller(where_);
     for (const std::string name : {"", ".", "..", "/", "../depot.log", "a/b"})
-        for (const Procedure procedure : {procedure_get, procedure_verify, procedure_remove, procedure_begin_put})
-            EXPECT_EQ(caller.failure(procedure,
-                                     procedure == procedure_begin_put ? begin_put(1, name) : text(name) + at_start),
-                      bad_name)
-                << name << procedure;
-    EXPECT_EQ(caller.failure(procedure_verify, text("none")), no_entry);
+        for (const auto &[procedure, arguments] : {std::pair{procedure_get, text(name) + at_start},
+                                                   {procedure_verify, once() + text(name)},
+                                                   {procedure_remove, once() + text(name)},
+                                                   {procedure_begin_put, begin_put(1, name)}})
+            EXPECT_EQ(caller.failure(procedure, arguments), bad_name) << name << procedure;
+    EXPECT_EQ(caller.failure(procedure_verify, once() + text("none")), no_entry);
     Caller datagrams(where_, SOCK_DGRAM);
-    EXPECT_EQ(datagrams.failure(procedure_verify, text("none")), no_entry);
+    EXPECT_EQ(datagrams.failure(procedure_verify, once() + text("none")), no_entry);
     EXPECT_EQ(datagrams.failure(procedure_get, text("none") + at_start), needs_connection);
     EXPECT_EQ(datagrams.failure(procedure_list, text("") + words({1, 0, 0})), needs_connection);
     stop(*daemon);
@@ -173,11 +193,11 @@ TEST_F(DepotServer, TakesPiecesInOrderAndOnceMore)
     const auto daemon = start_server();
     Caller caller(where_);
     constexpr uint64_t handle = 0xfedcba9876543210;
-    const auto begin = [&](uint64_t by, int uid = 1000) {
+    const auto begin = [&](uint64_t by, int uid = usual_user) {
         return caller.failure(procedure_begin_put, begin_put(by, "file"), uid);
     };
     EXPECT_EQ(begin(handle), 0u);
-    const auto add = [&](uint64_t to, uint64_t offset, const std::string &bytes, int uid = 1000) {
+    const auto add = [&](uint64_t to, uint64_t offset, const std::string &bytes, int uid = usual_user) {
         return caller.results(procedure_put_piece, piece(to, offset, bytes), uid);
     };
     const auto received = [](uint64_t count) { return words({0}) + big_endian(count, 8); };
@@ -193,11 +213,14 @@ TEST_F(DepotServer, TakesPiecesInOrderAndOnceMore)
         EXPECT_EQ(caller.failure(procedure_put_piece, piece(handle, offset, " to be")), out_of_order) << offset;
     for (const uint64_t other : {uint64_t{0}, handle + 1})
         EXPECT_EQ(caller.failure(procedure_put_piece, piece(other, 12, " to be")), put_unknown);
-    for (const Procedure procedure : {procedure_finish_put, procedure_cancel_put})
-        EXPECT_EQ(caller.failure(procedure, finish_put(handle, 0, words({0})), 1001), put_unknown) << "not his";
+    EXPECT_EQ(caller.failure(procedure_finish_put, finish_put(handle, 0, words({0})), 31001), put_unknown) << "not his";
+    EXPECT_EQ(caller.failure(procedure_cancel_put, big_endian(handle, 8), 31001), put_unknown) << "not his";
     EXPECT_EQ(add(handle, 12, " to be"), received(18));
     const std::string sum = test::checksum("to be or not to be");
-    EXPECT_EQ(caller.failure(procedure_finish_put, finish_put(handle, 18, sum)), 0u);
+    const std::string finish = finish_put(handle, 18, sum);
+    const std::string answer = caller.results(procedure_finish_put, finish);
+    EXPECT_EQ(answer.substr(0, 4), words({0}));
+    EXPECT_EQ(caller.results(procedure_finish_put, finish), answer) << "once more";
     EXPECT_EQ(caller.failure(procedure_finish_put, finish_put(handle, 18, sum)), put_unknown);
     EXPECT_EQ(content_of("file"), "to be or not to be");
     for (const auto &[length, end_sum] : {std::pair{uint64_t{17}, sum}, {uint64_t{18}, words({1})}}) {
@@ -209,13 +232,13 @@ TEST_F(DepotServer, TakesPiecesInOrderAndOnceMore)
     for (uint64_t i = 1; i <= 16; ++i)
         EXPECT_EQ(begin(i), 0u);
     EXPECT_EQ(begin(17), too_many_puts);
-    EXPECT_EQ(begin(17, 1001), 0u);
+    EXPECT_EQ(caller.failure(procedure_begin_put, begin_put(17, "other"), 31001), 0u);
     EXPECT_EQ(asides().size(), 17u);
-    EXPECT_EQ(caller.failure(procedure_cancel_put, finish_put(17, 0, words({0})), 1001), 0u);
+    EXPECT_EQ(caller.failure(procedure_cancel_put, big_endian(17, 8), 31001), 0u);
     EXPECT_EQ(asides().size(), 16u);
     stop(*daemon);
     EXPECT_EQ(asides(), Words{});
-    EXPECT_EQ(test::read_file("depot/file.vde").size(), 74u + 1 + 8 + 18) << "as it was";
+    EXPECT_EQ(test::read_file("depot/file.vde").size(), 74u + std::strlen("UNIX:UID-31000") + 8 + 18) << "as it was";
 }
 
 // However the daemon ends, the depot is whole, and the next put finds it as it should be.
@@ -275,12 +298,118 @@ TEST_F(DepotServer, GivesLongAnswersToMoreClientsThanItHasThreads)
     }
 }
 
+TEST_F(DepotServer, TellsWhomItTakesItsCallersFor)
+{
+    const auto daemon = start_server();
+    const std::string seen = good({"whoami"});
+    EXPECT_TRUE(seen.starts_with("user    " + test::user_name() + "\n")) << seen;
+    EXPECT_TRUE(seen.ends_with("\nclaim   " + test::user_name() + ", believed\n")) << seen;
+    EXPECT_EQ(good({"whoami", "-udp"}), seen);
+    EXPECT_EQ(Caller(where_).results(procedure_whoami, "", 0), // of another host, as it says
+              words({0}) + text("NOBODY") + text("NOBODY") + words({0, 0, 0}) + text("UNIX:UID-0") + words({0}));
+    where_ = {"-d", "depot"};
+    EXPECT_EQ(good({"whoami"}) + "claim   " + test::user_name() + ", believed\n", seen);
+    stop(*daemon);
+}
+
+TEST_F(DepotServer, ChangesEntriesForTheirOwnerAlone)
+{
+    const auto daemon = start_server();
+    Caller caller(where_);
+    const auto begin = [&](uint64_t handle, const std::string &name, int uid) {
+        return caller.failure(procedure_begin_put, begin_put(handle, name, "root"), uid);
+    };
+    const auto finish = [&](uint64_t handle, int uid) {
+        return caller.failure(procedure_finish_put, finish_put(handle, 0, test::checksum("")), uid);
+    };
+    const auto remove = [&](const std::string &name, int uid) {
+        return caller.failure(procedure_remove, once() + text(name), uid);
+    };
+    EXPECT_EQ(begin(9, "mine", 31001), 0u) << "there is none";
+    for (int i = 0; i < 2; ++i) {
+        EXPECT_EQ(begin(7, "mine", 31000), 0u);
+        EXPECT_EQ(finish(7, 31000), 0u);
+    }
+    EXPECT_EQ(finish(9, 31001), not_owner) << "there is one by now";
+    EXPECT_EQ(good({"list", "-fmt", "%u", "mine"}), "UNIX:UID-31000");
+    for (const int uid : {31001, 0}) { // who says to be root, on another host
+        EXPECT_EQ(begin(8, "mine", uid), not_owner);
+        EXPECT_EQ(remove("mine", uid), not_owner);
+    }
+    EXPECT_EQ(asides(), Words{});
+    EXPECT_EQ(remove("mine", 31000), 0u);
+    put_entry_file("older", first_part(1, {0, 0}) + test::abc_block);
+    EXPECT_EQ(remove("older", 31001), 0u);
+    put_entry_file("damaged", std::string(100, 'x'));
+    EXPECT_EQ(remove("damaged", 31001), 10u) << "it is none";
+    if (getuid() == 0) {
+        EXPECT_EQ(good({"remove", "damaged"}), "Removed \"damaged\".\n");
+    }
+    stop(*daemon);
+    const std::string another = "not (stored|removed) by UNIX:UID-31001 \\(claims to be UNIX:UID-31001 of /, at "
+                                "\\[127.0.0.1\\]:\\d+\\): Entry \"mine\" is another's";
+    const std::string lines = log();
+    EXPECT_TRUE(std::regex_search(lines, std::regex(another))) << lines;
+    EXPECT_NE(lines.find("Entry \"mine\" not removed by NOBODY (claims to be UNIX:UID-0 of "), std::string::npos);
+    EXPECT_NE(lines.find("Entry \"mine\" removed by UNIX:UID-31000 ("), std::string::npos);
+}
+
+TEST_F(DepotServer, RunsACallOnceThatComesAgain)
+{
+    const auto daemon = start_server();
+    Caller datagrams(where_, SOCK_DGRAM);
+    datagrams.wait_at_most(500);
+    for (const std::string name : {"a", "b"})
+        put_entry_file(name, first_part(1, {0, 0}) + test::abc_block);
+    const std::string done = words({1, 0, 0, 0, 0, 0});
+    const std::string gone = words({1, 0, 0, 0, 0, no_entry, 0}) + text("a");
+    const struct {
+        uint64_t client;
+        uint64_t number;
+        std::string name;
+        std::string answer;
+    } cases[] = {
+        {1, 5, "a", done}, {1, 5, "a", done}, {1, 6, "a", gone}, {2, 1, "b", done},
+        {2, 1, "b", done}, {1, 6, "a", gone}, {1, 4, "a", ""},
+    };
+    for (const auto &one : cases) {
+        SCOPED_TRACE(one.number);
+        const std::string arguments = big_endian(one.client, 8) + big_endian(one.number, 8) + text(one.name);
+        std::string answer;
+        for (int tries = one.answer.empty() ? 1 : 20; answer.empty() && tries > 0; --tries) // it may run still
+            answer = datagrams.call(procedure_remove, arguments);
+        EXPECT_EQ(answer, one.answer);
+    }
+    Words command{"remove", "-udp"};
+    for (int i = 100; i < 300; ++i) {
+        command.push_back(std::to_string(i));
+        put_entry_file(command.back(), first_part(1, {0, 0}) + test::abc_block);
+    }
+    std::string fates = test::random_bytes(1000, 13); // of replies; each request comes twice at least
+    std::ranges::transform(fates, fates.begin(), [](char byte) { return "x2.2............"[byte & 15]; });
+    test::UdpProxy proxy(AF_INET, static_cast<uint16_t>(std::stoi(where_[1].substr(where_[1].find(':') + 1))),
+                         {std::string(1000, '2'), fates});
+    const std::string server = std::exchange(where_[1], "127.0.0.1:" + std::to_string(proxy.port()));
+    EXPECT_EQ(std::ranges::count(good(command), '\n'), 200);
+    where_[1] = server;
+    const std::string status = good({"status"});
+    const std::regex repeated("(\\d+)  calls that came again and were (answered|dropped)");
+    int repeats = 0;
+    for (std::sregex_iterator one(status.begin(), status.end(), repeated), end; one != end; ++one)
+        repeats += std::stoi((*one)[1]);
+    EXPECT_GT(repeats, 200);
+    stop(*daemon);
+    const std::string lines = log();
+    const std::regex removal("Entry \"\\d+\" (not )?removed by");
+    EXPECT_EQ(std::distance(std::sregex_iterator(lines.begin(), lines.end(), removal), {}), 200);
+}
+
 TEST_F(DepotServer, CountsWhatItDoes)
 {
     const auto daemon = start_server({"-t", "3"});
     (void)Caller(where_).call(procedure_status, "", -1);
     const std::string status = good({"status"});
-    EXPECT_EQ(std::ranges::count(status, '\n'), 21);
+    EXPECT_EQ(std::ranges::count(status, '\n'), 24);
     for (const std::string line :
          {"2  connections accepted\n", " 2  calls\n", " 1  calls denied for their credential\n", " 3  workers\n",
           " 0  files being stored now\n"})

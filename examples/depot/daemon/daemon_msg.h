@@ -9,31 +9,36 @@
 namespace depot {
 
 enum DaemonMsg : unsigned {
-    msg_daemon_usage,     // program
-    msg_daemon_version,   // version
-    msg_daemon_option,    // error, word
-    msg_daemon_needs,     // letter, most bytes
-    msg_daemon_words,     // word
-    msg_daemon_interval,  // word, least, most
-    msg_daemon_no_depot,  // program
-    msg_daemon_started,   // version, pid, directory, seconds
-    msg_daemon_stopping,  // reason
-    msg_daemon_stopped,   // version, pid, reason
-    msg_daemon_counts,    // events, handlers, children, records, lost
-    msg_daemon_reopened,  // log
-    msg_daemon_verified,  // count
-    msg_daemon_unsound,   // count
-    msg_daemon_died,      // signal
-    msg_daemon_gone,      // entry
-    msg_daemon_no_memory, // seconds
-    msg_daemon_threads,   // word, most
-    msg_daemon_many,      // most addresses
-    msg_daemon_place,     // word
-    msg_daemon_serving,   // address
-    msg_daemon_no_socket, // address, error text
-    msg_daemon_no_server, // nothing more
-    msg_daemon_calls,     // calls, of them denied, connections
-    msg_daemon_cut_off,   // calls
+    msg_daemon_usage,       // program
+    msg_daemon_version,     // version
+    msg_daemon_option,      // error, word
+    msg_daemon_needs,       // letter, most bytes
+    msg_daemon_words,       // word
+    msg_daemon_interval,    // word, least, most
+    msg_daemon_no_depot,    // program
+    msg_daemon_started,     // version, pid, directory, seconds
+    msg_daemon_stopping,    // reason
+    msg_daemon_stopped,     // version, pid, reason
+    msg_daemon_counts,      // events, handlers, children, records, lost
+    msg_daemon_reopened,    // log
+    msg_daemon_verified,    // count
+    msg_daemon_unsound,     // count
+    msg_daemon_died,        // signal
+    msg_daemon_gone,        // entry
+    msg_daemon_no_memory,   // seconds
+    msg_daemon_threads,     // word, most
+    msg_daemon_many,        // most addresses
+    msg_daemon_place,       // word
+    msg_daemon_serving,     // address
+    msg_daemon_no_socket,   // address, error text
+    msg_daemon_no_server,   // nothing more
+    msg_daemon_calls,       // calls, of them denied, connections
+    msg_daemon_cut_off,     // calls
+    msg_daemon_caller,      // user, claimed user, domain, host, address
+    msg_daemon_stored,      // entry, caller
+    msg_daemon_not_stored,  // entry, caller, error
+    msg_daemon_removed,     // entry, caller
+    msg_daemon_not_removed, // entry, caller, error
 };
 
 inline constexpr korvaks::MessageTable daemon_messages(
@@ -45,7 +50,8 @@ inline constexpr korvaks::MessageTable daemon_messages(
       "  -i SECONDS, --interval  how often the depot is looked at, 60 by itself\n"
       "  -s HOST:PORT, --serve   serve the depot there, over TCP and UDP; up to 8 of them. Without HOST at every\n"
       "                          address, IPv4 and IPv6; with port 0 at one that the log tells. An IPv6 address\n"
-      "                          stands in brackets. Whoever reaches it may store, fetch and remove\n"
+      "                          stands in brackets. Whoever reaches it may store and fetch, and remove\n"
+      "                          and replace what he has stored; the user root of this host all\n"
       "  -t N, --threads         threads that serve, 4 by itself; 0: the only one does\n"
       "  -V, --version           the version\n"
       "  -h, --help              this text\n\n"
@@ -75,7 +81,12 @@ inline constexpr korvaks::MessageTable daemon_messages(
      {msg_daemon_no_socket, "Unable to serve at %s: %s\n"},
      {msg_daemon_no_server, "Unable to begin serving; the depot is not served\n"},
      {msg_daemon_calls, "%llu calls, %llu of them denied, over %llu connections\n"},
-     {msg_daemon_cut_off, "%d calls took too long and were not finished\n"}});
+     {msg_daemon_cut_off, "%d calls took too long and were not finished\n"},
+     {msg_daemon_caller, "%s (claims to be %s of %s/%s, at %s)"},
+     {msg_daemon_stored, "Entry \"%s\" stored by %s\n"},
+     {msg_daemon_not_stored, "Entry \"%s\" not stored by %s: %s"},
+     {msg_daemon_removed, "Entry \"%s\" removed by %s\n"},
+     {msg_daemon_not_removed, "Entry \"%s\" not removed by %s: %s"}});
 
 // Prints a message with the arguments that its text needs; what shown() has made for it ends.
 template <typename... Args> void say(int kind, DaemonMsg number, Args... args)

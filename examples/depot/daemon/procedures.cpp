@@ -2,12 +2,15 @@
 // objects with destructors may be alive anywhere.
 #include "daemon/procedures.h"
 
+#include "daemon/changes.h"
+#include "daemon/once.h"
 #include "daemon/puts.h"
 #include "depot_names.h"
 #include "depot_process.h"
 #include "depot_program.h"
 #include "depot_wire.h"
 
+#include <korvaks/nirpc.h>
 #include <korvaks/stg.h>
 
 #include <algorithm>
@@ -29,7 +32,7 @@ constinit std::int64_t start_ms = 0;
 
 struct Call {
     SVCXPRT *transport;
-    uid_t user;
+    const Caller &caller;
 };
 
 bool is_datagram(const Call &call)
@@ -336,70 +339,104 @@ void get(const Call &call)
 
 // --- Put ---
 
-template <typename Question, typename Step>
-void step_of_put(const Call &call, bool_t (*routine)(XDR *, Question *), const Step &step)
+constexpr auto say_nothing = [](const auto &, const Failure &) {};
+
+// What came of it is told to `note`.
+template <typename Question, typename Step, typename Note = decltype(say_nothing)> void
+step_of_put(const Call &call, bool_t (*routine)(XDR *, Question *), const Step &step, const Note &note = say_nothing)
 {
     Question question;
     if (!take(call, routine, question))
         return;
     PutAnswer answer;
     (void)attempt(answer.failure, [&] { return step(question, answer.number); });
+    note(question, answer.failure);
     reply(call, xdr_put_answer, answer);
 }
 
 void begin(const Call &call)
 {
-    step_of_put(call, xdr_put_begin,
-                [&](const PutBegin &question, std::uint64_t &) { return begin_put(depot_path, call.user, question); });
+    step_of_put(
+        call, xdr_put_begin,
+        [&](const PutBegin &question, std::uint64_t &) { return begin_put(depot_path, call.caller, question); },
+        [&](const PutBegin &question, const Failure &failure) {
+            if (failure.number != msg_none)
+                log_change(call.caller, question.name.text, failure, msg_daemon_stored, msg_daemon_not_stored);
+        });
 }
 
 void add_piece(const Call &call)
 {
     step_of_put(call, xdr_put_piece, [&](const PutPiece &question, std::uint64_t &out_number) {
-        return put_piece(call.user, question, out_number);
+        return put_piece(call.caller.user, question, out_number);
     });
 }
 
 void finish(const Call &call)
 {
-    step_of_put(call, xdr_put_finish, [&](const PutFinish &question, std::uint64_t &out_number) {
-        return finish_put(call.user, question, out_number);
-    });
+    PutFinish question;
+    if (!take(call, xdr_put_finish, question) || !begin_once(call.transport, question.call))
+        return;
+    PutAnswer answer;
+    WireName name = {};
+    (void)attempt(answer.failure, [&] { return finish_put(call.caller, question, name, answer.number); });
+    log_change(call.caller, name.text, answer.failure, msg_daemon_stored, msg_daemon_not_stored);
+    end_once(call.transport, question.call, as_xdrproc(xdr_put_answer), &answer);
 }
 
 void cancel(const Call &call)
 {
-    step_of_put(call, xdr_put_finish,
-                [&](const PutFinish &question, std::uint64_t &) { return cancel_put(call.user, question.handle); });
+    step_of_put(call, xdr_put_handle,
+                [&](const std::uint64_t &handle, std::uint64_t &) { return cancel_put(call.caller.user, handle); });
 }
 
 // --- The rest ---
 
-template <typename Work> void with_entry(const Call &call, const Work &work)
+// Works on an entry, once. What came of it is told to `note`.
+template <typename Work, typename Note> void with_entry(const Call &call, const Work &work, const Note &note)
 {
-    WireName name;
-    if (!take(call, xdr_name, name))
+    NameQuestion question;
+    if (!take(call, xdr_name_question, question) || !begin_once(call.transport, question.call))
         return;
+    const char *const name = question.name.text;
     CallDepot depot;
     Failure failure;
-    (void)attempt(failure, [&] { return depot.open() && work(depot.get(), name.text); });
-    reply(call, xdr_failure, failure);
+    (void)attempt(failure, [&] { return depot.open() && work(depot.get(), name); });
+    note(name, failure);
+    end_once(call.transport, question.call, as_xdrproc(xdr_failure), &failure);
 }
 
 void verify(const Call &call)
 {
-    with_entry(call, verify_entry);
+    with_entry(call, verify_entry, say_nothing);
 }
 
 void remove(const Call &call)
 {
-    with_entry(call, remove_entry);
+    with_entry(
+        call,
+        [&](Depot &depot, const char *name) {
+            const ChangeTurn turn(name);
+            return check_name(name, name) && check_owner(depot, call.caller, name) && remove_entry(depot, name);
+        },
+        [&](const char *name, const Failure &failure) {
+            log_change(call.caller, name, failure, msg_daemon_removed, msg_daemon_not_removed);
+        });
+}
+
+void whoami(const Call &call)
+{
+    WhoAnswer answer;
+    (void)attempt(answer.failure, [&] { return describe(call.caller, answer.identity); });
+    reply(call, xdr_who_answer, answer);
 }
 
 void status(const Call &call)
 {
     ks_svc_counters from;
+    nirpc_counters once;
     ks_svc_get_counters(&from);
+    nirpc_get_counters(&once);
     const auto uptime_s = static_cast<std::uint64_t>((now_ms() - start_ms) / 1000);
     Counters counters = {{uptime_s,
                           from.connections_open,
@@ -421,12 +458,16 @@ void status(const Call &call)
                           from.queued,
                           from.workers,
                           from.workers_busy,
-                          count_puts()}};
+                          count_puts(),
+                          once.fetched_duplicate,
+                          once.fetched_stale + once.fetched_in_progress,
+                          once.entries}};
     reply(call, xdr_counters, counters);
 }
 
 // By number, from 1.
-constexpr void (*procedures[])(const Call &) = {list, get, begin, add_piece, finish, cancel, verify, remove, status};
+constexpr void (*procedures[])(const Call &) = {list,   get,    begin,  add_piece, finish,
+                                                cancel, verify, remove, status,    whoami};
 static_assert(std::size(procedures) == procedure_count - 1);
 
 } // namespace
@@ -440,15 +481,15 @@ void set_served_depot(const char *path, long threads)
 
 extern "C" void serve_call(svc_req *request, SVCXPRT *transport)
 {
+    Caller caller;
     if (request->rq_proc == procedure_null)
         (void)ks_svc_sendreply(transport, nullptr, nullptr);
-    else if (request->rq_cred.oa_flavor != AUTH_UNIX)
-        ks_svcerr_weakauth(transport);
+    else if (!identify(request, transport, caller))
+        return;
     else if (request->rq_proc >= procedure_count)
         ks_svcerr_noproc(transport);
     else
-        procedures[request->rq_proc - 1](
-            {transport, static_cast<const authunix_parms *>(request->rq_clntcred)->aup_uid});
+        procedures[request->rq_proc - 1]({transport, caller});
 }
 
 } // namespace depot

@@ -1,5 +1,6 @@
 #include "daemon/puts.h"
 
+#include "daemon/changes.h"
 #include "depot_process.h"
 
 #include <korvaks/korvaks.hpp>
@@ -109,13 +110,20 @@ bool given_back(Put &put, bool is_done)
     return is_done;
 }
 
-bool begin(Put &put, const char *depot_path)
+// Who may not replace the entry is told at once.
+bool begin(Put &put, const char *depot_path, const Caller &caller)
 {
+    const char *const name = put.begin.name.text;
+    const bool may_replace = put.begin.may_replace != 0;
     Entry &entry = put.begin.entry.entry;
+    if (!name_user(caller, put.begin.entry.owner))
+        return false;
+    entry.owner = put.begin.entry.owner;
+    entry.comment = put.begin.entry.comment;
     entry.length = entry.stored_length = 0;
     entry.permissions |= 0400; // what the daemon has stored it can read
-    return open_depot(depot_path, false, put.depot) &&
-           begin_entry(put.depot, put.begin.name.text, put.begin.may_replace != 0, entry);
+    return open_depot(depot_path, false, put.depot) && (!may_replace || check_owner(put.depot, caller, name)) &&
+           begin_entry(put.depot, name, may_replace, entry);
 }
 
 // Content that was there before is not taken again.
@@ -126,36 +134,36 @@ bool add(Put &put, const PutPiece &piece)
     return add_content(put.depot.transfer, put.packing, put.begin.entry.entry, piece.piece.bytes, piece.piece.size);
 }
 
-bool finish(Put &put, const PutFinish &finish)
+bool finish(Put &put, const Caller &caller, const PutFinish &finish)
 {
     const char *const name = put.begin.name.text;
+    const bool may_replace = put.begin.may_replace != 0;
     Entry &entry = put.begin.entry.entry;
     if (!end_content(put.depot.transfer, put.packing, entry))
         return false;
     if (entry.length != finish.length || entry.checksum != finish.checksum)
         return fail(msg_bad_transfer, name);
-    return finish_entry(put.depot, name, put.begin.may_replace != 0, entry);
+    const ChangeTurn turn(name);
+    return (!may_replace || check_owner(put.depot, caller, name)) && finish_entry(put.depot, name, may_replace, entry);
 }
 
 } // namespace
 
-bool begin_put(const char *depot_path, uid_t user, const PutBegin &question)
+bool begin_put(const char *depot_path, const Caller &caller, const PutBegin &question)
 {
     const char *const name = question.name.text;
     if (!check_name(name, name))
         return false;
-    if (Put *const begun = take(user, question.handle); begun != nullptr) {
+    if (Put *const begun = take(caller.user, question.handle); begun != nullptr) {
         const bool is_same = std::strcmp(begun->begin.name.text, name) == 0;
         give_back(*begun);
         return is_same || fail(msg_put_out_of_order, name);
     }
-    Put *const put = make_put(user, question.handle);
+    Put *const put = make_put(caller.user, question.handle);
     if (put == nullptr)
         return fail(msg_too_many_puts, name);
     put->begin = question;
-    put->begin.entry.entry.owner = put->begin.entry.owner; // its texts have moved with it
-    put->begin.entry.entry.comment = put->begin.entry.comment;
-    return given_back(*put, begin(*put, depot_path));
+    return given_back(*put, begin(*put, depot_path, caller));
 }
 
 bool put_piece(uid_t user, const PutPiece &piece, std::uint64_t &out_length)
@@ -176,12 +184,13 @@ bool put_piece(uid_t user, const PutPiece &piece, std::uint64_t &out_length)
     return given_back(*put, !is_next || add(*put, piece));
 }
 
-bool finish_put(uid_t user, const PutFinish &question, std::uint64_t &out_stored_length)
+bool finish_put(const Caller &caller, const PutFinish &question, WireName &out_name, std::uint64_t &out_stored_length)
 {
-    Put *const put = take(user, question.handle);
+    Put *const put = take(caller.user, question.handle);
     if (put == nullptr)
         return fail(msg_put_unknown, "");
-    const bool is_done = finish(*put, question);
+    out_name = put->begin.name;
+    const bool is_done = finish(*put, caller, question);
     out_stored_length = put->begin.entry.entry.stored_length;
     end(*put);
     return is_done;

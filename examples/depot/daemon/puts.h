@@ -1,11 +1,12 @@
 // Files that clients store piece by piece: each is begun, gets its pieces, and is finished. One that is not leaves
 // nothing in the depot.
 //
-// A put belongs to the user who began it, and is known by that and a number of the client's (depot_wire.h). The threads
-// that serve calls call these functions, with raises held off; what fails is told by fail(). While one works on a put
-// others of the same put wait, and those of other puts do not.
+// A put belongs to the user who began it, who becomes the entry's owner, and is known by that and a number of the
+// client's (depot_wire.h). The threads that serve calls call these functions, with raises held off; what fails is told
+// by fail(). While one works on a put others of the same put wait, and those of other puts do not.
 #pragma once
 
+#include "daemon/caller.h"
 #include "depot_wire.h"
 
 #include <sys/types.h>
@@ -17,14 +18,15 @@ inline constexpr unsigned puts_max = 64;
 inline constexpr unsigned puts_of_user_max = 16;
 
 // One that was begun already with this handle and name goes on.
-bool begin_put(const char *depot_path, uid_t user, const PutBegin &begin);
+bool begin_put(const char *depot_path, const Caller &caller, const PutBegin &begin);
 
 // Gives the bytes that are there with this piece, also for one that was there already: it may come again, when its
 // answer was lost. One out of order, or damaged, is refused, and the put waits for the right one.
 bool put_piece(uid_t user, const PutPiece &piece, std::uint64_t &out_length);
 
-// Gives the bytes as stored. Ends the put in any case; the entry is there only if its content is as it was sent.
-bool finish_put(uid_t user, const PutFinish &finish, std::uint64_t &out_stored_length);
+// Gives the entry's name and the bytes as stored. Ends the put in any case; the entry is there only if its content is
+// as it was sent, and the caller may replace the one that was there.
+bool finish_put(const Caller &caller, const PutFinish &finish, WireName &out_name, std::uint64_t &out_stored_length);
 
 bool cancel_put(uid_t user, std::uint64_t handle);
 

@@ -5,6 +5,7 @@
 #include "daemon/puts.h"
 #include "depot_program.h"
 
+#include <korvaks/credutl.h>
 #include <korvaks/korvaks.hpp>
 #include <korvaks/rt.h>
 
@@ -50,7 +51,7 @@ bool start_serving(Serving &serving, const char *depot_path)
         return true;
     int limit = record_bytes_max;
     set_served_depot(depot_path, serving.threads);
-    if (ks_rpc_control(KS_SVC_SET_RECORD_LIMIT, &limit) && listen(serving) &&
+    if (credutl_svc_auth_register() >= 0 && ks_rpc_control(KS_SVC_SET_RECORD_LIMIT, &limit) && listen(serving) &&
         ks_svc_register(nullptr, program_number, program_version, serve_call, 0) &&
         rt_set_worker_threads(static_cast<int>(serving.threads)) == 0 &&
         rt_handle_fd_set(RT_FD_READ, serve_ready, &ks_svc_fdset, nullptr) != 0) {
