@@ -48,6 +48,7 @@ constinit Transport *queue_first = nullptr; // ready, with no worker for them
 constinit Transport *queue_last = nullptr;
 constinit bool is_one_on_its_way = false;  // a worker that was idle, to the queue
 constinit Worker *ended_threads = nullptr; // to be joined
+constinit bool is_left_alone = false;      // nobody joins those that end from now on
 constinit int living_count = 0;
 constinit vlthread_cond_t ks_svc_main_thread_wait_event = VLTHREAD_COND_INITIALIZER; // one has ended
 
@@ -208,7 +209,7 @@ void free_worker(Worker *worker)
     std::free(worker);
 }
 
-// Off the lists, to be joined: the last that the worker does with its record.
+// Off the lists, to be joined where somebody does: the last that the worker does with its record.
 void leave_pool(Worker &worker)
 {
     const ks::LockGuard lock(ks::ks_svc_main_thread_wait_lock);
@@ -217,8 +218,13 @@ void leave_pool(Worker &worker)
         if (!unlink_from(ks_svc_working_threads, worker))
             (void)unlink_from(ks_svc_waiting_threads, worker); // on one of them
     }
-    push(ended_threads, worker);
     --living_count;
+    if (is_left_alone) {
+        (void)pthread_detach(pthread_self()); // a joinable thread that runs
+        free_worker(&worker);
+        return;
+    }
+    push(ended_threads, worker);
     (void)pthread_cond_broadcast(&ks_svc_main_thread_wait_event); // cannot fail
 }
 
@@ -333,6 +339,7 @@ int await_ends(int timeout_ms)
             error =
                 vlthread_cond_timedwait(&ks_svc_main_thread_wait_event, &ks::ks_svc_main_thread_wait_lock, &deadline);
     }
+    is_left_alone = true;
     return living_count;
 }
 
@@ -481,6 +488,7 @@ InheritedPool drop_inherited_pool()
     while (Transport *transport = take_from_queue())
         give_up(*transport);
     living_count = 0;
+    is_left_alone = false;
     is_one_on_its_way = false;
     ks_svc_main_thread_wait_event = VLTHREAD_COND_INITIALIZER;
     waiting_writers = 0;
@@ -505,6 +513,7 @@ bool_t ks_svc_setup_threads(void)
     require_update_pipe();
     if (!start_pool()) {
         (void)end_pool(-1);
+        is_left_alone = false; // all have ended
         is_ending = false;
         ks_svc_threads_running = false;
         return FALSE;
