@@ -74,7 +74,14 @@ TEST(FaultSvc, WorkersAreMadeOrAllUndone)
         .setup([] {
             is_done ? static_cast<void>(0) : test::set_up({3, 0});
         })
-        .act([] { return is_done = is_done || ks_svc_setup_threads(); })
+        .act([] {
+            is_done = is_done || ks_svc_setup_threads();
+            ks_svc_counters counters{};
+            do // what a worker has from its start is made by then
+                ks_svc_get_counters(&counters);
+            while (counters.workers_busy != 0);
+            return is_done;
+        })
         .gives([] { return test::state_now().workers == 3; })
         .keeps([] { return test::state_now().workers == 0; })
         .ends({{Call::pipe, "ks_mk_update_select_pipe: problem creating pipe"},
