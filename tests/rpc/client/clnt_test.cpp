@@ -51,7 +51,7 @@ TEST(Clnt, EchoesEverySizeOverEveryTransport)
         ASSERT_TRUE(client) << ks_clnt_spcreateerror("");
         EXPECT_EQ(netid, client->cl_netid);
         EXPECT_EQ(ping(client), RPC_SUCCESS) << text_of(client);
-        for (const std::size_t size : {0, 1, 3, 4, 97, 100, 8000, 8193, 300000}) {
+        for (const std::size_t size : {0UL, 1UL, 3UL, 4UL, 97UL, 100UL, 8000UL, 8193UL, 300000UL}) {
             if (netid.starts_with("udp") && size > 8000)
                 continue;
             std::string received;

@@ -200,7 +200,7 @@ TEST(NirpcExpiry, RacesWithFetchesAndSaves)
     test::in_child([] {
         std::thread other([] {
             for (uint64_t xid = 1; xid <= 3000; ++xid) {
-                for (const unsigned caller : {1, 2, 3}) {
+                for (const unsigned caller : {1U, 2U, 3U}) {
                     EXPECT_TRUE(fetch(caller, xid) == NIRPC_NEW && fetch(caller, xid) == NIRPC_IN_PROGRESS);
                     save(caller, xid);
                     finish(caller, xid);
@@ -225,7 +225,7 @@ TEST(Nirpc, AForkedChildFindsTheCacheWholeAndFree)
             constexpr unsigned callers = 300;
             std::atomic<bool> stops{false};
             std::vector<std::thread> threads;
-            for (unsigned first : {0, 1})
+            for (unsigned first : {0U, 1U})
                 threads.emplace_back([&stops, first] {
                     for (uint64_t xid = 2; !stops; ++xid)
                         for (unsigned caller = first; caller < callers; caller += 2)
@@ -280,7 +280,7 @@ TEST(Nirpc, TellsStaleCallsAtLevelTwoAndAllAtThree)
         const auto result = test::run_child([level = std::to_string(i + 1)] {
             setenv("TRACE_SUBSYS", "ks", 1);
             setenv("TRACE_VERBOSITY", level.c_str(), 1);
-            for (const uint64_t xid : {7, 8, 6})
+            for (const uint64_t xid : {7UL, 8UL, 6UL})
                 (void)fetch(1, xid);
             save(1, 8);
             (void)fetch(1, 8);

@@ -8,11 +8,13 @@
 #include <korvaks/rt.h>
 #include <korvaks/svc.h>
 
+#include <cstdint>
+
 namespace {
 
 constexpr ks::AssertPath here{"lib/ks/rt"};
 
-int fail(int message)
+int fail(uint32_t message)
 {
     (void)imsg_print(ks::msg_error, &_rt_ks_msg_table, message); // the result says it too
     return 1;
