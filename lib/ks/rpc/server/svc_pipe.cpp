@@ -144,6 +144,8 @@ void end_serving()
 {
     const ks::WriteGuard lock(ks::ks_svc_pipe_lock);
     ks_svc_main_thread_in_select = 1;
+    if (later_first != nullptr) // also those that a raise has left there
+        write_byte();
 }
 
 bool serve_later(Transport &transport)
@@ -160,8 +162,6 @@ bool serve_later(Transport &transport)
     else
         later_last->next_ready = &transport;
     later_last = &transport;
-    const ks::WriteGuard lock(ks::ks_svc_pipe_lock);
-    write_byte();
     return true;
 }
 

@@ -171,16 +171,24 @@ bool wait_for_work(Worker &worker)
     return worker.command == work_command;
 }
 
+// Takes over the caller's hold; false when nothing is served any more.
+bool queue_again(Transport &transport)
+{
+    const ks::LockGuard lock(ks::ks_svc_main_thread_wait_lock);
+    if (is_ending.load(std::memory_order_relaxed))
+        return false;
+    append_to_queue(transport);
+    return true;
+}
+
 // Serves it, and gives it back to the main thread, or to the queue behind those that wait.
 void serve(Worker &worker)
 {
     Transport &transport = *worker.served;
     if (is_clone(transport)) {
         serve_clone(transport);
-    } else if (serve_turn(transport) && !is_ending.load(std::memory_order_relaxed)) {
+    } else if (serve_turn(transport) && queue_again(transport)) {
         worker.served = nullptr;
-        const ks::LockGuard lock(ks::ks_svc_main_thread_wait_lock);
-        append_to_queue(transport);
         return;
     } else {
         end_service(transport);
